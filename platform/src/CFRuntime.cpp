@@ -308,17 +308,6 @@ extern "C" {
 CF_EXPORT const int __CFConstantStringClassReference[24] = {0};
 }
 
-// Built-in types of the platform library that may not be linked in (every
-// one of them is today) resolve to NULL rather than failing the link.
-#pragma weak __CFStringClass
-#pragma weak __CFBooleanClass
-#pragma weak __CFNumberClass
-#pragma weak __CFDataClass
-#pragma weak __CFArrayClass
-#pragma weak __CFDictionaryClass
-#pragma weak __CFSetClass
-#pragma weak __CFNotificationCenterClass
-
 namespace {
 
 // Filled at compile time for the built-in types; registration appends.

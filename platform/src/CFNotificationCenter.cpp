@@ -1,0 +1,262 @@
+// The local notification center.
+//
+// Registrations form a list in registration order, guarded by the center's
+// mutex.  The mutex is never held while an observer's callback runs:
+// callbacks may add or remove observers or post again on the same thread,
+// and holding it would deadlock them (and serialise unrelated posts).
+//
+// A post therefore takes a snapshot of the matching registrations under the
+// mutex, each with a reference so that it outlives its removal, and calls
+// them after unlocking.  Removing a registration unlinks it and sets its
+// `removed` flag under the mutex; the post checks the flag just before each
+// call, so a registration removed during a post (by an earlier callback of
+// the same post, say) is not called afterwards, and one added during a post
+// is not in that post's snapshot.  Across threads, a removal that races with
+// a post already past the check cannot stop that one call; nothing can,
+// short of holding a lock around callbacks.
+//
+// The center is a static immortal instance whose state is constant-
+// initialised, so it works before and after static constructors and
+// destructors run.
+
+#include "CFInternal.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#define CF_SOURCE_PATH "CoreFoundation/CFNotificationCenter"
+
+namespace {
+
+struct Registration {
+    const void *observer;
+    CFNotificationCallback callback;
+    CFStringRef name;  // retained; NULL matches any name
+    const void *object;  // never retained; NULL matches any object
+    CFNotificationSuspensionBehavior suspensionBehavior;
+    // Registrations come from the thread's default allocator at the time of
+    // adding, so a failing default allocator reaches the failure path.
+    CFAllocatorRef allocator;  // retained
+    Registration *next;  // the center's list; guarded by its mutex
+    std::atomic<bool> removed;
+    // One for the list, one per post snapshot holding it.
+    std::atomic<uint32_t> references;
+};
+
+}  // namespace
+
+struct __CFNotificationCenter {
+    CFRuntimeBase base;
+    XPMutex lock;
+    Registration *head;
+    Registration *tail;
+};
+
+namespace {
+
+__CFNotificationCenter gLocalCenter = {
+    {0, kCFNotificationCenterTypeID | kCFInfoImmortal, 0}, {PTHREAD_MUTEX_INITIALIZER}, nullptr, nullptr};
+
+XPLogModule gNotificationLog;
+
+void logError(const char *function, int line, const char *format, ...) __attribute__((format(printf, 3, 4)));
+void logError(const char *function, int line, const char *format, ...) {
+    int threshold = __atomic_load_n(&gNotificationLog.threshold, __ATOMIC_RELAXED);
+    if (threshold == 0 ? !XPLogDetermineLogLevel(3, &gNotificationLog, CF_SOURCE_PATH, function, line)
+                       : threshold < 3)
+        return;
+    char message[256];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    XPLogS(3, &gNotificationLog, function, CF_SOURCE_PATH, line, "%s", message);
+}
+
+void releaseRegistration(Registration *registration) {
+    if (registration->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    if (registration->name != nullptr) CFRelease(registration->name);
+    CFAllocatorRef allocator = registration->allocator;
+    registration->~Registration();
+    CFAllocatorDeallocate(allocator, registration);
+    CFRelease(allocator);
+}
+
+// A filter given to RemoveObserver: NULL matches every registration,
+// anything else only registrations made with an equal name or the same
+// object.
+bool removalMatches(const Registration *registration, const void *observer, CFStringRef name, const void *object) {
+    if (registration->observer != observer) return false;
+    if (name != nullptr && (registration->name == nullptr || !CFEqual(registration->name, name))) return false;
+    return object == nullptr || registration->object == object;
+}
+
+// A registration's own filters: NULL matches every post.
+bool postMatches(const Registration *registration, CFStringRef name, const void *object) {
+    if (registration->name != nullptr && registration->name != name && !CFEqual(registration->name, name))
+        return false;
+    return registration->object == nullptr || registration->object == object;
+}
+
+// Unlinks every registration `matches` accepts and releases the list's
+// references once the mutex is dropped (the last release may free a name
+// string, which need not happen under the lock).
+template <typename Predicate>
+void removeRegistrations(CFNotificationCenterRef center, Predicate matches) {
+    Registration *unlinked = nullptr;
+    XPMutexAcquire(&center->lock);
+    Registration *previous = nullptr;
+    for (Registration *registration = center->head; registration != nullptr;) {
+        Registration *next = registration->next;
+        if (matches(registration)) {
+            registration->removed.store(true, std::memory_order_release);
+            if (previous != nullptr)
+                previous->next = next;
+            else
+                center->head = next;
+            if (center->tail == registration) center->tail = previous;
+            registration->next = unlinked;
+            unlinked = registration;
+        } else {
+            previous = registration;
+        }
+        registration = next;
+    }
+    XPMutexRelease(&center->lock);
+    while (unlinked != nullptr) {
+        Registration *next = unlinked->next;
+        releaseRegistration(unlinked);
+        unlinked = next;
+    }
+}
+
+// The matching registrations of one post, each holding a reference.  Most
+// posts reach a handful of observers, so the first few live on the stack.
+class Snapshot {
+public:
+    Snapshot() = default;
+    Snapshot(const Snapshot &) = delete;
+    Snapshot &operator=(const Snapshot &) = delete;
+    ~Snapshot() {
+        for (size_t i = 0; i < count_; ++i) releaseRegistration(items_[i]);
+        if (items_ != inline_) std::free(items_);
+    }
+
+    void add(Registration *registration) {
+        if (count_ == capacity_) grow();
+        registration->references.fetch_add(1, std::memory_order_relaxed);
+        items_[count_++] = registration;
+    }
+    size_t count() const { return count_; }
+    Registration *operator[](size_t index) const { return items_[index]; }
+
+private:
+    void grow() {
+        size_t capacity = capacity_ * 2;
+        void *grown = items_ == inline_ ? std::malloc(capacity * sizeof(Registration *))
+                                        : std::realloc(items_, capacity * sizeof(Registration *));
+        if (grown == nullptr)
+            __CFFatal("CFNotificationCenterPostNotification", CF_SOURCE_PATH, __LINE__,
+                      "out of memory collecting %zu observers", capacity);
+        if (items_ == inline_) std::memcpy(grown, inline_, count_ * sizeof(Registration *));
+        items_ = static_cast<Registration **>(grown);
+        capacity_ = capacity;
+    }
+
+    Registration *inline_[16];
+    Registration **items_ = inline_;
+    size_t count_ = 0;
+    size_t capacity_ = 16;
+};
+
+void post(CFNotificationCenterRef center, CFNotificationName name, const void *object, CFDictionaryRef userInfo) {
+    Snapshot snapshot;
+    XPMutexAcquire(&center->lock);
+    for (Registration *registration = center->head; registration != nullptr; registration = registration->next)
+        if (postMatches(registration, name, object)) snapshot.add(registration);
+    XPMutexRelease(&center->lock);
+    for (size_t i = 0; i < snapshot.count(); ++i) {
+        Registration *registration = snapshot[i];
+        if (registration->removed.load(std::memory_order_acquire)) continue;
+        registration->callback(center, const_cast<void *>(registration->observer), name, object, userInfo);
+    }
+}
+
+}  // namespace
+
+// Immortal: no finalize; identity equality and address hash are the defaults.
+const CFRuntimeClass __CFNotificationCenterClass = {
+    0, "CFNotificationCenter", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+};
+
+extern "C" {
+
+CFTypeID CFNotificationCenterGetTypeID(void) noexcept { return kCFNotificationCenterTypeID; }
+
+CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) noexcept { return &gLocalCenter; }
+
+void CFNotificationCenterAddObserver(CFNotificationCenterRef center, const void *observer,
+                                     CFNotificationCallback callBack, CFStringRef name, const void *object,
+                                     CFNotificationSuspensionBehavior suspensionBehavior) noexcept {
+    CF_VALIDATE(center, kCFNotificationCenterTypeID);
+    CF_REQUIRE(callBack, "callBack");
+    if (name != nullptr) CF_VALIDATE(name, kCFStringTypeID);
+    CFAllocatorRef allocator = __CFResolveAllocator(nullptr);
+    void *memory = CFAllocatorAllocate(allocator, sizeof(Registration), 0);
+    if (memory == nullptr) {
+        logError(__func__, __LINE__, "out of memory: observer %p is not registered", observer);
+        return;
+    }
+    auto *registration = new (memory) Registration{};
+    registration->observer = observer;
+    registration->callback = callBack;
+    registration->name = name != nullptr ? static_cast<CFStringRef>(CFRetain(name)) : nullptr;
+    registration->object = object;
+    registration->suspensionBehavior = suspensionBehavior;
+    registration->allocator = static_cast<CFAllocatorRef>(CFRetain(allocator));
+    registration->references.store(1, std::memory_order_relaxed);
+
+    XPMutexAcquire(&center->lock);
+    if (center->tail != nullptr)
+        center->tail->next = registration;
+    else
+        center->head = registration;
+    center->tail = registration;
+    XPMutexRelease(&center->lock);
+}
+
+void CFNotificationCenterRemoveObserver(CFNotificationCenterRef center, const void *observer, CFNotificationName name,
+                                        const void *object) noexcept {
+    CF_VALIDATE(center, kCFNotificationCenterTypeID);
+    if (name != nullptr) CF_VALIDATE(name, kCFStringTypeID);
+    removeRegistrations(center, [&](const Registration *registration) {
+        return removalMatches(registration, observer, name, object);
+    });
+}
+
+void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef center, const void *observer) noexcept {
+    CF_VALIDATE(center, kCFNotificationCenterTypeID);
+    removeRegistrations(center,
+                        [&](const Registration *registration) { return registration->observer == observer; });
+}
+
+void CFNotificationCenterPostNotification(CFNotificationCenterRef center, CFNotificationName name, const void *object,
+                                          CFDictionaryRef userInfo, Boolean deliverImmediately) noexcept {
+    CF_VALIDATE(center, kCFNotificationCenterTypeID);
+    CF_REQUIRE(name, "name");
+    post(center, name, object, userInfo);
+}
+
+void CFNotificationCenterPostNotificationWithOptions(CFNotificationCenterRef center, CFNotificationName name,
+                                                     const void *object, CFDictionaryRef userInfo,
+                                                     CFOptionFlags options) noexcept {
+    CF_VALIDATE(center, kCFNotificationCenterTypeID);
+    CF_REQUIRE(name, "name");
+    post(center, name, object, userInfo);
+}
+
+}  // extern "C"
