@@ -11,6 +11,9 @@
 #include "CFStringInternal.h"
 
 #include <climits>
+#include <mutex>
+#include <string>
+#include <unordered_map>
 
 #define CF_SOURCE_PATH "CoreFoundation/CFString"
 
@@ -788,3 +791,22 @@ void CFStringReplaceAll(CFMutableStringRef theString, CFStringRef replacement) n
 }
 
 }  // extern "C"
+
+// ---- Constant strings for compilers without the builtin ---------------------
+
+// Interned for the life of the process: the same text gives the same
+// immortal object, as CFSTR's compile-time records do.
+extern "C" CFStringRef __CFStringMakeConstantString(const char *cStr) noexcept {
+    CF_REQUIRE(cStr, "cStr");
+    static std::mutex lock;
+    static auto *interned = new std::unordered_map<std::string, CFStringRef>();
+    std::lock_guard<std::mutex> guard(lock);
+    auto found = interned->find(cStr);
+    if (found != interned->end()) return found->second;
+    CFStringRef string = CFStringCreateWithCString(kCFAllocatorSystemDefault, cStr, kCFStringEncodingUTF8);
+    if (!string) CF_FATAL("\"%s\" is not valid UTF-8 or memory ran out", cStr);
+    auto *base = reinterpret_cast<CFRuntimeBase *>(const_cast<__CFString *>(string));
+    base->_cfinfo |= kCFInfoImmortal;
+    interned->emplace(cStr, string);
+    return string;
+}

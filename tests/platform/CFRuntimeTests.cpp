@@ -404,3 +404,18 @@ TEST(CFRuntimeDeathTest, WrongAllocatorTypeIsFatal) {
 }
 
 }  // namespace
+
+namespace {
+
+// The run-time form of CFSTR that compilers without the builtin use.
+TEST(CFRuntime, InternedConstantStringsAreImmortalAndShared) {
+    CFStringRef first = __CFStringMakeConstantString("caf\xC3\xA9 interned");
+    CFStringRef second = __CFStringMakeConstantString("caf\xC3\xA9 interned");
+    EXPECT_EQ(first, second);
+    EXPECT_TRUE(CFEqual(first, CFSTR("café interned")));
+    EXPECT_EQ(CFGetRetainCount(first), CFGetRetainCount(CFSTR("x")));
+    CFRelease(first);
+    EXPECT_EQ(CFStringGetLength(second), 13);
+}
+
+}  // namespace

@@ -47,9 +47,16 @@ enum {
     kCFCompareNumerically = 64
 };
 
-/* A compile-time constant string; the argument must be a string literal.
- * ASCII literals are stored as bytes, others as UTF-16. */
+/* A constant string; the argument must be a string literal (UTF-8).  With
+ * clang it is a compile-time constant (ASCII literals stored as bytes,
+ * others as UTF-16); other compilers get an immortal string interned at
+ * run time, the same object for the same text. */
+CF_EXPORT CFStringRef __CFStringMakeConstantString(const char *cStr) CF_NOEXCEPT;
+#if defined(__clang__)
 #define CFSTR(cStr) ((CFStringRef)__builtin___CFStringMakeConstantString("" cStr ""))
+#else
+#define CFSTR(cStr) __CFStringMakeConstantString("" cStr "")
+#endif
 
 /* The record the runtime recognises constant strings by. */
 CF_EXPORT const int __CFConstantStringClassReference[];

@@ -1,0 +1,71 @@
+# The commands a person types. CMake and Ninja do the real work; this file
+# installs what is missing, configures once, builds and runs.
+#
+#   make test                             build and run every test
+#   make demo                             build and run the examples
+#   make bench                            build and run the benchmarks
+#   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
+#   make clean                            remove the build folders this file makes
+#
+#   SANITIZE=address,undefined   build in build-asan-ubsan/ with AddressSanitizer + UBSan
+#   SANITIZE=thread              build in build-tsan/ with ThreadSanitizer
+#   (no SANITIZE)                build in build/, RelWithDebInfo
+
+SANITIZE ?=
+PREFIX ?= /usr/local
+JOBS ?= 2
+
+comma := ,
+# address,undefined -> asan-ubsan; thread -> tsan
+sanitizer_tag = $(subst $(comma),-,$(subst address,asan,$(subst undefined,ubsan,$(subst thread,tsan,$(subst memory,msan,$(subst leak,lsan,$(SANITIZE)))))))
+
+ifeq ($(strip $(SANITIZE)),)
+BUILD_DIR ?= build
+CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo
+else
+BUILD_DIR ?= build-$(sanitizer_tag)
+# Debug (assertions on) at -O1: sanitizer reports stay readable and the
+# suite runs several times faster than at -O0.
+CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=Debug \
+	"-DCMAKE_C_FLAGS_DEBUG=-O1 -g" "-DCMAKE_CXX_FLAGS_DEBUG=-O1 -g" \
+	-DSORVEL_SANITIZE=$(SANITIZE)
+endif
+
+# Sanitizer behaviour for the test run: leaks count, every UB report stops
+# the program with a stack.
+TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	TSAN_OPTIONS=second_deadlock_stack=1
+
+.PHONY: all test demo bench install clean deps configure build
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+# Configure only when the folder has never been configured; afterwards Ninja
+# re-runs CMake by itself whenever a CMakeLists.txt or a globbed folder changes.
+$(BUILD_DIR)/build.ninja: | deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_DIR) -G Ninja $(CMAKE_FLAGS)
+
+configure: deps $(BUILD_DIR)/build.ninja
+
+build: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && $(TEST_ENV) ctest --output-on-failure --no-tests=error -j2
+
+demo: configure
+	$(TEST_ENV) cmake --build $(BUILD_DIR) -j $(JOBS) --target demo
+
+bench: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target platform_bench
+	$(BUILD_DIR)/bench/platform_bench
+
+install: build
+	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
+
+clean:
+	rm -rf build build-asan-ubsan build-tsan $(BUILD_DIR)

@@ -1,0 +1,93 @@
+/*
+ * An outside program built against an installed Sorvel: it sees only the
+ * installed headers, libraries, CMake package and sorvel.pc. Exits 0 when
+ * every check holds and prints the first one that fails otherwise.
+ */
+#include <CoreFoundation/CoreFoundation.h>
+#include <dispatch/dispatch.h>
+
+#include <stdio.h>
+#include <string.h>
+
+static int failures = 0;
+
+#define CHECK(cond)                                                          \
+    do {                                                                     \
+        if (!(cond)) {                                                       \
+            fprintf(stderr, "consumer: check failed at line %d: %s\n",       \
+                    __LINE__, #cond);                                        \
+            failures++;                                                      \
+        }                                                                    \
+    } while (0)
+
+static int onceCount = 0;
+static void countOnce(void *context) {
+    (void)context;
+    onceCount++;
+}
+
+int main(void) {
+    CFMutableDictionaryRef dict = CFDictionaryCreateMutable(
+        kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+    CHECK(dict != NULL);
+    CHECK(CFGetRetainCount(dict) == 1);
+
+    int32_t width = 1920;
+    CFNumberRef number = CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt32Type, &width);
+    CHECK(number != NULL);
+    /* Counts are compared with the starting one: a runtime may share small numbers. */
+    const CFIndex baseCount = CFGetRetainCount(number);
+    CHECK(baseCount >= 1);
+
+    /* The dictionary retains its value; the key is a constant string. */
+    CFDictionarySetValue(dict, CFSTR("Width"), number);
+    CHECK(CFGetRetainCount(number) == baseCount + 1);
+    CHECK(CFDictionaryGetCount(dict) == 1);
+
+    /* A key made at run time finds the entry stored under the constant. */
+    CFStringRef dynamicKey = CFStringCreateWithCString(kCFAllocatorDefault, "Width", kCFStringEncodingUTF8);
+    CFNumberRef found = (CFNumberRef)CFDictionaryGetValue(dict, dynamicKey);
+    CHECK(found == number);
+    int32_t readBack = 0;
+    CHECK(found != NULL && CFNumberGetValue(found, kCFNumberSInt32Type, &readBack) && readBack == 1920);
+    CHECK(CFDictionaryGetValue(dict, CFSTR("Height")) == NULL);
+
+    CFRetain(number);
+    CHECK(CFGetRetainCount(number) == baseCount + 2);
+    CFRelease(number);
+
+    CFStringRef described = CFStringCreateWithFormat(kCFAllocatorDefault, NULL, CFSTR("%@ = %@ (%d)"),
+                                                     dynamicKey, number, 7);
+    char buffer[64] = {0};
+    CHECK(CFStringGetCString(described, buffer, (CFIndex)sizeof buffer, kCFStringEncodingUTF8));
+    CHECK(strcmp(buffer, "Width = 1920 (7)") == 0);
+
+    CFDictionaryRemoveValue(dict, CFSTR("Width"));
+    CHECK(CFGetRetainCount(number) == baseCount);
+    CHECK(CFDictionaryGetCount(dict) == 0);
+
+    static dispatch_once_t once;
+    dispatch_once_f(&once, NULL, countOnce);
+    dispatch_once_f(&once, NULL, countOnce);
+    CHECK(onceCount == 1);
+#if __BLOCKS__
+    /* Through find_package the clang client gets -fblocks and BlocksRuntime
+     * from the package; a global block still needs the runtime's isa symbol. */
+    static dispatch_once_t blockOnce;
+    static int blockCount = 0;
+    dispatch_once(&blockOnce, ^{ blockCount++; });
+    dispatch_once(&blockOnce, ^{ blockCount++; });
+    CHECK(blockCount == 1);
+#elif defined(__clang__)
+#error "a clang client of Sorvel should be compiled with -fblocks"
+#endif
+
+    CFRelease(described);
+    CFRelease(dynamicKey);
+    CFRelease(number);
+    CFRelease(dict);
+
+    if (failures == 0)
+        printf("consumer: all checks passed (\"%s\")\n", buffer);
+    return failures == 0 ? 0 : 1;
+}

@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# Installs a Sorvel build into a temporary prefix, checks the installed
+# layout, then builds and runs tests/install/consumer.c twice against it:
+# as a CMake project using find_package(Sorvel), and with a plain compiler
+# line from `pkg-config --cflags --libs sorvel`.
+#
+# usage: run-install-test.sh BUILD_DIR CONSUMER_DIR C_COMPILER NINJA [SANITIZERS]
+set -euo pipefail
+
+build_dir=$1
+consumer_dir=$2
+cc=$3
+ninja=$4
+sanitize=${5:-}
+
+prefix=$(mktemp -d /tmp/sorvel-install-XXXXXX)
+trap 'rm -rf "$prefix"' EXIT
+
+step() { printf '== %s\n' "$*"; }
+fail() { printf 'install test: %s\n' "$*" >&2; exit 1; }
+
+step "cmake --install into $prefix"
+cmake --install "$build_dir" --prefix "$prefix" >"$prefix/install.log" || { cat "$prefix/install.log"; fail "cmake --install failed"; }
+
+# GNUInstallDirs picks lib/ or lib64/ or lib/<multiarch>/ depending on the
+# configured prefix; follow whatever the package config landed in.
+config=$(find "$prefix" -name SorvelConfig.cmake -print -quit)
+[[ -n $config ]] || fail "no SorvelConfig.cmake installed"
+libdir=$(dirname "$(dirname "$(dirname "$config")")")
+
+step "installed layout"
+expect() { [[ -e $1 || -L $1 ]] || fail "missing $1"; }
+expect "$prefix/include/Sorvel/platform/CoreFoundation/CoreFoundation.h"
+expect "$prefix/include/Sorvel/platform/XPLog/XPLog.h"
+expect "$prefix/include/Sorvel/platform/dispatch/dispatch.h"
+for lib in Sorvel SorvelPlatform; do
+    # libX.so -> libX.so.MAJOR -> libX.so.MAJOR.MINOR.PATCH
+    [[ -L $libdir/lib$lib.so ]] || fail "lib$lib.so is not a symlink"
+    real=$(readlink -f "$libdir/lib$lib.so")
+    [[ -f $real ]] || fail "lib$lib.so points nowhere"
+    soname=$(readelf -d "$real" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+    [[ $soname == lib$lib.so.* ]] || fail "lib$lib has SONAME '$soname'"
+    [[ -L $libdir/$soname ]] || fail "no $soname symlink"
+done
+expect "$libdir/cmake/Sorvel/SorvelConfigVersion.cmake"
+expect "$libdir/cmake/Sorvel/SorvelTargets.cmake"
+expect "$libdir/pkgconfig/sorvel.pc"
+if find "$prefix/include" -path '*/src/*' | grep -q .; then fail "private sources were installed"; fi
+
+cflags=()
+flags=()
+if [[ -n $sanitize ]]; then
+    # A sanitized Sorvel leaves the sanitizer runtime to the executable, and
+    # this C program needs its C++ halves and libstdc++ as well (see the
+    # top-level CMakeLists.txt).
+    cflags=("-fsanitize=$sanitize")
+    flags=("-fsanitize=$sanitize" -fsanitize-link-c++-runtime -lstdc++)
+fi
+
+step "find_package(Sorvel) consumer"
+CC=$cc cmake -S "$consumer_dir" -B "$prefix/consumer-cmake" -G Ninja \
+    -DCMAKE_MAKE_PROGRAM="$ninja" \
+    -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_C_FLAGS="${cflags[*]:-}" \
+    -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/consumer-cmake.log" 2>&1 \
+    || { cat "$prefix/consumer-cmake.log"; fail "configuring the consumer failed"; }
+cmake --build "$prefix/consumer-cmake" >"$prefix/consumer-build.log" 2>&1 \
+    || { cat "$prefix/consumer-build.log"; fail "building the consumer failed"; }
+"$prefix/consumer-cmake/consumer"
+
+step "pkg-config consumer"
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+pc_flags=$(pkg-config --cflags --libs sorvel)
+echo "pkg-config --cflags --libs sorvel: $pc_flags"
+# shellcheck disable=SC2086  # pc_flags is a list of words
+"$cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$consumer_dir/consumer.c" -o "$prefix/consumer-pc" \
+    $pc_flags -Wl,-rpath,"$libdir"
+"$prefix/consumer-pc"
+
+step "install test passed"
