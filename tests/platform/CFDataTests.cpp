@@ -11,17 +11,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "support/TestAllocator.h"
 
 namespace {
 
-std::string text(CFStringRef string) {
-    if (string == nullptr) return "(null)";
-    std::vector<char> buffer(4096);
-    bool ok = CFStringGetCString(string, buffer.data(), static_cast<CFIndex>(buffer.size()), kCFStringEncodingUTF8);
-    CFRelease(string);
-    return ok ? buffer.data() : "(unconvertible)";
-}
+using sorvel_test::TestAllocator;
 
 std::string contents(CFDataRef data) {
     return std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(data)), static_cast<size_t>(CFDataGetLength(data)));
@@ -29,155 +26,90 @@ std::string contents(CFDataRef data) {
 
 const UInt8 *bytesOf(const char *s) { return reinterpret_cast<const UInt8 *>(s); }
 
-CFMutableDataRef mutableWith(const char *s, CFIndex capacity = 0) {
-    CFMutableDataRef data = CFDataCreateMutable(nullptr, capacity);
+CFMutableDataRef mutableWith(const char *s, CFAllocatorRef allocator = nullptr) {
+    CFMutableDataRef data = CFDataCreateMutable(allocator, 0);
     CFDataAppendBytes(data, bytesOf(s), static_cast<CFIndex>(std::strlen(s)));
     return data;
 }
 
-// Counts allocations and frees; can fail every request, or every request
-// after the first `succeed` ones.
-struct Budget {
-    int allocations = 0;
-    int reallocations = 0;
-    int deallocations = 0;
-    int succeed = -1;  // -1: unlimited
-};
-
-void *budgetAllocate(CFIndex size, CFOptionFlags, void *info) {
-    auto *budget = static_cast<Budget *>(info);
-    if (budget->succeed == 0) return nullptr;
-    if (budget->succeed > 0) --budget->succeed;
-    ++budget->allocations;
-    return std::malloc(static_cast<size_t>(size));
-}
-void *budgetReallocate(void *ptr, CFIndex size, CFOptionFlags, void *info) {
-    auto *budget = static_cast<Budget *>(info);
-    if (budget->succeed == 0) return nullptr;
-    ++budget->reallocations;
-    return std::realloc(ptr, static_cast<size_t>(size));
-}
-void budgetDeallocate(void *ptr, void *info) {
-    ++static_cast<Budget *>(info)->deallocations;
-    std::free(ptr);
-}
-
-CFAllocatorRef makeAllocator(Budget *budget, bool withReallocate = true) {
-    CFAllocatorContext context = {0,       budget, nullptr, nullptr, nullptr, budgetAllocate,
-                                  withReallocate ? budgetReallocate : nullptr, budgetDeallocate, nullptr};
-    return CFAllocatorCreate(kCFAllocatorSystemDefault, &context);
-}
-
 // ---- creation and ownership ----------------------------------------------------
 
-TEST(CFDataCreateTest, CopiesTheBytes) {
-    char source[] = "abc";
+TEST(CFDataCreateTest, CopiesShareImmutableDataAndDetachEverythingElse) {
+    char source[] = "xyz";
     CFDataRef data = CFDataCreate(nullptr, bytesOf(source), 3);
     ASSERT_NE(data, nullptr);
     source[0] = 'X';
-    EXPECT_EQ(contents(data), "abc");
-    EXPECT_NE(CFDataGetBytePtr(data), bytesOf(source));
+    EXPECT_EQ(contents(data), "xyz");
     EXPECT_EQ(CFGetTypeID(data), CFDataGetTypeID());
-    CFRelease(data);
-
-    CFDataRef empty = CFDataCreate(nullptr, nullptr, 0);
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(CFDataGetLength(empty), 0);
-    EXPECT_NE(CFDataGetBytePtr(empty), nullptr);
-    CFRelease(empty);
-}
-
-TEST(CFDataCreateTest, NoCopyHandsTheBytesToTheDeallocatorExactlyOnce) {
-    Budget budget;
-    CFAllocatorRef deallocator = makeAllocator(&budget);
-    auto *bytes = static_cast<UInt8 *>(CFAllocatorAllocate(deallocator, 8, 0));
-    std::memcpy(bytes, "12345678", 8);
-    CFDataRef data = CFDataCreateWithBytesNoCopy(nullptr, bytes, 8, deallocator);
-    ASSERT_NE(data, nullptr);
-    // The data keeps its deallocator alive.
-    CFRelease(deallocator);
-    EXPECT_EQ(CFDataGetBytePtr(data), bytes);
-    bytes[0] = '0';
-    EXPECT_EQ(contents(data), "02345678");
-    CFDataRef copy = CFDataCreateMutableCopy(nullptr, 0, data);
-    CFRelease(data);
-    EXPECT_EQ(budget.deallocations, 1);
-    EXPECT_EQ(contents(copy), "02345678");
-    CFRelease(copy);
-    EXPECT_EQ(budget.deallocations, 1);
-}
-
-TEST(CFDataCreateTest, NoCopyWithNullDeallocatorNeverFrees) {
-    UInt8 stackBytes[4] = {1, 2, 3, 4};
-    CFDataRef data = CFDataCreateWithBytesNoCopy(nullptr, stackBytes, 4, kCFAllocatorNull);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(CFDataGetBytePtr(data), stackBytes);
-    // A copy must not keep borrowing bytes the caller may reuse.
-    CFDataRef copy = CFDataCreateCopy(nullptr, data);
-    EXPECT_NE(copy, data);
-    CFRelease(data);  // freeing a stack array would crash or trip the sanitizer
-    stackBytes[0] = 9;
-    EXPECT_EQ(CFDataGetBytePtr(copy)[0], 1);
-    EXPECT_EQ(CFDataGetLength(copy), 4);
-    CFRelease(copy);
-}
-
-TEST(CFDataCreateTest, NoCopyWithDefaultDeallocatorFreesThroughTheDefaultAllocator) {
-    Budget budget;
-    CFAllocatorRef allocator = makeAllocator(&budget);
-    CFAllocatorSetDefault(allocator);
-    auto *bytes = static_cast<UInt8 *>(CFAllocatorAllocate(nullptr, 16, 0));
-    CFDataRef data = CFDataCreateWithBytesNoCopy(kCFAllocatorSystemDefault, bytes, 16, nullptr);
-    CFAllocatorSetDefault(nullptr);
-    CFRelease(allocator);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(budget.deallocations, 0);
-    CFRelease(data);
-    EXPECT_EQ(budget.deallocations, 1);
-}
-
-TEST(CFDataCreateTest, CopiesShareImmutableDataAndDetachMutableData) {
-    CFDataRef data = CFDataCreate(nullptr, bytesOf("xyz"), 3);
     CFDataRef same = CFDataCreateCopy(nullptr, data);
     EXPECT_EQ(same, data);
     CFRelease(same);
 
     CFMutableDataRef mutableData = mutableWith("xyz");
     CFDataRef snapshot = CFDataCreateCopy(nullptr, mutableData);
-    ASSERT_NE(snapshot, static_cast<CFDataRef>(mutableData));
     CFDataAppendBytes(mutableData, bytesOf("!"), 1);
     EXPECT_EQ(contents(snapshot), "xyz");
-    EXPECT_EQ(contents(mutableData), "xyz!");
-    EXPECT_TRUE(CFEqual(snapshot, data));
 
-    Budget budget;
-    CFAllocatorRef other = makeAllocator(&budget);
-    CFDataRef moved = CFDataCreateCopy(other, data);
-    EXPECT_NE(moved, data);
-    EXPECT_EQ(CFGetAllocator(moved), other);
-    EXPECT_TRUE(CFEqual(moved, data));
+    TestAllocator other;
+    CFDataRef moved = CFDataCreateCopy(other.get(), data);
+    EXPECT_EQ(CFGetAllocator(moved), other.get());
+    EXPECT_EQ(contents(moved), "xyz");
     CFRelease(moved);
-    CFRelease(other);
-    EXPECT_EQ(budget.allocations, budget.deallocations);
+    EXPECT_EQ(other.outstanding(), 0);
+    for (CFTypeRef cf : {CFTypeRef(snapshot), CFTypeRef(mutableData), CFTypeRef(data)}) CFRelease(cf);
+}
 
-    CFRelease(snapshot);
-    CFRelease(mutableData);
+// The bytes go to their deallocator exactly once, and it is kept alive until
+// then; NULL means the default allocator at creation, and kCFAllocatorNull
+// never frees, so a copy must not keep borrowing such bytes.
+TEST(CFDataCreateTest, NoCopyBytesGoToTheirDeallocatorExactlyOnce) {
+    TestAllocator owner;
+    CFIndex ownerRetains = CFGetRetainCount(owner.get());
+    auto *bytes = static_cast<UInt8 *>(CFAllocatorAllocate(owner.get(), 8, 0));
+    std::memcpy(bytes, "12345678", 8);
+    CFDataRef data = CFDataCreateWithBytesNoCopy(nullptr, bytes, 8, owner.get());
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(CFGetRetainCount(owner.get()), ownerRetains + 1);
+    bytes[0] = '0';
+    EXPECT_EQ(contents(data), "02345678");
+    CFDataRef copy = CFDataCreateMutableCopy(nullptr, 0, data);
     CFRelease(data);
+    EXPECT_EQ(owner.deallocations(), 1);
+    EXPECT_EQ(CFGetRetainCount(owner.get()), ownerRetains);
+    EXPECT_EQ(contents(copy), "02345678");
+    CFRelease(copy);
+    EXPECT_EQ(owner.deallocations(), 1);
+
+    CFAllocatorSetDefault(owner.get());
+    bytes = static_cast<UInt8 *>(CFAllocatorAllocate(nullptr, 16, 0));
+    data = CFDataCreateWithBytesNoCopy(kCFAllocatorSystemDefault, bytes, 16, nullptr);
+    CFAllocatorSetDefault(nullptr);
+    EXPECT_EQ(owner.deallocations(), 1);
+    CFRelease(data);
+    EXPECT_EQ(owner.deallocations(), 2);
+
+    UInt8 stackBytes[4] = {1, 2, 3, 4};
+    data = CFDataCreateWithBytesNoCopy(nullptr, stackBytes, 4, kCFAllocatorNull);
+    EXPECT_EQ(CFDataGetBytePtr(data), stackBytes);
+    copy = CFDataCreateCopy(nullptr, data);
+    CFRelease(data);  // freeing a stack array would crash or trip the sanitizer
+    stackBytes[0] = 9;
+    EXPECT_EQ(contents(copy), std::string("\1\2\3\4", 4));
+    CFRelease(copy);
 }
 
 // ---- mutation -------------------------------------------------------------------
 
-TEST(CFDataMutationTest, ReplaceAtEveryBoundary) {
+// An empty replacement is a deletion, so those cases go through both calls.
+TEST(CFDataMutationTest, ReplaceAndDeleteAtEveryBoundary) {
     struct Case {
         CFRange range;
-        const char *replacement;
-        const char *expected;
+        const char *replacement, *expected;
     };
     const Case cases[] = {
-        {{0, 0}, "ab", "ab012345"},  {{6, 0}, "ab", "012345ab"}, {{0, 6}, "", ""},
-        {{0, 6}, "xyz", "xyz"},      {{5, 1}, "", "01234"},      {{0, 1}, "", "12345"},
-        {{2, 2}, "abcd", "01abcd45"}, {{1, 4}, "x", "0x5"},      {{3, 0}, "", "012345"},
-        {{2, 3}, "abc", "01abc5"},
+        {{0, 0}, "ab", "ab012345"},   {{6, 0}, "ab", "012345ab"}, {{0, 6}, "xyz", "xyz"},  {{2, 2}, "abcd", "01abcd45"},
+        {{1, 4}, "x", "0x5"},         {{2, 3}, "abc", "01abc5"},  {{0, 6}, "", ""},        {{5, 1}, "", "01234"},
+        {{0, 1}, "", "12345"},        {{3, 0}, "", "012345"},     {{6, 0}, "", "012345"},  {{1, 4}, "", "05"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(std::string(c.expected) + " from {" + std::to_string(c.range.location) + "," +
@@ -186,91 +118,50 @@ TEST(CFDataMutationTest, ReplaceAtEveryBoundary) {
         CFDataReplaceBytes(data, c.range, bytesOf(c.replacement), static_cast<CFIndex>(std::strlen(c.replacement)));
         EXPECT_EQ(contents(data), c.expected);
         CFRelease(data);
-    }
-}
-
-TEST(CFDataMutationTest, DeleteAtEveryBoundary) {
-    struct Case {
-        CFRange range;
-        const char *expected;
-    };
-    for (const Case &c : {Case{{0, 0}, "012345"}, Case{{6, 0}, "012345"}, Case{{0, 6}, ""}, Case{{0, 1}, "12345"},
-                          Case{{5, 1}, "01234"}, Case{{1, 4}, "05"}}) {
-        CFMutableDataRef data = mutableWith("012345");
+        if (*c.replacement != '\0') continue;
+        data = mutableWith("012345");
         CFDataDeleteBytes(data, c.range);
         EXPECT_EQ(contents(data), c.expected);
         CFRelease(data);
     }
 }
 
-TEST(CFDataMutationTest, GrowingZeroFillsEvenOverStaleBytes) {
-    CFMutableDataRef data = mutableWith("abcdef");
-    CFDataSetLength(data, 2);
-    EXPECT_EQ(contents(data), "ab");
-    CFDataSetLength(data, 5);
-    EXPECT_EQ(contents(data), std::string("ab\0\0\0", 5));
-    CFDataIncreaseLength(data, 3);
-    EXPECT_EQ(contents(data), std::string("ab\0\0\0\0\0\0", 8));
-    CFDataIncreaseLength(data, 0);
-    EXPECT_EQ(CFDataGetLength(data), 8);
-    CFDataSetLength(data, 100000);
-    const UInt8 *bytes = CFDataGetBytePtr(data);
-    size_t nonZero = 0;
-    for (CFIndex i = 2; i < 100000; ++i) nonZero += bytes[i] != 0;
-    EXPECT_EQ(nonZero, 0u);
-    CFDataSetLength(data, 0);
-    EXPECT_EQ(CFDataGetLength(data), 0);
-    CFRelease(data);
-}
-
-TEST(CFDataMutationTest, AppendingItsOwnBytesWhileGrowing) {
-    CFMutableDataRef data = mutableWith("0123456789abcdef");  // fills the first buffer exactly
-    for (int i = 0; i < 4; ++i) CFDataAppendBytes(data, CFDataGetBytePtr(data), CFDataGetLength(data));
-    std::string expected = "0123456789abcdef";
-    for (int i = 0; i < 4; ++i) expected += expected;
-    EXPECT_EQ(contents(data), expected);
+// Growth moves the buffer (reallocating, or allocating and copying when the
+// allocator cannot reallocate) while the bytes appended may be the data's
+// own; the storage comes from the instance's allocator.  Growing zero-fills,
+// even over bytes left stale by an earlier shrink.
+TEST(CFDataMutationTest, GrowingKeepsTheBytesAndZeroFills) {
+    TestAllocator counting;
+    CFAllocatorContext context = {0, nullptr, nullptr, nullptr, nullptr,
+                                  [](CFIndex size, CFOptionFlags, void *) { return std::malloc(size_t(size)); },
+                                  nullptr, [](void *ptr, void *) { std::free(ptr); }, nullptr};
+    CFAllocatorRef noRealloc = CFAllocatorCreate(kCFAllocatorSystemDefault, &context);
+    for (CFAllocatorRef allocator : {counting.get(), noRealloc}) {
+        CFMutableDataRef data = mutableWith("0123456789abcdef", allocator);  // fills the first buffer exactly
+        for (int i = 0; i < 6; ++i) CFDataAppendBytes(data, CFDataGetBytePtr(data), CFDataGetLength(data));
+        std::string expected = "0123456789abcdef";
+        for (int i = 0; i < 6; ++i) expected += expected;
+        EXPECT_EQ(contents(data), expected);
+        CFDataSetLength(data, 2);
+        CFDataSetLength(data, 5);
+        EXPECT_EQ(contents(data), std::string("01\0\0\0", 5));
+        CFDataIncreaseLength(data, 3);
+        CFDataIncreaseLength(data, 0);
+        EXPECT_EQ(contents(data), std::string("01\0\0\0\0\0\0", 8));
+        CFDataSetLength(data, 100000);
+        EXPECT_EQ(contents(data).find_first_not_of('\0', 2), std::string::npos);
+        CFDataSetLength(data, 0);
+        EXPECT_EQ(CFDataGetLength(data), 0);
+        CFRelease(data);
+    }
+    CFRelease(noRealloc);
+    EXPECT_GE(counting.allocations(), 2);  // the instance and its buffer
+    EXPECT_EQ(counting.outstanding(), 0);
     // Replacing a range with an overlapping piece of itself.
     CFMutableDataRef small = mutableWith("abcdef");
     CFDataReplaceBytes(small, CFRangeMake(0, 2), CFDataGetBytePtr(small) + 2, 4);
     EXPECT_EQ(contents(small), "cdefcdef");
     CFRelease(small);
-    CFRelease(data);
-}
-
-TEST(CFDataMutationTest, CapacityLimitAllowsFillingExactly) {
-    CFMutableDataRef data = CFDataCreateMutable(nullptr, 4);
-    CFDataAppendBytes(data, bytesOf("ab"), 2);
-    CFDataAppendBytes(data, bytesOf("cd"), 2);
-    EXPECT_EQ(contents(data), "abcd");
-    CFDataReplaceBytes(data, CFRangeMake(0, 4), bytesOf("wxyz"), 4);
-    EXPECT_EQ(contents(data), "wxyz");
-    CFMutableDataRef copy = CFDataCreateMutableCopy(nullptr, 4, data);
-    EXPECT_EQ(contents(copy), "wxyz");
-    CFRelease(copy);
-    CFRelease(data);
-}
-
-TEST(CFDataMutationTest, MutableStorageComesFromTheInstanceAllocator) {
-    Budget budget;
-    CFAllocatorRef allocator = makeAllocator(&budget);
-    CFMutableDataRef data = CFDataCreateMutable(allocator, 0);
-    int afterCreate = budget.allocations;
-    for (int i = 0; i < 100; ++i) CFDataAppendBytes(data, bytesOf("0123456789"), 10);
-    EXPECT_GT(budget.allocations + budget.reallocations, afterCreate);
-    CFRelease(data);
-    EXPECT_EQ(budget.allocations, budget.deallocations);
-
-    // Without a reallocate callback, growth allocates and copies.
-    Budget plain;
-    CFAllocatorRef noRealloc = makeAllocator(&plain, false);
-    CFMutableDataRef grown = CFDataCreateMutable(noRealloc, 0);
-    for (int i = 0; i < 100; ++i) CFDataAppendBytes(grown, bytesOf("0123456789"), 10);
-    EXPECT_EQ(CFDataGetLength(grown), 1000);
-    EXPECT_EQ(contents(grown).substr(990), "0123456789");
-    CFRelease(grown);
-    EXPECT_EQ(plain.allocations, plain.deallocations);
-    CFRelease(noRealloc);
-    CFRelease(allocator);
 }
 
 // ---- equality, hash, description -----------------------------------------------
@@ -289,6 +180,10 @@ TEST(CFDataEqualityTest, EqualBytesAreEqualAndHashAlike) {
 
     CFDataRef empty1 = CFDataCreate(nullptr, nullptr, 0);
     CFMutableDataRef empty2 = CFDataCreateMutable(nullptr, 0);
+    EXPECT_EQ(CFDataGetLength(empty1), 0);
+    // Callers may memcpy zero bytes from empty data, owning a buffer or not.
+    EXPECT_NE(CFDataGetBytePtr(empty1), nullptr);
+    EXPECT_NE(CFDataGetBytePtr(empty2), nullptr);
     EXPECT_TRUE(CFEqual(empty1, empty2));
     EXPECT_EQ(CFHash(empty1), CFHash(empty2));
 
@@ -302,25 +197,19 @@ TEST(CFDataEqualityTest, EqualBytesAreEqualAndHashAlike) {
 }
 
 TEST(CFDataDescriptionTest, ShowsLengthAndBytes) {
-    struct Case {
-        CFIndex length;
-        const char *bytesText;
-    };
-    const Case cases[] = {
-        {0, "0x"},
-        {3, "0x010203"},
-        {24, "0x0102030405060708090a0b0c0d0e0f101112131415161718"},
-        {30, "0x0102030405060708090a0b0c0d0e0f10 ... 1718191a1b1c1d1e"},
-    };
     UInt8 bytes[30];
     for (int i = 0; i < 30; ++i) bytes[i] = static_cast<UInt8>(i + 1);
-    for (const Case &c : cases) {
-        CFDataRef data = CFDataCreate(nullptr, bytes, c.length);
-        char expected[256];
+    for (auto [length, hex] : {std::pair<CFIndex, const char *>{0, "0x"}, {3, "0x010203"},
+                               {24, "0x0102030405060708090a0b0c0d0e0f101112131415161718"},
+                               {30, "0x0102030405060708090a0b0c0d0e0f10 ... 1718191a1b1c1d1e"}}) {
+        CFDataRef data = CFDataCreate(nullptr, bytes, length);
+        char expected[256], actual[256];
         std::snprintf(expected, sizeof expected, "<CFData %p [%p]>{length = %ld, bytes = %s}",
-                      static_cast<const void *>(data), static_cast<const void *>(CFGetAllocator(data)), c.length,
-                      c.bytesText);
-        EXPECT_EQ(text(CFCopyDescription(data)), expected);
+                      static_cast<const void *>(data), static_cast<const void *>(CFGetAllocator(data)), length, hex);
+        CFStringRef description = CFCopyDescription(data);
+        EXPECT_TRUE(CFStringGetCString(description, actual, sizeof actual, kCFStringEncodingUTF8));
+        EXPECT_STREQ(actual, expected);
+        CFRelease(description);
         CFRelease(data);
     }
 }
@@ -328,102 +217,87 @@ TEST(CFDataDescriptionTest, ShowsLengthAndBytes) {
 // ---- allocation failure ------------------------------------------------------------
 
 TEST(CFDataAllocationTest, CreationReturnsNullAndLeaksNothing) {
-    Budget failing;
-    failing.succeed = 0;
-    CFAllocatorRef allocator = makeAllocator(&failing);
+    TestAllocator failing, owner;
+    failing.failAlways();
     CFDataRef source = CFDataCreate(nullptr, bytesOf("abc"), 3);
-    EXPECT_EQ(CFDataCreate(allocator, bytesOf("abc"), 3), nullptr);
-    EXPECT_EQ(CFDataCreateMutable(allocator, 0), nullptr);
-    EXPECT_EQ(CFDataCreateMutableCopy(allocator, 0, source), nullptr);
-    EXPECT_EQ(CFDataCreateCopy(allocator, source), nullptr);
-    Budget owner;
-    CFAllocatorRef deallocator = makeAllocator(&owner);
-    void *bytes = CFAllocatorAllocate(deallocator, 4, 0);
+    EXPECT_EQ(CFDataCreate(failing.get(), bytesOf("abc"), 3), nullptr);
+    EXPECT_EQ(CFDataCreateMutable(failing.get(), 0), nullptr);
+    EXPECT_EQ(CFDataCreateMutableCopy(failing.get(), 0, source), nullptr);
+    EXPECT_EQ(CFDataCreateCopy(failing.get(), source), nullptr);
     // On failure the caller still owns the bytes.
-    EXPECT_EQ(CFDataCreateWithBytesNoCopy(allocator, static_cast<UInt8 *>(bytes), 4, deallocator), nullptr);
-    EXPECT_EQ(owner.deallocations, 0);
-    CFAllocatorDeallocate(deallocator, bytes);
-    CFRelease(deallocator);
+    void *bytes = CFAllocatorAllocate(owner.get(), 4, 0);
+    CFIndex ownerRetains = CFGetRetainCount(owner.get());
+    EXPECT_EQ(CFDataCreateWithBytesNoCopy(failing.get(), static_cast<UInt8 *>(bytes), 4, owner.get()), nullptr);
+    EXPECT_EQ(owner.deallocations(), 0);
+    EXPECT_EQ(CFGetRetainCount(owner.get()), ownerRetains);
+    CFAllocatorDeallocate(owner.get(), bytes);
 
     // The instance succeeds but its buffer does not: the half-built object
     // must be released, not leaked.
-    Budget oneShot;
-    oneShot.succeed = 1;
-    CFAllocatorRef second = makeAllocator(&oneShot);
-    EXPECT_EQ(CFDataCreateMutableCopy(second, 0, source), nullptr);
-    EXPECT_EQ(oneShot.allocations, 1);
-    EXPECT_EQ(oneShot.deallocations, 1);
-
-    CFRelease(second);
+    failing.failAfter(1);
+    EXPECT_EQ(CFDataCreateMutableCopy(failing.get(), 0, source), nullptr);
+    EXPECT_EQ(failing.allocations(), 1);
+    EXPECT_EQ(failing.outstanding(), 0);
     CFRelease(source);
-    CFRelease(allocator);
 }
 
 // ---- fatal stops --------------------------------------------------------------------
 
-TEST(CFDataDeathTest, RangesOutsideTheDataAreFatal) {
+TEST(CFDataDeathTest, RangesAndTheCapacityLimitAreEnforced) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     CFMutableDataRef data = mutableWith("012345");
     UInt8 buffer[16];
     EXPECT_DEATH(CFDataGetBytes(data, CFRangeMake(2, 5), buffer), "CFDataGetBytes .*range \\{2, 5\\}");
-    EXPECT_DEATH(CFDataGetBytes(data, CFRangeMake(-1, 1), buffer), "CFDataGetBytes .*outside");
-    EXPECT_DEATH(CFDataGetBytes(data, CFRangeMake(7, 0), buffer), "CFDataGetBytes .*outside");
-    EXPECT_DEATH(CFDataGetBytes(data, CFRangeMake(1, -1), buffer), "CFDataGetBytes .*outside");
+    for (CFRange range : {CFRangeMake(-1, 1), CFRangeMake(7, 0), CFRangeMake(1, -1), CFRangeMake(3, LONG_MAX)})
+        EXPECT_DEATH(CFDataGetBytes(data, range, buffer), "CFDataGetBytes .*outside");
     EXPECT_DEATH(CFDataReplaceBytes(data, CFRangeMake(5, 2), bytesOf("x"), 1), "CFDataReplaceBytes .*outside");
     EXPECT_DEATH(CFDataDeleteBytes(data, CFRangeMake(0, 7)), "CFDataDeleteBytes .*outside");
-    EXPECT_DEATH(CFDataGetBytes(data, CFRangeMake(3, LONG_MAX), buffer), "CFDataGetBytes .*outside");
     // The edges themselves are fine.
     CFDataGetBytes(data, CFRangeMake(6, 0), buffer);
     CFDataGetBytes(data, CFRangeMake(0, 6), buffer);
     EXPECT_EQ(std::memcmp(buffer, "012345", 6), 0);
     CFRelease(data);
+
+    // A capacity may be filled exactly, never exceeded.
+    CFMutableDataRef full = CFDataCreateMutable(nullptr, 4);
+    CFDataAppendBytes(full, bytesOf("ab"), 2);
+    CFDataAppendBytes(full, bytesOf("cd"), 2);
+    CFDataReplaceBytes(full, CFRangeMake(0, 4), bytesOf("wxyz"), 4);
+    CFMutableDataRef copy = CFDataCreateMutableCopy(nullptr, 4, full);
+    EXPECT_EQ(contents(copy), "wxyz");
+    EXPECT_DEATH(CFDataAppendBytes(full, bytesOf("e"), 1), "CFDataAppendBytes .*exceeds the capacity 4");
+    EXPECT_DEATH(CFDataSetLength(full, 5), "CFDataSetLength .*exceeds the capacity");
+    EXPECT_DEATH(CFDataIncreaseLength(full, 1), "CFDataIncreaseLength .*exceeds the capacity");
+    EXPECT_DEATH(CFDataCreateMutableCopy(nullptr, 3, full), "CFDataCreateMutableCopy .*exceeds the capacity 3");
+    EXPECT_EQ(contents(full), "wxyz");
+    CFRelease(copy);
+    CFRelease(full);
 }
 
-TEST(CFDataDeathTest, MutatingImmutableDataIsFatal) {
+TEST(CFDataDeathTest, MisuseAndRunningOutOfMemoryAreFatal) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    CFDataRef data = CFDataCreate(nullptr, bytesOf("abc"), 3);
-    auto *cheat = const_cast<CFMutableDataRef>(data);
+    CFDataRef immutable = CFDataCreate(nullptr, bytesOf("abc"), 3);
+    auto *cheat = const_cast<CFMutableDataRef>(immutable);
     EXPECT_DEATH(CFDataGetMutableBytePtr(cheat), "CFDataGetMutableBytePtr .*immutable");
     EXPECT_DEATH(CFDataAppendBytes(cheat, bytesOf("d"), 1), "CFDataAppendBytes .*immutable");
     EXPECT_DEATH(CFDataSetLength(cheat, 1), "CFDataSetLength .*immutable");
-    EXPECT_EQ(contents(data), "abc");
-    CFRelease(data);
-}
+    EXPECT_EQ(contents(immutable), "abc");
+    CFRelease(immutable);
 
-TEST(CFDataDeathTest, ExceedingTheCapacityIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    CFMutableDataRef data = mutableWith("abcd", 4);
-    EXPECT_DEATH(CFDataAppendBytes(data, bytesOf("e"), 1), "CFDataAppendBytes .*exceeds the capacity 4");
-    EXPECT_DEATH(CFDataSetLength(data, 5), "CFDataSetLength .*exceeds the capacity");
-    EXPECT_DEATH(CFDataIncreaseLength(data, 1), "CFDataIncreaseLength .*exceeds the capacity");
-    EXPECT_DEATH(CFDataCreateMutableCopy(nullptr, 3, data), "CFDataCreateMutableCopy .*exceeds the capacity 3");
-    EXPECT_DEATH(CFDataCreateMutable(nullptr, -1), "CFDataCreateMutable .*negative capacity");
-    EXPECT_EQ(contents(data), "abcd");
-    CFRelease(data);
-}
-
-TEST(CFDataDeathTest, NullAndNegativeArgumentsAreFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(CFDataGetLength(nullptr), "CFDataGetLength");
+    EXPECT_DEATH(CFDataGetLength(reinterpret_cast<CFDataRef>(kCFBooleanTrue)), "CFDataGetLength .*CFBoolean");
     EXPECT_DEATH(CFDataCreate(nullptr, nullptr, 3), "CFDataCreate .*bytes must not be NULL");
     EXPECT_DEATH(CFDataCreate(nullptr, bytesOf("a"), -1), "CFDataCreate .*negative length");
-    CFMutableDataRef data = CFDataCreateMutable(nullptr, 0);
+    EXPECT_DEATH(CFDataCreateMutable(nullptr, -1), "CFDataCreateMutable .*negative capacity");
+
+    TestAllocator allocator;
+    allocator.failAfter(1);  // the instance only
+    CFMutableDataRef data = CFDataCreateMutable(allocator.get(), 0);
+    ASSERT_NE(data, nullptr);
     EXPECT_DEATH(CFDataIncreaseLength(data, -1), "CFDataIncreaseLength .*negative");
     EXPECT_DEATH(CFDataAppendBytes(data, nullptr, 2), "CFDataAppendBytes .*bytes must not be NULL");
-    EXPECT_DEATH(CFDataGetLength(reinterpret_cast<CFDataRef>(kCFBooleanTrue)), "CFDataGetLength .*CFBoolean");
-    CFRelease(data);
-}
-
-TEST(CFDataDeathTest, RunningOutOfMemoryWhileGrowingIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Budget budget;
-    budget.succeed = 1;  // the instance only
-    CFAllocatorRef allocator = makeAllocator(&budget);
-    CFMutableDataRef data = CFDataCreateMutable(allocator, 0);
-    ASSERT_NE(data, nullptr);
     EXPECT_DEATH(CFDataSetLength(data, 10), "CFDataSetLength .*out of memory");
     CFRelease(data);
-    CFRelease(allocator);
 }
 
 }  // namespace

@@ -11,25 +11,24 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
-#include <cstdlib>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include "support/TestAllocator.h"
 
 namespace {
 
 std::string nameText(CFStringRef name) {
-    if (name == nullptr) return "(null)";
     char buffer[256];
     return CFStringGetCString(name, buffer, sizeof buffer, kCFStringEncodingUTF8) ? buffer : "(unconvertible)";
 }
 
 struct Delivery {
-    std::string label;
-    std::string name;
+    std::string label, name;
     const void *object;
     CFDictionaryRef userInfo;
     CFNotificationCenterRef center;
@@ -43,21 +42,17 @@ struct Observer {
     std::function<void()> action;
 };
 
+// Tag 0 runs the action; the others only record under a tagged label, so a
+// test can tell apart one observer's registrations.
+template <int Tag>
 void record(CFNotificationCenterRef center, void *observer, CFNotificationName name, const void *object,
             CFDictionaryRef userInfo) {
     auto *o = static_cast<Observer *>(observer);
-    o->log->push_back({o->label, nameText(name), object, userInfo, center});
-    if (o->action) o->action();
+    o->log->push_back({Tag ? o->label + std::to_string(Tag) : o->label, nameText(name), object, userInfo, center});
+    if (Tag == 0 && o->action) o->action();
 }
 
-// Distinct callbacks for one observer pointer, so a test can tell apart the
-// registrations that RemoveObserver left in place.
-template <int Tag>
-void tagged(CFNotificationCenterRef center, void *observer, CFNotificationName name, const void *object,
-            CFDictionaryRef userInfo) {
-    auto *o = static_cast<Observer *>(observer);
-    o->log->push_back({o->label + std::to_string(Tag), nameText(name), object, userInfo, center});
-}
+using Labels = std::vector<std::string>;
 
 class CFNotificationCenterTest : public testing::Test {
 protected:
@@ -68,22 +63,17 @@ protected:
         observers_.push_back(Observer{label, &log, std::move(action)});
         return &observers_.back();
     }
-    void add(Observer *o, CFStringRef name, const void *object = nullptr) {
-        CFNotificationCenterAddObserver(center, o, record, name, object,
+    void add(Observer *o, CFStringRef name, const void *object = nullptr, CFNotificationCallback callback = record<0>) {
+        CFNotificationCenterAddObserver(center, o, callback, name, object,
                                         CFNotificationSuspensionBehaviorDeliverImmediately);
     }
     void post(CFStringRef name, const void *object = nullptr, CFDictionaryRef userInfo = nullptr) {
         CFNotificationCenterPostNotification(center, name, object, userInfo, true);
     }
-    std::vector<std::string> labels() const {
-        std::vector<std::string> result;
-        for (const Delivery &d : log) result.push_back(d.label);
-        return result;
-    }
-    std::vector<std::string> takeLabels() {
-        std::vector<std::string> result = labels();
-        log.clear();
-        return result;
+    Labels takeLabels() {
+        Labels labels;
+        for (const Delivery &d : std::exchange(log, {})) labels.push_back(d.label);
+        return labels;
     }
     // Registrations left behind would be called by later tests with
     // dangling observer pointers.
@@ -95,74 +85,53 @@ private:
     std::deque<Observer> observers_;
 };
 
-using Labels = std::vector<std::string>;
-
-TEST_F(CFNotificationCenterTest, LocalCenterIsOneImmortalInstance) {
-    EXPECT_EQ(CFNotificationCenterGetLocalCenter(), center);
+// A registration's name (matched by text, retained by the center) and object
+// filter the posts it gets, NULL matching any; each call receives the post's
+// center, name, object and userInfo, whichever call posted it.
+TEST_F(CFNotificationCenterTest, FiltersByNameAndObjectAndPassesThePostThrough) {
     EXPECT_EQ(CFGetTypeID(center), CFNotificationCenterGetTypeID());
     CFIndex count = CFGetRetainCount(center);
     CFRetain(center);
     CFRelease(center);
-    CFRelease(center);
+    CFRelease(center);  // immortal: one release too many does no harm
     EXPECT_EQ(CFGetRetainCount(center), count);
     EXPECT_EQ(CFNotificationCenterGetLocalCenter(), center);
-}
 
-TEST_F(CFNotificationCenterTest, FiltersByNameAndObjectWithNullMatchingAny) {
     int objectX = 0, objectY = 0;
-    add(observer("name"), CFSTR("N1"));
+    CFStringRef created = CFStringCreateWithCString(nullptr, "N1", kCFStringEncodingUTF8);
+    add(observer("name"), created);
+    CFRelease(created);
     add(observer("object"), nullptr, &objectX);
     add(observer("both"), CFSTR("N1"), &objectX);
     add(observer("any"), nullptr, nullptr);
+    CFStringRef posted = CFStringCreateWithCString(nullptr, "N1", kCFStringEncodingUTF8);
+    CFDictionaryRef userInfo = CFDictionaryCreate(nullptr, nullptr, nullptr, 0, nullptr, nullptr);
     struct Case {
         CFStringRef name;
         const void *object;
         Labels expected;
     };
     const Case cases[] = {
-        {CFSTR("N1"), nullptr, {"name", "any"}},
-        {CFSTR("N1"), &objectX, {"name", "object", "both", "any"}},
-        {CFSTR("N1"), &objectY, {"name", "any"}},
-        {CFSTR("N2"), &objectX, {"object", "any"}},
-        {CFSTR("N2"), &objectY, {"any"}},
-        {CFSTR("n1"), nullptr, {"any"}},
+        {CFSTR("N1"), nullptr, {"name", "any"}},     {posted, &objectX, {"name", "object", "both", "any"}},
+        {CFSTR("N1"), &objectY, {"name", "any"}},    {CFSTR("N2"), &objectX, {"object", "any"}},
+        {CFSTR("N2"), &objectY, {"any"}},            {CFSTR("n1"), nullptr, {"any"}},
     };
+    bool withOptions = false;
     for (const Case &c : cases) {
         SCOPED_TRACE(nameText(c.name) + (c.object == &objectX ? " X" : c.object ? " Y" : " NULL"));
-        post(c.name, c.object);
+        if ((withOptions = !withOptions))
+            CFNotificationCenterPostNotificationWithOptions(center, c.name, c.object, userInfo, 0);
+        else
+            post(c.name, c.object, userInfo);
+        for (const Delivery &d : log) {
+            EXPECT_EQ(d.center, center);
+            EXPECT_EQ(d.name, nameText(c.name));
+            EXPECT_EQ(d.object, c.object);
+            EXPECT_EQ(d.userInfo, userInfo);
+        }
         EXPECT_EQ(takeLabels(), c.expected);
     }
-}
-
-TEST_F(CFNotificationCenterTest, NamesMatchByTextAndAreRetained) {
-    CFStringRef registered = CFStringCreateWithCString(nullptr, "Shared.Name", kCFStringEncodingUTF8);
-    add(observer("created"), registered);
-    add(observer("constant"), CFSTR("Shared.Name"));
-    CFRelease(registered);  // the center holds its own reference
-    post(CFSTR("Shared.Name"));
-    CFStringRef posted = CFStringCreateWithCString(nullptr, "Shared.Name", kCFStringEncodingUTF8);
-    post(posted);
     CFRelease(posted);
-    EXPECT_EQ(takeLabels(), (Labels{"created", "constant", "created", "constant"}));
-}
-
-TEST_F(CFNotificationCenterTest, PassesCenterNameObjectAndUserInfoThrough) {
-    int object = 0;
-    const void *keys[] = {CFSTR("key")};
-    const void *values[] = {kCFBooleanTrue};
-    CFDictionaryRef userInfo =
-        CFDictionaryCreate(nullptr, keys, values, 1, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
-    add(observer("o"), CFSTR("Info"));
-    post(CFSTR("Info"), &object, userInfo);
-    CFNotificationCenterPostNotificationWithOptions(center, CFSTR("Info"), nullptr, nullptr,
-                                                    kCFNotificationDeliverImmediately);
-    ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(log[0].center, center);
-    EXPECT_EQ(log[0].name, "Info");
-    EXPECT_EQ(log[0].object, &object);
-    EXPECT_EQ(log[0].userInfo, userInfo);
-    EXPECT_EQ(log[1].object, nullptr);
-    EXPECT_EQ(log[1].userInfo, nullptr);
     CFRelease(userInfo);
 }
 
@@ -182,15 +151,13 @@ TEST_F(CFNotificationCenterTest, RemoveObserverHonoursItsFilters) {
         {"unknown name", CFSTR("N3"), nullptr, {"O1", "O2", "O3", "O4", "P"}},
         {"unknown object", nullptr, &object2, {"O1", "O2", "O3", "O4", "P"}},
     };
-    Observer *o = observer("O");
-    Observer *p = observer("P");
+    Observer *o = observer("O"), *p = observer("P");
     for (const Case &c : cases) {
         SCOPED_TRACE(c.label);
-        CFNotificationSuspensionBehavior behavior = CFNotificationSuspensionBehaviorDeliverImmediately;
-        CFNotificationCenterAddObserver(center, o, tagged<1>, CFSTR("N1"), &object1, behavior);
-        CFNotificationCenterAddObserver(center, o, tagged<2>, CFSTR("N1"), nullptr, behavior);
-        CFNotificationCenterAddObserver(center, o, tagged<3>, CFSTR("N2"), &object1, behavior);
-        CFNotificationCenterAddObserver(center, o, tagged<4>, CFSTR("N2"), nullptr, behavior);
+        add(o, CFSTR("N1"), &object1, record<1>);
+        add(o, CFSTR("N1"), nullptr, record<2>);
+        add(o, CFSTR("N2"), &object1, record<3>);
+        add(o, CFSTR("N2"), nullptr, record<4>);
         add(p, CFSTR("N1"), &object1);
         CFNotificationCenterRemoveObserver(center, o, c.name, c.object);
         post(CFSTR("N1"), &object1);
@@ -198,6 +165,7 @@ TEST_F(CFNotificationCenterTest, RemoveObserverHonoursItsFilters) {
         Labels seen = takeLabels();
         std::sort(seen.begin(), seen.end());
         EXPECT_EQ(seen, c.remaining);
+        // RemoveEveryObserver drops whatever filters were used.
         CFNotificationCenterRemoveEveryObserver(center, o);
         CFNotificationCenterRemoveEveryObserver(center, p);
         post(CFSTR("N1"), &object1);
@@ -219,48 +187,37 @@ TEST_F(CFNotificationCenterTest, DeliversInRegistrationOrder) {
     add(b, CFSTR("Order"));
     post(CFSTR("Order"));
     EXPECT_EQ(takeLabels(), (Labels{"a", "c", "a", "b"}));
-}
-
-TEST_F(CFNotificationCenterTest, ManyObserversAreAllCalledInOrder) {
     // More registrations than a post keeps on its stack.
-    Labels expected;
+    Labels expected = {"a", "c", "a", "b"};
     for (int i = 0; i < 50; ++i) {
-        add(observer(std::to_string(i)), CFSTR("Many"));
+        add(observer(std::to_string(i)), CFSTR("Order"));
         expected.push_back(std::to_string(i));
     }
-    post(CFSTR("Many"));
+    post(CFSTR("Order"));
     EXPECT_EQ(takeLabels(), expected);
 }
 
-TEST_F(CFNotificationCenterTest, ObserverRemovingItselfIsNotCalledAgain) {
-    Observer *self = nullptr;
-    self = observer("self", [&] { CFNotificationCenterRemoveEveryObserver(center, self); });
-    add(self, CFSTR("Once"));
-    add(observer("middle"), CFSTR("Once"));
-    add(self, nullptr);  // a second registration, later in the same post
-    post(CFSTR("Once"));
-    post(CFSTR("Once"));
-    EXPECT_EQ(takeLabels(), (Labels{"self", "middle", "middle"}));
-}
-
+// A removal made by a callback holds at once, even for registrations later
+// in the same post, and the observers it did not name are still called.
 TEST_F(CFNotificationCenterTest, RemovalInsideACallbackTakesEffectAtOnce) {
-    Observer *earlier = observer("earlier");
-    Observer *later = observer("later");
-    Observer *remover = observer("remover", [&] {
+    Observer *earlier = observer("earlier"), *later = observer("later"), *remover = nullptr;
+    remover = observer("remover", [&] {
         CFNotificationCenterRemoveObserver(center, later, CFSTR("Remove"), nullptr);
         CFNotificationCenterRemoveObserver(center, earlier, nullptr, nullptr);
+        CFNotificationCenterRemoveEveryObserver(center, remover);
     });
-    add(earlier, CFSTR("Remove"));
-    add(remover, CFSTR("Remove"));
-    add(later, CFSTR("Remove"));
+    for (Observer *o : {earlier, remover, later}) add(o, CFSTR("Remove"));
+    add(remover, nullptr);  // its second registration, later in the same post
     add(observer("last"), CFSTR("Remove"));
     post(CFSTR("Remove"));
     EXPECT_EQ(takeLabels(), (Labels{"earlier", "remover", "last"}));
     post(CFSTR("Remove"));
-    EXPECT_EQ(takeLabels(), (Labels{"remover", "last"}));
+    EXPECT_EQ(takeLabels(), (Labels{"last"}));
 }
 
-TEST_F(CFNotificationCenterTest, PostingFromInsideACallbackIsDeliveredAtOnce) {
+// A post from inside a callback is delivered at once; an observer added
+// during a post is first called by the next one.
+TEST_F(CFNotificationCenterTest, ReentrantPostsAndAdditions) {
     add(observer("outer", [&] { post(CFSTR("Inner")); }), CFSTR("Outer"));
     add(observer("inner"), CFSTR("Inner"));
     add(observer("after-outer"), CFSTR("Outer"));
@@ -268,106 +225,68 @@ TEST_F(CFNotificationCenterTest, PostingFromInsideACallbackIsDeliveredAtOnce) {
     EXPECT_EQ(takeLabels(), (Labels{"outer", "inner", "after-outer"}));
 
     int depth = 0;
-    add(observer("echo", [&] {
-            if (++depth < 4) post(CFSTR("Echo"));
-        }),
-        CFSTR("Echo"));
+    add(observer("echo", [&] { if (++depth < 4) post(CFSTR("Echo")); }), CFSTR("Echo"));
     post(CFSTR("Echo"));
     EXPECT_EQ(takeLabels(), (Labels{"echo", "echo", "echo", "echo"}));
-}
 
-TEST_F(CFNotificationCenterTest, ObserverAddedDuringAPostWaitsForTheNextPost) {
     Observer *newcomer = observer("newcomer");
     bool added = false;
-    add(observer("adder", [&] {
-            if (!added) add(newcomer, CFSTR("Grow"));
-            added = true;
-        }),
-        CFSTR("Grow"));
+    add(observer("adder", [&] { if (!std::exchange(added, true)) add(newcomer, CFSTR("Grow")); }), CFSTR("Grow"));
     post(CFSTR("Grow"));
     EXPECT_EQ(takeLabels(), (Labels{"adder"}));
     post(CFSTR("Grow"));
     EXPECT_EQ(takeLabels(), (Labels{"adder", "newcomer"}));
 }
 
-TEST_F(CFNotificationCenterTest, RemoveEveryObserverLeavesOthersAlone) {
-    int object = 0;
-    Observer *gone = observer("gone"), *kept = observer("kept");
-    add(gone, CFSTR("Every"));
-    add(gone, nullptr, &object);
-    add(gone, nullptr);
-    add(kept, CFSTR("Every"));
-    CFNotificationCenterRemoveEveryObserver(center, gone);
-    CFNotificationCenterRemoveEveryObserver(center, gone);  // nothing left: harmless
-    post(CFSTR("Every"), &object);
-    EXPECT_EQ(takeLabels(), (Labels{"kept"}));
-}
-
-struct CapturedLine {
-    int level;
-    std::string function;
-    std::string message;
-};
-
 void captureLine(int level, const char *function, const char *, int, const char *message, void *context) {
-    static_cast<std::vector<CapturedLine> *>(context)->push_back({level, function, message});
+    static_cast<Labels *>(context)->push_back(std::to_string(level) + " " + function + ": " + message);
 }
-
-void *failAllocate(CFIndex, CFOptionFlags, void *) { return nullptr; }
 
 TEST_F(CFNotificationCenterTest, FailedRegistrationIsLoggedAndNotCalled) {
-    CFAllocatorContext context = {0, nullptr, nullptr, nullptr, nullptr, failAllocate, nullptr, nullptr, nullptr};
-    CFAllocatorRef failing = CFAllocatorCreate(kCFAllocatorSystemDefault, &context);
-    std::vector<CapturedLine> lines;
+    sorvel_test::TestAllocator failing;
+    failing.failAlways();
+    Labels lines;
     int savedThreshold = XPLogGetThreshold();
     XPLogSetThreshold(3);
     XPLogSetSink(captureLine, &lines);
-    CFAllocatorSetDefault(failing);
+    CFAllocatorSetDefault(failing.get());
     add(observer("unregistered"), CFSTR("Fail"));
     CFAllocatorSetDefault(nullptr);
     XPLogSetSink(nullptr, nullptr);
     XPLogSetThreshold(savedThreshold);
-    CFRelease(failing);
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, 3);
-    EXPECT_EQ(lines[0].function, "CFNotificationCenterAddObserver");
-    EXPECT_NE(lines[0].message.find("out of memory"), std::string::npos) << lines[0].message;
+    EXPECT_EQ(lines[0].rfind("3 CFNotificationCenterAddObserver: out of memory", 0), 0u) << lines[0];
+    EXPECT_EQ(failing.failures(), 1);
     post(CFSTR("Fail"));
     EXPECT_TRUE(log.empty());
 }
 
-TEST(CFNotificationCenterDeathTest, MisuseIsFatal) {
+using CFNotificationCenterDeathTest = CFNotificationCenterTest;
+
+TEST_F(CFNotificationCenterDeathTest, MisuseIsFatal) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    CFNotificationCenterRef center = CFNotificationCenterGetLocalCenter();
-    int observer = 0;
-    EXPECT_DEATH(CFNotificationCenterPostNotification(center, nullptr, nullptr, nullptr, true),
-                 "CFNotificationCenterPostNotification .*name must not be NULL");
+    Observer *o = observer("o");
+    EXPECT_DEATH(post(nullptr), "CFNotificationCenterPostNotification .*name must not be NULL");
     EXPECT_DEATH(CFNotificationCenterPostNotificationWithOptions(center, nullptr, nullptr, nullptr, 0),
                  "CFNotificationCenterPostNotificationWithOptions .*name must not be NULL");
+    EXPECT_DEATH(add(o, CFSTR("x"), nullptr, nullptr), "CFNotificationCenterAddObserver .*callBack must not be NULL");
+    EXPECT_DEATH(add(o, reinterpret_cast<CFStringRef>(kCFBooleanTrue)), "CFNotificationCenterAddObserver .*CFBoolean");
     EXPECT_DEATH(CFNotificationCenterPostNotification(nullptr, CFSTR("x"), nullptr, nullptr, true),
                  "CFNotificationCenterPostNotification .*NULL");
-    EXPECT_DEATH(CFNotificationCenterAddObserver(nullptr, &observer, record, CFSTR("x"), nullptr, 4),
-                 "CFNotificationCenterAddObserver");
-    EXPECT_DEATH(CFNotificationCenterAddObserver(center, &observer, nullptr, CFSTR("x"), nullptr, 4),
-                 "CFNotificationCenterAddObserver .*callBack must not be NULL");
-    EXPECT_DEATH(CFNotificationCenterAddObserver(center, &observer, record,
-                                                 reinterpret_cast<CFStringRef>(kCFBooleanTrue), nullptr, 4),
-                 "CFNotificationCenterAddObserver .*CFBoolean");
-    auto notACenter = reinterpret_cast<CFNotificationCenterRef>(const_cast<struct __CFBoolean *>(kCFBooleanTrue));
-    EXPECT_DEATH(CFNotificationCenterRemoveEveryObserver(notACenter, &observer),
+    center = reinterpret_cast<CFNotificationCenterRef>(const_cast<struct __CFBoolean *>(kCFBooleanTrue));
+    EXPECT_DEATH(add(o, CFSTR("x")), "CFNotificationCenterAddObserver .*CFBoolean");
+    EXPECT_DEATH(CFNotificationCenterRemoveEveryObserver(center, o),
                  "CFNotificationCenterRemoveEveryObserver .*CFBoolean");
+    center = CFNotificationCenterGetLocalCenter();
 }
 
 // ---- concurrency ---------------------------------------------------------------------
 
-void countCall(CFNotificationCenterRef, void *observer, CFNotificationName, const void *, CFDictionaryRef) {
+// Counts its calls; a one-shot observer then removes itself.
+template <bool OneShot>
+void count(CFNotificationCenterRef center, void *observer, CFNotificationName name, const void *, CFDictionaryRef) {
     static_cast<std::atomic<int> *>(observer)->fetch_add(1, std::memory_order_relaxed);
-}
-
-void countOnce(CFNotificationCenterRef center, void *observer, CFNotificationName name, const void *,
-               CFDictionaryRef) {
-    static_cast<std::atomic<int> *>(observer)->fetch_add(1, std::memory_order_relaxed);
-    CFNotificationCenterRemoveObserver(center, observer, name, nullptr);
+    if (OneShot) CFNotificationCenterRemoveObserver(center, observer, name, nullptr);
 }
 
 // Four threads post their own names while adding and removing observers on
@@ -376,20 +295,19 @@ void countOnce(CFNotificationCenterRef center, void *observer, CFNotificationNam
 // registration freed while a post still used it would show under the
 // sanitizers.
 TEST(CFNotificationCenterConcurrencyTest, ConcurrentPostsAndRegistrationChanges) {
-    constexpr int kThreads = 4;
-    constexpr int kIterations = 2000;
+    constexpr int kThreads = 4, kIterations = 2000;
     CFNotificationCenterRef center = CFNotificationCenterGetLocalCenter();
-    CFNotificationSuspensionBehavior behavior = CFNotificationSuspensionBehaviorDeliverImmediately;
+    auto add = [center](std::atomic<int> *counter, CFNotificationCallback callback, CFStringRef name) {
+        CFNotificationCenterAddObserver(center, counter, callback, name, nullptr,
+                                        CFNotificationSuspensionBehaviorDeliverImmediately);
+    };
     CFStringRef names[kThreads];
-    std::atomic<int> perThread[kThreads] = {};
-    std::atomic<int> oneShot[kThreads] = {};
-    std::atomic<int> transient[kThreads] = {};
-    std::atomic<int> everything{0};
+    std::atomic<int> perThread[kThreads] = {}, oneShot[kThreads] = {}, transient[kThreads] = {}, everything{0};
     for (int t = 0; t < kThreads; ++t) {
         names[t] = CFStringCreateWithCString(nullptr, ("Stress." + std::to_string(t)).c_str(), kCFStringEncodingUTF8);
-        CFNotificationCenterAddObserver(center, &perThread[t], countCall, names[t], nullptr, behavior);
+        add(&perThread[t], count<false>, names[t]);
     }
-    CFNotificationCenterAddObserver(center, &everything, countCall, nullptr, nullptr, behavior);
+    add(&everything, count<false>, nullptr);
 
     std::barrier start(kThreads);
     std::vector<std::thread> threads;
@@ -398,9 +316,9 @@ TEST(CFNotificationCenterConcurrencyTest, ConcurrentPostsAndRegistrationChanges)
             CFStringRef neighbour = names[(t + 1) % kThreads];
             start.arrive_and_wait();
             for (int i = 0; i < kIterations; ++i) {
-                CFNotificationCenterAddObserver(center, &transient[t], countCall, neighbour, nullptr, behavior);
+                add(&transient[t], count<false>, neighbour);
                 CFNotificationCenterPostNotification(center, names[t], &perThread[t], nullptr, true);
-                CFNotificationCenterAddObserver(center, &oneShot[t], countOnce, names[t], nullptr, behavior);
+                add(&oneShot[t], count<true>, names[t]);
                 CFNotificationCenterRemoveObserver(center, &transient[t], neighbour, nullptr);
                 CFNotificationCenterPostNotification(center, names[t], nullptr, nullptr, true);
                 // The one-shot observer removed itself: this post must miss it.
@@ -410,21 +328,16 @@ TEST(CFNotificationCenterConcurrencyTest, ConcurrentPostsAndRegistrationChanges)
     }
     for (std::thread &thread : threads) thread.join();
 
+    CFNotificationCenterRemoveEveryObserver(center, &everything);
     for (int t = 0; t < kThreads; ++t) {
+        CFNotificationCenterRemoveEveryObserver(center, &perThread[t]);
+        CFNotificationCenterPostNotification(center, names[t], nullptr, nullptr, true);  // reaches no one now
+        CFRelease(names[t]);
         EXPECT_EQ(perThread[t].load(), 3 * kIterations) << t;
         EXPECT_EQ(oneShot[t].load(), kIterations) << t;
         EXPECT_LE(transient[t].load(), 3 * kIterations) << t;
     }
     EXPECT_EQ(everything.load(), kThreads * 3 * kIterations);
-
-    CFNotificationCenterRemoveEveryObserver(center, &everything);
-    for (int t = 0; t < kThreads; ++t) CFNotificationCenterRemoveEveryObserver(center, &perThread[t]);
-    for (int t = 0; t < kThreads; ++t) CFNotificationCenterPostNotification(center, names[t], nullptr, nullptr, true);
-    EXPECT_EQ(everything.load(), kThreads * 3 * kIterations);
-    for (int t = 0; t < kThreads; ++t) {
-        EXPECT_EQ(perThread[t].load(), 3 * kIterations);
-        CFRelease(names[t]);
-    }
 }
 
 }  // namespace
