@@ -238,7 +238,8 @@ void replace(__CFArray *array, CFIndex loc, CFIndex oldLen, const void *const *n
         if (!retainValue(array, allocator, newValues[i], &scratch[i]))
             CF_FATAL_IN(function, "the retain callback failed (out of memory?)");
     }
-    if (oldLen > 0) std::memcpy(scratch + newCount, valuesOf(array) + loc, static_cast<size_t>(oldLen) * sizeof(void *));
+    if (oldLen > 0)
+        std::memcpy(scratch + newCount, valuesOf(array) + loc, static_cast<size_t>(oldLen) * sizeof(void *));
     resizeGap(array, loc, oldLen, newCount, function);
     if (newCount > 0)
         std::memcpy(valuesOf(array) + loc, scratch, static_cast<size_t>(newCount) * sizeof(void *));
@@ -265,12 +266,6 @@ inline __CFArray *mutableArray(CFMutableArrayRef array, const char *function) {
     return array;
 }
 
-void checkCapacity(CFIndex capacity, CFIndex count, const char *function) {
-    if (capacity < 0) CF_FATAL_IN(function, "capacity (%ld) must not be negative", static_cast<long>(capacity));
-    if (capacity > 0 && capacity < count)
-        CF_FATAL_IN(function, "capacity (%ld) is less than the count (%ld) of the array to copy",
-                    static_cast<long>(capacity), static_cast<long>(count));
-}
 
 }  // namespace
 
@@ -305,13 +300,13 @@ CFArrayRef CFArrayCreateCopy(CFAllocatorRef allocator, CFArrayRef theArray) noex
 
 CFMutableArrayRef CFArrayCreateMutable(CFAllocatorRef allocator, CFIndex capacity,
                                        const CFArrayCallBacks *callBacks) noexcept {
-    checkCapacity(capacity, 0, __func__);
+    __CFCheckCapacity(capacity, 0, "array", __func__);
     return newArray(allocator, true, capacity, callBacks);
 }
 
 CFMutableArrayRef CFArrayCreateMutableCopy(CFAllocatorRef allocator, CFIndex capacity, CFArrayRef theArray) noexcept {
     CF_VALIDATE(theArray, kCFArrayTypeID);
-    checkCapacity(capacity, theArray->count, __func__);
+    __CFCheckCapacity(capacity, theArray->count, "array", __func__);
     __CFArray *array = newArray(allocator, true, capacity, &theArray->callBacks);
     return array ? fill(array, valuesOf(theArray), theArray->count) : nullptr;
 }

@@ -56,12 +56,6 @@ inline __CFHashTable *mutableTable(CFMutableDictionaryRef dict, const char *func
     return &dict->table;
 }
 
-void checkCapacity(CFIndex capacity, CFIndex count, const char *function) {
-    if (capacity < 0) CF_FATAL_IN(function, "capacity (%ld) must not be negative", static_cast<long>(capacity));
-    if (capacity > 0 && capacity < count)
-        CF_FATAL_IN(function, "capacity (%ld) is less than the count (%ld) of the dictionary to copy",
-                    static_cast<long>(capacity), static_cast<long>(count));
-}
 
 // Copies `source` into a new dictionary with the same callbacks; NULL when
 // allocation (or a copying key callback) fails.
@@ -128,14 +122,14 @@ CFDictionaryRef CFDictionaryCreateCopy(CFAllocatorRef allocator, CFDictionaryRef
 CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFIndex capacity,
                                                  const CFDictionaryKeyCallBacks *keyCallBacks,
                                                  const CFDictionaryValueCallBacks *valueCallBacks) noexcept {
-    checkCapacity(capacity, 0, __func__);
+    __CFCheckCapacity(capacity, 0, "dictionary", __func__);
     return newDictionary(allocator, true, capacity, keyCallBacksFrom(keyCallBacks), valueCallBacksFrom(valueCallBacks));
 }
 
 CFMutableDictionaryRef CFDictionaryCreateMutableCopy(CFAllocatorRef allocator, CFIndex capacity,
                                                      CFDictionaryRef theDict) noexcept {
     CF_VALIDATE(theDict, kCFDictionaryTypeID);
-    checkCapacity(capacity, theDict->table.count, __func__);
+    __CFCheckCapacity(capacity, theDict->table.count, "dictionary", __func__);
     return copyDictionary(allocator, theDict, true, capacity);
 }
 

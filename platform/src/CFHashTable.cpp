@@ -176,7 +176,8 @@ void appendCString(CFMutableStringRef string, const char *text) {
     CFStringAppendCString(string, text, kCFStringEncodingUTF8);
 }
 
-void appendValueDescription(CFMutableStringRef string, const void *value, CFStringRef (*copyDescription)(const void *)) {
+void appendValueDescription(CFMutableStringRef string, const void *value,
+                            CFStringRef (*copyDescription)(const void *)) {
     CFStringRef description = __CFCopyValueDescription(value, copyDescription);
     if (description) {
         CFStringAppend(string, description);

@@ -126,8 +126,4 @@ CF_PRIVATE void __CFCollectionReleaseType(CFAllocatorRef allocator, const void *
 CF_PRIVATE const void *__CFCollectionCopyString(CFAllocatorRef allocator, const void *value) noexcept;
 }
 
-// Fatal stop with the caller's function name (helpers report on behalf of the
-// public call).
-#define CF_FATAL_IN(function, ...) __CFFatal((function), CF_SOURCE_PATH, __LINE__, __VA_ARGS__)
-
 #endif  // SORVEL_PLATFORM_CFHASHTABLE_H

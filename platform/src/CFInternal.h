@@ -99,6 +99,19 @@ inline void __CFInfoSetTypeBits(CFTypeRef cf, uint32_t bits) {
 // Each type file defines CF_SOURCE_PATH ("CoreFoundation/CFArray") before
 // using these.
 #define CF_FATAL(...) __CFFatal(__func__, CF_SOURCE_PATH, __LINE__, __VA_ARGS__)
+// The same with the caller's function name, for helpers that report on
+// behalf of a public call.
+#define CF_FATAL_IN(function, ...) __CFFatal((function), CF_SOURCE_PATH, __LINE__, __VA_ARGS__)
+
+// A failed call that is not fatal: logged at level 3 through `module`'s
+// gate (the cached threshold first, XPLogDetermineLogLevel while it is 0).
+CF_PRIVATE void __CFLogError(XPLogModule *module, const char *sourcePath, const char *function, int line,
+                             const char *format, ...) __attribute__((format(printf, 5, 6)));
+
+// Stops `function` when a mutable collection's capacity is negative or, for
+// a copy, smaller than the `count` it must hold.  `what` names the
+// collection ("array", "dictionary", "set").
+CF_PRIVATE void __CFCheckCapacity(CFIndex capacity, CFIndex count, const char *what, const char *function);
 
 // Stops the process when cf is NULL or not of `typeID`.  The message names
 // the public function (`function`) so the log tells the caller what went

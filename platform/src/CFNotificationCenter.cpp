@@ -63,19 +63,6 @@ __CFNotificationCenter gLocalCenter = {
 
 XPLogModule gNotificationLog;
 
-void logError(const char *function, int line, const char *format, ...) __attribute__((format(printf, 3, 4)));
-void logError(const char *function, int line, const char *format, ...) {
-    int threshold = __atomic_load_n(&gNotificationLog.threshold, __ATOMIC_RELAXED);
-    if (threshold == 0 ? !XPLogDetermineLogLevel(3, &gNotificationLog, CF_SOURCE_PATH, function, line)
-                       : threshold < 3)
-        return;
-    char message[256];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(message, sizeof message, format, args);
-    va_end(args);
-    XPLogS(3, &gNotificationLog, function, CF_SOURCE_PATH, line, "%s", message);
-}
 
 void releaseRegistration(Registration *registration) {
     if (registration->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
@@ -208,7 +195,8 @@ void CFNotificationCenterAddObserver(CFNotificationCenterRef center, const void 
     CFAllocatorRef allocator = __CFResolveAllocator(nullptr);
     void *memory = CFAllocatorAllocate(allocator, sizeof(Registration), 0);
     if (memory == nullptr) {
-        logError(__func__, __LINE__, "out of memory: observer %p is not registered", observer);
+        __CFLogError(&gNotificationLog, CF_SOURCE_PATH, __func__, __LINE__,
+                     "out of memory: observer %p is not registered", observer);
         return;
     }
     auto *registration = new (memory) Registration{};

@@ -29,19 +29,7 @@
 namespace {
 
 XPLogModule gRuntimeLog;
-
-void logError(const char *function, int line, const char *format, ...) __attribute__((format(printf, 3, 4)));
-void logError(const char *function, int line, const char *format, ...) {
-    int threshold = __atomic_load_n(&gRuntimeLog.threshold, __ATOMIC_RELAXED);
-    if (threshold == 0 ? !XPLogDetermineLogLevel(3, &gRuntimeLog, CF_SOURCE_PATH, function, line) : threshold < 3)
-        return;
-    char message[512];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(message, sizeof message, format, args);
-    va_end(args);
-    XPLogS(3, &gRuntimeLog, function, CF_SOURCE_PATH, line, "%s", message);
-}
+#define LOG_ERROR(...) __CFLogError(&gRuntimeLog, CF_SOURCE_PATH, __func__, __LINE__, __VA_ARGS__)
 
 }  // namespace
 
@@ -61,10 +49,30 @@ void __CFFatal(const char *function, const char *sourcePath, int line, const cha
 void __CFValidateFailed(CFTypeRef cf, CFTypeID typeID, const char *function) {
     const CFRuntimeClass *expected = _CFRuntimeGetClassWithTypeID(typeID);
     const char *expectedName = expected ? expected->className : "object";
-    if (cf == nullptr) __CFFatal(function, "CoreFoundation", __LINE__, "NULL passed where a %s is required", expectedName);
+    if (cf == nullptr)
+        __CFFatal(function, "CoreFoundation", __LINE__, "NULL passed where a %s is required", expectedName);
     const CFRuntimeClass *actual = _CFRuntimeGetClassWithTypeID(__CFTypeIDOf(cf));
     __CFFatal(function, "CoreFoundation", __LINE__, "object %p is a %s, not a %s", cf,
               actual ? actual->className : "(unknown type)", expectedName);
+}
+
+void __CFLogError(XPLogModule *module, const char *sourcePath, const char *function, int line, const char *format,
+                  ...) {
+    int threshold = __atomic_load_n(&module->threshold, __ATOMIC_RELAXED);
+    if (threshold == 0 ? !XPLogDetermineLogLevel(3, module, sourcePath, function, line) : threshold < 3) return;
+    char message[512];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    XPLogS(3, module, function, sourcePath, line, "%s", message);
+}
+
+void __CFCheckCapacity(CFIndex capacity, CFIndex count, const char *what, const char *function) {
+    if (capacity < 0) __CFFatal(function, "CoreFoundation", __LINE__, "capacity (%ld) must not be negative", capacity);
+    if (capacity > 0 && capacity < count)
+        __CFFatal(function, "CoreFoundation", __LINE__, "capacity (%ld) is less than the count (%ld) of the %s to copy",
+                  capacity, count, what);
 }
 
 CFHashCode __CFHashBytes(const uint8_t *bytes, size_t length) {
@@ -367,17 +375,17 @@ extern "C" {
 
 CFTypeID _CFRuntimeRegisterClass(const CFRuntimeClass *cls) noexcept {
     if (cls == nullptr || cls->className == nullptr) {
-        logError(__func__, __LINE__, "class record or its name is NULL");
+        LOG_ERROR("class record or its name is NULL");
         return _kCFRuntimeNotATypeID;
     }
     if (cls->init != nullptr || cls->copy != nullptr) {
-        logError(__func__, __LINE__, "class %s: init and copy callbacks are not supported", cls->className);
+        LOG_ERROR("class %s: init and copy callbacks are not supported", cls->className);
         return _kCFRuntimeNotATypeID;
     }
     uint32_t typeID = gNextTypeID.fetch_add(1, std::memory_order_relaxed);
     if (typeID >= kCFMaxTypeID) {
         gNextTypeID.store(kCFMaxTypeID, std::memory_order_relaxed);
-        logError(__func__, __LINE__, "class table is full; cannot register %s", cls->className);
+        LOG_ERROR("class table is full; cannot register %s", cls->className);
         return _kCFRuntimeNotATypeID;
     }
     gClassTable[typeID].store(cls, std::memory_order_release);
@@ -390,7 +398,7 @@ CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID typeID, CF
                                    unsigned char *category) noexcept {
     (void)category;
     if (classOf(typeID) == nullptr) {
-        logError(__func__, __LINE__, "type %u is not registered", static_cast<unsigned>(typeID));
+        LOG_ERROR("type %u is not registered", static_cast<unsigned>(typeID));
         return nullptr;
     }
     if (extraBytes < 0 || static_cast<size_t>(extraBytes) > (SIZE_MAX >> 2)) return nullptr;
@@ -491,8 +499,10 @@ CFAllocatorRef CFGetAllocator(CFTypeRef cf) noexcept {
         CFAllocatorRef parent = reinterpret_cast<const __CFAllocator *>(base)->parent;
         return parent ? parent : static_cast<CFAllocatorRef>(cf);
     }
-    if (base->_cfinfo & kCFInfoHasAllocatorPrefix)
-        return *reinterpret_cast<const CFAllocatorRef *>(reinterpret_cast<const uint8_t *>(base) - kAllocatorPrefixSize);
+    if (base->_cfinfo & kCFInfoHasAllocatorPrefix) {
+        const uint8_t *prefix = reinterpret_cast<const uint8_t *>(base) - kAllocatorPrefixSize;
+        return *reinterpret_cast<const CFAllocatorRef *>(prefix);
+    }
     return kCFAllocatorSystemDefault;
 }
 

@@ -47,12 +47,6 @@ inline __CFHashTable *mutableTable(CFMutableSetRef set, const char *function) {
     return &set->table;
 }
 
-void checkCapacity(CFIndex capacity, CFIndex count, const char *function) {
-    if (capacity < 0) CF_FATAL_IN(function, "capacity (%ld) must not be negative", static_cast<long>(capacity));
-    if (capacity > 0 && capacity < count)
-        CF_FATAL_IN(function, "capacity (%ld) is less than the count (%ld) of the set to copy",
-                    static_cast<long>(capacity), static_cast<long>(count));
-}
 
 __CFSet *copySet(CFAllocatorRef allocator, CFSetRef source, bool isMutable, CFIndex limit) {
     __CFSet *copy = newSet(allocator, isMutable, limit, source->table.keyCallBacks);
@@ -104,13 +98,13 @@ CFSetRef CFSetCreateCopy(CFAllocatorRef allocator, CFSetRef theSet) noexcept {
 
 CFMutableSetRef CFSetCreateMutable(CFAllocatorRef allocator, CFIndex capacity,
                                    const CFSetCallBacks *callBacks) noexcept {
-    checkCapacity(capacity, 0, __func__);
+    __CFCheckCapacity(capacity, 0, "set", __func__);
     return newSet(allocator, true, capacity, callBacksFrom(callBacks));
 }
 
 CFMutableSetRef CFSetCreateMutableCopy(CFAllocatorRef allocator, CFIndex capacity, CFSetRef theSet) noexcept {
     CF_VALIDATE(theSet, kCFSetTypeID);
-    checkCapacity(capacity, theSet->table.count, __func__);
+    __CFCheckCapacity(capacity, theSet->table.count, "set", __func__);
     return copySet(allocator, theSet, true, capacity);
 }
 

@@ -21,7 +21,8 @@ namespace {
 using sorvel_test::TestAllocator;
 
 std::string contents(CFDataRef data) {
-    return std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(data)), static_cast<size_t>(CFDataGetLength(data)));
+    return std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(data)),
+                       static_cast<size_t>(CFDataGetLength(data)));
 }
 
 const UInt8 *bytesOf(const char *s) { return reinterpret_cast<const UInt8 *>(s); }

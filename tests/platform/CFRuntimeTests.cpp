@@ -200,7 +200,8 @@ TEST(CFRuntime, DescriptionsUseTheClassOrTheDefaultForm) {
 
     CFTypeRef plain = _CFRuntimeCreateInstance(nullptr, plainTypeID(), 0, nullptr);
     char expected[128];
-    snprintf(expected, sizeof expected, "<TestPlain %p [%p]>", plain, static_cast<const void *>(kCFAllocatorSystemDefault));
+    snprintf(expected, sizeof expected, "<TestPlain %p [%p]>", plain,
+             static_cast<const void *>(kCFAllocatorSystemDefault));
     EXPECT_EQ(describe(plain), expected);
     CFRelease(plain);
 
@@ -399,8 +400,8 @@ TEST(CFRuntimeDeathTest, OverReleaseIsFatal) {
 }
 
 TEST(CFRuntimeDeathTest, WrongAllocatorTypeIsFatal) {
-    EXPECT_DEATH(CFAllocatorSetDefault(reinterpret_cast<CFAllocatorRef>(const_cast<void *>(static_cast<const void *>(kCFNull)))),
-                 "is a CFNull, not a CFAllocator");
+    auto notAnAllocator = reinterpret_cast<CFAllocatorRef>(const_cast<void *>(static_cast<const void *>(kCFNull)));
+    EXPECT_DEATH(CFAllocatorSetDefault(notAnAllocator), "is a CFNull, not a CFAllocator");
 }
 
 }  // namespace
