@@ -37,7 +37,7 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
-.PHONY: all test demo bench install clean deps configure build
+.PHONY: all test demo bench bench-deps install clean deps configure build
 
 all: build
 
@@ -60,9 +60,14 @@ test: build
 demo: configure
 	$(TEST_ENV) cmake --build $(BUILD_DIR) -j $(JOBS) --target demo
 
-bench: configure
-	cmake --build $(BUILD_DIR) -j $(JOBS) --target platform_bench
-	$(BUILD_DIR)/bench/platform_bench
+bench-deps:
+	@scripts/install-deps.sh --bench
+
+# Configured again so peers installed since the last configure are found.
+bench: bench-deps configure
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_DIR) > /dev/null
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks
+	@for program in $(BUILD_DIR)/bench/*_bench; do echo "=== $$program"; $$program || exit 1; done
 
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)

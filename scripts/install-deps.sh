@@ -19,6 +19,16 @@ declare -A why=(
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev)
 
+# `install-deps.sh --bench` also installs the libraries the benchmarks
+# measure Sorvel against; the benchmark build skips any that are absent.
+if [[ ${1:-} == --bench ]]; then
+    why[libavutil-dev]="FFmpeg's libavutil, a peer the benchmarks compare against"
+    why[libavcodec-dev]="FFmpeg's libavcodec, a peer the benchmarks compare against"
+    why[libgstreamer1.0-dev]="GStreamer, a peer the benchmarks compare against"
+    why[libboost-dev]="Boost.Lockfree, a peer the benchmarks compare against"
+    wanted+=(libavutil-dev libavcodec-dev libgstreamer1.0-dev libboost-dev)
+fi
+
 if ! command -v dpkg-query >/dev/null 2>&1 || ! command -v apt-get >/dev/null 2>&1; then
     echo "install-deps: this script installs Debian packages and needs dpkg and apt-get." >&2
     echo "install-deps: on another system install clang, cmake, ninja, pkg-config, BlocksRuntime," >&2

@@ -11,6 +11,7 @@
 
 #include "SVLog.h"
 #include "SVObject.h"
+#include "support/LogCapture.h"
 #include "support/TestAllocator.h"
 
 namespace {
@@ -67,30 +68,7 @@ OSStatus TestWidgetCreate(CFAllocatorRef allocator, CFStringRef name, OpaqueTest
     return 0;
 }
 
-struct LogLine {
-    int level;
-    std::string function, path, message;
-    int line;
-};
-
-class LogCapture {
-public:
-    LogCapture() {
-        XPLogSetSink(sink, this);
-        saved_ = XPLogGetThreshold();
-    }
-    ~LogCapture() {
-        XPLogSetSink(nullptr, nullptr);
-        XPLogSetThreshold(saved_);
-    }
-    std::vector<LogLine> lines;
-
-private:
-    static void sink(int level, const char *function, const char *path, int line, const char *message, void *context) {
-        static_cast<LogCapture *>(context)->lines.push_back({level, function, path, message, line});
-    }
-    int saved_;
-};
+using sorvel_test::LogCapture;
 
 TEST(SVObject, TypeIDRegistersOnceAndStaysTheSame) {
     CFTypeID first = gTestWidgetClass.typeID();
@@ -170,11 +148,11 @@ TEST(SVObject, AllocationFailureIsReportedAndLogged) {
     EXPECT_EQ(TestWidgetCreate(allocator.get(), CFSTR("x"), &widget), -12701);
     EXPECT_EQ(widget, nullptr);
     EXPECT_EQ(allocator.outstanding(), 0);
-    ASSERT_EQ(capture.lines.size(), 1u);
-    EXPECT_EQ(capture.lines[0].level, 3);
-    EXPECT_EQ(capture.lines[0].function, "TestWidgetCreate");
-    EXPECT_EQ(capture.lines[0].path, "Sorvel/Sources/SVTestWidget");
-    EXPECT_EQ(capture.lines[0].message.rfind("allocation failed (-12701) for 0x", 0), 0u) << capture.lines[0].message;
+    ASSERT_EQ(capture.count(), 1u);
+    EXPECT_EQ(capture.lines()[0].level, 3);
+    EXPECT_EQ(capture.lines()[0].function, "TestWidgetCreate");
+    EXPECT_EQ(capture.lines()[0].path, "Sorvel/Sources/SVTestWidget");
+    EXPECT_EQ(capture.lines()[0].message.rfind("allocation failed (-12701) for 0x", 0), 0u) << capture.lines()[0].message;
 }
 
 TEST(SVObject, AllocatorIsKeptByTheInstance) {
@@ -203,11 +181,11 @@ TEST(SVLog, GateDropsAndEmitsByThreshold) {
         XPLogSetThreshold(c.threshold);
         gSVLogModule.record.threshold = 0;
         SV_LOG(c.level, "SVGateProbe", 123, "value %d", 7);
-        ASSERT_EQ(capture.lines.size(), c.emitted ? 1u : 0u);
+        ASSERT_EQ(capture.count(), c.emitted ? 1u : 0u);
         if (c.emitted) {
-            EXPECT_EQ(capture.lines[0].message, "value 7");
-            EXPECT_EQ(capture.lines[0].line, 123);
-            EXPECT_EQ(capture.lines[0].level, c.level);
+            EXPECT_EQ(capture.lines()[0].message, "value 7");
+            EXPECT_EQ(capture.lines()[0].line, 123);
+            EXPECT_EQ(capture.lines()[0].level, c.level);
         }
     }
 }
@@ -218,20 +196,20 @@ TEST(SVLog, CachedThresholdIsUsedWithoutAskingAgain) {
     gSVLogModule.record.threshold = 0;
     SV_LOG(3, "SVGateProbe", __LINE__, "first");
     EXPECT_EQ(gSVLogModule.record.threshold, 3) << "the first message caches the threshold";
-    ASSERT_EQ(capture.lines.size(), 1u);
+    ASSERT_EQ(capture.count(), 1u);
 
     // The process now says 1, but the module still holds 3: the gate trusts
     // its cached value and does not consult the log library.
     XPLogSetThreshold(1);
     gSVLogModule.record.threshold = 3;
     SV_LOG(3, "SVGateProbe", __LINE__, "second");
-    EXPECT_EQ(capture.lines.size(), 2u);
+    EXPECT_EQ(capture.count(), 2u);
 
     // A cached 2 drops level 3 outright, whatever the process says.
     XPLogSetThreshold(5);
     gSVLogModule.record.threshold = 2;
     SV_LOG(3, "SVGateProbe", __LINE__, "third");
-    EXPECT_EQ(capture.lines.size(), 2u);
+    EXPECT_EQ(capture.count(), 2u);
 }
 
 TEST(SVLog, StatusIsRenderedOnlyForEmittedMessages) {
@@ -240,10 +218,10 @@ TEST(SVLog, StatusIsRenderedOnlyForEmittedMessages) {
     gSVLogModule.record.threshold = 0;
     SV_LOG_STATUS(3, "SVStatusProbe", 10, 0x7761743F /* 'wat?' */, "failed with %s after %d tries", 3);
     SV_LOG_STATUS_AT("", 3, "SVStatusProbe", 11, -12760, "%s");
-    ASSERT_EQ(capture.lines.size(), 2u);
-    EXPECT_EQ(capture.lines[0].message, "failed with 'wat?' after 3 tries");
-    EXPECT_EQ(capture.lines[1].message, "-12760");
-    EXPECT_EQ(capture.lines[1].path, "");
+    ASSERT_EQ(capture.count(), 2u);
+    EXPECT_EQ(capture.lines()[0].message, "failed with 'wat?' after 3 tries");
+    EXPECT_EQ(capture.lines()[1].message, "-12760");
+    EXPECT_EQ(capture.lines()[1].path, "");
 }
 
 using SVLogDeathTest = testing::Test;
