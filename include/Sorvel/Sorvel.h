@@ -3,5 +3,11 @@
 #define SORVEL_SORVEL_H
 
 #include <Sorvel/SVBase.h>
+#include <Sorvel/SVBlockBuffer.h>
+#include <Sorvel/SVFormatDescription.h>
+#include <Sorvel/SVMemoryPool.h>
+#include <Sorvel/SVMetadata.h>
+#include <Sorvel/SVSimpleQueue.h>
+#include <Sorvel/SVTime.h>
 
 #endif /* SORVEL_SORVEL_H */
