@@ -4,10 +4,13 @@
 
 #include <Sorvel/SVBase.h>
 #include <Sorvel/SVBlockBuffer.h>
+#include <Sorvel/SVClock.h>
 #include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVMetadata.h>
 #include <Sorvel/SVSimpleQueue.h>
+#include <Sorvel/SVSync.h>
 #include <Sorvel/SVTime.h>
+#include <Sorvel/SVTimebase.h>
 
 #endif /* SORVEL_SORVEL_H */
