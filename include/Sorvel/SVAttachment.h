@@ -4,9 +4,11 @@
  *
  * The seven functions below accept three kinds of target: an SVSampleBuffer,
  * a CVPixelBuffer or a CVOpenGLESTexture.  They hand the call on to
- * CoreVideo's buffer-attachment functions unchanged; any other target is
- * logged at level 3 and the call does nothing (or returns NULL).  They take
- * no lock of their own; CoreVideo's attachment storage guards itself.
+ * CoreVideo's buffer-attachment functions unchanged; any other target (NULL
+ * included) is logged at level 3 and the call does nothing (or returns
+ * NULL).  They take no lock of their own; CoreVideo's attachment storage
+ * guards itself, so any thread may call them on a shared target.  Borrowed
+ * results stay valid until the attachment is replaced or removed.
  *
  * Every key, value and notification name below is a constant string whose
  * text is exactly its own name.

@@ -3,11 +3,14 @@
 #define SORVEL_SORVEL_H
 
 #include <Sorvel/SVBase.h>
+#include <Sorvel/SVAttachment.h>
 #include <Sorvel/SVBlockBuffer.h>
+#include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVClock.h>
 #include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVMetadata.h>
+#include <Sorvel/SVSampleBuffer.h>
 #include <Sorvel/SVSimpleQueue.h>
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTime.h>

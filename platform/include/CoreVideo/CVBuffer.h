@@ -16,17 +16,38 @@
  * an instance fresh from _CFRuntimeCreateInstance needs no set-up.
  *
  * The attachment functions may be called on one buffer from several threads
- * at once: the storage guards itself.  Getters return borrowed references
- * that stay valid until the attachment is replaced or removed.
+ * at once: the storage guards itself with a small lock (its `_lock` word)
+ * held only while the dictionaries are read or changed; values replaced or
+ * removed are released after the lock is dropped, so a finalizer they run
+ * may use the attachment functions freely.  Getters return borrowed
+ * references that stay valid until the attachment (or, for
+ * CVBufferGetAttachments, any attachment of that mode) is replaced or
+ * removed; a caller that shares a buffer with writers on other threads
+ * retains what it gets, or uses _CVBufferCopyAttachments.
+ *
+ * The functions cannot tell whether an object really carries the storage:
+ * handing them any other object is undefined.  A NULL buffer does nothing
+ * (getters answer NULL).
  */
 #ifndef COREVIDEO_CVBUFFER_H
 #define COREVIDEO_CVBUFFER_H
 
 #include <CoreFoundation/CoreFoundation.h>
+#include <CoreVideo/CVReturn.h>
 
 CF_EXTERN_C_BEGIN
 
 typedef struct __CVBuffer *CVBufferRef;
+
+/* Retain and release that accept NULL (and then do nothing).  Retain
+ * returns its argument. */
+CF_EXPORT CVBufferRef CVBufferRetain(CVBufferRef buffer) CF_NOEXCEPT;
+CF_EXPORT void CVBufferRelease(CVBufferRef buffer) CF_NOEXCEPT;
+
+/* Keys of a buffer-creation attributes dictionary: a dictionary under each
+ * is set on the new buffer as attachments of that mode. */
+CF_EXPORT const CFStringRef kCVBufferPropagatedAttachmentsKey;
+CF_EXPORT const CFStringRef kCVBufferNonPropagatedAttachmentsKey;
 
 typedef uint32_t CVAttachmentMode;
 enum {
@@ -51,14 +72,28 @@ CF_EXPORT void CVBufferSetAttachment(CVBufferRef buffer, CFStringRef key, CFType
  * the mode it was set with. */
 CF_EXPORT CFTypeRef CVBufferGetAttachment(CVBufferRef buffer, CFStringRef key,
                                           CVAttachmentMode *attachmentMode) CF_NOEXCEPT;
+/* Removes `key` from whichever mode holds it; an absent key does nothing. */
 CF_EXPORT void CVBufferRemoveAttachment(CVBufferRef buffer, CFStringRef key) CF_NOEXCEPT;
+/* Removes every attachment of both modes. */
 CF_EXPORT void CVBufferRemoveAllAttachments(CVBufferRef buffer) CF_NOEXCEPT;
-/* The attachments of one mode, or NULL when there are none.  Borrowed. */
+/* The attachments of one mode, or NULL when there are none (also after the
+ * last one was removed, and for a mode other than the two).  Borrowed: the
+ * buffer's own dictionary, valid until that mode's attachments change. */
 CF_EXPORT CFDictionaryRef CVBufferGetAttachments(CVBufferRef buffer, CVAttachmentMode attachmentMode) CF_NOEXCEPT;
-/* Sets every entry of `theAttachments` with `attachmentMode`. */
+/* Sets every entry of `theAttachments` with `attachmentMode`, as
+ * CVBufferSetAttachment would one by one (under one lock).  A NULL
+ * dictionary or an unknown mode does nothing. */
 CF_EXPORT void CVBufferSetAttachments(CVBufferRef buffer, CFDictionaryRef theAttachments,
                                       CVAttachmentMode attachmentMode) CF_NOEXCEPT;
-/* Copies the source's propagating attachments onto the destination. */
+/* An immutable copy, made with `allocator` (NULL: the default), of the
+ * attachments of one mode, taken under the storage's lock; NULL when there
+ * are none of that mode or the copy cannot be made.  Owned by the caller. */
+CF_EXPORT CFDictionaryRef _CVBufferCopyAttachments(CFAllocatorRef allocator, CVBufferRef buffer,
+                                                   CVAttachmentMode attachmentMode) CF_NOEXCEPT;
+/* Copies the source's propagating attachments onto the destination (as
+ * propagating attachments; a key the destination has in the other mode
+ * moves).  The source's entries are read first, under its lock only, so two
+ * threads propagating in opposite directions cannot deadlock. */
 CF_EXPORT void CVBufferPropagateAttachments(CVBufferRef sourceBuffer, CVBufferRef destinationBuffer) CF_NOEXCEPT;
 
 /* Releases the attachment storage of `buffer`; the last step of the

@@ -1,0 +1,446 @@
+/*
+ * SVSampleBuffer: media samples together with their format, timing, sizes,
+ * readiness and attachments.
+ *
+ * A sample buffer is one of two kinds, fixed at creation:
+ * - a data-buffer sample buffer: any number of samples whose bytes lie one
+ *   after the other in an SVBlockBuffer (which may be attached later, see
+ *   SVSampleBufferSetDataBuffer), with a timing array and a size array.
+ *   Each array holds 0 entries (unknown), 1 entry (that entry stands for
+ *   every sample) or one entry per sample;
+ * - an image-buffer sample buffer: exactly one decoded frame in a CoreVideo
+ *   image buffer, with one timing record.
+ * Either kind carries an SVFormatDescription (optional for the data kind).
+ *
+ * Readiness.  A buffer's data may not be there yet when the buffer is made
+ * (a capture or a network read still filling it).  Each buffer has a ready
+ * flag, an optional make-data-ready callback that can fill the data on
+ * demand, and a failure status.  A buffer may track another buffer's
+ * readiness (every copy tracks its source); readiness questions then go to
+ * the last buffer of that chain, the one that tracks nothing (a chain that
+ * loops back on itself is not refused, but asking it never ends).
+ * Readiness only ever goes from not ready to ready.
+ *
+ * Invalidation.  SVSampleBufferInvalidate marks a buffer unusable (one way,
+ * at most once) after calling its invalidate handler.  An invalidated buffer
+ * answers every getter as NULL would and refuses the checked operations with
+ * kSVSampleBufferError_Invalidated; its data is kept until it is finalized.
+ *
+ * Output timing.  The "output" getters apply the buffer attachments
+ * kSVSampleBufferAttachmentKey_TrimDurationAtStart, ...TrimDurationAtEnd,
+ * ...SpeedMultiplier and ...Reverse (see <Sorvel/SVAttachment.h>) to the
+ * stored timing: the times at which the samples are to be presented.
+ *
+ * Ownership.  Create and Copy calls give the caller one reference; release
+ * it with CFRelease.  The buffer retains its block or image buffer, its
+ * format description and any buffer it tracks, and keeps its own copies of
+ * the caller's timing and size arrays.  Get calls return borrowed
+ * references, valid while the sample buffer lives.  Attachments are set on
+ * a sample buffer with the calls of <Sorvel/SVAttachment.h> (or CoreVideo's
+ * CVBuffer calls, which accept a sample buffer directly).
+ *
+ * Threads.  A sample buffer takes no lock.  Reading one buffer from several
+ * threads is safe; changing it (readiness, data buffer, invalidation,
+ * handlers, output time) while another thread uses it is not.  Buffer
+ * attachments guard themselves, but the output getters read the trim and
+ * speed values they borrow, so set those before other threads read output
+ * timing.  Callbacks and handlers run on the thread that caused them, with
+ * no lock held.
+ *
+ * Errors are the kSVSampleBufferError_ codes below.  Ordinary failures are
+ * not logged; a broken internal invariant ends the process ("BUG").
+ */
+#ifndef SORVEL_SVSAMPLEBUFFER_H
+#define SORVEL_SVSAMPLEBUFFER_H
+
+#include <Sorvel/SVBase.h>
+#include <Sorvel/SVBlockBuffer.h>
+#include <Sorvel/SVFormatDescription.h>
+#include <Sorvel/SVTime.h>
+
+#include <CoreVideo/CoreVideo.h>
+
+#include <stddef.h>
+#include <stdint.h>
+
+SV_EXTERN_C_BEGIN
+
+typedef struct OpaqueSVSampleBuffer *SVSampleBufferRef;
+
+/* Status codes. */
+enum {
+    /* An object or array could not be allocated. */
+    kSVSampleBufferError_AllocationFailed = -12730,
+    /* A required pointer argument is NULL. */
+    kSVSampleBufferError_RequiredParameterMissing = -12731,
+    /* The buffer already has a data buffer. */
+    kSVSampleBufferError_AlreadyHasDataBuffer = -12732,
+    /* The data is not ready and nothing can make it ready. */
+    kSVSampleBufferError_BufferNotReady = -12733,
+    /* A sample index or range lies beyond the samples. */
+    kSVSampleBufferError_SampleIndexOutOfRange = -12734,
+    /* The buffer holds no sample sizes. */
+    kSVSampleBufferError_BufferHasNoSampleSizes = -12735,
+    /* The buffer holds no usable timing entries. */
+    kSVSampleBufferError_BufferHasNoSampleTimingInfo = -12736,
+    /* The caller's array is smaller than the count needed. */
+    kSVSampleBufferError_ArrayTooSmall = -12737,
+    /* A timing or size entry count is neither 0, 1 nor the number of
+     * samples. */
+    kSVSampleBufferError_InvalidEntryCount = -12738,
+    /* The buffer has no samples to divide. */
+    kSVSampleBufferError_CannotSubdivide = -12739,
+    /* The operation needs a data-buffer sample buffer. */
+    kSVSampleBufferError_InvalidMediaTypeForOperation = -12741,
+    /* The format description's subtype cannot be written as bytes. */
+    kSVSampleBufferError_InvalidMediaFormat = -12743,
+    /* The buffer has been invalidated. */
+    kSVSampleBufferError_Invalidated = -12744
+};
+
+/* The timing of one sample, or of every sample when a buffer has a single
+ * entry.  Fields in this order, 72 bytes. */
+typedef struct SVSampleTimingInfo {
+    SVTime duration;
+    SVTime presentationTimeStamp;
+    SVTime decodeTimeStamp; /* kSVTimeInvalid when decode order is presentation order */
+} SVSampleTimingInfo;
+
+/* Makes the data of `sbuf` ready (fills it, waits for it...); returns 0 on
+ * success or a status of the caller's choosing, which the asking call
+ * returns unchanged. */
+typedef OSStatus (*SVSampleBufferMakeDataReadyCallback)(SVSampleBufferRef sbuf, void *makeDataReadyRefcon);
+
+/* Called once, when the buffer is invalidated. */
+typedef void (*SVSampleBufferInvalidateCallback)(SVSampleBufferRef sbuf, uint64_t invalidateRefCon);
+
+/* Called for one sample of an iteration with a new one-sample buffer
+ * (borrowed: it is released after the call) and the sample's index; a
+ * non-zero result stops the iteration and is returned from it. */
+typedef OSStatus (*SVSampleBufferForEachSampleCallback)(SVSampleBufferRef sampleBuffer, SVItemCount index,
+                                                        void *refcon);
+
+#if __BLOCKS__
+typedef void (^SVSampleBufferInvalidateHandler)(SVSampleBufferRef sbuf);
+typedef OSStatus (^SVSampleBufferForEachSampleHandler)(SVSampleBufferRef sampleBuffer, SVItemCount index);
+/* Returns a writable buffer of at least `size` bytes, or NULL. */
+typedef void * (^SVSampleBufferPacketAllocator)(size_t size);
+#endif
+
+/* ==== The object =========================================================== */
+
+/* The sample buffer class's type identifier (the class is registered on
+ * first use). */
+SV_EXPORT CFTypeID SVSampleBufferGetTypeID(void) SV_NOEXCEPT;
+
+/* ==== Creation ============================================================== */
+
+/* Creates a data-buffer sample buffer of `numSamples` samples.
+ * `dataBuffer` (may be NULL: attach it later with SVSampleBufferSetDataBuffer)
+ * and `formatDescription` (may be NULL) are retained.  `dataReady` tells
+ * whether the data is already complete; otherwise `makeDataReadyCallback`
+ * (may be NULL) is called with `makeDataReadyRefcon` by
+ * SVSampleBufferMakeDataReady.
+ * Each entry count must be 0, 1 or `numSamples`; the arrays are copied.  A
+ * count with a NULL array is stored as given and then reads as "no array".
+ * Nothing else is checked: the sizes need not add up to the data length.
+ * Returns 0 with the new buffer in *sampleBufferOut;
+ * kSVSampleBufferError_RequiredParameterMissing for a NULL `sampleBufferOut`,
+ * kSVSampleBufferError_InvalidEntryCount for a count of 2 or more that is not
+ * `numSamples` (*sampleBufferOut untouched in both cases),
+ * kSVSampleBufferError_AllocationFailed (*sampleBufferOut set to NULL when
+ * the object itself cannot be made). */
+SV_EXPORT OSStatus SVSampleBufferCreate(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
+                                        SVSampleBufferMakeDataReadyCallback makeDataReadyCallback,
+                                        void *makeDataReadyRefcon, SVFormatDescriptionRef formatDescription,
+                                        SVItemCount numSamples, SVItemCount numSampleTimingEntries,
+                                        const SVSampleTimingInfo *sampleTimingArray, SVItemCount numSampleSizeEntries,
+                                        const size_t *sampleSizeArray, SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* SVSampleBufferCreate with the data ready and no make-data-ready
+ * callback. */
+SV_EXPORT OSStatus SVSampleBufferCreateReady(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
+                                             SVFormatDescriptionRef formatDescription, SVItemCount numSamples,
+                                             SVItemCount numSampleTimingEntries,
+                                             const SVSampleTimingInfo *sampleTimingArray,
+                                             SVItemCount numSampleSizeEntries, const size_t *sampleSizeArray,
+                                             SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* Creates an image-buffer sample buffer: one sample, `imageBuffer` and
+ * `formatDescription` retained, `*sampleTiming` copied.  The description is
+ * not compared with the image.  Returns
+ * kSVSampleBufferError_RequiredParameterMissing for a NULL `sampleBufferOut`
+ * (nothing written) or a NULL image buffer, description or timing
+ * (*sampleBufferOut set to NULL); kSVSampleBufferError_AllocationFailed
+ * (*sampleBufferOut set to NULL). */
+SV_EXPORT OSStatus SVSampleBufferCreateForImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffer,
+                                                      Boolean dataReady,
+                                                      SVSampleBufferMakeDataReadyCallback makeDataReadyCallback,
+                                                      void *makeDataReadyRefcon,
+                                                      SVVideoFormatDescriptionRef formatDescription,
+                                                      const SVSampleTimingInfo *sampleTiming,
+                                                      SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* SVSampleBufferCreateForImageBuffer with the data ready and no
+ * make-data-ready callback. */
+SV_EXPORT OSStatus SVSampleBufferCreateReadyWithImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffer,
+                                                            SVVideoFormatDescriptionRef formatDescription,
+                                                            const SVSampleTimingInfo *sampleTiming,
+                                                            SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* ==== Plain getters =========================================================
+ * Each answers NULL, 0 or false for a NULL or invalidated buffer. */
+
+/* True while the buffer is not invalidated (false for NULL). */
+SV_EXPORT Boolean SVSampleBufferIsValid(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* Borrowed; may be NULL for a data-buffer sample buffer. */
+SV_EXPORT SVFormatDescriptionRef SVSampleBufferGetFormatDescription(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* Borrowed; NULL for an image-buffer sample buffer or before a data buffer
+ * is attached. */
+SV_EXPORT SVBlockBufferRef SVSampleBufferGetDataBuffer(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* Borrowed; NULL for a data-buffer sample buffer. */
+SV_EXPORT CVImageBufferRef SVSampleBufferGetImageBuffer(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* 1 for an image-buffer sample buffer. */
+SV_EXPORT SVItemCount SVSampleBufferGetNumSamples(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* ==== Buffer-wide timing =====================================================
+ * NULL or invalidated buffers give kSVTimeInvalid.  An image-buffer sample
+ * buffer answers from its one record.  A data-buffer sample buffer: */
+
+/* the least presentation time of its entries; kSVTimeInvalid without a
+ * timing array or when the entry count is neither 1 nor the sample count. */
+SV_EXPORT SVTime SVSampleBufferGetPresentationTimeStamp(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* the FIRST entry's decode time (not the least); kSVTimeInvalid without
+ * entries. */
+SV_EXPORT SVTime SVSampleBufferGetDecodeTimeStamp(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* kSVTimeZero without timing entries; one entry's duration times the sample
+ * count; the sum of one entry per sample; kSVTimeInvalid otherwise. */
+SV_EXPORT SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* ==== Output timing ==========================================================
+ * The stored timing with the trim, speed and reverse attachments applied:
+ *   output presentation = presentation + trim at start, or, when Reverse is
+ *                         kCFBooleanTrue, presentation + duration - trim at end;
+ *   output duration     = (duration - trim at start - trim at end) / speed;
+ *   output decode       = output presentation + (decode - presentation) / speed.
+ * Trims that are missing or not valid count as zero, a missing speed as 1.0.
+ * NULL and invalidated buffers, and a speed of exactly 0.0 for the duration
+ * and decode time, give an all-zero SVTime (invalid). */
+
+/* The override set with SVSampleBufferSetOutputPresentationTimeStamp when
+ * it is valid, else computed as above. */
+SV_EXPORT SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+/* Stores a time that replaces the computed output presentation time (an
+ * invalid time removes the override).  Not checked, also allowed on an
+ * invalidated buffer.  kSVSampleBufferError_RequiredParameterMissing for
+ * NULL. */
+SV_EXPORT OSStatus SVSampleBufferSetOutputPresentationTimeStamp(SVSampleBufferRef sbuf,
+                                                                SVTime outputPresentationTimeStamp) SV_NOEXCEPT;
+/* Computed from the output presentation time (override included). */
+SV_EXPORT SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+SV_EXPORT SVTime SVSampleBufferGetOutputDuration(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* ==== Timing and size arrays ================================================= */
+
+/* Copies the stored timing entries (1 for an image-buffer sample buffer; 1
+ * when one entry stands for every sample).  *timingArrayEntriesNeededOut
+ * (when not NULL) receives the count before the capacity is checked, so a
+ * caller can size its array from a kSVSampleBufferError_ArrayTooSmall reply.
+ * A NULL `timingArrayOut` only asks for the count (returns 0).  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing (NULL buffer),
+ * kSVSampleBufferError_Invalidated, kSVSampleBufferError_BufferHasNoSampleTimingInfo
+ * (data buffer without entries), kSVSampleBufferError_ArrayTooSmall.
+ * Nothing is written to `timingArrayOut` on failure. */
+SV_EXPORT OSStatus SVSampleBufferGetSampleTimingInfoArray(SVSampleBufferRef sbuf, SVItemCount timingArrayEntries,
+                                                          SVSampleTimingInfo *timingArrayOut,
+                                                          SVItemCount *timingArrayEntriesNeededOut) SV_NOEXCEPT;
+
+/* As SVSampleBufferGetSampleTimingInfoArray, then every one of the
+ * `timingArrayEntries` slots of the caller's array is turned into output
+ * timing with the buffer's trims, speed and reverse (the output presentation
+ * override is not used).  Slots past the entries copied are transformed as
+ * they stand, so pass the count needed as the capacity.  A NULL or
+ * invalidated buffer gives kSVSampleBufferError_Invalidated. */
+SV_EXPORT OSStatus SVSampleBufferGetOutputSampleTimingInfoArray(SVSampleBufferRef sbuf, SVItemCount timingArrayEntries,
+                                                                SVSampleTimingInfo *timingArrayOut,
+                                                                SVItemCount *timingArrayEntriesNeededOut) SV_NOEXCEPT;
+
+/* Copies the timing of one sample (with one entry for every sample, that
+ * entry) into *timingInfoOut, which must not be NULL.  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing, kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_SampleIndexOutOfRange,
+ * kSVSampleBufferError_BufferHasNoSampleTimingInfo. */
+SV_EXPORT OSStatus SVSampleBufferGetSampleTimingInfo(SVSampleBufferRef sbuf, SVItemIndex sampleIndex,
+                                                     SVSampleTimingInfo *timingInfoOut) SV_NOEXCEPT;
+
+/* The size in bytes of one sample; 0 whenever it is not known (NULL,
+ * invalidated or image-buffer sample buffer, index out of range, no usable
+ * size array). */
+SV_EXPORT size_t SVSampleBufferGetSampleSize(SVSampleBufferRef sbuf, SVItemIndex sampleIndex) SV_NOEXCEPT;
+
+/* Copies the stored sizes (1 when one size stands for every sample).
+ * *sizeArrayEntriesNeededOut is required and receives the count (0 when
+ * there are no sizes) before the capacity is checked; a NULL `sizeArrayOut`
+ * only asks for the count.  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing, kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_BufferHasNoSampleSizes (also for image-buffer sample
+ * buffers), kSVSampleBufferError_ArrayTooSmall. */
+SV_EXPORT OSStatus SVSampleBufferGetSampleSizeArray(SVSampleBufferRef sbuf, SVItemCount sizeArrayEntries,
+                                                    size_t *sizeArrayOut,
+                                                    SVItemCount *sizeArrayEntriesNeededOut) SV_NOEXCEPT;
+
+/* The sum of the sample sizes (wrapping in size_t); 0 when unknown. */
+SV_EXPORT size_t SVSampleBufferGetTotalSampleSize(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* ==== Data buffer, readiness and failure ===================================== */
+
+/* Attaches the data buffer of a data-buffer sample buffer made without one
+ * (retained).  Does not make the data ready.  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing, kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_InvalidMediaTypeForOperation (image-buffer sample
+ * buffer), kSVSampleBufferError_AlreadyHasDataBuffer. */
+SV_EXPORT OSStatus SVSampleBufferSetDataBuffer(SVSampleBufferRef sbuf, SVBlockBufferRef dataBuffer) SV_NOEXCEPT;
+
+/* Whether the data is ready, answered by the last buffer of the tracking
+ * chain (false when that buffer is invalidated; false for NULL). */
+SV_EXPORT Boolean SVSampleBufferDataIsReady(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* Marks this buffer's own data ready (a tracking chain is not followed: a
+ * buffer that tracks another keeps answering with the other's readiness).
+ * Posts kSVSampleBufferNotification_DataBecameReady through the local
+ * notification center, with the buffer as the object, when the flag
+ * changes.  Statuses: kSVSampleBufferError_RequiredParameterMissing,
+ * kSVSampleBufferError_Invalidated. */
+SV_EXPORT OSStatus SVSampleBufferSetDataReady(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* Makes the data ready through the make-data-ready callback of the last
+ * buffer of the tracking chain, which is called with that buffer (not with
+ * `sbuf`).  Returns 0 when the data is (or already was) ready; the
+ * callback's own status when it fails (the data stays not ready); 0 without
+ * marking it ready when the buffer was invalidated while the callback ran;
+ * kSVSampleBufferError_BufferNotReady when there is no callback;
+ * kSVSampleBufferError_Invalidated; kSVSampleBufferError_RequiredParameterMissing.
+ * Posts kSVSampleBufferNotification_DataBecameReady (object: the deciding
+ * buffer) when it marks the data ready. */
+SV_EXPORT OSStatus SVSampleBufferMakeDataReady(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* Makes `sbuf` answer readiness questions with `sbufToTrack`'s readiness
+ * (retained until `sbuf` is finalized).  Tracking another buffer later
+ * replaces the link; the replaced buffer is NOT released (it stays
+ * retained for the life of `sbuf`).  Returns 0, or
+ * kSVSampleBufferError_RequiredParameterMissing for a NULL `sbufToTrack`;
+ * a NULL `sbuf` does nothing. */
+SV_EXPORT OSStatus SVSampleBufferTrackDataReadiness(SVSampleBufferRef sbuf, SVSampleBufferRef sbufToTrack) SV_NOEXCEPT;
+
+/* Records that the data could not be produced (`status` non-zero; 0 clears
+ * the record).  Readiness is not touched.  A non-zero status posts
+ * kSVSampleBufferNotification_DataFailed with the buffer as the object and
+ * the status under kSVSampleBufferNotificationParameter_OSStatus (a
+ * CFNumber) in the user info.  Returns 0 (a NULL buffer does nothing). */
+SV_EXPORT OSStatus SVSampleBufferSetDataFailed(SVSampleBufferRef sbuf, OSStatus status) SV_NOEXCEPT;
+
+/* True when a failure status is recorded; it is written to *statusOut when
+ * that is not NULL. */
+SV_EXPORT Boolean SVSampleBufferHasDataFailed(SVSampleBufferRef sbuf, OSStatus *statusOut) SV_NOEXCEPT;
+
+/* ==== Invalidation =========================================================== */
+
+/* Calls the invalidate handler (if any) with the buffer, then marks it
+ * invalid.  Statuses: kSVSampleBufferError_RequiredParameterMissing,
+ * kSVSampleBufferError_Invalidated when it already is (the handler runs at
+ * most once). */
+SV_EXPORT OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) SV_NOEXCEPT;
+
+/* Installs the function to call at invalidation, replacing any handler or
+ * callback installed before (there is one slot).  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing, kSVSampleBufferError_Invalidated. */
+SV_EXPORT OSStatus SVSampleBufferSetInvalidateCallback(SVSampleBufferRef sbuf,
+                                                       SVSampleBufferInvalidateCallback invalidateCallback,
+                                                       uint64_t invalidateRefCon) SV_NOEXCEPT;
+
+#if __BLOCKS__
+/* As SVSampleBufferSetInvalidateCallback with a block, which is copied and
+ * released when replaced or when the buffer is finalized. */
+SV_EXPORT OSStatus SVSampleBufferSetInvalidateHandler(SVSampleBufferRef sbuf,
+                                                      SVSampleBufferInvalidateHandler invalidateHandler) SV_NOEXCEPT;
+#endif
+
+/* ==== Copies and iteration ===================================================
+ * Every copy retains its source and tracks its readiness, and takes over
+ * the source's format description, make-data-ready callback, failure status
+ * and output presentation override.  Buffer attachments are not copied. */
+
+/* A copy sharing the source's data or image buffer, with copies of its
+ * timing and sizes and a new array holding the same per-sample attachment
+ * dictionaries (edits through either buffer are seen by both).  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing, kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_AllocationFailed (*sampleBufferOut set to NULL). */
+SV_EXPORT OSStatus SVSampleBufferCreateCopy(CFAllocatorRef allocator, SVSampleBufferRef sbuf,
+                                            SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* A copy whose timing is replaced by the 0 or 1 entries given (0 entries:
+ * a data-buffer copy then has no timing, an image-buffer copy keeps the
+ * source's).  Statuses: kSVSampleBufferError_InvalidEntryCount for 2 or more
+ * entries, kSVSampleBufferError_RequiredParameterMissing for a count without
+ * an array, then those of SVSampleBufferCreateCopy. */
+SV_EXPORT OSStatus SVSampleBufferCreateCopyWithNewTiming(CFAllocatorRef allocator, SVSampleBufferRef sbuf,
+                                                         SVItemCount numSampleTimingEntries,
+                                                         const SVSampleTimingInfo *sampleTimingArray,
+                                                         SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* A data-buffer sample buffer of the samples `sampleRange` (location,
+ * length) of `sbuf`, whose data buffer references the bytes of those
+ * samples in the source's data buffer (nothing is copied).  The byte range
+ * comes from the sizes; without sizes every sample counts as the data
+ * length divided by the sample count.  Per-sample attachments are not
+ * carried over.  Statuses: kSVSampleBufferError_InvalidMediaTypeForOperation
+ * (image-buffer sample buffer), kSVSampleBufferError_RequiredParameterMissing,
+ * kSVSampleBufferError_CannotSubdivide (no samples),
+ * kSVSampleBufferError_SampleIndexOutOfRange (range past the end),
+ * kSVSampleBufferError_AllocationFailed.  `sbuf` must not be NULL. */
+SV_EXPORT OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSampleBufferRef sbuf,
+                                                          CFRange sampleRange,
+                                                          SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* Calls `callback` for each sample in order with a one-sample range copy
+ * and the sample's index; stops at, and returns, the first non-zero status
+ * of the callback or of the range copy.  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing (NULL buffer),
+ * kSVSampleBufferError_InvalidMediaTypeForOperation (image-buffer sample
+ * buffer), kSVSampleBufferError_CannotSubdivide (no samples). */
+SV_EXPORT OSStatus SVSampleBufferCallForEachSample(SVSampleBufferRef sbuf, SVSampleBufferForEachSampleCallback callback,
+                                                   void *refcon) SV_NOEXCEPT;
+
+#if __BLOCKS__
+/* SVSampleBufferCallForEachSample with a block. */
+SV_EXPORT OSStatus SVSampleBufferCallBlockForEachSample(SVSampleBufferRef sbuf,
+                                                        SVSampleBufferForEachSampleHandler handler) SV_NOEXCEPT;
+
+/* Writes the one video sample of `sbuf` as a contiguous packet in memory
+ * that `packetAllocator` returns.  For 'h263' and 'mp4v' the packet is the
+ * sample's bytes, preceded on a sync sample, when `extraDataMode` is 1, by
+ * the "extradata" entry of the description's sample-description extension
+ * atoms.  Statuses: kSVSampleBufferError_RequiredParameterMissing (NULL or
+ * invalidated buffer, no format description, no data buffer),
+ * kSVSampleBufferError_AllocationFailed (the allocator returned NULL),
+ * kSVSampleBufferError_InvalidMediaFormat (a subtype that cannot be
+ * written), or the status of copying the bytes. */
+SV_EXPORT OSStatus _SVSampleBufferOutputVideoSampleAsBytes(SVSampleBufferRef sbuf, int32_t extraDataMode,
+                                                           SVSampleBufferPacketAllocator packetAllocator) SV_NOEXCEPT;
+#endif
+
+/* ==== Per-sample attachments ================================================= */
+
+/* The buffer's array of per-sample attachment dictionaries (borrowed):
+ * one mutable dictionary per sample (one for an image-buffer sample
+ * buffer), edited in place with the kSVSampleAttachmentKey_ keys of
+ * <Sorvel/SVAttachment.h>.  When the buffer has none yet and
+ * `createIfNecessary` is true, an array of empty dictionaries is made (not
+ * for a data-buffer sample buffer of 0 samples, which answers NULL).
+ * NULL answers NULL; invalidation is not checked. */
+SV_EXPORT CFArrayRef SVSampleBufferGetSampleAttachmentsArray(SVSampleBufferRef sbuf,
+                                                             Boolean createIfNecessary) SV_NOEXCEPT;
+
+SV_EXTERN_C_END
+
+#endif /* SORVEL_SVSAMPLEBUFFER_H */
