@@ -10,6 +10,7 @@
 #include <Sorvel/SVAttachment.h>
 #include <Sorvel/SVBlockBuffer.h>
 #include <Sorvel/SVFormatDescription.h>
+#include <Sorvel/SVNALUnit.h>
 #include <Sorvel/SVSampleBuffer.h>
 
 #include <atomic>
@@ -186,10 +187,12 @@ OSStatus writeRawSample(SVSampleBufferRef sbuf, int32_t extraDataMode,
 
 namespace sorvel {
 
-bool SVSampleBufferWriteAnnexBPacket(SVSampleBufferRef, int32_t, SVSampleBufferPacketAllocator, OSStatus *) noexcept {
-    // The H.264/HEVC Annex B writer plugs in here; without it these
-    // subtypes take the unknown-format path.
-    return false;
+bool SVSampleBufferWriteAnnexBPacket(SVSampleBufferRef sbuf, int32_t extraDataMode,
+                                     SVSampleBufferPacketAllocator packetAllocator, OSStatus *statusOut) noexcept {
+    // The extra-data mode doubles as the encoder's include-parameter-sets
+    // flag: both mean "make this packet decodable on its own".
+    *statusOut = _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(sbuf, extraDataMode, nullptr, 0, packetAllocator);
+    return true;
 }
 
 }  // namespace sorvel

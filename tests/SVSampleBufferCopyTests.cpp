@@ -375,11 +375,11 @@ TEST(SVSampleBufferBytes, RawSamplesGoOutWithExtraDataBeforeSyncSamples) {
 TEST(SVSampleBufferBytes, FailuresReturnTheirStatusAndLogTheirFixedLines) {
     LogCapture log(4);
     auto data = patternData(5);
-    auto avc = videoFormat('avc1');
+    auto jpeg = videoFormat('jpeg');
     auto raw = videoFormat('h263');
-    auto avcSample = dataSample(data.get(), 1, {}, {}, avc.get());
+    auto jpegSample = dataSample(data.get(), 1, {}, {}, jpeg.get());
     OSStatus status = 0;
-    writeBytes(avcSample.get(), 0, &status);
+    writeBytes(jpegSample.get(), 0, &status);
     EXPECT_EQ(status, kSVSampleBufferError_InvalidMediaFormat);
 
     auto rawSample = dataSample(data.get(), 1, {}, {}, raw.get());
@@ -405,7 +405,7 @@ TEST(SVSampleBufferBytes, FailuresReturnTheirStatusAndLogTheirFixedLines) {
         int line;
         const char *message;
     } expected[] = {
-        {3, "_SVSampleBufferOutputVideoSampleAsBytes", 1703, "Bad media format 'avc1'"},
+        {3, "_SVSampleBufferOutputVideoSampleAsBytes", 1703, "Bad media format 'jpeg'"},
         {3, "_SVSampleBufferOutputVideoSampleAsBytesForH263", 1664, "Failed to allocate packet of size 5"},
         {3, "_SVSampleBufferOutputVideoSampleAsBytesForH263", 1624, "No block buffer"},
     };

@@ -41,6 +41,8 @@
 
 #include <AudioToolbox/AudioFormat.h>
 #include <CoreAudio/CoreAudioTypes.h>
+#include <CoreGraphics/CGGeometry.h>
+#include <CoreVideo/CoreVideo.h>
 
 #include <stddef.h>
 #include <stdint.h>
@@ -420,6 +422,124 @@ SV_EXPORT OSStatus SVTextFormatDescriptionGetDefaultStyle(SVTextFormatDescriptio
  * (kSVFormatDescriptionError_ValueNotAvailable). */
 SV_EXPORT OSStatus SVTextFormatDescriptionGetFontName(SVTextFormatDescriptionRef desc, uint16_t localFontID,
                                                       CFStringRef *fontNameOut) SV_NOEXCEPT;
+
+/* ==== Video ===================================================================
+ *
+ * Video descriptions have media type 'vide'; their payload is the coded
+ * dimensions and, for descriptions made from H.264 ('avc1') or HEVC ('hvc1')
+ * parameter sets, owned copies of the sets and the NAL unit header length
+ * (the size of the length prefix of each unit in the samples).  Geometry and
+ * colour live in the extensions under the kCVImageBuffer... keys. */
+
+typedef FourCharCode SVVideoCodecType;
+
+typedef struct {
+    int32_t width;
+    int32_t height;
+} SVVideoDimensions;
+
+/* A video description with the given codec type and dimensions (not
+ * checked) and an immutable copy of extensions (may be NULL).  0, or
+ * kSVFormatDescriptionError_InvalidParameter for a NULL output,
+ * kSVFormatDescriptionError_AllocationFailed. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreate(CFAllocatorRef allocator, SVVideoCodecType codecType, int32_t width,
+                                                  int32_t height, CFDictionaryRef extensions,
+                                                  SVVideoFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* A description of what imageBuffer holds: its encoded size (truncated), for
+ * a pixel buffer its pixel format as subtype and its bytes per row under
+ * kSVFormatDescriptionExtension_BytesPerRow, for any other image buffer the
+ * subtype 'wat?'; the extensions are the buffer's attachments of the keys
+ * of SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers.
+ * kSVFormatDescriptionError_InvalidParameter for a NULL output or buffer. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateForImageBuffer(
+    CFAllocatorRef allocator, CVImageBufferRef imageBuffer,
+    SVVideoFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* The stored dimensions; 0 x 0 for NULL or a description that is not video.
+ * For parameter-set descriptions these are the dimensions after cropping
+ * (H.264 frame cropping, HEVC conformance window). */
+SV_EXPORT SVVideoDimensions SVVideoFormatDescriptionGetDimensions(SVVideoFormatDescriptionRef desc) SV_NOEXCEPT;
+
+/* The display size: the dimensions through the clean aperture and/or pixel
+ * aspect ratio extensions when asked for.  CGSizeZero for NULL or non-video. */
+SV_EXPORT CGSize SVVideoFormatDescriptionGetPresentationDimensions(SVVideoFormatDescriptionRef desc,
+                                                                   Boolean usePixelAspectRatio,
+                                                                   Boolean useCleanAperture) SV_NOEXCEPT;
+
+/* The clean aperture within the dimensions (the whole picture without the
+ * extension).  CGRectZero for NULL or non-video. */
+SV_EXPORT CGRect SVVideoFormatDescriptionGetCleanAperture(SVVideoFormatDescriptionRef desc,
+                                                          Boolean originIsAtTopLeft) SV_NOEXCEPT;
+
+/* The eleven extension keys that video descriptions share with image-buffer
+ * attachments.  Built once; do not release.  Thread-safe. */
+SV_EXPORT CFArrayRef SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers(void) SV_NOEXCEPT;
+
+/* An 'avc1' description from H.264 parameter sets (each a whole NAL unit
+ * without start code or length prefix: SPS type 7, PPS type 8, SPS
+ * extension type 13, in any order; at least one SPS).  The first SPS gives
+ * the dimensions after cropping and the extensions: pixel aspect ratio,
+ * colour primaries, transfer function (with gamma level for the pure-gamma
+ * curves), YCbCr matrix, full range (set only when true), chroma location
+ * (left for 4:2:0 when the stream does not say), field count (2 when
+ * frame_mbs_only_flag is 0, with top-first field detail) and the avcC record
+ * under kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms ->
+ * "avcC".  nalUnitHeaderLength must be 1, 2, 3 or 4.  The sets are copied.
+ * kSVFormatDescriptionError_InvalidParameter for a missing argument, a zero
+ * count, a bad header length, an empty set or one above 65535 bytes, an
+ * unexpected NAL unit type, more than 31 SPSs or 255 PPSs, or an SPS that
+ * does not parse or has a field out of its legal range (all logged);
+ * kSVFormatDescriptionError_AllocationFailed. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(
+    CFAllocatorRef allocator, size_t parameterSetCount, const uint8_t *const *parameterSetPointers,
+    const size_t *parameterSetSizes, int nalUnitHeaderLength,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* The same from an Annex B run of parameter sets (3- or 4-byte start codes). */
+SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
+    CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* Parameter set `index` of an 'avc1' description; every output is optional.
+ * The pointer is borrowed from the description.
+ * kSVFormatDescriptionError_InvalidParameter for NULL, a non-video or
+ * non-'avc1' description, or index not below the count. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(
+    SVFormatDescriptionRef desc, size_t index, const uint8_t **parameterSetPointerOut, size_t *parameterSetSizeOut,
+    size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
+
+/* An 'hvc1' description from HEVC parameter sets (VPS 32, SPS 33, PPS 34 and
+ * optional SEI 39/40 NAL units, at least one each of VPS, SPS and PPS).  As
+ * the H.264 creator, with the conformance window for cropping, field count 2
+ * when the VUI's field_seq_flag is set, and the hvcC record under "hvcC".
+ * nalUnitHeaderLength must be 1, 2 or 4 (the record cannot say 3).  Entries
+ * of `extensions` (may be NULL) are added and win over the derived ones; the
+ * record is added to an atoms dictionary given there. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+    CFAllocatorRef allocator, size_t parameterSetCount, const uint8_t *const *parameterSetPointers,
+    const size_t *parameterSetSizes, int nalUnitHeaderLength, CFDictionaryRef extensions,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
+    CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* As the H.264 accessor, for 'hvc1' descriptions. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(
+    SVFormatDescriptionRef desc, size_t index, const uint8_t **parameterSetPointerOut, size_t *parameterSetSizeOut,
+    size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
+
+/* True when imageBuffer could be described by desc: desc is video, its
+ * dimensions equal the buffer's encoded size (truncated to integers), its
+ * subtype equals the pixel format of a pixel buffer ('wat?' for any other
+ * image buffer), and for every key common with image buffers the
+ * description's extension and the buffer's attachment are both absent or
+ * CFEqual.  Other extensions (bytes per row, atoms) are ignored.  False for
+ * NULL arguments.  A description made by
+ * SVVideoFormatDescriptionCreateForImageBuffer matches its buffer. */
+SV_EXPORT Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef desc,
+                                                             CVImageBufferRef imageBuffer) SV_NOEXCEPT;
 
 /* ==== Time code, metadata and muxed descriptions ============================== */
 

@@ -10,6 +10,7 @@
 #include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVMetadata.h>
+#include <Sorvel/SVNALUnit.h>
 #include <Sorvel/SVSampleBuffer.h>
 #include <Sorvel/SVSimpleQueue.h>
 #include <Sorvel/SVSync.h>

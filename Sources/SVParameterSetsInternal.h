@@ -1,0 +1,157 @@
+// Private to the video format descriptions: a bit reader for H.264/HEVC
+// RBSPs, the parsed sequence-parameter-set fields the descriptions need, and
+// the builders of the avcC and hvcC decoder configuration records.
+#ifndef SORVEL_SOURCES_SVPARAMETERSETSINTERNAL_H
+#define SORVEL_SOURCES_SVPARAMETERSETSINTERNAL_H
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace sorvel {
+
+// Removes emulation-prevention bytes (00 00 03 -> 00 00) from a NAL unit.
+std::vector<uint8_t> SVUnescapeRBSP(const uint8_t *data, size_t size);
+
+// MSB-first reader over an unescaped RBSP.  Reading past the end sets a
+// sticky error flag and yields zeros, so a parser checks `failed()` once at
+// its end (and before any loop whose bound comes from the stream).
+class SVBitReader {
+  public:
+    SVBitReader(const uint8_t *data, size_t size) noexcept : data_(data), bits_(size * 8) {}
+
+    uint32_t bits(unsigned count) noexcept {
+        uint32_t value = 0;
+        for (unsigned i = 0; i < count; ++i) value = (value << 1) | bit();
+        return value;
+    }
+    uint32_t bit() noexcept {
+        if (position_ >= bits_) {
+            failed_ = true;
+            return 0;
+        }
+        const uint32_t value = (data_[position_ >> 3] >> (7 - (position_ & 7))) & 1;
+        ++position_;
+        return value;
+    }
+    void skip(size_t count) noexcept {
+        if (count > bits_ - position_) {
+            failed_ = true;
+            position_ = bits_;
+        } else {
+            position_ += count;
+        }
+    }
+    // Exp-Golomb; codes longer than 32 bits are malformed and fail.
+    uint32_t ue() noexcept {
+        unsigned zeros = 0;
+        while (bit() == 0) {
+            if (failed_ || ++zeros > 31) {
+                failed_ = true;
+                return 0;
+            }
+        }
+        return static_cast<uint32_t>((uint64_t{1} << zeros) - 1 + bits(zeros));
+    }
+    int32_t se() noexcept {
+        const uint32_t code = ue();
+        return (code & 1) ? static_cast<int32_t>((code >> 1) + 1) : -static_cast<int32_t>(code >> 1);
+    }
+    // The value when it is at most `max`, else fails.
+    uint32_t ue(uint32_t max) noexcept {
+        const uint32_t value = ue();
+        if (value > max) failed_ = true;
+        return value;
+    }
+    int32_t se(int32_t min, int32_t max) noexcept {
+        const int32_t value = se();
+        if (value < min || value > max) failed_ = true;
+        return value;
+    }
+    void fail() noexcept { failed_ = true; }
+    bool failed() const noexcept { return failed_; }
+
+  private:
+    const uint8_t *data_;
+    size_t bits_;
+    size_t position_ = 0;
+    bool failed_ = false;
+};
+
+// The video-usability fields that become extensions.  -1 means absent.
+struct SVVideoUsability {
+    int aspectRatioIdc = -1;
+    uint32_t sarWidth = 0;
+    uint32_t sarHeight = 0;
+    bool videoSignalTypePresent = false;
+    bool fullRange = false;
+    int colourPrimaries = -1;
+    int transferCharacteristics = -1;
+    int matrixCoefficients = -1;
+    int chromaLocTop = -1;
+    int chromaLocBottom = -1;
+    bool fieldSeq = false;  // HEVC field_seq_flag
+};
+
+struct SVH264SPS {
+    uint8_t profileIdc = 0;
+    uint8_t constraintFlags = 0;
+    uint8_t levelIdc = 0;
+    uint32_t chromaFormatIdc = 1;
+    uint32_t bitDepthLumaMinus8 = 0;
+    uint32_t bitDepthChromaMinus8 = 0;
+    bool frameMbsOnly = true;
+    int32_t codedWidth = 0;
+    int32_t codedHeight = 0;
+    int32_t width = 0;  // after cropping
+    int32_t height = 0;
+    SVVideoUsability vui;
+};
+
+struct SVHEVCSPS {
+    // profile_tier_level's general part, as the hvcC record wants it.
+    uint8_t generalProfileSpace = 0;
+    uint8_t generalTier = 0;
+    uint8_t generalProfileIdc = 0;
+    uint32_t generalProfileCompatibility = 0;
+    uint64_t generalConstraintFlags = 0;  // 48 bits
+    uint8_t generalLevelIdc = 0;
+    uint32_t maxSubLayersMinus1 = 0;
+    bool temporalIdNesting = false;
+    uint32_t chromaFormatIdc = 1;
+    uint32_t bitDepthLumaMinus8 = 0;
+    uint32_t bitDepthChromaMinus8 = 0;
+    int32_t codedWidth = 0;
+    int32_t codedHeight = 0;
+    int32_t width = 0;  // after the conformance window
+    int32_t height = 0;
+    uint32_t minSpatialSegmentationIdc = 0;
+    SVVideoUsability vui;
+};
+
+// Parse a whole NAL unit (header included).  On failure they return false
+// and describe the first problem in `why` (a static string).
+bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why);
+bool SVParseHEVCSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char *&why);
+// The VPS is only checked for its fixed fields; nothing in it is used.
+bool SVCheckHEVCVPS(const uint8_t *nal, size_t size, const char *&why);
+
+// Records built from the parameter sets, in the order given within each
+// array.  NULL when an allocation fails.
+CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint8_t *const *sets,
+                                                const size_t *sizes, size_t count, int nalUnitHeaderLength);
+CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets,
+                                                 const size_t *sizes, size_t count, int nalUnitHeaderLength);
+
+// Adds the pixel aspect ratio, colour, range, chroma-location and field
+// extensions to `extensions`, logging the codes that have no value as
+// `function` at `line` of the video module.  chromaFormatIdc gives the
+// default chroma location (left for 4:2:0).
+void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVideoUsability &vui,
+                                   uint32_t chromaFormatIdc, bool interlaced, const char *function, int line);
+
+}  // namespace sorvel
+
+#endif  // SORVEL_SOURCES_SVPARAMETERSETSINTERNAL_H

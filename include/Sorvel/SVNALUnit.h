@@ -1,0 +1,110 @@
+/*
+ * NAL units and Annex B byte streams: splitting H.264 and HEVC elementary
+ * streams into NAL units (start-code delimited or length-prefixed),
+ * removing emulation-prevention bytes, turning avcC and hvcC decoder
+ * configuration records into an Annex B run of their parameter sets, and
+ * rewriting a length-prefixed 'avc1'/'hvc1' sample buffer as Annex B.
+ *
+ * The enumerators never fail: malformed input ends the walk and the count
+ * of units reported so far is returned.  They read only the bytes they are
+ * given, hold no state and may be called from any thread at once.  A NULL
+ * handler is allowed: the enumerator then only counts.  The handler's
+ * pointers point into the caller's data and are valid as long as it is.
+ *
+ * Statuses: kSVFormatDescriptionError_InvalidParameter (-12710) for bad
+ * arguments and unsupported input, kSVFormatDescriptionError_AllocationFailed
+ * (-12711) when an allocation fails.
+ */
+#ifndef SORVEL_SVNALUNIT_H
+#define SORVEL_SVNALUNIT_H
+
+#include <Sorvel/SVBase.h>
+#include <Sorvel/SVSampleBuffer.h>
+
+#include <stddef.h>
+#include <stdint.h>
+
+SV_EXTERN_C_BEGIN
+
+#if __BLOCKS__
+/* Called once per unit with its first byte and its length in bytes; the
+ * return value is ignored. */
+typedef int (^SVNALUnitHandler)(const uint8_t *unit, size_t length);
+
+/* Splits an Annex B stream whose start codes are `startCodeLength` bytes
+ * long (startCodeLength - 1 zero bytes, then 0x01).  Each unit is reported
+ * with its leading start code, up to the next start code (the last one to
+ * the end of the data).  Only start codes followed by at least one byte
+ * count.  Returns 0 for NULL data, a negative startCodeLength or data not
+ * longer than one start code; a startCodeLength below 1 matches at the
+ * first byte. */
+SV_EXPORT size_t _SVEnumerateAnnexBNALUnits(const uint8_t *data, size_t length, int32_t startCodeLength,
+                                            SVNALUnitHandler handler) SV_NOEXCEPT;
+
+/* Splits an Annex B stream with 3- or 4-byte start codes (00 00 01, with an
+ * optional zero before it).  Units are reported without their start code;
+ * one zero byte before a start code is trimmed from the unit before it;
+ * empty units are neither reported nor counted.  Returns 0 for NULL data or
+ * length <= 3. */
+SV_EXPORT size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length,
+                                                    SVNALUnitHandler handler) SV_NOEXCEPT;
+
+/* Splits a stream of units each preceded by a big-endian length of
+ * `lengthPrefixSize` bytes (above 4 only the last four bytes count).  Each
+ * unit is reported with its prefix.  The walk stops at a length that
+ * overflows, exceeds INT32_MAX or runs past the end.
+ * Returns 0 for NULL data, a negative prefix size or one above `length`;
+ * with a zero prefix size no unit could advance the walk, so nothing is
+ * reported. */
+SV_EXPORT size_t _SVEnumerateNALUnits(const uint8_t *data, size_t length, int32_t lengthPrefixSize,
+                                      SVNALUnitHandler handler) SV_NOEXCEPT;
+#endif
+
+/* Copies `length` bytes from `source` to `destination`, dropping every 0x03
+ * preceded in the source by two zero bytes (a dropped 0x03 counts as one of
+ * the two for the byte after it, which is never itself dropped).
+ * `destination` must hold `length` bytes and may be `source` itself (the
+ * copy never writes ahead of what it has read).  Returns the number of
+ * bytes written. */
+SV_EXPORT size_t _SVUnemulateNALData(const uint8_t *source, size_t length, uint8_t *destination) SV_NOEXCEPT;
+
+/* Makes an Annex B run (4-byte start codes) of the sequence and picture
+ * parameter sets of an avcC record.  Bytes missing from a short record read
+ * as zero, so a truncated record gives zero-filled output, not an error.
+ * Stores the record's NAL unit header length (1 to 4) in
+ * `nalUnitHeaderLengthOut` when it is not NULL, and a new mutable data object
+ * that the caller releases in `dataOut`.  Statuses: -12710 (NULL dataOut),
+ * -12711. */
+SV_EXPORT OSStatus _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(
+    const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut,
+    CFMutableDataRef *dataOut) SV_NOEXCEPT;
+
+/* The same for an hvcC record: every unit of every array, each written as
+ * 00 00 00 01, one byte holding the array's NAL unit type, then the unit's
+ * bytes.  Statuses: -12710 (NULL record or dataOut, zero size, a record of
+ * 22 bytes or fewer, which is logged), -12711. */
+SV_EXPORT OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(
+    const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut,
+    CFMutableDataRef *dataOut) SV_NOEXCEPT;
+
+#if __BLOCKS__
+/* Rewrites the length-prefixed units of an 'avc1' or 'hvc1' sample buffer
+ * as Annex B with 4-byte start codes, into one buffer obtained from
+ * `allocator` with the exact total size (the allocator is called once, after
+ * the input has been checked; the buffer belongs to whoever it gave it to).  When `includeParameterSets` is 1
+ * and the sample is a sync sample (its first sample-attachments dictionary
+ * has no true kSVSampleAttachmentKey_NotSync), the format description's
+ * parameter sets come first.  Units with an empty payload are dropped, and
+ * so are units whose first byte & 0x1F is one of the `skipCount` bytes of
+ * `nalTypesToSkip` (may be NULL when skipCount is 0).  Statuses: -12710
+ * (NULL arguments, another subtype, no data, non-contiguous data), -12711
+ * (the allocator returned NULL), or the parameter-set getter's failure. */
+SV_EXPORT OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer,
+                                                                  int32_t includeParameterSets,
+                                                                  const uint8_t *nalTypesToSkip, size_t skipCount,
+                                                                  SVSampleBufferPacketAllocator allocator) SV_NOEXCEPT;
+#endif
+
+SV_EXTERN_C_END
+
+#endif /* SORVEL_SVNALUNIT_H */
