@@ -1,9 +1,11 @@
+SHELL := /bin/bash
 # The commands a person types. CMake and Ninja do the real work; this file
 # installs what is missing, configures once, builds and runs.
 #
 #   make test                             build and run every test
 #   make demo                             build and run the examples
 #   make bench                            build and run the benchmarks
+#   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
 #   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
 #   make clean                            remove the build folders this file makes
 #
@@ -37,7 +39,7 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
-.PHONY: all test demo bench bench-deps install clean deps configure build
+.PHONY: all test demo bench bench-deps fuzz install clean deps configure build
 
 all: build
 
@@ -69,8 +71,30 @@ bench: bench-deps configure
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks
 	@for program in $(BUILD_DIR)/bench/*_bench; do echo "=== $$program"; $$program || exit 1; done
 
+# Coverage-guided fuzzing of every byte parser with ASan and UBSan, in
+# build-fuzz/: each target runs FUZZ_SECONDS on a scratch copy of its seed
+# corpus (new inputs stay out of the tree).  Any crash, leak, hang or
+# sanitizer report fails the run.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@test -f build-fuzz/build.ninja || CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja \
+		-DCMAKE_BUILD_TYPE=Debug "-DCMAKE_C_FLAGS_DEBUG=-O1 -g" "-DCMAKE_CXX_FLAGS_DEBUG=-O1 -g" \
+		-DSORVEL_SANITIZE=address,undefined -DSORVEL_BUILD_FUZZ=ON \
+		-DSORVEL_BUILD_TESTS=OFF -DSORVEL_BUILD_BENCH=OFF -DSORVEL_BUILD_EXAMPLES=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
+	@for program in build-fuzz/fuzz/*_fuzz; do \
+		name=$$(basename $$program _fuzz); \
+		rm -rf build-fuzz/corpus/$$name && mkdir -p build-fuzz/corpus/$$name && \
+		cp fuzz/corpus/$$name/* build-fuzz/corpus/$$name/ && \
+		echo "=== $$name ($(FUZZ_SECONDS) s)" && \
+		ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		$$program -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
+			-artifact_prefix=build-fuzz/ build-fuzz/corpus/$$name 2>&1 | grep -E "^(stat::number_of_executed_units|==|SUMMARY|Done)" ; \
+		test $${PIPESTATUS[0]} -eq 0 || exit 1; \
+	done
+
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
 clean:
-	rm -rf build build-asan-ubsan build-tsan $(BUILD_DIR)
+	rm -rf build build-asan-ubsan build-tsan build-fuzz $(BUILD_DIR)
