@@ -54,7 +54,7 @@ union ArgValue {
 // arguments would read far past anything the caller passed.
 constexpr int kMaxArguments = 4096;
 
-struct Spec {
+struct Directive {
     CFIndex start = 0;  // the conversion's text in the format, '%' included
     CFIndex end = 0;
     bool minus = false, plus = false, space = false, hash = false, zero = false, grouping = false;
@@ -130,26 +130,26 @@ ArgType argTypeFor(UniChar conversion, Length length) {
 }
 
 // Parses the conversion starting at format[i] == '%'.  Returns false when it
-// is malformed (spec.end still marks where its text stops).
-bool parseSpec(const __CFStringView &format, CFIndex i, int &nextArg, std::vector<ArgType> &types, Spec &spec) {
-    spec.start = i++;
+// is malformed (directive.end still marks where its text stops).
+bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std::vector<ArgType> &types, Directive &directive) {
+    directive.start = i++;
     bool bad = false;
     const int position = parsePosition(format, i, bad);
 
     for (; i < format.length; ++i) {
         UniChar c = format.at(i);
         if (c == '-')
-            spec.minus = true;
+            directive.minus = true;
         else if (c == '+')
-            spec.plus = true;
+            directive.plus = true;
         else if (c == ' ')
-            spec.space = true;
+            directive.space = true;
         else if (c == '#')
-            spec.hash = true;
+            directive.hash = true;
         else if (c == '0')
-            spec.zero = true;
+            directive.zero = true;
         else if (c == '\'')
-            spec.grouping = true;
+            directive.grouping = true;
         else
             break;
     }
@@ -159,8 +159,8 @@ bool parseSpec(const __CFStringView &format, CFIndex i, int &nextArg, std::vecto
         ++i;
         widthPosition = parsePosition(format, i, bad);
     } else if (i < format.length && format.at(i) >= '1' && format.at(i) <= '9') {
-        spec.width = parseNumber(format, i);
-        if (spec.width < 0) bad = true;
+        directive.width = parseNumber(format, i);
+        if (directive.width < 0) bad = true;
     }
 
     int precisionPosition = -2;
@@ -170,8 +170,8 @@ bool parseSpec(const __CFStringView &format, CFIndex i, int &nextArg, std::vecto
             ++i;
             precisionPosition = parsePosition(format, i, bad);
         } else {
-            spec.precision = parseNumber(format, i);
-            if (spec.precision < 0) bad = true;
+            directive.precision = parseNumber(format, i);
+            if (directive.precision < 0) bad = true;
         }
     }
 
@@ -180,35 +180,35 @@ bool parseSpec(const __CFStringView &format, CFIndex i, int &nextArg, std::vecto
             case 'h':
                 ++i;
                 if (i < format.length && format.at(i) == 'h')
-                    ++i, spec.length = Length::hh;
+                    ++i, directive.length = Length::hh;
                 else
-                    spec.length = Length::h;
+                    directive.length = Length::h;
                 break;
             case 'l':
                 ++i;
                 if (i < format.length && format.at(i) == 'l')
-                    ++i, spec.length = Length::ll;
+                    ++i, directive.length = Length::ll;
                 else
-                    spec.length = Length::l;
+                    directive.length = Length::l;
                 break;
-            case 'q': ++i, spec.length = Length::ll; break;
-            case 'j': ++i, spec.length = Length::j; break;
-            case 'z': ++i, spec.length = Length::z; break;
-            case 't': ++i, spec.length = Length::t; break;
-            case 'L': ++i, spec.length = Length::L; break;
+            case 'q': ++i, directive.length = Length::ll; break;
+            case 'j': ++i, directive.length = Length::j; break;
+            case 'z': ++i, directive.length = Length::z; break;
+            case 't': ++i, directive.length = Length::t; break;
+            case 'L': ++i, directive.length = Length::L; break;
             default: break;
         }
     }
 
     if (i >= format.length) {
-        spec.end = format.length;
+        directive.end = format.length;
         return false;
     }
-    spec.conversion = format.at(i);
-    spec.end = i + 1;
-    if (spec.conversion == '%') return !bad;
+    directive.conversion = format.at(i);
+    directive.end = i + 1;
+    if (directive.conversion == '%') return !bad;
 
-    ArgType type = argTypeFor(spec.conversion, spec.length);
+    ArgType type = argTypeFor(directive.conversion, directive.length);
     if (type == ArgType::None || bad) return false;
 
     auto take = [&](int requested, ArgType argType) -> int {
@@ -219,10 +219,10 @@ bool parseSpec(const __CFStringView &format, CFIndex i, int &nextArg, std::vecto
         return index;
     };
     // printf order: width, precision, then the value.
-    if (widthPosition != -2 && (spec.widthArg = take(widthPosition, ArgType::Int)) < 0) return false;
-    if (precisionPosition != -2 && (spec.precisionArg = take(precisionPosition, ArgType::Int)) < 0) return false;
-    spec.valueArg = take(position, type);
-    return spec.valueArg >= 0;
+    if (widthPosition != -2 && (directive.widthArg = take(widthPosition, ArgType::Int)) < 0) return false;
+    if (precisionPosition != -2 && (directive.precisionArg = take(precisionPosition, ArgType::Int)) < 0) return false;
+    directive.valueArg = take(position, type);
+    return directive.valueArg >= 0;
 }
 
 void fetchArguments(const std::vector<ArgType> &types, std::vector<ArgValue> &values, va_list arguments) {
@@ -300,13 +300,13 @@ void decodeCString(const uint8_t *bytes, size_t count, bool cut, __CFUnitBuffer 
 
 // Lowercase hex of a pointer with "0x", even for NULL (printf's "(nil)" is
 // not what descriptions want).
-void appendPointer(__CFUnitBuffer &out, const void *pointer, const Spec &spec, int width) {
+void appendPointer(__CFUnitBuffer &out, const void *pointer, const Directive &directive, int width) {
     char text[2 + 2 * sizeof(void *) + 1];
     int count =
         std::snprintf(text, sizeof text, "0x%lx", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pointer)));
     UniChar units[sizeof text];
     for (int k = 0; k < count; ++k) units[k] = static_cast<uint8_t>(text[k]);
-    appendPadded(out, units, count, width, spec.minus);
+    appendPadded(out, units, count, width, directive.minus);
 }
 
 #pragma clang diagnostic push
@@ -333,7 +333,7 @@ void appendNumber(__CFUnitBuffer &out, const char *conversion, T value) {
 
 #pragma clang diagnostic pop
 
-void appendNumeric(__CFUnitBuffer &out, const Spec &spec, const ArgValue &value, ArgType type, int width, int precision,
+void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, ArgType type, int width, int precision,
                    bool leftAlign) {
     // Rebuild one sanitised conversion: flags, width, precision, length and
     // the conversion character, nothing else.
@@ -341,16 +341,16 @@ void appendNumeric(__CFUnitBuffer &out, const Spec &spec, const ArgValue &value,
     size_t n = 0;
     conversion[n++] = '%';
     if (leftAlign) conversion[n++] = '-';
-    if (spec.plus) conversion[n++] = '+';
-    if (spec.space) conversion[n++] = ' ';
-    if (spec.hash) conversion[n++] = '#';
-    if (spec.zero) conversion[n++] = '0';
-    if (spec.grouping) conversion[n++] = '\'';
+    if (directive.plus) conversion[n++] = '+';
+    if (directive.space) conversion[n++] = ' ';
+    if (directive.hash) conversion[n++] = '#';
+    if (directive.zero) conversion[n++] = '0';
+    if (directive.grouping) conversion[n++] = '\'';
     if (width >= 0) n += static_cast<size_t>(std::snprintf(conversion + n, sizeof conversion - n, "%d", width));
     if (precision >= 0)
         n += static_cast<size_t>(std::snprintf(conversion + n, sizeof conversion - n, ".%d", precision));
-    UniChar c = spec.conversion;
-    Length length = spec.length;
+    UniChar c = directive.conversion;
+    Length length = directive.length;
     if (c == 'D' || c == 'U' || c == 'O') {
         c = static_cast<UniChar>(c - 'A' + 'a');
         length = Length::l;
@@ -415,20 +415,20 @@ void appendObject(__CFUnitBuffer &out, CFTypeRef object, CFDictionaryRef formatO
     if (description) CFRelease(description);
 }
 
-void appendText(__CFUnitBuffer &out, const Spec &spec, const ArgValue &value, int width, int precision, bool leftAlign,
+void appendText(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, int width, int precision, bool leftAlign,
                 CFDictionaryRef formatOptions) {
-    const UniChar conversion = spec.conversion;
+    const UniChar conversion = directive.conversion;
     __CFUnitBuffer text;
     // As with the compiler's checks for string formats, "l" makes %c and %s
     // the same as %C and %S: a UniChar and a UniChar string.
-    if (conversion == 'c' && spec.length != Length::l) {
+    if (conversion == 'c' && directive.length != Length::l) {
         text.append(static_cast<uint8_t>(value.i));
     } else if (conversion == 'c' || conversion == 'C') {
         text.append(static_cast<UniChar>(value.i));
     } else if (value.p == nullptr) {
         static const UniChar kNull[] = {'(', 'n', 'u', 'l', 'l', ')'};
         text.append(kNull, precision >= 0 && precision < 6 ? precision : 6);
-    } else if (conversion == 's' && spec.length != Length::l) {
+    } else if (conversion == 's' && directive.length != Length::l) {
         const auto *bytes = static_cast<const uint8_t *>(value.p);
         // With a precision the text need not be NUL-terminated.
         size_t count = precision >= 0 ? strnlen(reinterpret_cast<const char *>(bytes), static_cast<size_t>(precision))
@@ -450,7 +450,7 @@ void appendText(__CFUnitBuffer &out, const Spec &spec, const ArgValue &value, in
 bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef formatString, va_list arguments) {
     const __CFStringView format = __CFStringGetView(formatString);
 
-    std::vector<Spec> specs;
+    std::vector<Directive> specs;
     std::vector<ArgType> types;
     std::vector<bool> valid;
     int nextArg = 0;
@@ -459,11 +459,11 @@ bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef 
             ++i;
             continue;
         }
-        Spec spec;
-        bool ok = parseSpec(format, i, nextArg, types, spec);
-        specs.push_back(spec);
+        Directive directive;
+        bool ok = parseConversion(format, i, nextArg, types, directive);
+        specs.push_back(directive);
         valid.push_back(ok);
-        i = spec.end;
+        i = directive.end;
     }
 
     std::vector<ArgValue> values;
@@ -471,53 +471,53 @@ bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef 
 
     CFIndex literalStart = 0;
     for (size_t k = 0; k < specs.size(); ++k) {
-        const Spec &spec = specs[k];
-        out.appendView(format, literalStart, spec.start - literalStart);
-        literalStart = spec.end;
+        const Directive &directive = specs[k];
+        out.appendView(format, literalStart, directive.start - literalStart);
+        literalStart = directive.end;
         if (!valid[k]) {
-            out.appendView(format, spec.start, spec.end - spec.start);
+            out.appendView(format, directive.start, directive.end - directive.start);
             continue;
         }
-        if (spec.conversion == '%') {
+        if (directive.conversion == '%') {
             out.append('%');
             continue;
         }
         // One positional argument used as two different types cannot be
         // read as both: such conversions are copied as they stand.
-        if (types[static_cast<size_t>(spec.valueArg)] != argTypeFor(spec.conversion, spec.length) ||
-            (spec.widthArg >= 0 && types[static_cast<size_t>(spec.widthArg)] != ArgType::Int) ||
-            (spec.precisionArg >= 0 && types[static_cast<size_t>(spec.precisionArg)] != ArgType::Int)) {
-            out.appendView(format, spec.start, spec.end - spec.start);
+        if (types[static_cast<size_t>(directive.valueArg)] != argTypeFor(directive.conversion, directive.length) ||
+            (directive.widthArg >= 0 && types[static_cast<size_t>(directive.widthArg)] != ArgType::Int) ||
+            (directive.precisionArg >= 0 && types[static_cast<size_t>(directive.precisionArg)] != ArgType::Int)) {
+            out.appendView(format, directive.start, directive.end - directive.start);
             continue;
         }
-        int width = spec.width;
-        bool leftAlign = spec.minus;
-        if (spec.widthArg >= 0) {
-            width = values[static_cast<size_t>(spec.widthArg)].i;
+        int width = directive.width;
+        bool leftAlign = directive.minus;
+        if (directive.widthArg >= 0) {
+            width = values[static_cast<size_t>(directive.widthArg)].i;
             if (width < 0) {
                 // A negative '*' width means left alignment.
                 leftAlign = true;
                 width = width == INT_MIN ? INT_MAX : -width;
             }
         }
-        int precision = spec.precision;
-        if (spec.precisionArg >= 0) {
-            precision = values[static_cast<size_t>(spec.precisionArg)].i;
+        int precision = directive.precision;
+        if (directive.precisionArg >= 0) {
+            precision = values[static_cast<size_t>(directive.precisionArg)].i;
             if (precision < 0) precision = -1;  // as if none was given
         }
-        const ArgValue &value = values[static_cast<size_t>(spec.valueArg)];
-        switch (spec.conversion) {
+        const ArgValue &value = values[static_cast<size_t>(directive.valueArg)];
+        switch (directive.conversion) {
             case 'n': break;  // refused: writing through a format argument is never wanted
             case '@':
                 appendObject(out, static_cast<CFTypeRef>(value.p), formatOptions, width, precision, leftAlign);
                 break;
-            case 'p': appendPointer(out, value.p, spec, width); break;
+            case 'p': appendPointer(out, value.p, directive, width); break;
             case 'c':
             case 'C':
             case 's':
-            case 'S': appendText(out, spec, value, width, precision, leftAlign, formatOptions); break;
+            case 'S': appendText(out, directive, value, width, precision, leftAlign, formatOptions); break;
             default:
-                appendNumeric(out, spec, value, types[static_cast<size_t>(spec.valueArg)], width, precision, leftAlign);
+                appendNumeric(out, directive, value, types[static_cast<size_t>(directive.valueArg)], width, precision, leftAlign);
                 break;
         }
     }
