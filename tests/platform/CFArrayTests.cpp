@@ -12,36 +12,19 @@
 #include <string>
 #include <vector>
 
+#include "support/CollectionHelpers.h"
 #include "support/TestAllocator.h"
 
 namespace {
 
-// Values are numbers from a counting allocator, so a leak or a double release
-// shows up as a wrong live count (and as an ASan report).
-sorvel_test::TestAllocator &numbers() {
-    static sorvel_test::TestAllocator allocator;
-    return allocator;
-}
-long live() { return numbers().outstanding(); }
-CFTypeRef number(long value) { return CFNumberCreate(numbers().get(), kCFNumberLongType, &value); }
+using namespace sorvel_test;
+
 long valueOf(const void *cf) {
     long value = -1;
     CFNumberGetValue(static_cast<CFNumberRef>(cf), kCFNumberLongType, &value);
     return value;
 }
-void release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef cf : objects) CFRelease(cf);
-}
 
-std::string describe(CFTypeRef cf) {
-    CFStringRef description = CFCopyDescription(cf);
-    char buffer[4096] = "<unconvertible>";
-    CFStringGetCString(description, buffer, sizeof buffer, kCFStringEncodingUTF8);
-    CFRelease(description);
-    return buffer;
-}
-
-const void *raw(uintptr_t n) { return reinterpret_cast<const void *>(n); }
 
 CFMutableArrayRef makeArray(const std::vector<const void *> &values, const CFArrayCallBacks *callBacks) {
     CFMutableArrayRef array = CFArrayCreateMutable(nullptr, 0, callBacks);

@@ -13,35 +13,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "support/CollectionHelpers.h"
 #include "support/TestAllocator.h"
 
 namespace {
 
-// Keys and values are numbers from a counting allocator (equal and hashed by
-// value), so a leak or a double release shows up as a wrong live count.
-sorvel_test::TestAllocator &numbers() {
-    static sorvel_test::TestAllocator allocator;
-    return allocator;
-}
-long live() { return numbers().outstanding(); }
-CFTypeRef number(long value) { return CFNumberCreate(numbers().get(), kCFNumberLongType, &value); }
-void release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef cf : objects) CFRelease(cf);
-}
+using namespace sorvel_test;
 
-std::string describe(CFTypeRef cf) {
-    CFStringRef description = CFCopyDescription(cf);
-    char buffer[4096] = "<unconvertible>";
-    CFStringGetCString(description, buffer, sizeof buffer, kCFStringEncodingUTF8);
-    CFRelease(description);
-    return buffer;
-}
-CFMutableStringRef makeString(const char *cString) {
-    CFMutableStringRef string = CFStringCreateMutable(nullptr, 0);
-    CFStringAppendCString(string, cString, kCFStringEncodingUTF8);
-    return string;
-}
-const void *raw(uintptr_t n) { return reinterpret_cast<const void *>(n); }
 
 // A dictionary with the CFType callbacks holding key, value, key, value...
 CFMutableDictionaryRef makeDictionary(std::initializer_list<CFTypeRef> keysAndValues) {

@@ -12,35 +12,13 @@
 #include <unordered_set>
 #include <vector>
 
+#include "support/CollectionHelpers.h"
 #include "support/TestAllocator.h"
 
 namespace {
 
-// Members are numbers from a counting allocator (equal and hashed by value),
-// so a leak or a double release shows up as a wrong live count.
-sorvel_test::TestAllocator &numbers() {
-    static sorvel_test::TestAllocator allocator;
-    return allocator;
-}
-long live() { return numbers().outstanding(); }
-CFTypeRef number(long value) { return CFNumberCreate(numbers().get(), kCFNumberLongType, &value); }
-void release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef cf : objects) CFRelease(cf);
-}
+using namespace sorvel_test;
 
-std::string describe(CFTypeRef cf) {
-    CFStringRef description = CFCopyDescription(cf);
-    char buffer[4096] = "<unconvertible>";
-    CFStringGetCString(description, buffer, sizeof buffer, kCFStringEncodingUTF8);
-    CFRelease(description);
-    return buffer;
-}
-CFMutableStringRef makeString(const char *cString) {
-    CFMutableStringRef string = CFStringCreateMutable(nullptr, 0);
-    CFStringAppendCString(string, cString, kCFStringEncodingUTF8);
-    return string;
-}
-const void *raw(uintptr_t n) { return reinterpret_cast<const void *>(n); }
 
 void removeAll(CFMutableSetRef set, const void *) { CFSetRemoveAllValues(set); }
 
