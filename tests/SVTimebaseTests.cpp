@@ -392,20 +392,26 @@ TEST(SVTimebase, ReadersSeeWholeStatesWhileWritersChangeTheRate) {
     ManualClock clock(10000);
     Timebase tb = onClock(clock.get());
     ASSERT_EQ(SVTimebaseSetRateAndAnchorTime(tb.get(), 2.0, seconds(100), seconds(10)), 0);
-    std::atomic<int> writing{2}, wrong{0}, reads{0};
+    std::atomic<int> writing{2}, readers{0}, wrong{0}, reads{0};
     std::vector<std::thread> threads;
+    // Writers start only once both readers run, so the reads overlap the
+    // writes however the threads are scheduled.
     for (double rate : {4.0, 0.25})
         threads.emplace_back([&, rate] {
+            while (readers < 2) std::this_thread::yield();
             for (int i = 0; i < 5000; i++) SVTimebaseSetRate(tb.get(), (i & 1) ? 2.0 : rate);
             writing--;
         });
     for (int r = 0; r < 2; r++)
         threads.emplace_back([&] {
-            for (SVTime time; writing > 0; reads++) {
+            readers++;
+            SVTime time;
+            do {
                 SVTimebaseGetTimeAndRate(tb.get(), &time, nullptr);
                 if (SVTimeCompare(time, seconds(100)) || SVTimeCompare(SVTimebaseGetTime(tb.get()), seconds(100)))
                     wrong++;
-            }
+                reads++;
+            } while (writing > 0);
         });
     for (std::thread &thread : threads) thread.join();
     EXPECT_EQ(wrong.load(), 0);
