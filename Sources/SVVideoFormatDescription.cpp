@@ -552,6 +552,68 @@ OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionR
                                   parameterSetCountOut, nalUnitHeaderLengthOut);
 }
 
+OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept {
+    static const char *const kFunction = "SVVideoFormatDescriptionGetCodingInfo";
+    // Asking any other kind of description is a question with a "no" answer
+    // (a tool walks every track), so like the parameter-set accessors it is
+    // not logged; only an 'avc1'/'hvc1' description that cannot answer is.
+    if (!infoOut || !isVideo(desc) || (desc->mediaSubType != kAVC1 && desc->mediaSubType != kHVC1))
+        return kSVFormatDescriptionError_InvalidParameter;
+    const bool hevc = desc->mediaSubType == kHVC1;
+    for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
+        const uint8_t *set = desc->video.parameterSets[i];
+        const size_t size = desc->video.parameterSetSizes[i];
+        if (size == 0 || (hevc ? (set[0] >> 1) & 0x3F : set[0] & 0x1FU) != (hevc ? 33U : 7U)) continue;
+        SVVideoCodingInfo info{};
+        info.codecType = desc->mediaSubType;
+        const char *why = "";
+        // The creators accepted this SPS, so a failure here means the parser
+        // has since become stricter than the one that made the description.
+        if (hevc) {
+            sorvel::SVHEVCSPS sps;
+            if (!sorvel::SVParseHEVCSPS(set, size, sps, why)) {
+                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+                return kSVFormatDescriptionError_InvalidParameter;
+            }
+            info.profile = sps.generalProfileIdc;
+            info.level = sps.generalLevelIdc;
+            info.tier = sps.generalTier;
+            info.profileCompatibility = sps.generalProfileCompatibility;
+            info.chromaFormat = sps.chromaFormatIdc;
+            info.bitDepthLuma = 8 + sps.bitDepthLumaMinus8;
+            info.bitDepthChroma = 8 + sps.bitDepthChromaMinus8;
+            info.codedWidth = sps.codedWidth;
+            info.codedHeight = sps.codedHeight;
+            info.width = sps.width;
+            info.height = sps.height;
+            info.progressive = !sps.vui.fieldSeq;
+        } else {
+            sorvel::SVH264SPS sps;
+            if (!sorvel::SVParseH264SPS(set, size, sps, why)) {
+                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+                return kSVFormatDescriptionError_InvalidParameter;
+            }
+            info.profile = sps.profileIdc;
+            info.level = sps.levelIdc;
+            info.constraintFlags = sps.constraintFlags;
+            info.chromaFormat = sps.chromaFormatIdc;
+            info.bitDepthLuma = 8 + sps.bitDepthLumaMinus8;
+            info.bitDepthChroma = 8 + sps.bitDepthChromaMinus8;
+            info.codedWidth = sps.codedWidth;
+            info.codedHeight = sps.codedHeight;
+            info.width = sps.width;
+            info.height = sps.height;
+            info.progressive = sps.frameMbsOnly;
+        }
+        *infoOut = info;
+        return 0;
+    }
+    // SVVideoFormatDescriptionCreate makes 'avc1'/'hvc1' descriptions
+    // without parameter sets.
+    SV_LOG(3, kFunction, __LINE__, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
+    return kSVFormatDescriptionError_InvalidParameter;
+}
+
 Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef desc,
                                                    CVImageBufferRef imageBuffer) noexcept {
     if (!isVideo(desc) || !imageBuffer) return false;

@@ -530,6 +530,31 @@ SV_EXPORT OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(
     SVFormatDescriptionRef desc, size_t index, const uint8_t **parameterSetPointerOut, size_t *parameterSetSizeOut,
     size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
 
+/* What the first sequence parameter set of an 'avc1' or 'hvc1' description
+ * says about how the stream is coded. */
+typedef struct SVVideoCodingInfo {
+    FourCharCode codecType;          /* 'avc1' or 'hvc1' */
+    uint32_t profile;                /* profile_idc / general_profile_idc */
+    uint32_t level;                  /* level_idc / general_level_idc */
+    uint32_t tier;                   /* general_tier_flag; 0 for H.264 */
+    uint32_t constraintFlags;        /* H.264: the constraint_set0..5 byte as coded (set0 = 0x80); HEVC: 0 */
+    uint32_t profileCompatibility;   /* HEVC general_profile_compatibility_flags (flag j at bit 31 - j); H.264: 0 */
+    uint32_t chromaFormat;           /* chroma_format_idc */
+    uint32_t bitDepthLuma;           /* 8 + bit_depth_luma_minus8 */
+    uint32_t bitDepthChroma;
+    int32_t codedWidth;              /* before cropping / the conformance window */
+    int32_t codedHeight;             /* H.264: in frame units, i.e. 16 * map units * (2 - frame_mbs_only) */
+    int32_t width;                   /* after cropping: equals SVVideoFormatDescriptionGetDimensions */
+    int32_t height;
+    Boolean progressive;             /* H.264 frame_mbs_only_flag; HEVC: !field_seq_flag */
+} SVVideoCodingInfo;
+
+/* Fills *infoOut from the description's first SPS.  kSVFormatDescriptionError_InvalidParameter for
+ * NULL arguments, a description that is not video, a subtype other than 'avc1'/'hvc1', a description
+ * without an SPS, or an SPS that no longer parses (logged); *infoOut is left untouched on failure. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc,
+                                                         SVVideoCodingInfo *infoOut) SV_NOEXCEPT;
+
 /* True when imageBuffer could be described by desc: desc is video, its
  * dimensions equal the buffer's encoded size (truncated to integers), its
  * subtype equals the pixel format of a pixel buffer ('wat?' for any other
