@@ -16,8 +16,9 @@ declare -A why=(
     [libblocksruntime-dev]="the runtime behind clang's blocks (Block.h, libBlocksRuntime)"
     [libgtest-dev]="GoogleTest, for the unit tests"
     [libbenchmark-dev]="Google Benchmark, for make bench"
+    [libavformat-dev]="FFmpeg's demuxers, which the sorvel tool reads files with"
 )
-wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev)
+wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.
@@ -32,7 +33,7 @@ fi
 if ! command -v dpkg-query >/dev/null 2>&1 || ! command -v apt-get >/dev/null 2>&1; then
     echo "install-deps: this script installs Debian packages and needs dpkg and apt-get." >&2
     echo "install-deps: on another system install clang, cmake, ninja, pkg-config, BlocksRuntime," >&2
-    echo "install-deps: GoogleTest and Google Benchmark yourself." >&2
+    echo "install-deps: GoogleTest, Google Benchmark and libavformat yourself." >&2
     exit 1
 fi
 

@@ -1,0 +1,135 @@
+// `sorvel annexb`: the video stream as an Annex B elementary stream.
+//
+// Every sample goes through _SVSampleBufferOutputVideoSampleAsBytes.  The
+// parameter sets of the description are written where a decoder starting at
+// that sample needs them: for H.264 before the first IDR slice of a sync
+// sample that brings no SPS of its own, for HEVC before the first IRAP
+// picture of every sample.  Samples read from Annex B sources already carry
+// their parameter sets and are written as they are.
+#include "Commands.h"
+#include "MediaSource.h"
+
+#include <Sorvel/SVNALUnit.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace sorvel::tool {
+namespace {
+
+// Where the parameter sets go: the byte offset of the first unit that needs
+// them, or -1 when the sample is written without them.
+long insertionPoint(const uint8_t *data, size_t size, FourCharCode codec, int headerLength, bool sync) {
+    __block long point = -1;
+    __block bool sawSPS = false;
+    _SVEnumerateNALUnits(data, size, headerLength, ^int(const uint8_t *unit, size_t length) {
+      if (point >= 0 || length <= static_cast<size_t>(headerLength)) return 0;
+      const unsigned type = nalUnitType(codec, unit[headerLength]);
+      if (codec == 'avc1') {
+          if (type == 7) sawSPS = true;
+          if (type == 5 && sync && !sawSPS) point = unit - data;
+      } else if (type >= 16 && type <= 23) {
+          point = unit - data;
+      }
+      return 0;
+    });
+    return point;
+}
+
+// One piece of a sample as its own sample buffer: the same description,
+// marked not-sync unless it is the part that starts with the sync picture.
+Ref<SVSampleBufferRef> piece(SVSampleBufferRef sample, size_t offset, size_t length, bool sync) {
+    Ref<SVBlockBufferRef> block;
+    Ref<SVSampleBufferRef> buffer;
+    if (SVBlockBufferCreateWithBufferReference(nullptr, SVSampleBufferGetDataBuffer(sample), offset, length, 0,
+                                               block.out()) != 0)
+        return buffer;
+    if (SVSampleBufferCreateReady(nullptr, block.get(), SVSampleBufferGetFormatDescription(sample), 1, 0, nullptr, 1,
+                                  &length, buffer.out()) != 0)
+        return Ref<SVSampleBufferRef>();
+    if (!sync) {
+        CFArrayRef attachments = SVSampleBufferGetSampleAttachmentsArray(buffer.get(), true);
+        if (attachments && CFArrayGetCount(attachments) > 0)
+            CFDictionarySetValue((CFMutableDictionaryRef)CFArrayGetValueAtIndex(attachments, 0),
+                                 kSVSampleAttachmentKey_NotSync, kCFBooleanTrue);
+    }
+    return buffer;
+}
+
+OSStatus writeSample(SVSampleBufferRef sample, int32_t extraDataMode, std::vector<uint8_t> &packet) {
+    std::vector<uint8_t> *out = &packet;
+    const size_t base = packet.size();
+    return _SVSampleBufferOutputVideoSampleAsBytes(sample, extraDataMode, ^void *(size_t size) {
+      out->resize(base + size);
+      return out->data() + base;
+    });
+}
+
+}  // namespace
+
+int runAnnexB(const AnnexBOptions &options) {
+    const bool toStdout = options.output == "-";
+    if (toStdout && isatty(STDOUT_FILENO))
+        return reportError({kExitUsage, "refusing to write a binary stream to a terminal; name an output file"});
+    ToolError error;
+    std::unique_ptr<MediaSource> source = MediaSource::open(options.input, error);
+    if (!source) return reportError(error);
+    FILE *out = toStdout ? stdout : fopen(options.output.c_str(), "wb");
+    if (!out) return reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
+
+    const FourCharCode codec = source->codec();
+    const int headerLength = source->nalUnitHeaderLength();
+    int64_t samples = 0, insertions = 0;
+    uint64_t bytes = 0;
+    std::vector<uint8_t> packet;
+    VideoSample sample;
+    int result = kExitOK;
+    while (source->next(sample)) {
+        packet.clear();
+        SVSampleBufferRef buffer = sample.buffer.get();
+        char *data = nullptr;
+        size_t contiguous = 0, total = 0;
+        long point = -1;
+        if (source->lengthPrefixedSource() &&
+            SVBlockBufferGetDataPointer(SVSampleBufferGetDataBuffer(buffer), 0, &contiguous, &total, &data) == 0 &&
+            contiguous == total)
+            point = insertionPoint(reinterpret_cast<const uint8_t *>(data), total, codec, headerLength, sample.sync);
+        OSStatus status = 0;
+        if (point < 0) {
+            status = writeSample(buffer, 0, packet);
+        } else {
+            ++insertions;
+            if (point > 0) {
+                Ref<SVSampleBufferRef> head = piece(buffer, 0, static_cast<size_t>(point), false);
+                status = head ? writeSample(head.get(), 0, packet) : kSVFormatDescriptionError_AllocationFailed;
+            }
+            Ref<SVSampleBufferRef> rest = piece(buffer, static_cast<size_t>(point), total - static_cast<size_t>(point), true);
+            if (status == 0) status = rest ? writeSample(rest.get(), 1, packet) : kSVFormatDescriptionError_AllocationFailed;
+        }
+        if (status != 0) {
+            result = reportError({kExitFailure, format("sample %lld could not be converted (status %d)",
+                                                       static_cast<long long>(sample.index), static_cast<int>(status))});
+            break;
+        }
+        if (!packet.empty() && fwrite(packet.data(), 1, packet.size(), out) != packet.size()) {
+            result = reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
+            break;
+        }
+        bytes += packet.size();
+        ++samples;
+    }
+    if ((toStdout ? fflush(out) : fclose(out)) != 0 && result == kExitOK)
+        result = reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
+    if (result != kExitOK) return result;
+    for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
+    fprintf(toStdout ? stderr : stdout, "Wrote %lld samples, %llu bytes of %s Annex B to %s (parameter sets inserted %lld times)\n",
+            static_cast<long long>(samples), static_cast<unsigned long long>(bytes), codec == 'avc1' ? "H.264" : "HEVC",
+            toStdout ? "standard output" : options.output.c_str(), static_cast<long long>(insertions));
+    if (source->problem()) return reportError(*source->problem());
+    return kExitOK;
+}
+
+}  // namespace sorvel::tool

@@ -1,0 +1,41 @@
+// The subcommands of `sorvel` and their options.
+#ifndef SORVEL_TOOLS_SORVEL_COMMANDS_H
+#define SORVEL_TOOLS_SORVEL_COMMANDS_H
+
+#include "Tool.h"
+
+#include <cmath>
+#include <string>
+
+namespace sorvel::tool {
+
+struct ProbeOptions {
+    std::string file;  // empty: the embedded stream
+    bool json = false;
+    bool samples = false;
+};
+
+struct AnnexBOptions {
+    std::string input;   // empty: the embedded stream
+    std::string output;  // "-": standard output
+};
+
+struct PlayOptions {
+    std::string file;
+    double rate = 1.0;
+    double start = NAN;     // seconds; NaN: the first sample (the end when reversing)
+    double duration = NAN;  // seconds; NaN: to the end (the start when reversing)
+    bool progress = true;   // a progress line when standard error is a terminal
+    bool json = false;
+};
+
+int runProbe(const ProbeOptions &options);
+int runAnnexB(const AnnexBOptions &options);
+int runPlay(const PlayOptions &options);
+
+// Prints "sorvel: message" on standard error and returns the error's code.
+int reportError(const ToolError &error);
+
+}  // namespace sorvel::tool
+
+#endif  // SORVEL_TOOLS_SORVEL_COMMANDS_H

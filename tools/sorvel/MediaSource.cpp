@@ -1,0 +1,589 @@
+#include "MediaSource.h"
+
+#include "EmbeddedStream.h"
+
+#include <Sorvel/SVNALUnit.h>
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+}
+
+namespace sorvel::tool {
+namespace {
+
+// libavformat reports through its own log; keep its lines off the terminal
+// and remember the last complaint so that our message can quote it.
+std::mutex gLogMutex;
+std::string gLastLibraryMessage;
+bool gPartialFileSeen = false;
+
+void libraryLog(void *, int level, const char *fmt, va_list args) {
+    if (level > AV_LOG_WARNING) return;
+    char line[512];
+    vsnprintf(line, sizeof line, fmt, args);
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    gLastLibraryMessage = line;
+    while (!gLastLibraryMessage.empty() && gLastLibraryMessage.back() == '\n') gLastLibraryMessage.pop_back();
+    if (strstr(line, "partial file") || strstr(line, "Packet corrupt")) gPartialFileSeen = true;
+}
+
+std::string libraryError(int status) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(status, text, sizeof text);
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    if (!gLastLibraryMessage.empty()) return std::string(text) + " (" + gLastLibraryMessage + ")";
+    return text;
+}
+
+struct MemoryInput {
+    const uint8_t *data;
+    size_t size;
+    size_t position;
+};
+
+int readMemory(void *opaque, uint8_t *buffer, int size) {
+    auto *input = static_cast<MemoryInput *>(opaque);
+    const size_t left = input->size - input->position;
+    if (left == 0) return AVERROR_EOF;
+    const size_t count = std::min(left, static_cast<size_t>(size));
+    memcpy(buffer, input->data + input->position, count);
+    input->position += count;
+    return static_cast<int>(count);
+}
+
+int64_t seekMemory(void *opaque, int64_t offset, int whence) {
+    auto *input = static_cast<MemoryInput *>(opaque);
+    int64_t base = 0;
+    switch (whence & ~AVSEEK_FORCE) {
+        case AVSEEK_SIZE: return static_cast<int64_t>(input->size);
+        case SEEK_SET: base = 0; break;
+        case SEEK_CUR: base = static_cast<int64_t>(input->position); break;
+        case SEEK_END: base = static_cast<int64_t>(input->size); break;
+        default: return AVERROR(EINVAL);
+    }
+    const int64_t target = base + offset;
+    if (target < 0 || target > static_cast<int64_t>(input->size)) return AVERROR(EINVAL);
+    input->position = static_cast<size_t>(target);
+    return target;
+}
+
+bool isParameterSet(FourCharCode codec, unsigned type) {
+    if (codec == 'avc1') return type == 7 || type == 8;
+    return type == 32 || type == 33 || type == 34;
+}
+
+struct Unit {
+    const uint8_t *data;
+    size_t size;
+};
+
+// Units of an Annex B run, without start codes.
+std::vector<Unit> annexBUnits(const uint8_t *data, size_t size) {
+    std::vector<Unit> units;
+    std::vector<Unit> *out = &units;
+    _SVEnumerateAnnexBNALUnitsFlexible(data, size, ^int(const uint8_t *unit, size_t length) {
+      out->push_back({unit, length});
+      return 0;
+    });
+    return units;
+}
+
+// Units of a length-prefixed sample, without their prefixes.  `complete`
+// says whether the prefixes account for every byte.
+std::vector<Unit> prefixedUnits(const uint8_t *data, size_t size, int prefix, bool *complete) {
+    std::vector<Unit> units;
+    std::vector<Unit> *out = &units;
+    __block size_t covered = 0;
+    _SVEnumerateNALUnits(data, size, prefix, ^int(const uint8_t *unit, size_t length) {
+      out->push_back({unit + prefix, length - static_cast<size_t>(prefix)});
+      covered += length;
+      return 0;
+    });
+    if (complete) *complete = covered == size;
+    return units;
+}
+
+// hvcC: 22 fixed bytes (the header length in byte 21), then arrays of units.
+bool hevcRecordSets(const uint8_t *record, size_t size, std::vector<Unit> &sets, int &headerLength) {
+    if (size < 23) return false;
+    headerLength = (record[21] & 3) + 1;
+    size_t position = 23;
+    for (unsigned array = 0, arrays = record[22]; array < arrays; ++array) {
+        if (position + 3 > size) return false;
+        const unsigned count = (record[position + 1] << 8) | record[position + 2];
+        position += 3;
+        for (unsigned i = 0; i < count; ++i) {
+            if (position + 2 > size) return false;
+            const size_t length = (record[position] << 8) | record[position + 1];
+            position += 2;
+            if (length == 0 || position + length > size) return false;
+            sets.push_back({record + position, length});
+            position += length;
+        }
+    }
+    return !sets.empty();
+}
+
+OSStatus describe(FourCharCode codec, const std::vector<Unit> &sets, int headerLength, SVFormatDescriptionRef *out) {
+    std::vector<const uint8_t *> pointers;
+    std::vector<size_t> sizes;
+    for (const Unit &set : sets) {
+        pointers.push_back(set.data);
+        sizes.push_back(set.size);
+    }
+    if (codec == 'avc1')
+        return SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
+                                                                   headerLength, out);
+    return SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
+                                                               headerLength, nullptr, out);
+}
+
+// Returns the AVBufferRef behind a wrapped packet to libavutil.
+void releasePacketBuffer(void *refCon, void *, size_t) {
+    AVBufferRef *buffer = static_cast<AVBufferRef *>(refCon);
+    av_buffer_unref(&buffer);
+}
+
+}  // namespace
+
+std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolError &error) {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        av_log_set_level(AV_LOG_WARNING);
+        av_log_set_callback(libraryLog);
+    });
+    std::unique_ptr<MediaSource> source(new MediaSource());
+    if (!source->openInput(path, error) || !source->describeVideo(error)) return nullptr;
+    source->describeAudio();
+    return source;
+}
+
+MediaSource::~MediaSource() {
+    av_packet_free(&packet_);
+    avformat_close_input(&format_context_);
+    if (memory_io_) {
+        delete static_cast<MemoryInput *>(memory_io_->opaque);
+        av_freep(&memory_io_->buffer);
+        avio_context_free(&memory_io_);
+    }
+}
+
+bool MediaSource::openInput(const std::string &path, ToolError &error) {
+    packet_ = av_packet_alloc();
+    if (!packet_) {
+        error = {kExitFailure, "out of memory"};
+        return false;
+    }
+    if (path.empty()) {
+        name_ = kEmbeddedStreamName;
+        size_t size = 0;
+        const uint8_t *data = embeddedStream(size);
+        auto *input = new MemoryInput{data, size, 0};
+        constexpr int kBufferSize = 16384;
+        auto *buffer = static_cast<unsigned char *>(av_malloc(kBufferSize));
+        memory_io_ = buffer ? avio_alloc_context(buffer, kBufferSize, 0, input, readMemory, nullptr, seekMemory) : nullptr;
+        format_context_ = avformat_alloc_context();
+        if (!memory_io_ || !format_context_) {
+            if (!memory_io_) delete input;
+            av_free(memory_io_ ? nullptr : buffer);
+            error = {kExitFailure, "out of memory"};
+            return false;
+        }
+        format_context_->pb = memory_io_;
+        format_context_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    } else {
+        name_ = path;
+        struct stat info;
+        if (stat(path.c_str(), &info) != 0) {
+            error = {kExitCannotOpen, format("%s: %s", path.c_str(), strerror(errno))};
+            return false;
+        }
+        if (S_ISDIR(info.st_mode)) {
+            error = {kExitCannotOpen, format("%s: is a directory", path.c_str())};
+            return false;
+        }
+        if (info.st_size == 0) {
+            error = {kExitCannotOpen, format("%s: the file is empty", path.c_str())};
+            return false;
+        }
+    }
+    int status = avformat_open_input(&format_context_, path.empty() ? nullptr : path.c_str(), nullptr, nullptr);
+    if (status < 0) {
+        // avformat_open_input frees the context on failure.
+        format_context_ = nullptr;
+        const std::string why = libraryError(status);
+        const bool cut = why.find("moov atom not found") != std::string::npos;
+        error = {cut ? kExitTruncated : kExitCannotOpen,
+                 cut ? format("%s: truncated or unfinished MP4: it has no movie box (%s)", name_.c_str(), why.c_str())
+                     : format("%s: not a media file that can be read: %s", name_.c_str(), why.c_str())};
+        return false;
+    }
+    status = avformat_find_stream_info(format_context_, nullptr);
+    if (status < 0) {
+        error = {kExitCannotOpen, format("%s: cannot read the streams: %s", name_.c_str(), libraryError(status).c_str())};
+        return false;
+    }
+    return true;
+}
+
+std::string MediaSource::containerName() const {
+    return format_context_ && format_context_->iformat ? format_context_->iformat->name : "";
+}
+
+double MediaSource::declaredDuration() const {
+    const AVStream *stream = format_context_->streams[videoIndex_];
+    if (stream->duration > 0) return stream->duration * av_q2d(stream->time_base);
+    return NAN;
+}
+
+int64_t MediaSource::declaredStartTicks() const {
+    const AVStream *stream = format_context_->streams[videoIndex_];
+    return stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
+}
+
+int64_t MediaSource::secondsToTicks(double seconds) const {
+    return static_cast<int64_t>(std::llround(seconds * timescale_ / static_cast<double>(tickNumerator_)));
+}
+
+int64_t MediaSource::declaredFrameCount() const { return format_context_->streams[videoIndex_]->nb_frames; }
+
+void MediaSource::warn(std::string message) {
+    // One line per distinct complaint is enough.
+    for (const std::string &seen : warnings_)
+        if (seen == message) return;
+    warnings_.push_back(std::move(message));
+}
+
+bool MediaSource::describeVideo(ToolError &error) {
+    videoIndex_ = av_find_best_stream(format_context_, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (videoIndex_ < 0) {
+        error = {kExitNoVideo, format("%s: the file has no video stream", name_.c_str())};
+        return false;
+    }
+    const AVStream *stream = format_context_->streams[videoIndex_];
+    const AVCodecParameters *parameters = stream->codecpar;
+    if (parameters->codec_id == AV_CODEC_ID_H264) {
+        codec_ = 'avc1';
+    } else if (parameters->codec_id == AV_CODEC_ID_HEVC) {
+        codec_ = 'hvc1';
+    } else {
+        error = {kExitUnsupported, format("%s: the video is %s; sorvel reads H.264 and HEVC video", name_.c_str(),
+                                          avcodec_get_name(parameters->codec_id))};
+        return false;
+    }
+    // Time values keep the stream's own ticks exactly: 1/90000 becomes a
+    // timescale of 90000, 1001/30000 a value in 30000ths.
+    if (stream->time_base.num <= 0 || stream->time_base.den <= 0) {
+        error = {kExitUnsupported, format("%s: the video stream has no usable time base", name_.c_str())};
+        return false;
+    }
+    timescale_ = stream->time_base.den;
+    tickNumerator_ = stream->time_base.num;
+    const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
+    if (rate.num > 0 && rate.den > 0)
+        defaultDuration_ = av_rescale_q(1, av_inv_q(rate), stream->time_base);
+
+    const uint8_t *extra = parameters->extradata;
+    const size_t extraSize = parameters->extradata ? static_cast<size_t>(parameters->extradata_size) : 0;
+    lengthPrefixed_ = extraSize >= 7 && extra[0] == 1;
+    Ref<SVFormatDescriptionRef> description;
+    OSStatus status = 0;
+    if (lengthPrefixed_ && codec_ == 'avc1') {
+        int32_t headerLength = 4;
+        Ref<CFMutableDataRef> annexB;
+        status = _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(extra, extraSize, &headerLength,
+                                                                                    annexB.out());
+        if (status == 0) {
+            nalUnitHeaderLength_ = headerLength;
+            status = _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
+                nullptr, CFDataGetBytePtr(annexB.get()), static_cast<size_t>(CFDataGetLength(annexB.get())),
+                headerLength, description.out());
+        }
+    } else if (lengthPrefixed_) {
+        // The library's hvcC-to-Annex B form keeps a type byte after every
+        // start code, so the arrays are read here instead.
+        std::vector<Unit> sets;
+        int headerLength = 4;
+        if (hevcRecordSets(extra, extraSize, sets, headerLength)) {
+            nalUnitHeaderLength_ = headerLength;
+            status = describe(codec_, sets, headerLength, description.out());
+        } else {
+            status = kSVFormatDescriptionError_InvalidParameter;
+        }
+    } else {
+        nalUnitHeaderLength_ = 4;
+        if (extraSize > 0) adoptInBandParameterSets(extra, extraSize);
+        formatChanges_ = 0;
+        return true;
+    }
+    if (status != 0 || !description) {
+        error = {kExitTruncated,
+                 format("%s: the %s decoder configuration record is damaged (status %d)", name_.c_str(),
+                        codec_ == 'avc1' ? "avcC" : "hvcC", static_cast<int>(status))};
+        return false;
+    }
+    format_ = description;
+    return true;
+}
+
+void MediaSource::describeAudio() {
+    for (unsigned i = 0; i < format_context_->nb_streams; ++i) {
+        const AVStream *stream = format_context_->streams[i];
+        const AVCodecParameters *p = stream->codecpar;
+        if (p->codec_type != AVMEDIA_TYPE_AUDIO) continue;
+        AudioTrack track;
+        track.streamIndex = static_cast<int>(i);
+        track.codecName = avcodec_get_name(p->codec_id);
+        AudioStreamBasicDescription asbd = {};
+        asbd.mSampleRate = p->sample_rate;
+        asbd.mChannelsPerFrame = static_cast<UInt32>(p->ch_layout.nb_channels);
+        asbd.mFramesPerPacket = static_cast<UInt32>(p->frame_size > 0 ? p->frame_size : 0);
+        const int bits = av_get_bits_per_sample(p->codec_id);
+        switch (p->codec_id) {
+            case AV_CODEC_ID_AAC:
+                asbd.mFormatID = kAudioFormatMPEG4AAC;
+                // The flags carry the MPEG-4 audio object type (LC = 2).
+                asbd.mFormatFlags = p->profile >= 0 ? static_cast<UInt32>(p->profile + 1) : kMPEG4Object_AAC_LC;
+                if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1024;
+                break;
+            case AV_CODEC_ID_MP3: asbd.mFormatID = kAudioFormatMPEGLayer3; break;
+            case AV_CODEC_ID_MP2: asbd.mFormatID = kAudioFormatMPEGLayer2; break;
+            case AV_CODEC_ID_AC3: asbd.mFormatID = kAudioFormatAC3; break;
+            case AV_CODEC_ID_EAC3: asbd.mFormatID = kAudioFormatEnhancedAC3; break;
+            case AV_CODEC_ID_OPUS: asbd.mFormatID = kAudioFormatOpus; break;
+            case AV_CODEC_ID_FLAC: asbd.mFormatID = kAudioFormatFLAC; break;
+            case AV_CODEC_ID_PCM_S16LE:
+            case AV_CODEC_ID_PCM_S16BE:
+            case AV_CODEC_ID_PCM_S24LE:
+            case AV_CODEC_ID_PCM_S32LE:
+            case AV_CODEC_ID_PCM_F32LE:
+            case AV_CODEC_ID_PCM_S8:
+            case AV_CODEC_ID_PCM_U8:
+                asbd.mFormatID = kAudioFormatLinearPCM;
+                asbd.mFormatFlags = kAudioFormatFlagIsPacked |
+                                    (p->codec_id == AV_CODEC_ID_PCM_F32LE ? kAudioFormatFlagIsFloat
+                                     : p->codec_id == AV_CODEC_ID_PCM_U8  ? 0u
+                                                                          : kAudioFormatFlagIsSignedInteger) |
+                                    (p->codec_id == AV_CODEC_ID_PCM_S16BE ? kAudioFormatFlagIsBigEndian : 0u);
+                asbd.mBitsPerChannel = static_cast<UInt32>(bits);
+                asbd.mFramesPerPacket = 1;
+                asbd.mBytesPerFrame = asbd.mBytesPerPacket = asbd.mChannelsPerFrame * static_cast<UInt32>(bits) / 8;
+                break;
+            default: break;
+        }
+        if (asbd.mFormatID != 0) {
+            AudioChannelLayout layout = {};
+            switch (asbd.mChannelsPerFrame) {
+                case 1: layout.mChannelLayoutTag = kAudioChannelLayoutTag_Mono; break;
+                case 2: layout.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo; break;
+                case 6: layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_5_1_A; break;
+                case 8: layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_7_1_A; break;
+                default: layout.mChannelLayoutTag = kAudioChannelLayoutTag_DiscreteInOrder | asbd.mChannelsPerFrame;
+            }
+            const size_t cookieSize = p->extradata ? static_cast<size_t>(p->extradata_size) : 0;
+            SVAudioFormatDescriptionCreate(nullptr, &asbd, offsetof(AudioChannelLayout, mChannelDescriptions), &layout,
+                                           cookieSize, cookieSize ? p->extradata : nullptr, nullptr,
+                                           track.description.out());
+        }
+        if (stream->start_time != AV_NOPTS_VALUE) track.startSeconds = stream->start_time * av_q2d(stream->time_base);
+        audio_.push_back(std::move(track));
+    }
+}
+
+// In-band parameter sets of a sync sample (or Annex B extradata) replace
+// the description when they differ from it; SEI units never count.
+void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
+    std::vector<Unit> units = lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_, nullptr)
+                                                         : annexBUnits(data, size);
+    std::vector<Unit> sets;
+    bool sps = false, pps = false, vps = codec_ == 'avc1';
+    for (const Unit &unit : units) {
+        if (unit.size == 0) continue;
+        const unsigned type = nalUnitType(codec_, unit.data[0]);
+        if (!isParameterSet(codec_, type)) continue;
+        // Trailing zero bytes belong to the byte stream, not to the unit.
+        size_t length = unit.size;
+        while (length > 1 && unit.data[length - 1] == 0) --length;
+        sets.push_back({unit.data, length});
+        sps |= type == 7 || type == 33;
+        pps |= type == 8 || type == 34;
+        vps |= type == 32;
+    }
+    if (!sps || !pps || !vps) return;
+    if (format_) {
+        size_t count = 0;
+        auto getter = codec_ == 'avc1' ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
+                                       : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
+        getter(format_.get(), 0, nullptr, nullptr, &count, nullptr);
+        std::vector<Unit> current;
+        for (size_t i = 0; i < count; ++i) {
+            const uint8_t *set = nullptr;
+            size_t setSize = 0;
+            if (getter(format_.get(), i, &set, &setSize, nullptr, nullptr) == 0 && setSize &&
+                isParameterSet(codec_, nalUnitType(codec_, set[0])))
+                current.push_back({set, setSize});
+        }
+        bool same = current.size() == sets.size();
+        for (size_t i = 0; same && i < sets.size(); ++i)
+            same = current[i].size == sets[i].size && memcmp(current[i].data, sets[i].data, sets[i].size) == 0;
+        if (same) return;
+    }
+    Ref<SVFormatDescriptionRef> description;
+    const OSStatus status = describe(codec_, sets, nalUnitHeaderLength_, description.out());
+    if (status != 0) {
+        warn(format("in-band parameter sets that the library rejects (status %d) were ignored", static_cast<int>(status)));
+        return;
+    }
+    if (format_) ++formatChanges_;
+    format_ = description;
+}
+
+bool MediaSource::next(VideoSample &sample) {
+    for (;;) {
+        av_packet_unref(packet_);
+        const int status = av_read_frame(format_context_, packet_);
+        if (status == AVERROR_EOF) {
+            std::lock_guard<std::mutex> lock(gLogMutex);
+            if (gPartialFileSeen && !problem_)
+                problem_ = ToolError{kExitTruncated, format("%s: the file ends early (partial file)", name_.c_str())};
+            return false;
+        }
+        if (status < 0) {
+            problem_ = ToolError{kExitTruncated,
+                                 format("%s: reading stopped: %s", name_.c_str(), libraryError(status).c_str())};
+            return false;
+        }
+        const AVStream *stream = format_context_->streams[packet_->stream_index];
+        if (packet_->stream_index != videoIndex_) {
+            for (AudioTrack &track : audio_) {
+                if (track.streamIndex != packet_->stream_index) continue;
+                ++track.packetCount;
+                const int64_t pts = packet_->pts != AV_NOPTS_VALUE ? packet_->pts : packet_->dts;
+                if (pts != AV_NOPTS_VALUE) {
+                    const double end = (pts + packet_->duration) * av_q2d(stream->time_base);
+                    if (track.packetCount == 1) track.startSeconds = pts * av_q2d(stream->time_base);
+                    track.endSeconds = std::max(track.endSeconds, end);
+                }
+            }
+            continue;
+        }
+        if (packet_->size <= 0) continue;
+        if (packet_->flags & AV_PKT_FLAG_CORRUPT)
+            problem_ = ToolError{kExitTruncated,
+                                 format("%s: sample %lld is incomplete: the file ends inside it", name_.c_str(),
+                                        static_cast<long long>(nextIndex_))};
+        if (makeSample(packet_, sample)) return true;
+        if (problem_) return false;
+    }
+}
+
+bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
+    const bool sync = packet->flags & AV_PKT_FLAG_KEY;
+    if (sync || !format_) adoptInBandParameterSets(packet->data, static_cast<size_t>(packet->size));
+    if (!format_) {
+        ++samplesWithoutFormat_;
+        return false;
+    }
+    Ref<SVBlockBufferRef> block;
+    OSStatus status = 0;
+    if (lengthPrefixed_) {
+        bool complete = false;
+        prefixedUnits(packet->data, static_cast<size_t>(packet->size), nalUnitHeaderLength_, &complete);
+        if (!complete) warn("some samples hold NAL unit lengths that do not add up to the sample size");
+        // The sample keeps the packet's memory alive instead of copying it.
+        AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr;
+        if (owner) {
+            const SVBlockBufferCustomBlockSource source = {0, nullptr, releasePacketBuffer, owner};
+            status = SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, static_cast<size_t>(packet->size),
+                                                        nullptr, &source, 0, static_cast<size_t>(packet->size), 0,
+                                                        block.out());
+            if (status != 0) av_buffer_unref(&owner);
+        } else {
+            status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, static_cast<size_t>(packet->size), nullptr,
+                                                        nullptr, 0, static_cast<size_t>(packet->size),
+                                                        kSVBlockBufferAssureMemoryNowFlag, block.out());
+            if (status == 0)
+                status = SVBlockBufferReplaceDataBytes(packet->data, block.get(), 0, static_cast<size_t>(packet->size));
+        }
+    } else {
+        // Annex B: every unit gets a 4-byte big-endian length instead of its start code.
+        const std::vector<Unit> units = annexBUnits(packet->data, static_cast<size_t>(packet->size));
+        size_t total = 0;
+        for (const Unit &unit : units) total += 4 + unit.size;
+        if (total == 0) return false;
+        auto *bytes = static_cast<uint8_t *>(malloc(total));
+        if (!bytes) {
+            problem_ = ToolError{kExitFailure, "out of memory"};
+            return false;
+        }
+        uint8_t *write = bytes;
+        for (const Unit &unit : units) {
+            const uint32_t length = static_cast<uint32_t>(unit.size);
+            *write++ = static_cast<uint8_t>(length >> 24);
+            *write++ = static_cast<uint8_t>(length >> 16);
+            *write++ = static_cast<uint8_t>(length >> 8);
+            *write++ = static_cast<uint8_t>(length);
+            memcpy(write, unit.data, unit.size);
+            write += unit.size;
+        }
+        status = SVBlockBufferCreateWithMemoryBlock(nullptr, bytes, total, kCFAllocatorMalloc, nullptr, 0, total, 0,
+                                                    block.out());
+        if (status != 0) free(bytes);
+    }
+    if (status != 0) {
+        problem_ = ToolError{kExitFailure, format("could not make a block buffer (status %d)", static_cast<int>(status))};
+        return false;
+    }
+
+    // Fill in what the container leaves out: raw streams carry no
+    // presentation times, some containers no decode times.
+    int64_t dts = packet->dts, pts = packet->pts;
+    sample.timestampsGuessed = dts == AV_NOPTS_VALUE && pts == AV_NOPTS_VALUE;
+    if (dts == AV_NOPTS_VALUE) dts = pts != AV_NOPTS_VALUE && nextIndex_ == 0 ? pts : lastDts_ + lastDuration_;
+    if (lastDts_ == INT64_MIN && dts == AV_NOPTS_VALUE) dts = 0;
+    if (pts == AV_NOPTS_VALUE) pts = dts;
+    int64_t duration = packet->duration > 0 ? packet->duration : defaultDuration_;
+    lastDts_ = dts;
+    lastDuration_ = duration;
+
+    const SVSampleTimingInfo timing = {duration > 0 ? time(duration) : kSVTimeInvalid, time(pts), time(dts)};
+    const size_t size = SVBlockBufferGetDataLength(block.get());
+    Ref<SVSampleBufferRef> buffer;
+    status = SVSampleBufferCreateReady(nullptr, block.get(), format_.get(), 1, 1, &timing, 1, &size, buffer.out());
+    if (status != 0) {
+        problem_ = ToolError{kExitFailure, format("could not make a sample buffer (status %d)", static_cast<int>(status))};
+        return false;
+    }
+    CFArrayRef attachments = SVSampleBufferGetSampleAttachmentsArray(buffer.get(), true);
+    if (attachments && CFArrayGetCount(attachments) > 0) {
+        auto dictionary = (CFMutableDictionaryRef)CFArrayGetValueAtIndex(attachments, 0);
+        if (!sync) CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_NotSync, kCFBooleanTrue);
+        CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_DependsOnOthers, sync ? kCFBooleanFalse : kCFBooleanTrue);
+    }
+    sample.buffer = buffer;
+    sample.index = nextIndex_++;
+    sample.pts = pts;
+    sample.dts = dts;
+    sample.duration = duration;
+    sample.size = size;
+    sample.sync = sync;
+    return true;
+}
+
+bool MediaSource::seekToSyncBefore(int64_t pts) {
+    if (av_seek_frame(format_context_, videoIndex_, pts, AVSEEK_FLAG_BACKWARD) < 0) return false;
+    lastDts_ = INT64_MIN;
+    lastDuration_ = 0;
+    return true;
+}
+
+}  // namespace sorvel::tool

@@ -1,0 +1,120 @@
+// Reads a media file (or the embedded demo stream) with libavformat and
+// turns its video packets into Sorvel sample buffers: one format description
+// per set of parameter sets, one block buffer and one sample buffer per
+// access unit, timing in the stream's own timescale and sync attachments.
+// Packets in Annex B framing (MPEG-TS, raw streams) are rewritten with
+// 4-byte length prefixes so that every sample is 'avc1'/'hvc1' data.
+#ifndef SORVEL_TOOLS_SORVEL_MEDIASOURCE_H
+#define SORVEL_TOOLS_SORVEL_MEDIASOURCE_H
+
+#include "Tool.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct AVFormatContext;
+struct AVIOContext;
+struct AVPacket;
+struct AVStream;
+
+namespace sorvel::tool {
+
+struct AudioTrack {
+    int streamIndex = 0;
+    std::string codecName;
+    Ref<SVFormatDescriptionRef> description;  // null for codecs without a stream description here
+    int64_t packetCount = 0;
+    double startSeconds = 0;
+    double endSeconds = 0;
+};
+
+struct VideoSample {
+    Ref<SVSampleBufferRef> buffer;
+    int64_t index = 0;        // decode order, from 0
+    int64_t pts = 0;          // stream ticks
+    int64_t dts = 0;
+    int64_t duration = 0;
+    size_t size = 0;
+    bool sync = false;
+    bool timestampsGuessed = false;  // the container gave neither pts nor dts
+};
+
+class MediaSource {
+  public:
+    // An empty path opens the demo stream compiled into the program.
+    static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error);
+    ~MediaSource();
+    MediaSource(const MediaSource &) = delete;
+    MediaSource &operator=(const MediaSource &) = delete;
+
+    const std::string &name() const { return name_; }
+    std::string containerName() const;
+    FourCharCode codec() const { return codec_; }
+    int32_t timescale() const { return timescale_; }
+    SVTime time(int64_t ticks) const { return SVTimeMake(ticks * tickNumerator_, timescale_); }
+    // The description of the samples read last (or of the stream's own
+    // configuration before the first sample).
+    SVFormatDescriptionRef videoFormat() const { return format_.get(); }
+    int nalUnitHeaderLength() const { return nalUnitHeaderLength_; }
+    // True when the container stores parameter sets in a decoder
+    // configuration record and samples as length-prefixed units (MP4,
+    // Matroska); false for Annex B framing (MPEG-TS, raw streams).
+    bool lengthPrefixedSource() const { return lengthPrefixed_; }
+    // The container's duration of the video stream in seconds, or NaN.
+    double declaredDuration() const;
+    int64_t declaredFrameCount() const;
+    // The container's first presentation time of the video, in ticks (0 when unknown).
+    int64_t declaredStartTicks() const;
+    // Seconds of a tick count.
+    double ticksToSeconds(int64_t ticks) const { return static_cast<double>(ticks) * tickNumerator_ / timescale_; }
+    int64_t secondsToTicks(double seconds) const;
+    std::vector<AudioTrack> &audioTracks() { return audio_; }
+
+    // The next video sample in decode order.  False at the end of the
+    // stream or when reading failed; problem() then tells which.
+    bool next(VideoSample &sample);
+    // Positions the reader so that next() returns the sync sample at or
+    // before `pts` (stream ticks) first.  False when the input cannot seek.
+    bool seekToSyncBefore(int64_t pts);
+    const std::optional<ToolError> &problem() const { return problem_; }
+    // Samples skipped because no parameter sets had been seen yet.
+    int64_t samplesWithoutFormat() const { return samplesWithoutFormat_; }
+    int formatChanges() const { return formatChanges_; }
+    const std::vector<std::string> &warnings() const { return warnings_; }
+
+  private:
+    MediaSource() = default;
+    bool openInput(const std::string &path, ToolError &error);
+    bool describeVideo(ToolError &error);
+    void describeAudio();
+    bool makeSample(AVPacket *packet, VideoSample &sample);
+    void adoptInBandParameterSets(const uint8_t *data, size_t size);
+    void warn(std::string message);
+
+    std::string name_;
+    AVFormatContext *format_context_ = nullptr;
+    AVIOContext *memory_io_ = nullptr;
+    AVPacket *packet_ = nullptr;
+    int videoIndex_ = -1;
+    FourCharCode codec_ = 0;
+    int32_t timescale_ = 1;
+    int64_t tickNumerator_ = 1;
+    int nalUnitHeaderLength_ = 4;
+    bool lengthPrefixed_ = true;
+    Ref<SVFormatDescriptionRef> format_;
+    std::vector<AudioTrack> audio_;
+    int64_t nextIndex_ = 0;
+    int64_t lastDts_ = INT64_MIN;
+    int64_t lastDuration_ = 0;
+    int64_t defaultDuration_ = 0;
+    int64_t samplesWithoutFormat_ = 0;
+    int formatChanges_ = 0;
+    std::optional<ToolError> problem_;
+    std::vector<std::string> warnings_;
+};
+
+}  // namespace sorvel::tool
+
+#endif  // SORVEL_TOOLS_SORVEL_MEDIASOURCE_H

@@ -1,0 +1,395 @@
+// `sorvel play`: real-time playback without a decoder.
+//
+// A reader thread turns packets into sample buffers and enqueues them into a
+// buffer queue sorted by output presentation time.  Two duration triggers
+// give back-pressure: when the queue holds `high` worth of media the reader
+// waits until it drains below `low`.  The player takes each sample when a
+// timebase on the host clock, running at the asked rate, reaches its output
+// presentation time, and measures how far from that moment it was taken.
+//
+// Backwards (a negative rate) the reader walks the file one group of
+// pictures at a time from the end, each sample carrying the reverse
+// attachment so that its output presentation time is its end; the queue
+// then sorts latest first.
+#include "Commands.h"
+#include "MediaSource.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+
+#include "Json.h"
+
+namespace sorvel::tool {
+namespace {
+
+// A sample taken more than this after its moment counts as late.
+constexpr double kLateMilliseconds = 2.0;
+
+struct Flow {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool full = false;
+    bool stop = false;
+    bool readerDone = false;
+    std::optional<ToolError> readerError;
+};
+
+void queueFilled(void *refcon, SVBufferQueueTriggerToken) {
+    auto *flow = static_cast<Flow *>(refcon);
+    std::lock_guard<std::mutex> lock(flow->mutex);
+    flow->full = true;
+}
+
+void queueDrained(void *refcon, SVBufferQueueTriggerToken) {
+    auto *flow = static_cast<Flow *>(refcon);
+    {
+        std::lock_guard<std::mutex> lock(flow->mutex);
+        flow->full = false;
+    }
+    flow->changed.notify_all();
+}
+
+CFComparisonResult laterFirst(SVBufferRef a, SVBufferRef b, void *) {
+    const int32_t order = SVTimeCompare(SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)b),
+                                        SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)a));
+    return order < 0 ? kCFCompareLessThan : order > 0 ? kCFCompareGreaterThan : kCFCompareEqualTo;
+}
+
+uint64_t hostNow() { return SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock())); }
+
+void sleepUntil(uint64_t host) {
+    timespec when = {static_cast<time_t>(host / 1000000000u), static_cast<long>(host % 1000000000u)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr) == EINTR) {
+    }
+}
+
+struct Window {
+    bool reverse;
+    double start;  // seconds of the stream's timeline
+    double end;    // reached last; below start when reversing
+    // The part of [pts, pts + duration) that is shown lies inside the window.
+    bool shows(double pts, double duration) const {
+        return reverse ? pts < start && pts + duration > end : pts + duration > start && pts < end;
+    }
+};
+
+class Reader {
+  public:
+    Reader(MediaSource &source, SVBufferQueueRef queue, Flow &flow, const Window &window)
+        : source_(source), queue_(queue), flow_(flow), window_(window) {}
+
+    void run() {
+        if (window_.reverse)
+            runBackwards();
+        else
+            runForwards();
+        SVBufferQueueMarkEndOfData(queue_);
+        {
+            std::lock_guard<std::mutex> lock(flow_.mutex);
+            flow_.readerDone = true;
+        }
+        flow_.changed.notify_all();
+    }
+
+  private:
+    // Waits for room; false when playback is over.
+    bool waitForRoom() {
+        std::unique_lock<std::mutex> lock(flow_.mutex);
+        flow_.changed.wait(lock, [&] { return !flow_.full || flow_.stop; });
+        return !flow_.stop;
+    }
+
+    bool enqueue(SVSampleBufferRef buffer) {
+        const OSStatus status = SVBufferQueueEnqueue(queue_, buffer);
+        if (status != 0) {
+            fail({kExitFailure, format("the buffer queue refused a sample (status %d)", static_cast<int>(status))});
+            return false;
+        }
+        flow_.changed.notify_all();
+        return true;
+    }
+
+    void fail(ToolError error) {
+        std::lock_guard<std::mutex> lock(flow_.mutex);
+        if (!flow_.readerError) flow_.readerError = std::move(error);
+    }
+
+    void runForwards() {
+        if (!std::isnan(window_.start) && !source_.seekToSyncBefore(source_.secondsToTicks(window_.start))) {
+            fail({kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
+            return;
+        }
+        // Reordered pictures can follow a late decode time by a second at most.
+        const double stopAfter = window_.end + 1.0;
+        VideoSample sample;
+        while (source_.next(sample)) {
+            if (source_.ticksToSeconds(sample.dts) > stopAfter) break;
+            if (!waitForRoom() || !enqueue(sample.buffer.get())) return;
+        }
+        if (source_.problem()) fail(*source_.problem());
+    }
+
+    // One group of pictures: a sync sample and every sample decoded after it
+    // up to the next sync sample.
+    struct Group {
+        int64_t syncDts;
+        double first, last;  // presentation span in seconds
+    };
+
+    void runBackwards() {
+        std::vector<Group> groups;
+        VideoSample sample;
+        while (source_.next(sample)) {
+            const double pts = source_.ticksToSeconds(sample.pts);
+            const double end = pts + source_.ticksToSeconds(sample.duration);
+            if (sample.sync || groups.empty()) groups.push_back({sample.dts, pts, end});
+            groups.back().first = std::min(groups.back().first, pts);
+            groups.back().last = std::max(groups.back().last, end);
+        }
+        if (source_.problem()) {
+            fail(*source_.problem());
+            return;
+        }
+        for (size_t g = groups.size(); g-- > 0;) {
+            if (groups[g].first >= window_.start) continue;
+            if (groups[g].last <= window_.end) break;
+            const int64_t nextSync = g + 1 < groups.size() ? groups[g + 1].syncDts : INT64_MAX;
+            std::vector<Ref<SVSampleBufferRef>> group;
+            if (!readGroup(groups[g].syncDts, nextSync, group)) {
+                fail({kExitUnsupported,
+                      format("%s: playing backwards needs an input that can seek to its sync samples",
+                             source_.name().c_str())});
+                return;
+            }
+            // A group goes in whole: its last picture is shown first.
+            if (!waitForRoom()) return;
+            for (const Ref<SVSampleBufferRef> &buffer : group)
+                if (!enqueue(buffer.get())) return;
+        }
+    }
+
+    bool readGroup(int64_t syncDts, int64_t nextSync, std::vector<Ref<SVSampleBufferRef>> &group) {
+        // Seeking may land later than asked on inputs without an index:
+        // step back further until the sync sample comes first.
+        const int64_t second = source_.secondsToTicks(1.0);
+        for (int64_t back = 0; back <= 64 * second; back = back ? back * 2 : second) {
+            if (!source_.seekToSyncBefore(syncDts - back)) return false;
+            VideoSample sample;
+            bool found = false;
+            while (source_.next(sample)) {
+                if (!found) {
+                    if (sample.dts > syncDts) break;  // landed too late
+                    if (sample.dts < syncDts) continue;
+                    found = true;
+                }
+                if (sample.dts >= nextSync) break;
+                SVSetAttachment(sample.buffer.get(), kSVSampleBufferAttachmentKey_Reverse, kCFBooleanTrue,
+                                kSVAttachmentMode_ShouldPropagate);
+                group.push_back(sample.buffer);
+            }
+            if (found) return true;
+        }
+        return false;
+    }
+
+    MediaSource &source_;
+    SVBufferQueueRef queue_;
+    Flow &flow_;
+    Window window_;
+};
+
+struct Report {
+    int64_t shown = 0, skipped = 0, late = 0, underruns = 0;
+    double errorSum = 0, worst = 0;  // milliseconds, positive = late
+    double wall = 0;
+};
+
+void drawProgress(double position, const Window &window, const Report &report) {
+    const double span = std::fabs(window.end - window.start);
+    const double done = span > 0 ? std::clamp(std::fabs(position - window.start) / span, 0.0, 1.0) : 1.0;
+    char bar[41];
+    const int filled = static_cast<int>(done * 40);
+    for (int i = 0; i < 40; ++i) bar[i] = i < filled ? '#' : '.';
+    bar[40] = '\0';
+    fprintf(stderr, "\r  %8.3f s [%s] %lld shown, %lld late ", position, bar, static_cast<long long>(report.shown),
+            static_cast<long long>(report.late));
+    fflush(stderr);
+}
+
+}  // namespace
+
+int runPlay(const PlayOptions &options) {
+    ToolError error;
+    std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
+    if (!source) return reportError(error);
+    const bool reverse = options.rate < 0;
+
+    // The window of the stream's timeline to play, in seconds.
+    Window window{reverse, 0, 0};
+    const double origin = source->ticksToSeconds(source->declaredStartTicks());
+    double streamEnd = origin + source->declaredDuration();
+    if (reverse) {
+        // The end of the stream is only known for sure once it was read.
+        std::unique_ptr<MediaSource> scan = MediaSource::open(options.file, error);
+        if (!scan) return reportError(error);
+        VideoSample sample;
+        streamEnd = origin;
+        while (scan->next(sample))
+            streamEnd = std::max(streamEnd, scan->ticksToSeconds(sample.pts + std::max<int64_t>(sample.duration, 0)));
+        window.start = std::isnan(options.start) ? streamEnd : origin + options.start;
+        window.end = std::isnan(options.duration) ? origin : std::max(origin, window.start - options.duration);
+    } else {
+        window.start = origin + (std::isnan(options.start) ? 0 : options.start);
+        window.end = std::isnan(options.duration) ? INFINITY : window.start + options.duration;
+        if (!std::isnan(options.start) && !std::isnan(streamEnd) && window.start >= streamEnd)
+            return reportError({kExitUsage, format("--start %.3f is past the end of the stream (%.3f s)", options.start,
+                                                   streamEnd - origin)});
+    }
+
+    SVBufferCallbacks callbacks = *SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS();
+    if (reverse) callbacks.compare = laterFirst;
+    Ref<SVBufferQueueRef> queue;
+    OSStatus status = SVBufferQueueCreate(nullptr, 0, &callbacks, queue.out());
+    if (status != 0) return reportError({kExitFailure, format("cannot make a buffer queue (status %d)", static_cast<int>(status))});
+
+    // Keep about half a second of playing time queued, at least half a
+    // second of media.
+    const double high = std::max(0.5, 0.5 * std::fabs(options.rate));
+    Flow flow;
+    SVBufferQueueTriggerToken fillToken = nullptr, drainToken = nullptr;
+    SVBufferQueueInstallTrigger(queue.get(), queueFilled, &flow, kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
+                                SVTimeMakeWithSeconds(high, 1000000), &fillToken);
+    SVBufferQueueInstallTrigger(queue.get(), queueDrained, &flow, kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
+                                SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken);
+
+    Reader reader(*source, queue.get(), flow, window);
+    std::thread readerThread([&reader] { reader.run(); });
+
+    // Preroll: start the clock once the queue is full or the file is read.
+    {
+        std::unique_lock<std::mutex> lock(flow.mutex);
+        flow.changed.wait(lock, [&] { return flow.full || flow.readerDone; });
+    }
+    if (!reverse && std::isnan(options.start)) {
+        // Without --start playing begins with the earliest picture queued.
+        const SVTime first = SVBufferQueueGetMinPresentationTimeStamp(queue.get());
+        if (SVTIME_IS_NUMERIC(first)) {
+            window.start = seconds(first);
+            if (!std::isnan(options.duration)) window.end = window.start + options.duration;
+        }
+    }
+
+    SVClockRef host = SVClockGetHostTimeClock();
+    Ref<SVTimebaseRef> timebase;
+    SVTimebaseCreateWithMasterClock(nullptr, host, timebase.out());
+    const uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
+    SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
+                                   SVClockMakeHostTimeFromSystemUnits(startHost));
+
+    const bool progress = options.progress && isatty(STDERR_FILENO);
+    Report report;
+    uint64_t lastDraw = 0;
+    for (;;) {
+        SVSampleBufferRef head = (SVSampleBufferRef)SVBufferQueueGetHead(queue.get());
+        if (!head) {
+            if (SVBufferQueueIsAtEndOfData(queue.get()) || SVBufferQueueContainsEndOfData(queue.get())) break;
+            ++report.underruns;
+            std::unique_lock<std::mutex> lock(flow.mutex);
+            flow.changed.wait_for(lock, std::chrono::milliseconds(5));
+            continue;
+        }
+        const double pts = seconds(SVSampleBufferGetPresentationTimeStamp(head));
+        const SVTime sampleDuration = SVSampleBufferGetDuration(head);
+        const double duration = SVTIME_IS_NUMERIC(sampleDuration) ? seconds(sampleDuration) : 0;
+        if (!window.shows(pts, duration)) {
+            CFRelease(SVBufferQueueDequeueAndRetain(queue.get()));
+            ++report.skipped;
+            continue;
+        }
+        // The picture that straddles the start is due at once.
+        SVTime due = SVSampleBufferGetOutputPresentationTimeStamp(head);
+        const SVTime windowStart = SVTimeMakeWithSeconds(window.start, 1000000000);
+        if (reverse ? SVTimeCompare(due, windowStart) > 0 : SVTimeCompare(due, windowStart) < 0) due = windowStart;
+        const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(
+            SVTimeConvertScale(SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
+        // Sleep in short steps so that an earlier picture arriving in the
+        // meantime is noticed, then spin through the last half millisecond.
+        uint64_t now = hostNow();
+        if (now + 500000 < dueHost) {
+            sleepUntil(std::min(dueHost - 500000, now + 20000000));
+            if (progress && hostNow() - lastDraw > 100000000) {
+                lastDraw = hostNow();
+                drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window, report);
+            }
+            continue;
+        }
+        while ((now = hostNow()) < dueHost) {
+        }
+        SVSampleBufferRef taken = (SVSampleBufferRef)SVBufferQueueDequeueAndRetain(queue.get());
+        const uint64_t takenHost = hostNow();
+        if (taken != head) {
+            // Another picture became the head after the wait: judge that one.
+            CFRelease(taken);
+            continue;
+        }
+        CFRelease(taken);
+        const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(dueHost)) / 1e6;
+        ++report.shown;
+        report.errorSum += std::fabs(errorMs);
+        if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
+        if (errorMs > kLateMilliseconds) ++report.late;
+    }
+    const uint64_t endHost = hostNow();
+    report.wall = (static_cast<double>(endHost) - static_cast<double>(startHost)) / 1e9;
+    {
+        std::lock_guard<std::mutex> lock(flow.mutex);
+        flow.stop = true;
+    }
+    flow.changed.notify_all();
+    readerThread.join();
+    if (progress) fprintf(stderr, "\r%*s\r", 80, "");
+
+    const double mean = report.shown ? report.errorSum / static_cast<double>(report.shown) : 0;
+    const double shownEnd = std::isinf(window.end) ? seconds(SVTimebaseGetTime(timebase.get())) : window.end;
+    if (options.json) {
+        JsonWriter json(stdout);
+        json.beginObject();
+        json.string("file", source->name());
+        json.number("rate", options.rate);
+        json.number("start", window.start);
+        json.number("end", shownEnd);
+        json.integer("samples_shown", report.shown);
+        json.integer("samples_skipped", report.skipped);
+        json.integer("late_samples", report.late);
+        json.integer("underruns", report.underruns);
+        json.number("mean_error_ms", mean);
+        json.number("worst_error_ms", report.worst);
+        json.number("wall_seconds", report.wall);
+        json.endObject();
+        json.finish();
+    } else {
+        printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", source->name().c_str(), options.rate,
+               window.start, shownEnd, report.wall);
+        printf("  Samples shown   %lld (%lld outside the window skipped)\n", static_cast<long long>(report.shown),
+               static_cast<long long>(report.skipped));
+        printf("  Late samples    %lld (more than %.0f ms after their time)\n", static_cast<long long>(report.late),
+               kLateMilliseconds);
+        printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
+        if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+    }
+    fflush(stdout);
+    SVBufferQueueRemoveTrigger(queue.get(), fillToken);
+    SVBufferQueueRemoveTrigger(queue.get(), drainToken);
+    if (flow.readerError) return reportError(*flow.readerError);
+    return kExitOK;
+}
+
+}  // namespace sorvel::tool

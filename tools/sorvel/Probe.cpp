@@ -1,0 +1,446 @@
+// `sorvel probe`: what the library makes of a file's video (and audio)
+// streams, as text or JSON.
+#include "Commands.h"
+#include "Json.h"
+#include "MediaSource.h"
+
+#include <Sorvel/SVNALUnit.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+
+namespace sorvel::tool {
+namespace {
+
+struct Row {
+    SVTime dts, pts, duration;
+    size_t size;
+    bool sync;
+};
+
+struct VideoSummary {
+    std::vector<Row> rows;
+    std::map<unsigned, int64_t> nalUnits;
+    int64_t syncCount = 0;
+    std::vector<int64_t> syncIndices;
+    int reorderDepth = 0;
+    int64_t minPts = INT64_MAX, minDts = INT64_MAX;
+    double start = NAN, end = NAN;
+    uint64_t bytes = 0;
+    std::map<int64_t, int64_t> durations;  // ticks -> count, for the frame rate
+};
+
+bool readSampleRow(SVSampleBufferRef buffer, Row &row) {
+    row.dts = SVSampleBufferGetDecodeTimeStamp(buffer);
+    row.pts = SVSampleBufferGetPresentationTimeStamp(buffer);
+    row.duration = SVSampleBufferGetDuration(buffer);
+    row.size = SVSampleBufferGetTotalSampleSize(buffer);
+    row.sync = true;
+    if (CFArrayRef attachments = SVSampleBufferGetSampleAttachmentsArray(buffer, false);
+        attachments && CFArrayGetCount(attachments) > 0) {
+        auto dictionary = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(attachments, 0));
+        row.sync = CFDictionaryGetValue(dictionary, kSVSampleAttachmentKey_NotSync) != kCFBooleanTrue;
+    }
+    return true;
+}
+
+void countNALUnits(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, std::map<unsigned, int64_t> &counts) {
+    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
+    char *bytes = nullptr;
+    size_t contiguous = 0, total = 0;
+    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
+    std::map<unsigned, int64_t> *out = &counts;
+    _SVEnumerateNALUnits(reinterpret_cast<const uint8_t *>(bytes), total, headerLength,
+                         ^int(const uint8_t *unit, size_t length) {
+                           if (length > static_cast<size_t>(headerLength))
+                               ++(*out)[nalUnitType(codec, unit[headerLength])];
+                           return 0;
+                         });
+}
+
+// How many samples a decoder must hold back: the largest lead of a
+// sample's decode position over its presentation position.
+int reorderDepth(const std::vector<Row> &rows) {
+    std::vector<size_t> order(rows.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](size_t a, size_t b) { return SVTimeCompare(rows[a].pts, rows[b].pts) < 0; });
+    long depth = 0;
+    for (size_t rank = 0; rank < order.size(); ++rank)
+        depth = std::max(depth, static_cast<long>(order[rank]) - static_cast<long>(rank));
+    return static_cast<int>(depth);
+}
+
+std::string profileName(const SVVideoCodingInfo &info) {
+    if (info.codecType == 'avc1') {
+        switch (info.profile) {
+            case 66: return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
+            case 77: return "Main";
+            case 88: return "Extended";
+            case 100: return "High";
+            case 110: return (info.constraintFlags & 0x10) ? "High 10 Intra" : "High 10";
+            case 122: return (info.constraintFlags & 0x10) ? "High 4:2:2 Intra" : "High 4:2:2";
+            case 244: return (info.constraintFlags & 0x10) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
+            case 44: return "CAVLC 4:4:4";
+            default: return format("profile_idc %u", info.profile);
+        }
+    }
+    unsigned profile = info.profile;
+    // A zero profile defers to the first compatibility flag set.
+    for (unsigned j = 1; profile == 0 && j < 32; ++j)
+        if (info.profileCompatibility & (1u << (31 - j))) profile = j;
+    switch (profile) {
+        case 1: return "Main";
+        case 2: return "Main 10";
+        case 3: return "Main Still Picture";
+        case 4: return "Rext";
+        case 9: return "SCC";
+        default: return format("general_profile_idc %u", info.profile);
+    }
+}
+
+std::string levelName(const SVVideoCodingInfo &info) {
+    if (info.codecType == 'avc1') {
+        if (info.level == 11 && (info.constraintFlags & 0x10) && info.profile <= 88) return "1b";
+        return format("%u.%u", info.level / 10, info.level % 10);
+    }
+    const unsigned level = info.level / 3;  // general_level_idc is 30 times the level
+    return level % 10 ? format("%u.%u", level / 10, level % 10) : format("%u", level / 10);
+}
+
+const char *chromaName(uint32_t chromaFormat) {
+    switch (chromaFormat) {
+        case 0: return "4:0:0";
+        case 1: return "4:2:0";
+        case 2: return "4:2:2";
+        case 3: return "4:4:4";
+        default: return "?";
+    }
+}
+
+// Extension values are constant keys such as
+// "kCVImageBufferColorPrimaries_ITU_R_709_2": the part after the first
+// underscore is what a reader wants to see.
+std::string extensionText(SVFormatDescriptionRef description, CFStringRef key) {
+    const std::string text = utf8(SVFormatDescriptionGetExtension(description, key));
+    const size_t underscore = text.find('_');
+    return text.compare(0, 1, "k") == 0 && underscore != std::string::npos ? text.substr(underscore + 1) : text;
+}
+
+int64_t extensionInteger(SVFormatDescriptionRef description, CFStringRef key, int64_t fallback) {
+    CFTypeRef value = SVFormatDescriptionGetExtension(description, key);
+    int64_t number = fallback;
+    if (value && CFGetTypeID(value) == CFNumberGetTypeID())
+        CFNumberGetValue(static_cast<CFNumberRef>(value), kCFNumberSInt64Type, &number);
+    return number;
+}
+
+bool pixelAspectRatio(SVFormatDescriptionRef description, int64_t &h, int64_t &v) {
+    CFTypeRef value = SVFormatDescriptionGetExtension(description, kCVImageBufferPixelAspectRatioKey);
+    h = v = 1;
+    if (!value || CFGetTypeID(value) != CFDictionaryGetTypeID()) return false;
+    auto dictionary = static_cast<CFDictionaryRef>(value);
+    auto read = [&](CFStringRef key, int64_t &out) {
+        CFTypeRef number = CFDictionaryGetValue(dictionary, key);
+        if (number && CFGetTypeID(number) == CFNumberGetTypeID())
+            CFNumberGetValue(static_cast<CFNumberRef>(number), kCFNumberSInt64Type, &out);
+    };
+    read(kCVImageBufferPixelAspectRatioHorizontalSpacingKey, h);
+    read(kCVImageBufferPixelAspectRatioVerticalSpacingKey, v);
+    return true;
+}
+
+struct ParameterSet {
+    unsigned type;
+    size_t size;
+    std::string hex;
+};
+
+std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, FourCharCode codec, int *headerLength) {
+    auto getter = codec == 'avc1' ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
+                                  : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
+    size_t count = 0;
+    *headerLength = 0;
+    getter(description, 0, nullptr, nullptr, &count, headerLength);
+    std::vector<ParameterSet> sets;
+    for (size_t i = 0; i < count; ++i) {
+        const uint8_t *bytes = nullptr;
+        size_t size = 0;
+        if (getter(description, i, &bytes, &size, nullptr, nullptr) != 0 || size == 0) continue;
+        ParameterSet set{nalUnitType(codec, bytes[0]), size, {}};
+        for (size_t b = 0; b < size; ++b) set.hex += format("%02x", bytes[b]);
+        sets.push_back(std::move(set));
+    }
+    return sets;
+}
+
+std::string channelLayoutName(AudioChannelLayoutTag tag) {
+    switch (tag) {
+        case kAudioChannelLayoutTag_Mono: return "Mono";
+        case kAudioChannelLayoutTag_Stereo: return "Stereo";
+        case kAudioChannelLayoutTag_MPEG_5_1_A: return "MPEG 5.1 A";
+        case kAudioChannelLayoutTag_MPEG_7_1_A: return "MPEG 7.1 A";
+        default:
+            if ((tag & 0xFFFF0000u) == kAudioChannelLayoutTag_DiscreteInOrder)
+                return format("%u discrete channels", tag & 0xFFFF);
+            return format("tag 0x%08x", tag);
+    }
+}
+
+}  // namespace
+
+int runProbe(const ProbeOptions &options) {
+    ToolError error;
+    std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
+    if (!source) return reportError(error);
+
+    const FourCharCode codec = source->codec();
+    const int headerLength = source->nalUnitHeaderLength();
+    VideoSummary summary;
+    // The description of the first sample is the one reported: later
+    // changes are counted.
+    Ref<SVFormatDescriptionRef> description;
+    VideoSample sample;
+    while (source->next(sample)) {
+        if (!description) description = Ref<SVFormatDescriptionRef>::retain(SVSampleBufferGetFormatDescription(sample.buffer.get()));
+        Row row;
+        readSampleRow(sample.buffer.get(), row);
+        countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
+        if (row.sync) {
+            ++summary.syncCount;
+            summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
+        }
+        const double pts = seconds(row.pts), end = pts + (std::isnan(seconds(row.duration)) ? 0 : seconds(row.duration));
+        if (std::isnan(summary.start) || pts < summary.start) summary.start = pts;
+        if (std::isnan(summary.end) || end > summary.end) summary.end = end;
+        summary.bytes += row.size;
+        ++summary.durations[sample.duration];
+        summary.minPts = std::min(summary.minPts, sample.pts);
+        summary.minDts = std::min(summary.minDts, sample.dts);
+        summary.rows.push_back(row);
+    }
+    if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
+    summary.reorderDepth = reorderDepth(summary.rows);
+    if (!description) {
+        return reportError({source->problem() ? source->problem()->code : kExitTruncated,
+                            format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
+                                   codec == 'avc1' ? "H.264" : "HEVC")});
+    }
+
+    SVVideoCodingInfo info = {};
+    const bool haveInfo = SVVideoFormatDescriptionGetCodingInfo(description.get(), &info) == 0;
+    const SVVideoDimensions dimensions = SVVideoFormatDescriptionGetDimensions(description.get());
+    const CGSize presentation = SVVideoFormatDescriptionGetPresentationDimensions(description.get(), true, false);
+    int64_t sarH = 1, sarV = 1;
+    pixelAspectRatio(description.get(), sarH, sarV);
+    const bool fullRange = SVFormatDescriptionGetExtension(description.get(), kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
+    const int64_t fieldCount = extensionInteger(description.get(), kCVImageBufferFieldCountKey, 1);
+    const std::string fieldDetail = extensionText(description.get(), kCVImageBufferFieldDetailKey);
+    int storedHeaderLength = 0;
+    const std::vector<ParameterSet> sets = parameterSets(description.get(), codec, &storedHeaderLength);
+    const double duration = summary.rows.empty() ? 0 : summary.end - summary.start;
+    int64_t commonDuration = 0, commonCount = 0;
+    for (const auto &[ticks, count] : summary.durations)
+        if (count > commonCount && ticks > 0) commonDuration = ticks, commonCount = count;
+    const double frameRate = commonDuration > 0 ? 1.0 / seconds(source->time(commonDuration)) : NAN;
+    // How many frame times the first picture is shown after decoding starts.
+    const int64_t presentationDelay = commonDuration > 0 && !summary.rows.empty()
+                                          ? (summary.minPts - summary.minDts + commonDuration / 2) / commonDuration
+                                          : 0;
+    const std::string colourPrimaries = extensionText(description.get(), kCVImageBufferColorPrimariesKey);
+    const std::string transfer = extensionText(description.get(), kCVImageBufferTransferFunctionKey);
+    const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
+    const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
+    const char *codecName = codec == 'avc1' ? "h264" : "hevc";
+
+    if (options.json) {
+        JsonWriter json(stdout);
+        json.beginObject();
+        json.string("file", source->name());
+        json.string("container", source->containerName());
+        json.beginObject("video");
+        json.string("codec", codecName);
+        json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(description.get())));
+        if (haveInfo) {
+            json.string("profile", profileName(info));
+            json.integer("profile_idc", info.profile);
+            json.integer("level", info.level);
+            json.string("level_name", levelName(info));
+            if (codec == 'hvc1') json.string("tier", info.tier ? "High" : "Main");
+            json.string("chroma_format", chromaName(info.chromaFormat));
+            json.integer("bit_depth_luma", info.bitDepthLuma);
+            json.integer("bit_depth_chroma", info.bitDepthChroma);
+            json.integer("coded_width", info.codedWidth);
+            json.integer("coded_height", info.codedHeight);
+        }
+        json.integer("width", dimensions.width);
+        json.integer("height", dimensions.height);
+        json.number("presentation_width", presentation.width);
+        json.number("presentation_height", presentation.height);
+        json.string("pixel_aspect_ratio", format("%lld:%lld", static_cast<long long>(sarH), static_cast<long long>(sarV)));
+        json.string("color_primaries", colourPrimaries);
+        json.string("transfer_function", transfer);
+        json.string("ycbcr_matrix", matrix);
+        json.boolean("full_range", fullRange);
+        json.string("chroma_location", chromaTop);
+        json.integer("field_count", fieldCount);
+        json.string("field_detail", fieldDetail);
+        json.integer("nal_unit_header_length", storedHeaderLength);
+        json.beginArray("parameter_sets");
+        for (const ParameterSet &set : sets) {
+            json.beginRow();
+            json.string("type", nalUnitTypeName(codec, set.type));
+            json.integer("size", static_cast<long long>(set.size));
+            json.string("bytes", set.hex);
+            json.endRow();
+        }
+        json.endArray();
+        json.integer("timescale", source->timescale());
+        json.integer("sample_count", static_cast<long long>(summary.rows.size()));
+        json.number("start_time", summary.start);
+        json.number("duration", duration);
+        json.number("frame_rate", frameRate);
+        json.integer("total_size", static_cast<long long>(summary.bytes));
+        json.integer("sync_sample_count", summary.syncCount);
+        json.beginArray("sync_samples");
+        for (int64_t index : summary.syncIndices) json.integer(nullptr, index);
+        json.endArray();
+        json.integer("reorder_depth", summary.reorderDepth);
+        json.integer("presentation_delay", presentationDelay);
+        json.integer("format_changes", source->formatChanges());
+        json.beginObject("nal_units");
+        for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
+        json.endObject();
+        if (options.samples) {
+            json.beginArray("samples");
+            for (size_t i = 0; i < summary.rows.size(); ++i) {
+                const Row &row = summary.rows[i];
+                json.beginRow();
+                json.integer("index", static_cast<long long>(i));
+                json.integer("dts", row.dts.value);
+                json.integer("pts", row.pts.value);
+                json.integer("duration", SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0);
+                json.number("dts_time", seconds(row.dts));
+                json.number("pts_time", seconds(row.pts));
+                json.integer("size", static_cast<long long>(row.size));
+                json.boolean("sync", row.sync);
+                json.endRow();
+            }
+            json.endArray();
+        }
+        json.endObject();
+        json.beginArray("audio");
+        for (const AudioTrack &track : source->audioTracks()) {
+            json.beginObject();
+            json.integer("stream_index", track.streamIndex);
+            json.string("codec", track.codecName);
+            json.integer("packet_count", track.packetCount);
+            json.number("duration", track.endSeconds - track.startSeconds);
+            if (const AudioStreamBasicDescription *asbd = SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
+                size_t layoutSize = 0, cookieSize = 0;
+                const AudioChannelLayout *layout = SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
+                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
+                json.string("format_id", fourCC(asbd->mFormatID));
+                json.number("sample_rate", asbd->mSampleRate);
+                json.integer("format_flags", asbd->mFormatFlags);
+                json.integer("channels", asbd->mChannelsPerFrame);
+                json.integer("frames_per_packet", asbd->mFramesPerPacket);
+                json.integer("bytes_per_packet", asbd->mBytesPerPacket);
+                json.integer("bits_per_channel", asbd->mBitsPerChannel);
+                json.string("channel_layout", layout ? channelLayoutName(layout->mChannelLayoutTag) : "");
+                json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
+            }
+            json.endObject();
+        }
+        json.endArray();
+        json.beginArray("warnings");
+        for (const std::string &warning : source->warnings()) json.string(nullptr, warning);
+        if (source->samplesWithoutFormat())
+            json.string(nullptr, format("%lld samples before the first parameter sets were skipped",
+                                        static_cast<long long>(source->samplesWithoutFormat())));
+        if (source->problem()) json.string(nullptr, source->problem()->message);
+        json.endArray();
+        json.endObject();
+        json.finish();
+    } else {
+        printf("File          %s (%s)\n", source->name().c_str(), source->containerName().c_str());
+        printf("Video         %s '%s'", codec == 'avc1' ? "H.264" : "HEVC",
+               fourCC(SVFormatDescriptionGetMediaSubType(description.get())).c_str());
+        if (haveInfo) {
+            printf(", %s profile, level %s", profileName(info).c_str(), levelName(info).c_str());
+            if (codec == 'hvc1') printf(" (%s tier)", info.tier ? "High" : "Main");
+            printf(", %u-bit %s", info.bitDepthLuma, chromaName(info.chromaFormat));
+        }
+        printf("\n");
+        if (haveInfo) printf("  Coded       %dx%d\n", info.codedWidth, info.codedHeight);
+        printf("  Dimensions  %dx%d\n", dimensions.width, dimensions.height);
+        printf("  Display     %gx%g, pixel aspect ratio %lld:%lld\n", presentation.width, presentation.height,
+               static_cast<long long>(sarH), static_cast<long long>(sarV));
+        auto orUnspecified = [](const std::string &text) { return text.empty() ? std::string("unspecified") : text; };
+        printf("  Colour      primaries %s, transfer %s, matrix %s, %s range\n", orUnspecified(colourPrimaries).c_str(),
+               orUnspecified(transfer).c_str(), orUnspecified(matrix).c_str(), fullRange ? "full" : "video");
+        printf("  Chroma      %s\n", orUnspecified(chromaTop).c_str());
+        if (fieldCount > 1)
+            printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount), orUnspecified(fieldDetail).c_str());
+        else
+            printf("  Fields      progressive\n");
+        printf("  NAL length  %d bytes\n", storedHeaderLength);
+        printf("  Parameter sets ");
+        for (size_t i = 0; i < sets.size(); ++i)
+            printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
+        printf("\n");
+        printf("Timing        timescale %d, %zu samples, start %.6f s, duration %.6f s", source->timescale(),
+               summary.rows.size(), summary.start, duration);
+        if (!std::isnan(frameRate)) printf(", %.3f fps", frameRate);
+        printf("\n");
+        printf("  Sync        %lld:", static_cast<long long>(summary.syncCount));
+        for (size_t i = 0; i < summary.syncIndices.size() && i < 12; ++i)
+            printf(" %lld", static_cast<long long>(summary.syncIndices[i]));
+        if (summary.syncIndices.size() > 12) printf(" ...");
+        printf("\n");
+        printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
+               static_cast<long long>(presentationDelay));
+        printf("  NAL units  ");
+        for (const auto &[type, count] : summary.nalUnits)
+            printf(" %s %lld", nalUnitTypeName(codec, type), static_cast<long long>(count));
+        printf("\n");
+        if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
+        for (const AudioTrack &track : source->audioTracks()) {
+            printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
+            if (const AudioStreamBasicDescription *asbd = SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
+                size_t layoutSize = 0, cookieSize = 0;
+                const AudioChannelLayout *layout = SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
+                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
+                printf(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes", fourCC(asbd->mFormatID).c_str(),
+                       asbd->mSampleRate, asbd->mChannelsPerFrame,
+                       layout ? channelLayoutName(layout->mChannelLayoutTag).c_str() : "no layout", asbd->mFramesPerPacket,
+                       cookieSize);
+            } else {
+                printf(" (no stream description for this codec)");
+            }
+            printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount), track.endSeconds - track.startSeconds);
+        }
+        if (options.samples) {
+            printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)",
+                   "size", "sync");
+            for (size_t i = 0; i < summary.rows.size(); ++i) {
+                const Row &row = summary.rows[i];
+                printf("%8zu %12lld %12lld %9lld %12.6f %12.6f %9zu %5s\n", i, static_cast<long long>(row.dts.value),
+                       static_cast<long long>(row.pts.value),
+                       static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0), seconds(row.dts),
+                       seconds(row.pts), row.size, row.sync ? "yes" : "");
+            }
+        }
+        for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
+        if (source->samplesWithoutFormat())
+            fprintf(stderr, "sorvel: warning: %lld samples before the first parameter sets were skipped\n",
+                    static_cast<long long>(source->samplesWithoutFormat()));
+    }
+    fflush(stdout);
+    if (source->problem()) return reportError(*source->problem());
+    return kExitOK;
+}
+
+}  // namespace sorvel::tool

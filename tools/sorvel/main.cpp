@@ -1,0 +1,117 @@
+// sorvel: probe, convert and play H.264/HEVC media through the Sorvel
+// library.  See `sorvel --help`.
+#include "Commands.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace sorvel::tool {
+
+int reportError(const ToolError &error) {
+    fprintf(stderr, "sorvel: %s\n", error.message.c_str());
+    return error.code;
+}
+
+namespace {
+
+constexpr const char kUsage[] =
+    "usage: sorvel probe  [FILE] [--json] [--samples]\n"
+    "       sorvel annexb [IN] OUT\n"
+    "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
+    "\n"
+    "Reads MP4, Matroska, MPEG-TS or raw H.264/HEVC with libavformat and does everything else\n"
+    "with the Sorvel library.  Without FILE (or IN) the demo stream built into sorvel is used.\n"
+    "\n"
+    "  probe    the video stream's format description, timing, sync samples, reordering and\n"
+    "           NAL units; audio stream descriptions.  --samples adds a per-sample table.\n"
+    "  annexb   writes the video as an Annex B elementary stream (OUT may be - for stdout).\n"
+    "  play     plays the samples in real time against a timebase on the host clock, without\n"
+    "           decoding: R is the rate (negative plays backwards), T and D are in seconds.\n"
+    "\n"
+    "Exit status: 0 done, 1 failure, 2 bad command line, 3 cannot open the file, 4 no video\n"
+    "stream, 5 unsupported video, 6 truncated or damaged file.\n";
+
+int usage(const char *problem) {
+    if (problem) fprintf(stderr, "sorvel: %s\n", problem);
+    fputs(kUsage, stderr);
+    return kExitUsage;
+}
+
+bool parseNumber(const char *text, double &value) {
+    if (!text || !*text) return false;
+    char *end = nullptr;
+    errno = 0;
+    value = strtod(text, &end);
+    return errno == 0 && *end == '\0' && std::isfinite(value);
+}
+
+}  // namespace
+}  // namespace sorvel::tool
+
+int main(int argc, char **argv) {
+    using namespace sorvel::tool;
+    if (argc < 2) return usage(nullptr);
+    const std::string command = argv[1];
+    if (command == "-h" || command == "--help" || command == "help") {
+        fputs(kUsage, stdout);
+        return kExitOK;
+    }
+    std::vector<std::string> positional;
+    ProbeOptions probe;
+    PlayOptions play;
+    for (int i = 2; i < argc; ++i) {
+        const std::string argument = argv[i];
+        auto value = [&](double &out) {
+            if (i + 1 >= argc) return false;
+            return parseNumber(argv[++i], out);
+        };
+        if (argument == "--json" && (command == "probe" || command == "play")) {
+            probe.json = play.json = true;
+        } else if (argument == "--samples" && command == "probe") {
+            probe.samples = true;
+        } else if (argument == "--rate" && command == "play") {
+            if (!value(play.rate)) return usage("--rate needs a number");
+            if (play.rate == 0) return usage("--rate must not be 0");
+        } else if (argument == "--start" && command == "play") {
+            if (!value(play.start)) return usage("--start needs a number of seconds");
+        } else if (argument == "--duration" && command == "play") {
+            if (!value(play.duration) || play.duration <= 0) return usage("--duration needs a positive number of seconds");
+        } else if (argument == "--no-progress" && command == "play") {
+            play.progress = false;
+        } else if (argument == "-h" || argument == "--help") {
+            fputs(kUsage, stdout);
+            return kExitOK;
+        } else if (argument.size() > 1 && argument[0] == '-' && argument != "-") {
+            return usage(("unknown option for " + command + ": " + argument).c_str());
+        } else {
+            positional.push_back(argument);
+        }
+    }
+    if (command == "probe") {
+        if (positional.size() > 1) return usage("probe takes one file");
+        if (!positional.empty()) probe.file = positional[0];
+        return runProbe(probe);
+    }
+    if (command == "annexb") {
+        AnnexBOptions options;
+        if (positional.size() == 2) {
+            options.input = positional[0];
+            options.output = positional[1];
+        } else if (positional.size() == 1) {
+            options.output = positional[0];
+        } else {
+            return usage("annexb takes an input file and an output file");
+        }
+        return runAnnexB(options);
+    }
+    if (command == "play") {
+        if (positional.size() > 1) return usage("play takes one file");
+        if (!positional.empty()) play.file = positional[0];
+        return runPlay(play);
+    }
+    return usage(("unknown command: " + command).c_str());
+}
