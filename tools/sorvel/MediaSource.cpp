@@ -546,16 +546,27 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
 
     // Fill in what the container leaves out: raw streams carry no
     // presentation times, some containers no decode times.
+    // Matroska gives no decode times: the sample then has none either
+    // (decode order is arrival order).  Raw streams give no times at all:
+    // they are counted from the frame rate, in decode order.
     int64_t dts = packet->dts, pts = packet->pts;
-    sample.timestampsGuessed = dts == AV_NOPTS_VALUE && pts == AV_NOPTS_VALUE;
-    if (dts == AV_NOPTS_VALUE) dts = pts != AV_NOPTS_VALUE && nextIndex_ == 0 ? pts : lastDts_ + lastDuration_;
-    if (lastDts_ == INT64_MIN && dts == AV_NOPTS_VALUE) dts = 0;
-    if (pts == AV_NOPTS_VALUE) pts = dts;
+    const bool hasDts = dts != AV_NOPTS_VALUE;
+    sample.timestampsGuessed = !hasDts && pts == AV_NOPTS_VALUE;
+    if (sample.timestampsGuessed) {
+        dts = lastDts_ == INT64_MIN ? 0 : lastDts_ + lastDuration_;
+        pts = dts;
+        warn("the container gives no time stamps: they are counted from the frame rate in decode order");
+    } else if (!hasDts) {
+        dts = pts;
+    } else if (pts == AV_NOPTS_VALUE) {
+        pts = dts;
+    }
     int64_t duration = packet->duration > 0 ? packet->duration : defaultDuration_;
     lastDts_ = dts;
     lastDuration_ = duration;
 
-    const SVSampleTimingInfo timing = {duration > 0 ? time(duration) : kSVTimeInvalid, time(pts), time(dts)};
+    const SVSampleTimingInfo timing = {duration > 0 ? time(duration) : kSVTimeInvalid, time(pts),
+                                       hasDts || sample.timestampsGuessed ? time(dts) : kSVTimeInvalid};
     const size_t size = SVBlockBufferGetDataLength(block.get());
     Ref<SVSampleBufferRef> buffer;
     status = SVSampleBufferCreateReady(nullptr, block.get(), format_.get(), 1, 1, &timing, 1, &size, buffer.out());

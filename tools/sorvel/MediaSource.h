@@ -34,7 +34,7 @@ struct VideoSample {
     Ref<SVSampleBufferRef> buffer;
     int64_t index = 0;        // decode order, from 0
     int64_t pts = 0;          // stream ticks
-    int64_t dts = 0;
+    int64_t dts = 0;          // the presentation time when the container has no decode times
     int64_t duration = 0;
     size_t size = 0;
     bool sync = false;

@@ -83,8 +83,8 @@ struct Window {
 
 class Reader {
   public:
-    Reader(MediaSource &source, SVBufferQueueRef queue, Flow &flow, const Window &window)
-        : source_(source), queue_(queue), flow_(flow), window_(window) {}
+    Reader(MediaSource &source, SVBufferQueueRef queue, Flow &flow, const Window &window, bool seekFirst)
+        : source_(source), queue_(queue), flow_(flow), window_(window), seekFirst_(seekFirst) {}
 
     void run() {
         if (window_.reverse)
@@ -123,14 +123,32 @@ class Reader {
     }
 
     void runForwards() {
-        if (!std::isnan(window_.start) && !source_.seekToSyncBefore(source_.secondsToTicks(window_.start))) {
-            fail({kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
-            return;
+        VideoSample sample;
+        bool have = false;
+        if (seekFirst_) {
+            // Decoding starts at the sync sample at or before the start;
+            // inputs without an index may land later than asked, so step
+            // back further until that sync sample comes first.
+            const int64_t target = source_.secondsToTicks(window_.start);
+            const int64_t second = source_.secondsToTicks(1.0);
+            for (int64_t back = 0;; back = back ? back * 2 : second) {
+                if (!source_.seekToSyncBefore(target - back)) {
+                    fail({kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
+                    return;
+                }
+                have = false;
+                while (source_.next(sample))
+                    if (sample.sync) {
+                        have = true;
+                        break;
+                    }
+                if (!have || sample.pts <= target || back > 64 * second) break;
+            }
         }
         // Reordered pictures can follow a late decode time by a second at most.
         const double stopAfter = window_.end + 1.0;
-        VideoSample sample;
-        while (source_.next(sample)) {
+        while (have || source_.next(sample)) {
+            have = false;
             if (source_.ticksToSeconds(sample.dts) > stopAfter) break;
             if (!waitForRoom() || !enqueue(sample.buffer.get())) return;
         }
@@ -204,12 +222,14 @@ class Reader {
     SVBufferQueueRef queue_;
     Flow &flow_;
     Window window_;
+    bool seekFirst_;
 };
 
 struct Report {
     int64_t shown = 0, skipped = 0, late = 0, underruns = 0;
     double errorSum = 0, worst = 0;  // milliseconds, positive = late
     double wall = 0;
+    double reached = NAN;  // the far edge of the last picture shown
 };
 
 void drawProgress(double position, const Window &window, const Report &report) {
@@ -270,7 +290,7 @@ int runPlay(const PlayOptions &options) {
     SVBufferQueueInstallTrigger(queue.get(), queueDrained, &flow, kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
                                 SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken);
 
-    Reader reader(*source, queue.get(), flow, window);
+    Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
 
     // Preroll: start the clock once the queue is full or the file is read.
@@ -280,7 +300,7 @@ int runPlay(const PlayOptions &options) {
     }
     if (!reverse && std::isnan(options.start)) {
         // Without --start playing begins with the earliest picture queued.
-        const SVTime first = SVBufferQueueGetMinPresentationTimeStamp(queue.get());
+        const SVTime first = SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)SVBufferQueueGetHead(queue.get()));
         if (SVTIME_IS_NUMERIC(first)) {
             window.start = seconds(first);
             if (!std::isnan(options.duration)) window.end = window.start + options.duration;
@@ -335,14 +355,21 @@ int runPlay(const PlayOptions &options) {
         }
         SVSampleBufferRef taken = (SVSampleBufferRef)SVBufferQueueDequeueAndRetain(queue.get());
         const uint64_t takenHost = hostNow();
+        // An earlier picture may have become the head during the wait: it
+        // was due even sooner, so it is judged against its own moment.
+        uint64_t takenDue = dueHost;
         if (taken != head) {
-            // Another picture became the head after the wait: judge that one.
-            CFRelease(taken);
-            continue;
+            SVTime takenTime = SVSampleBufferGetOutputPresentationTimeStamp(taken);
+            if (reverse ? SVTimeCompare(takenTime, windowStart) > 0 : SVTimeCompare(takenTime, windowStart) < 0)
+                takenTime = windowStart;
+            takenDue = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
+                SVSyncConvertTime(takenTime, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
         }
         CFRelease(taken);
-        const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(dueHost)) / 1e6;
+        const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(takenDue)) / 1e6;
         ++report.shown;
+        report.reached = reverse ? (std::isnan(report.reached) ? pts : std::min(report.reached, pts))
+                                 : (std::isnan(report.reached) ? pts + duration : std::max(report.reached, pts + duration));
         report.errorSum += std::fabs(errorMs);
         if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
         if (errorMs > kLateMilliseconds) ++report.late;
@@ -358,7 +385,7 @@ int runPlay(const PlayOptions &options) {
     if (progress) fprintf(stderr, "\r%*s\r", 80, "");
 
     const double mean = report.shown ? report.errorSum / static_cast<double>(report.shown) : 0;
-    const double shownEnd = std::isinf(window.end) ? seconds(SVTimebaseGetTime(timebase.get())) : window.end;
+    const double shownEnd = std::isnan(report.reached) ? window.start : report.reached;
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();

@@ -218,7 +218,7 @@ int runProbe(const ProbeOptions &options) {
         summary.bytes += row.size;
         ++summary.durations[sample.duration];
         summary.minPts = std::min(summary.minPts, sample.pts);
-        summary.minDts = std::min(summary.minDts, sample.dts);
+        if (SVTIME_IS_NUMERIC(row.dts)) summary.minDts = std::min(summary.minDts, sample.dts);
         summary.rows.push_back(row);
     }
     if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
@@ -246,7 +246,7 @@ int runProbe(const ProbeOptions &options) {
         if (count > commonCount && ticks > 0) commonDuration = ticks, commonCount = count;
     const double frameRate = commonDuration > 0 ? 1.0 / seconds(source->time(commonDuration)) : NAN;
     // How many frame times the first picture is shown after decoding starts.
-    const int64_t presentationDelay = commonDuration > 0 && !summary.rows.empty()
+    const int64_t presentationDelay = commonDuration > 0 && summary.minDts != INT64_MAX
                                           ? (summary.minPts - summary.minDts + commonDuration / 2) / commonDuration
                                           : 0;
     const std::string colourPrimaries = extensionText(description.get(), kCVImageBufferColorPrimariesKey);
@@ -319,7 +319,10 @@ int runProbe(const ProbeOptions &options) {
                 const Row &row = summary.rows[i];
                 json.beginRow();
                 json.integer("index", static_cast<long long>(i));
-                json.integer("dts", row.dts.value);
+                if (SVTIME_IS_NUMERIC(row.dts))
+                    json.integer("dts", row.dts.value);
+                else
+                    json.null("dts");
                 json.integer("pts", row.pts.value);
                 json.integer("duration", SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0);
                 json.number("dts_time", seconds(row.dts));
@@ -427,9 +430,10 @@ int runProbe(const ProbeOptions &options) {
                    "size", "sync");
             for (size_t i = 0; i < summary.rows.size(); ++i) {
                 const Row &row = summary.rows[i];
-                printf("%8zu %12lld %12lld %9lld %12.6f %12.6f %9zu %5s\n", i, static_cast<long long>(row.dts.value),
-                       static_cast<long long>(row.pts.value),
-                       static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0), seconds(row.dts),
+                const std::string dts = SVTIME_IS_NUMERIC(row.dts) ? format("%lld", static_cast<long long>(row.dts.value)) : "N/A";
+                const std::string dtsTime = SVTIME_IS_NUMERIC(row.dts) ? format("%.6f", seconds(row.dts)) : "N/A";
+                printf("%8zu %12s %12lld %9lld %12s %12.6f %9zu %5s\n", i, dts.c_str(), static_cast<long long>(row.pts.value),
+                       static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0), dtsTime.c_str(),
                        seconds(row.pts), row.size, row.sync ? "yes" : "");
             }
         }
