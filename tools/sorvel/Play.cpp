@@ -341,10 +341,10 @@ int runPlay(const PlayOptions &options) {
         const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(
             SVTimeConvertScale(SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
         // Sleep in short steps so that an earlier picture arriving in the
-        // meantime is noticed, then spin through the last half millisecond.
+        // meantime is noticed, then spin through the last millisecond.
         uint64_t now = hostNow();
-        if (now + 500000 < dueHost) {
-            sleepUntil(std::min(dueHost - 500000, now + 20000000));
+        if (now + 1000000 < dueHost) {
+            sleepUntil(std::min(dueHost - 1000000, now + 20000000));
             if (progress && hostNow() - lastDraw > 100000000) {
                 lastDraw = hostNow();
                 drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window, report);
