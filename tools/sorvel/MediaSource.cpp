@@ -153,6 +153,20 @@ void releasePacketBuffer(void *refCon, void *, size_t) {
     av_buffer_unref(&buffer);
 }
 
+// The first box of an MP4 file is one of a few known types.
+bool looksLikeMP4(const std::string &path) {
+    if (path.empty()) return true;
+    FILE *file = fopen(path.c_str(), "rb");
+    if (!file) return false;
+    unsigned char header[8] = {};
+    const bool whole = fread(header, 1, sizeof header, file) == sizeof header;
+    fclose(file);
+    if (!whole) return false;
+    for (const char *type : {"ftyp", "moov", "mdat", "free", "skip", "wide", "pnot"})
+        if (memcmp(header + 4, type, 4) == 0) return true;
+    return false;
+}
+
 }  // namespace
 
 std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolError &error) {
@@ -221,7 +235,9 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
         // avformat_open_input frees the context on failure.
         format_context_ = nullptr;
         const std::string why = libraryError(status);
-        const bool cut = why.find("moov atom not found") != std::string::npos;
+        // The MP4 reader also answers for noise in a file named .mp4; only a
+        // file that starts like an MP4 is called truncated.
+        const bool cut = why.find("moov atom not found") != std::string::npos && looksLikeMP4(path);
         error = {cut ? kExitTruncated : kExitCannotOpen,
                  cut ? format("%s: truncated or unfinished MP4: it has no movie box (%s)", name_.c_str(), why.c_str())
                      : format("%s: not a media file that can be read: %s", name_.c_str(), why.c_str())};

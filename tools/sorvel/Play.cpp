@@ -14,6 +14,8 @@
 #include "Commands.h"
 #include "MediaSource.h"
 
+#include <pthread.h>
+#include <sched.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -264,6 +266,9 @@ int runPlay(const PlayOptions &options) {
         streamEnd = origin;
         while (scan->next(sample))
             streamEnd = std::max(streamEnd, scan->ticksToSeconds(sample.pts + std::max<int64_t>(sample.duration, 0)));
+        if (!std::isnan(options.start) && origin + options.start > streamEnd)
+            return reportError({kExitUsage, format("--start %.3f is past the end of the stream (%.3f s)", options.start,
+                                                   streamEnd - origin)});
         window.start = std::isnan(options.start) ? streamEnd : origin + options.start;
         window.end = std::isnan(options.duration) ? origin : std::max(origin, window.start - options.duration);
     } else {
@@ -313,6 +318,16 @@ int runPlay(const PlayOptions &options) {
     const uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
     SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
                                    SVClockMakeHostTimeFromSystemUnits(startHost));
+
+    // Presentation is the one thing here that must not wait for the
+    // scheduler: ask for a real-time priority and carry on without it when
+    // the system says no.
+    int oldPolicy = SCHED_OTHER;
+    sched_param oldParameters = {};
+    pthread_getschedparam(pthread_self(), &oldPolicy, &oldParameters);
+    sched_param realTime = {};
+    realTime.sched_priority = std::min(10, sched_get_priority_max(SCHED_FIFO));
+    const bool raised = pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == 0;
 
     const bool progress = options.progress && isatty(STDERR_FILENO);
     Report report;
@@ -375,7 +390,8 @@ int runPlay(const PlayOptions &options) {
         if (errorMs > kLateMilliseconds) ++report.late;
     }
     const uint64_t endHost = hostNow();
-    report.wall = (static_cast<double>(endHost) - static_cast<double>(startHost)) / 1e9;
+    if (raised) pthread_setschedparam(pthread_self(), oldPolicy, &oldParameters);
+    report.wall = std::max(0.0, (static_cast<double>(endHost) - static_cast<double>(startHost)) / 1e9);
     {
         std::lock_guard<std::mutex> lock(flow.mutex);
         flow.stop = true;

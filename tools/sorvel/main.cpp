@@ -77,7 +77,7 @@ int main(int argc, char **argv) {
             if (!value(play.rate)) return usage("--rate needs a number");
             if (play.rate == 0) return usage("--rate must not be 0");
         } else if (argument == "--start" && command == "play") {
-            if (!value(play.start)) return usage("--start needs a number of seconds");
+            if (!value(play.start) || play.start < 0) return usage("--start needs a number of seconds, 0 or more");
         } else if (argument == "--duration" && command == "play") {
             if (!value(play.duration) || play.duration <= 0) return usage("--duration needs a positive number of seconds");
         } else if (argument == "--no-progress" && command == "play") {

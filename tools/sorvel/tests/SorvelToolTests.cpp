@@ -1,0 +1,598 @@
+// End-to-end tests of the `sorvel` command.  Each case runs the built program
+// as a child process and judges its exit status, standard error and output
+// against references made by independent tools (tests/data/expected, the
+// bitstream-filter outputs under tests/data/bsf and tests/data/tool).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kTool = SORVEL_TOOL_PATH;
+const std::string kData = SORVEL_TEST_DATA_DIR;
+const std::string kDemo = SORVEL_EMBEDDED_STREAM_PATH;
+
+struct Outcome {
+    int exitCode = -1;  // -1: the program did not exit by itself
+    int signal = 0;
+    std::string out, err;
+    double seconds = 0;
+};
+
+// Runs the tool with `args`, standard input from /dev/null, and collects both
+// output streams (read together, so a chatty child never blocks on a full pipe).
+Outcome sorvel(const std::vector<std::string> &args) {
+    Outcome result;
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe2 failed";
+        return result;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    std::vector<char *> argv{const_cast<char *>(kTool.c_str())};
+    for (const std::string &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
+    argv.push_back(nullptr);
+    const auto started = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    const int spawned = posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (spawned == 0) {
+        pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+        std::string *sinks[2] = {&result.out, &result.err};
+        int open = 2;
+        const auto deadline = started + std::chrono::seconds(120);
+        while (open > 0) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                ADD_FAILURE() << "sorvel did not finish within 120 s; killed";
+                kill(pid, SIGKILL);
+                break;
+            }
+            if (poll(fds, 2, 1000) < 0 && errno != EINTR) break;
+            for (int i = 0; i < 2; ++i) {
+                if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+                char buffer[65536];
+                const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+                if (n > 0) {
+                    sinks[i]->append(buffer, static_cast<size_t>(n));
+                } else if (n == 0 || errno != EINTR) {
+                    fds[i].fd = -1;
+                    --open;
+                }
+            }
+        }
+        int status = 0;
+        pid_t waited;
+        while ((waited = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
+        }
+        if (waited == pid && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+        if (waited == pid && WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+    } else {
+        ADD_FAILURE() << "cannot start " << kTool << ": " << strerror(spawned);
+    }
+    close(outPipe[0]);
+    close(errPipe[0]);
+    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    return result;
+}
+
+// The exit status, no signal, and no sanitizer report, whatever the status.
+void expectExit(const Outcome &r, int code) {
+    EXPECT_EQ(r.signal, 0) << "killed by a signal; stderr:\n" << r.err;
+    EXPECT_EQ(r.exitCode, code) << "stderr:\n" << r.err;
+    for (const char *report : {"AddressSanitizer", "LeakSanitizer", "runtime error:"})
+        EXPECT_EQ(r.err.find(report), std::string::npos) << r.err;
+}
+
+std::string joined(const std::vector<std::string> &args) {
+    std::string text = "sorvel";
+    for (const std::string &arg : args) text += " " + arg;
+    return text;
+}
+
+// Bytes that no demuxer should take for media.
+std::string noise(unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(8192, '\0');
+    for (char &c : bytes) c = static_cast<char>(generator());
+    return bytes;
+}
+
+std::string readFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.good()) << "cannot read " << path;
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Just enough JSON for the tool's output and the reference files (whose
+// strings are plain ASCII: \u escapes are not decoded).
+struct Json {
+    enum Kind { Null, Bool, Number, String, Array, Object } kind = Null;
+    double number = 0;  // also 1/0 for true/false
+    std::string text;
+    std::vector<Json> items;
+    std::map<std::string, Json> fields;
+
+    const Json &operator[](const std::string &key) const {
+        static const Json missing;
+        const auto it = fields.find(key);
+        return it == fields.end() ? missing : it->second;
+    }
+    const Json &operator[](size_t index) const {
+        static const Json missing;
+        return index < items.size() ? items[index] : missing;
+    }
+    long long integer() const { return std::llround(number); }
+    bool boolean() const { return kind == Bool && number != 0; }
+};
+
+std::vector<long long> integers(const Json &array) {
+    std::vector<long long> values;
+    for (const Json &item : array.items) values.push_back(item.integer());
+    return values;
+}
+
+struct JsonReader {
+    const char *p;
+    void skip() {
+        while (isspace(static_cast<unsigned char>(*p))) ++p;
+    }
+    bool eat(char c) {
+        skip();
+        if (*p != c) return false;
+        ++p;
+        return true;
+    }
+    bool word(const char *w) {
+        if (strncmp(p, w, strlen(w)) != 0) return false;
+        p += strlen(w);
+        return true;
+    }
+    bool string(std::string &out) {
+        if (!eat('"')) return false;
+        for (; *p && *p != '"'; ++p) {
+            const bool escaped = *p == '\\';
+            if (escaped && !*++p) return false;
+            out += escaped && *p == 'n' ? '\n' : *p;
+        }
+        return *p++ == '"';
+    }
+    bool value(Json &v) {
+        skip();
+        const char open = *p, close = open == '{' ? '}' : ']';
+        if (open == '{' || open == '[') {
+            ++p;
+            v.kind = open == '{' ? Json::Object : Json::Array;
+            if (eat(close)) return true;
+            do {
+                std::string key;
+                Json item;
+                if ((open == '{' && (!string(key) || !eat(':'))) || !value(item)) return false;
+                if (open == '{')
+                    v.fields[key] = std::move(item);
+                else
+                    v.items.push_back(std::move(item));
+            } while (eat(','));
+            return eat(close);
+        }
+        if (open == '"') {
+            v.kind = Json::String;
+            return string(v.text);
+        }
+        if (word("null")) return true;
+        v.kind = Json::Bool;
+        if (word("true")) return v.number = 1, true;
+        if (word("false")) return true;
+        char *end = nullptr;
+        v.kind = Json::Number;
+        v.number = strtod(p, &end);
+        if (end == p) return false;
+        p = end;
+        return true;
+    }
+};
+
+Json parseJson(const std::string &text) {
+    Json value;
+    JsonReader reader{text.c_str()};
+    bool ok = reader.value(value);
+    reader.skip();
+    EXPECT_TRUE(ok && *reader.p == '\0') << "not JSON:\n" << text.substr(0, 2000);
+    return value;
+}
+
+// NAL unit payloads of an Annex B stream: split on 00 00 01; the extra zero
+// of a 4-byte start code and trailing_zero_8bits are stripped as padding.
+// `shortCodes` counts the start codes not preceded by a zero byte.
+std::vector<std::string> annexBUnits(const std::string &stream, size_t *shortCodes = nullptr) {
+    std::vector<std::string> units;
+    size_t start = std::string::npos, threeByte = 0;
+    for (size_t i = 0; i + 2 < stream.size();) {
+        if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1) {
+            if (start != std::string::npos) units.push_back(stream.substr(start, i - start));
+            if (i == 0 || stream[i - 1] != 0) ++threeByte;
+            start = i += 3;
+        } else {
+            ++i;
+        }
+    }
+    if (start != std::string::npos) units.push_back(stream.substr(start));
+    for (std::string &unit : units)
+        while (!unit.empty() && unit.back() == 0) unit.pop_back();
+    if (shortCodes) *shortCodes = threeByte;
+    return units;
+}
+
+void expectSameUnits(const std::vector<std::string> &ours, const std::vector<std::string> &reference) {
+    ASSERT_FALSE(reference.empty());
+    EXPECT_EQ(ours.size(), reference.size());
+    for (size_t i = 0; i < std::min(ours.size(), reference.size()); ++i) {
+        if (ours[i] == reference[i]) continue;
+        ADD_FAILURE() << "NAL unit " << i << " differs: " << ours[i].size() << " bytes, type byte "
+                      << (ours[i].empty() ? -1 : ours[i][0] & 0xFF) << "; reference " << reference[i].size()
+                      << " bytes, type byte " << (reference[i].empty() ? -1 : reference[i][0] & 0xFF);
+        return;
+    }
+}
+
+// A directory of scratch files, removed with everything in it.
+struct TempDir {
+    fs::path path;
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "sorvel-tool-XXXXXX").string();
+        path = mkdtemp(pattern.data()) ? fs::path(pattern) : fs::path();
+        EXPECT_FALSE(path.empty());
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        fs::remove_all(path, ignored);
+    }
+    std::string file(const std::string &name, const std::string &bytes = {}) const {
+        const std::string full = (path / name).string();
+        std::ofstream(full, std::ios::binary) << bytes;
+        return full;
+    }
+};
+
+const char *const kClips[] = {"avc_baseline_176x144",
+                              "avc_baseline_176x144.len2",
+                              "avc_high10_1280x720_pq",
+                              "avc_high_480x270_sar37x20_smpte240m",
+                              "avc_high_642x362_sar40x33_smpte170m",
+                              "avc_high_720x576_tff_sar16x11",
+                              "avc_main_1920x1080_bt709",
+                              "avc_main_1920x1080_bt709.oob",
+                              "hevc_main10_640x360_hlg_full_chromaloc2",
+                              "hevc_main_1920x1080_bt709",
+                              "hevc_main_642x362_sar40x33_smpte170m_hvc1",
+                              "hevc_main_642x362_sar40x33_smpte170m_hvc1.oob"};
+
+std::string clipMedia(const std::string &clip) {
+    return kData + "/media/" + clip + ".mp4";
+}
+std::string testName(const testing::TestParamInfo<const char *> &info) {
+    std::string name = info.param;
+    for (char &c : name)
+        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+    return name;
+}
+
+class ClipTest : public testing::TestWithParam<const char *> {};
+
+TEST_P(ClipTest, ProbeMatchesReference) {
+    const std::string clip = GetParam();
+    const Outcome r = sorvel({"probe", clipMedia(clip), "--json", "--samples"});
+    expectExit(r, 0);
+    const Json probe = parseJson(r.out);
+    const Json reference = parseJson(readFile(kData + "/expected/" + clip + ".json"));
+    const Json &video = probe["video"], &summary = reference["summary"];
+    const std::pair<const char *, const char *> same[] = {{"codec", "codec"},
+                                                          {"profile", "profile"},
+                                                          {"level", "level"},
+                                                          {"coded_width", "coded_width"},
+                                                          {"coded_height", "coded_height"},
+                                                          {"width", "display_width"},
+                                                          {"height", "display_height"},
+                                                          {"nal_unit_header_length", "nal_length_size"}};
+    for (const auto &[ours, theirs] : same) {
+        EXPECT_EQ(video[ours].text, summary[theirs].text) << ours;
+        EXPECT_EQ(video[ours].integer(), summary[theirs].integer()) << ours;
+        EXPECT_NE(video[ours].kind, Json::Null) << ours;
+    }
+    EXPECT_TRUE(probe["warnings"].items.empty()) << r.out;
+
+    const std::vector<Json> &packets = reference["packets"].items, &samples = video["samples"].items;
+    ASSERT_EQ(video["sample_count"].integer(), static_cast<long long>(packets.size()));
+    ASSERT_EQ(samples.size(), packets.size());
+    std::vector<long long> syncIndices;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        SCOPED_TRACE("sample " + std::to_string(i));
+        EXPECT_EQ(samples[i]["pts"].integer(), packets[i]["pts"].integer());
+        EXPECT_EQ(samples[i]["dts"].integer(), packets[i]["dts"].integer());
+        EXPECT_EQ(samples[i]["duration"].integer(), packets[i]["duration"].integer());
+        EXPECT_EQ(samples[i]["size"].integer(), packets[i]["size"].integer());
+        EXPECT_EQ(samples[i]["sync"].boolean(), packets[i]["keyframe"].boolean());
+        if (packets[i]["keyframe"].boolean()) syncIndices.push_back(static_cast<long long>(i));
+    }
+    EXPECT_EQ(integers(video["sync_samples"]), syncIndices);
+}
+
+TEST_P(ClipTest, AnnexBCarriesTheReferenceUnits) {
+    const std::string clip = GetParam();
+    const TempDir dir;
+    const std::string output = (dir.path / "out.annexb").string();
+    const Outcome r = sorvel({"annexb", clipMedia(clip), output});
+    expectExit(r, 0);
+    const std::string stream = readFile(output);
+    size_t shortCodes = 0;
+    const std::vector<std::string> units = annexBUnits(stream, &shortCodes);
+    EXPECT_EQ(stream.compare(0, 4, std::string("\0\0\0\1", 4)), 0) << "the stream must open with a start code";
+    EXPECT_EQ(shortCodes, 0u) << "every start code is 4 bytes long";
+    const std::string extension = clip.rfind("hevc", 0) == 0 ? ".h265" : ".h264";
+    expectSameUnits(units, annexBUnits(readFile(kData + "/bsf/" + clip + ".annexb" + extension)));
+
+    // The encoder's own elementary stream, read raw, comes out unit for unit.
+    const std::string raw = kData + "/media/" + clip + extension;
+    if (!fs::exists(raw)) return;  // the .len2/.oob variants share their base clip's stream
+    const Outcome again = sorvel({"annexb", raw, output});
+    expectExit(again, 0);
+    expectSameUnits(annexBUnits(readFile(output)), annexBUnits(readFile(raw)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Clips, ClipTest, testing::ValuesIn(kClips), testName);
+
+// Other containers.  Reference values from ffprobe's packet list: the sorted
+// presentation times are firstPts + k * step, decode times dts0 + i * step
+// after `missingDts` leading packets that have none.
+struct ContainerCase {
+    const char *file, *container, *codec, *profile;
+    long long timescale, samples;
+    std::vector<long long> sync;
+    long long firstPts, step, dts0, missingDts;
+    const char *annexBReference;  // made with ffmpeg -c copy -bsf:v h264_mp4toannexb / hevc_mp4toannexb
+};
+
+// clang-format off
+const ContainerCase kContainers[] = {
+    {"h264_bframes.mkv", "matroska", "h264", "High", 1000, 30, {0, 12, 24}, 23, 40, 23, 2,
+     "h264_bframes.mkv.annexb.h264"},
+    {"h264_ntsc.ts", "mpegts", "h264", "High", 90000, 36, {0, 15, 30}, 132006, 3003, 126000, 0,
+     "h264_ntsc.ts.annexb.h264"},
+    {"hevc_bframes.ts", "mpegts", "hevc", "Main", 90000, 30, {0, 9, 21}, 133200, 3600, 126000, 0,
+     "hevc_bframes.ts.annexb.h265"},
+};
+// clang-format on
+
+TEST(SorvelProbe, OtherContainersKeepTheirTiming) {
+    for (const ContainerCase &c : kContainers) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel({"probe", kData + "/tool/" + c.file, "--json", "--samples"});
+        expectExit(r, 0);
+        const Json probe = parseJson(r.out);
+        const Json &video = probe["video"];
+        EXPECT_NE(probe["container"].text.find(c.container), std::string::npos) << probe["container"].text;
+        EXPECT_EQ(video["codec"].text, c.codec);
+        EXPECT_EQ(video["profile"].text, c.profile);
+        EXPECT_EQ(video["width"].integer(), 160);
+        EXPECT_EQ(video["height"].integer(), 90);
+        EXPECT_EQ(video["timescale"].integer(), c.timescale);
+        EXPECT_GE(video["reorder_depth"].integer(), 1) << "these streams have B-frames";
+        const std::vector<Json> &samples = video["samples"].items;
+        ASSERT_EQ(static_cast<long long>(samples.size()), c.samples);
+        EXPECT_EQ(integers(video["sync_samples"]), c.sync);
+        std::vector<long long> pts;
+        for (size_t i = 0; i < samples.size(); ++i) {
+            SCOPED_TRACE("sample " + std::to_string(i));
+            pts.push_back(samples[i]["pts"].integer());
+            EXPECT_EQ(samples[i]["duration"].integer(), c.step);
+            const long long index = static_cast<long long>(i);
+            if (index < c.missingDts)
+                EXPECT_EQ(samples[i]["dts"].kind, Json::Null) << "the container gives no decode time here";
+            else
+                EXPECT_EQ(samples[i]["dts"].integer(), c.dts0 + (index - c.missingDts) * c.step);
+        }
+        std::sort(pts.begin(), pts.end());
+        for (size_t k = 0; k < pts.size(); ++k) EXPECT_EQ(pts[k], c.firstPts + static_cast<long long>(k) * c.step);
+    }
+}
+
+TEST(SorvelProbe, EmbeddedStreamIsTheDemoFileWithItsAudio) {
+    const Outcome embedded = sorvel({"probe", "--json"});
+    expectExit(embedded, 0);
+    const Json probe = parseJson(embedded.out);
+    const Json &video = probe["video"];
+    EXPECT_EQ(video["profile"].text, "High");
+    EXPECT_EQ(video["width"].integer(), 320);
+    EXPECT_EQ(video["height"].integer(), 180);
+    EXPECT_EQ(video["sample_count"].integer(), 75);
+    EXPECT_EQ(integers(video["sync_samples"]), (std::vector<long long>{0, 25, 50}));
+    ASSERT_EQ(probe["audio"].items.size(), 1u);
+    const Json &audio = probe["audio"][0];
+    EXPECT_EQ(audio["format_id"].text, "aac ");
+    EXPECT_EQ(audio["channels"].integer(), 2);
+    EXPECT_EQ(audio["sample_rate"].number, 48000.0);
+    EXPECT_EQ(audio["channel_layout"].text, "Stereo");
+    EXPECT_EQ(audio["magic_cookie_size"].integer(), 5);  // the AudioSpecificConfig of the esds
+    EXPECT_EQ(audio["packet_count"].integer(), 142);
+
+    // Read from memory or from the file, the report is the same but for its name.
+    const Outcome file = sorvel({"probe", kDemo, "--json"});
+    expectExit(file, 0);
+    EXPECT_EQ(parseJson(file.out)["file"].text, kDemo);
+    EXPECT_EQ(embedded.out.substr(embedded.out.find("\"container\"")), file.out.substr(file.out.find("\"container\"")));
+}
+
+TEST(SorvelAnnexB, OtherContainersKeepTheirUnitsThroughAPipe) {
+    for (const ContainerCase &c : kContainers) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel({"annexb", kData + "/tool/" + c.file, "-"});
+        expectExit(r, 0);
+        EXPECT_NE(r.err.find("Wrote " + std::to_string(c.samples) + " samples"), std::string::npos) << r.err;
+        expectSameUnits(annexBUnits(r.out), annexBUnits(readFile(kData + "/tool/" + c.annexBReference)));
+    }
+}
+
+TEST(SorvelAnnexB, EmbeddedStreamEqualsTheDemoFile) {
+    const TempDir dir;
+    const std::string fromMemory = (dir.path / "embedded.h264").string(), fromFile = (dir.path / "file.h264").string();
+    expectExit(sorvel({"annexb", fromMemory}), 0);
+    expectExit(sorvel({"annexb", kDemo, fromFile}), 0);
+    const std::string bytes = readFile(fromMemory);
+    EXPECT_GT(bytes.size(), 30000u);
+    EXPECT_TRUE(bytes == readFile(fromFile));
+}
+
+// Playback against the host clock.  What is shown and skipped is exact;
+// timing is only checked loosely because the machines running this are
+// shared and loaded.
+struct PlayCase {
+    std::vector<std::string> args;  // the rate comes last
+    long long shown;
+    bool skipsSome;
+    double start, end;
+};
+
+TEST(SorvelPlay, ShowsTheWindowAtTheAskedRate) {
+    const std::string ntsc = kData + "/tool/h264_ntsc.ts", hevc = kData + "/tool/hevc_bframes.ts";
+    const PlayCase cases[] = {
+        {{"--rate", "8"}, 75, false, 0.0, 3.0},
+        {{"--rate", "-8"}, 75, false, 3.0, 0.0},
+        {{"--start", "1", "--duration", "1", "--rate", "8"}, 25, true, 1.0, 2.0},
+        {{"--start", "2", "--duration", "1", "--rate", "-8"}, 25, false, 2.0, 1.0},
+        {{ntsc, "--rate", "4"}, 36, false, 132006 / 90000.0, (237111 + 3003) / 90000.0},
+        {{hevc, "--rate", "-4"}, 30, false, (237600 + 3600) / 90000.0, 133200 / 90000.0},
+        {{kData + "/tool/h264_bframes.mkv", "--rate", "4"}, 30, false, 0.023, 1.223},
+    };
+    for (const PlayCase &c : cases) {
+        std::vector<std::string> args{"play", "--json", "--no-progress"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        SCOPED_TRACE(joined(c.args));
+        const Outcome r = sorvel(args);
+        expectExit(r, 0);
+        SCOPED_TRACE(r.out);
+        const Json report = parseJson(r.out);
+        EXPECT_EQ(report["samples_shown"].integer(), c.shown);
+        // A loaded machine may wake the player late now and then: a late
+        // count is only bounded, but it must agree with the worst error.
+        const long long late = report["late_samples"].integer();
+        EXPECT_LE(late, c.shown / 4);
+        if (std::fabs(report["worst_error_ms"].number) <= 2.0) EXPECT_EQ(late, 0);
+        if (late > 0) EXPECT_GT(std::fabs(report["worst_error_ms"].number), 2.0);
+        if (c.skipsSome)
+            EXPECT_GT(report["samples_skipped"].integer(), 0);
+        else
+            EXPECT_EQ(report["samples_skipped"].integer(), 0);
+        EXPECT_NEAR(report["start"].number, c.start, 1e-4);
+        EXPECT_NEAR(report["end"].number, c.end, 1e-4);
+        EXPECT_LT(std::fabs(report["worst_error_ms"].number), 50.0);
+        // The last picture is due one frame before the end of the window.
+        const double rate = std::fabs(atof(c.args[c.args.size() - 1].c_str()));
+        const double span = std::fabs(c.end - c.start) / rate, frame = 0.05 / rate;
+        EXPECT_GE(report["wall_seconds"].number, span - frame);
+        EXPECT_LE(report["wall_seconds"].number, span + 1.0);
+        EXPECT_GE(r.seconds, span - frame);
+    }
+}
+
+// Failures: the exit status tells them apart and the message says what went wrong.
+struct ErrorCase {
+    std::vector<std::string> args;
+    int code;
+    const char *message;
+};
+
+TEST(SorvelErrors, ExitStatusAndMessage) {
+    const TempDir dir;
+    const std::string demo = readFile(kDemo), high10 = readFile(clipMedia("avc_high10_1280x720_pq"));
+    // moov at the front: the cut lands inside video sample 44 (bytes 29784..30091).
+    const std::string cutFront = dir.file("cut_front.mp4", demo.substr(0, 30000));
+    // moov at the end: the cut leaves no movie box at all.
+    const std::string cutEnd = dir.file("cut_end.mp4", high10.substr(0, 20000));
+    const ErrorCase cases[] = {
+        {{"probe", (dir.path / "missing.mp4").string()}, 3, "No such file or directory"},
+        {{"probe", dir.path.string()}, 3, "is a directory"},
+        {{"probe", dir.file("empty.mp4")}, 3, "the file is empty"},
+        {{"probe", dir.file("noise.bin", noise(1234))}, 3, "not a media file"},
+        {{"probe", kData + "/tool/audio_only.m4a"}, 4, "has no video stream"},
+        {{"play", kData + "/tool/audio_only.m4a"}, 4, "has no video stream"},
+        {{"probe", kData + "/tool/mpeg4_video.mp4"}, 5, "the video is mpeg4"},
+        {{"probe", cutFront}, 6, "sample 44 is incomplete"},
+        {{"annexb", cutFront, (dir.path / "cut.h264").string()}, 6, "sample 44 is incomplete"},
+        {{"play", cutFront, "--rate", "8", "--no-progress"}, 6, "sample 44 is incomplete"},
+        {{"probe", cutEnd}, 6, "truncated or unfinished MP4"},
+        {{"annexb", kDemo, (dir.path / "no" / "such" / "dir.h264").string()}, 1, "No such file or directory"},
+        {{}, 2, "usage:"},
+        {{"frobnicate"}, 2, "unknown command: frobnicate"},
+        {{"probe", "--bogus"}, 2, "unknown option for probe: --bogus"},
+        {{"play", "--samples"}, 2, "unknown option for play: --samples"},
+        {{"probe", kDemo, kDemo}, 2, "probe takes one file"},
+        {{"play", "--rate", "0"}, 2, "--rate must not be 0"},
+        {{"play", "--rate", "abc"}, 2, "--rate needs a number"},
+        {{"play", "--rate", "nan"}, 2, "--rate needs a number"},
+        {{"play", "--rate"}, 2, "--rate needs a number"},
+        {{"play", "--duration", "0"}, 2, "--duration needs a positive number"},
+        {{"play", "--start", "3", "--rate", "8"}, 2, "past the end of the stream"},
+        {{"play", "--start", "10", "--rate", "-8"}, 2, "past the end of the stream"},
+        {{"play", "--start", "-1"}, 2, "--start needs a number of seconds"},
+        {{"annexb"}, 2, "annexb takes an input file and an output file"},
+        {{"annexb", "a", "b", "c"}, 2, "annexb takes an input file and an output file"},
+    };
+    for (const ErrorCase &c : cases) {
+        SCOPED_TRACE(joined(c.args));
+        const Outcome r = sorvel(c.args);
+        expectExit(r, c.code);
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    }
+}
+
+// The incomplete sample is the last one reported, and the report still comes out.
+TEST(SorvelErrors, TruncatedProbeStillReportsTheSamplesBeforeTheCut) {
+    const TempDir dir;
+    const Outcome r = sorvel({"probe", "--json", dir.file("cut.mp4", readFile(kDemo).substr(0, 30000))});
+    expectExit(r, 6);
+    const Json probe = parseJson(r.out);
+    EXPECT_EQ(probe["video"]["sample_count"].integer(), 45);
+    bool named = false;
+    for (const Json &warning : probe["warnings"].items)
+        named |= warning.text.find("sample 44 is incomplete") != std::string::npos;
+    EXPECT_TRUE(named) << r.out;
+}
+
+// Random bytes are not a truncated MP4, whatever the file is called.
+TEST(SorvelErrors, NoiseNamedMp4CannotBeOpened) {
+    const TempDir dir;
+    const Outcome r = sorvel({"probe", dir.file("noise.mp4", noise(1234))});
+    expectExit(r, 3);
+    EXPECT_NE(r.err.find("not a media file"), std::string::npos) << r.err;
+}
+
+}  // namespace
