@@ -552,6 +552,24 @@ OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionR
                                   parameterSetCountOut, nalUnitHeaderLengthOut);
 }
 
+extern "C++" {
+namespace {
+
+// The picture fields both parsed SPS kinds share.
+template <typename SPS>
+void fillPictureInfo(SVVideoCodingInfo &info, const SPS &sps) noexcept {
+    info.chromaFormat = sps.chromaFormatIdc;
+    info.bitDepthLuma = 8 + sps.bitDepthLumaMinus8;
+    info.bitDepthChroma = 8 + sps.bitDepthChromaMinus8;
+    info.codedWidth = sps.codedWidth;
+    info.codedHeight = sps.codedHeight;
+    info.width = sps.width;
+    info.height = sps.height;
+}
+
+}  // namespace
+}
+
 OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept {
     static const char *const kFunction = "SVVideoFormatDescriptionGetCodingInfo";
     // Asking any other kind of description is a question with a "no" answer
@@ -579,13 +597,7 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
             info.level = sps.generalLevelIdc;
             info.tier = sps.generalTier;
             info.profileCompatibility = sps.generalProfileCompatibility;
-            info.chromaFormat = sps.chromaFormatIdc;
-            info.bitDepthLuma = 8 + sps.bitDepthLumaMinus8;
-            info.bitDepthChroma = 8 + sps.bitDepthChromaMinus8;
-            info.codedWidth = sps.codedWidth;
-            info.codedHeight = sps.codedHeight;
-            info.width = sps.width;
-            info.height = sps.height;
+            fillPictureInfo(info, sps);
             info.progressive = !sps.vui.fieldSeq;
         } else {
             sorvel::SVH264SPS sps;
@@ -596,13 +608,7 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
             info.profile = sps.profileIdc;
             info.level = sps.levelIdc;
             info.constraintFlags = sps.constraintFlags;
-            info.chromaFormat = sps.chromaFormatIdc;
-            info.bitDepthLuma = 8 + sps.bitDepthLumaMinus8;
-            info.bitDepthChroma = 8 + sps.bitDepthChromaMinus8;
-            info.codedWidth = sps.codedWidth;
-            info.codedHeight = sps.codedHeight;
-            info.width = sps.width;
-            info.height = sps.height;
+            fillPictureInfo(info, sps);
             info.progressive = sps.frameMbsOnly;
         }
         *infoOut = info;
