@@ -97,19 +97,25 @@ std::vector<Unit> annexBUnits(const uint8_t *data, size_t size) {
     return units;
 }
 
-// Units of a length-prefixed sample, without their prefixes.  `complete`
-// says whether the prefixes account for every byte.
-std::vector<Unit> prefixedUnits(const uint8_t *data, size_t size, int prefix, bool *complete) {
+// Units of a length-prefixed sample, without their prefixes.
+std::vector<Unit> prefixedUnits(const uint8_t *data, size_t size, int prefix) {
     std::vector<Unit> units;
     std::vector<Unit> *out = &units;
-    __block size_t covered = 0;
     _SVEnumerateNALUnits(data, size, prefix, ^int(const uint8_t *unit, size_t length) {
       out->push_back({unit + prefix, length - static_cast<size_t>(prefix)});
+      return 0;
+    });
+    return units;
+}
+
+// Whether the length prefixes of a sample account for every byte of it.
+bool prefixesCoverSample(const uint8_t *data, size_t size, int prefix) {
+    __block size_t covered = 0;
+    _SVEnumerateNALUnits(data, size, prefix, ^int(const uint8_t *, size_t length) {
       covered += length;
       return 0;
     });
-    if (complete) *complete = covered == size;
-    return units;
+    return covered == size;
 }
 
 // hvcC: 22 fixed bytes (the header length in byte 21), then arrays of units.
@@ -418,7 +424,7 @@ void MediaSource::describeAudio() {
 // In-band parameter sets of a sync sample (or Annex B extradata) replace
 // the description when they differ from it; SEI units never count.
 void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
-    std::vector<Unit> units = lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_, nullptr)
+    std::vector<Unit> units = lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_)
                                                          : annexBUnits(data, size);
     std::vector<Unit> sets;
     bool sps = false, pps = false, vps = codec_ == 'avc1';
@@ -512,9 +518,8 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
     Ref<SVBlockBufferRef> block;
     OSStatus status = 0;
     if (lengthPrefixed_) {
-        bool complete = false;
-        prefixedUnits(packet->data, static_cast<size_t>(packet->size), nalUnitHeaderLength_, &complete);
-        if (!complete) warn("some samples hold NAL unit lengths that do not add up to the sample size");
+        if (!prefixesCoverSample(packet->data, static_cast<size_t>(packet->size), nalUnitHeaderLength_))
+            warn("some samples hold NAL unit lengths that do not add up to the sample size");
         // The sample keeps the packet's memory alive instead of copying it.
         AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr;
         if (owner) {

@@ -32,7 +32,7 @@ struct VideoSummary {
     std::map<int64_t, int64_t> durations;  // ticks -> count, for the frame rate
 };
 
-bool readSampleRow(SVSampleBufferRef buffer, Row &row) {
+void readSampleRow(SVSampleBufferRef buffer, Row &row) {
     row.dts = SVSampleBufferGetDecodeTimeStamp(buffer);
     row.pts = SVSampleBufferGetPresentationTimeStamp(buffer);
     row.duration = SVSampleBufferGetDuration(buffer);
@@ -43,7 +43,6 @@ bool readSampleRow(SVSampleBufferRef buffer, Row &row) {
         auto dictionary = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(attachments, 0));
         row.sync = CFDictionaryGetValue(dictionary, kSVSampleAttachmentKey_NotSync) != kCFBooleanTrue;
     }
-    return true;
 }
 
 void countNALUnits(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, std::map<unsigned, int64_t> &counts) {
