@@ -2,8 +2,9 @@
  * NAL units and Annex B byte streams: splitting H.264 and HEVC elementary
  * streams into NAL units (start-code delimited or length-prefixed),
  * removing emulation-prevention bytes, turning avcC and hvcC decoder
- * configuration records into an Annex B run of their parameter sets, and
- * rewriting a length-prefixed 'avc1'/'hvc1' sample buffer as Annex B.
+ * configuration records into an Annex B run of their parameter sets.  (The
+ * writer that turns a whole 'avc1'/'hvc1' sample buffer into Annex B is in
+ * <Sorvel/SVSampleBuffer.h>.)
  *
  * The enumerators never fail: malformed input ends the walk and the count
  * of units reported so far is returned.  They read only the bytes they are
@@ -19,7 +20,6 @@
 #define SORVEL_SVNALUNIT_H
 
 #include <Sorvel/SVBase.h>
-#include <Sorvel/SVSampleBuffer.h>
 
 #include <stddef.h>
 #include <stdint.h>
@@ -87,23 +87,6 @@ SV_EXPORT OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfiguratio
     const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut,
     CFMutableDataRef *dataOut) SV_NOEXCEPT;
 
-#if __BLOCKS__
-/* Rewrites the length-prefixed units of an 'avc1' or 'hvc1' sample buffer
- * as Annex B with 4-byte start codes, into one buffer obtained from
- * `allocator` with the exact total size (the allocator is called once, after
- * the input has been checked; the buffer belongs to whoever it gave it to).  When `includeParameterSets` is 1
- * and the sample is a sync sample (its first sample-attachments dictionary
- * has no true kSVSampleAttachmentKey_NotSync), the format description's
- * parameter sets come first.  Units with an empty payload are dropped, and
- * so are units whose first byte & 0x1F is one of the `skipCount` bytes of
- * `nalTypesToSkip` (may be NULL when skipCount is 0).  Statuses: -12710
- * (NULL arguments, another subtype, no data, non-contiguous data), -12711
- * (the allocator returned NULL), or the parameter-set getter's failure. */
-SV_EXPORT OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer,
-                                                                  int32_t includeParameterSets,
-                                                                  const uint8_t *nalTypesToSkip, size_t skipCount,
-                                                                  SVSampleBufferPacketAllocator allocator) SV_NOEXCEPT;
-#endif
 
 SV_EXTERN_C_END
 

@@ -427,6 +427,23 @@ SV_EXPORT OSStatus SVSampleBufferCallBlockForEachSample(SVSampleBufferRef sbuf,
  * written), or the status of copying the bytes. */
 SV_EXPORT OSStatus _SVSampleBufferOutputVideoSampleAsBytes(SVSampleBufferRef sbuf, int32_t extraDataMode,
                                                            SVSampleBufferPacketAllocator packetAllocator) SV_NOEXCEPT;
+
+/* Rewrites the length-prefixed units of an 'avc1' or 'hvc1' sample buffer
+ * as Annex B with 4-byte start codes, into one buffer obtained from
+ * `allocator` with the exact total size (the allocator is called once, after
+ * the input has been checked; the buffer belongs to whoever it gave it to).  When `includeParameterSets` is 1
+ * and the sample is a sync sample (its first sample-attachments dictionary
+ * has no true kSVSampleAttachmentKey_NotSync), the format description's
+ * parameter sets come first.  Units with an empty payload are dropped, and
+ * so are units whose first byte & 0x1F is one of the `skipCount` bytes of
+ * `nalTypesToSkip` (may be NULL when skipCount is 0).  Statuses: -12710
+ * (NULL arguments, another subtype, no data, non-contiguous data), -12711
+ * (the allocator returned NULL), or the parameter-set getter's failure.
+ * The statuses are the format-description family's. */
+SV_EXPORT OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer,
+                                                                  int32_t includeParameterSets,
+                                                                  const uint8_t *nalTypesToSkip, size_t skipCount,
+                                                                  SVSampleBufferPacketAllocator allocator) SV_NOEXCEPT;
 #endif
 
 /* ==== Per-sample attachments ================================================= */

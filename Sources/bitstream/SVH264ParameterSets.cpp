@@ -1,0 +1,208 @@
+// H.264 sequence-parameter-set parsing and the avcC record.
+#include "bitstream/SVParameterSetsInternal.h"
+
+#include <Sorvel/SVNALUnit.h>
+
+#include <algorithm>
+
+namespace sorvel {
+
+std::vector<uint8_t> SVUnescapeRBSP(const uint8_t *data, size_t size) {
+    std::vector<uint8_t> out(size);
+    out.resize(_SVUnemulateNALData(data, size, out.data()));
+    return out;
+}
+
+namespace {
+
+bool isHighProfile(uint32_t profileIdc) {
+    switch (profileIdc) {
+        case 100: case 110: case 122: case 244: case 44: case 83: case 86:
+        case 118: case 128: case 138: case 139: case 134: case 135: return true;
+        default: return false;
+    }
+}
+
+void skipScalingList(SVBitReader &reader, int size) {
+    int32_t last = 8, next = 8;
+    for (int j = 0; j < size && !reader.failed(); ++j) {
+        if (next != 0) {
+            const int32_t delta = reader.se(-128, 127);
+            next = (last + delta + 256) % 256;
+        }
+        last = next == 0 ? last : next;
+    }
+}
+
+void parseH264VUI(SVBitReader &reader, SVVideoUsability &vui) {
+    if (reader.bit()) {
+        vui.aspectRatioIdc = static_cast<int>(reader.bits(8));
+        if (vui.aspectRatioIdc == 255) {
+            vui.sarWidth = reader.bits(16);
+            vui.sarHeight = reader.bits(16);
+        }
+    }
+    if (reader.bit()) reader.bit();  // overscan_appropriate_flag
+    if (reader.bit()) {
+        vui.videoSignalTypePresent = true;
+        reader.bits(3);  // video_format
+        vui.fullRange = reader.bit() != 0;
+        if (reader.bit()) {
+            vui.colourPrimaries = static_cast<int>(reader.bits(8));
+            vui.transferCharacteristics = static_cast<int>(reader.bits(8));
+            vui.matrixCoefficients = static_cast<int>(reader.bits(8));
+        }
+    }
+    if (reader.bit()) {
+        vui.chromaLocTop = static_cast<int>(reader.ue(5));
+        vui.chromaLocBottom = static_cast<int>(reader.ue(5));
+    }
+    // Timing, HRD and restriction fields follow; nothing of them is used.
+}
+
+}  // namespace
+
+bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why) {
+    sps = SVH264SPS{};
+    if (nal == nullptr || size < 4) {
+        why = "too short";
+        return false;
+    }
+    if ((nal[0] & 0x1F) != 7) {
+        why = "not a sequence parameter set";
+        return false;
+    }
+    const std::vector<uint8_t> rbsp = SVUnescapeRBSP(nal + 1, size - 1);
+    SVBitReader reader(rbsp.data(), rbsp.size());
+    sps.profileIdc = static_cast<uint8_t>(reader.bits(8));
+    sps.constraintFlags = static_cast<uint8_t>(reader.bits(8));
+    sps.levelIdc = static_cast<uint8_t>(reader.bits(8));
+    reader.ue(31);  // seq_parameter_set_id
+    if (reader.failed()) {
+        why = "bad seq_parameter_set_id";
+        return false;
+    }
+    bool separateColourPlane = false;
+    if (isHighProfile(sps.profileIdc)) {
+        sps.chromaFormatIdc = reader.ue(3);
+        if (sps.chromaFormatIdc == 3) separateColourPlane = reader.bit() != 0;
+        sps.bitDepthLumaMinus8 = reader.ue(6);
+        sps.bitDepthChromaMinus8 = reader.ue(6);
+        reader.bit();  // qpprime_y_zero_transform_bypass_flag
+        if (reader.failed()) {
+            why = "bad chroma format or bit depth";
+            return false;
+        }
+        if (reader.bit()) {
+            const int lists = sps.chromaFormatIdc != 3 ? 8 : 12;
+            for (int i = 0; i < lists && !reader.failed(); ++i)
+                if (reader.bit()) skipScalingList(reader, i < 6 ? 16 : 64);
+            if (reader.failed()) {
+                why = "bad scaling list";
+                return false;
+            }
+        }
+    }
+    reader.ue(12);  // log2_max_frame_num_minus4
+    const uint32_t pocType = reader.ue(2);
+    if (reader.failed()) {
+        why = "bad log2_max_frame_num or pic_order_cnt_type";
+        return false;
+    }
+    if (pocType == 0) {
+        reader.ue(12);  // log2_max_pic_order_cnt_lsb_minus4
+    } else if (pocType == 1) {
+        reader.bit();  // delta_pic_order_always_zero_flag
+        reader.se();   // offset_for_non_ref_pic
+        reader.se();   // offset_for_top_to_bottom_field
+        const uint32_t cycle = reader.ue(255);
+        for (uint32_t i = 0; i < cycle && !reader.failed(); ++i) reader.se();
+    }
+    reader.ue(32);  // max_num_ref_frames (legal up to 16; some encoders overstate it)
+    reader.bit();   // gaps_in_frame_num_value_allowed_flag
+    // Bounded so that every derived size fits a signed 32-bit value.
+    const uint32_t widthMbs = reader.ue(8191) + 1;
+    const uint32_t heightMapUnits = reader.ue(8191) + 1;
+    sps.frameMbsOnly = reader.bit() != 0;
+    if (!sps.frameMbsOnly) reader.bit();  // mb_adaptive_frame_field_flag
+    reader.bit();                         // direct_8x8_inference_flag
+    if (reader.failed()) {
+        why = "bad picture size or order fields";
+        return false;
+    }
+    sps.codedWidth = static_cast<int32_t>(widthMbs * 16);
+    sps.codedHeight = static_cast<int32_t>(heightMapUnits * 16 * (sps.frameMbsOnly ? 1 : 2));
+    uint32_t cropLeft = 0, cropRight = 0, cropTop = 0, cropBottom = 0;
+    if (reader.bit()) {
+        cropLeft = reader.ue();
+        cropRight = reader.ue();
+        cropTop = reader.ue();
+        cropBottom = reader.ue();
+    }
+    const bool chromaAbsent = sps.chromaFormatIdc == 0 || separateColourPlane;
+    const uint64_t cropUnitX = chromaAbsent ? 1 : (sps.chromaFormatIdc == 3 ? 1 : 2);
+    const uint64_t cropUnitY = (chromaAbsent ? 1 : (sps.chromaFormatIdc == 1 ? 2 : 1)) * (sps.frameMbsOnly ? 1 : 2);
+    const uint64_t cropX = cropUnitX * (uint64_t{cropLeft} + cropRight);
+    const uint64_t cropY = cropUnitY * (uint64_t{cropTop} + cropBottom);
+    if (reader.failed() || cropX >= static_cast<uint64_t>(sps.codedWidth) ||
+        cropY >= static_cast<uint64_t>(sps.codedHeight)) {
+        why = "bad frame cropping";
+        return false;
+    }
+    sps.width = sps.codedWidth - static_cast<int32_t>(cropX);
+    sps.height = sps.codedHeight - static_cast<int32_t>(cropY);
+    if (reader.bit()) parseH264VUI(reader, sps.vui);
+    if (reader.failed()) {
+        why = "bad VUI parameters";
+        return false;
+    }
+    return true;
+}
+
+namespace {
+
+void appendU16(std::vector<uint8_t> &out, size_t value) {
+    out.push_back(static_cast<uint8_t>(value >> 8));
+    out.push_back(static_cast<uint8_t>(value));
+}
+
+}  // namespace
+
+CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint8_t *const *sets, const size_t *sizes,
+                                                size_t count, int nalUnitHeaderLength) {
+    std::vector<uint8_t> out;
+    auto appendSets = [&](unsigned type) {
+        for (size_t i = 0; i < count; ++i) {
+            if ((sets[i][0] & 0x1F) != type) continue;
+            appendU16(out, sizes[i]);
+            out.insert(out.end(), sets[i], sets[i] + sizes[i]);
+        }
+    };
+    auto countOf = [&](unsigned type) {
+        return static_cast<size_t>(std::count_if(sets, sets + count, [&](const uint8_t *set) {
+            return (set[0] & 0x1F) == type;
+        }));
+    };
+    out.push_back(1);
+    out.push_back(sps.profileIdc);
+    out.push_back(sps.constraintFlags);
+    out.push_back(sps.levelIdc);
+    out.push_back(static_cast<uint8_t>(0xFC | (nalUnitHeaderLength - 1)));
+    out.push_back(static_cast<uint8_t>(0xE0 | countOf(7)));
+    appendSets(7);
+    out.push_back(static_cast<uint8_t>(countOf(8)));
+    appendSets(8);
+    switch (sps.profileIdc) {
+        case 100: case 110: case 122: case 144:
+            out.push_back(static_cast<uint8_t>(0xFC | sps.chromaFormatIdc));
+            out.push_back(static_cast<uint8_t>(0xF8 | sps.bitDepthLumaMinus8));
+            out.push_back(static_cast<uint8_t>(0xF8 | sps.bitDepthChromaMinus8));
+            out.push_back(static_cast<uint8_t>(countOf(13)));
+            appendSets(13);
+            break;
+        default: break;
+    }
+    return CFDataCreate(kCFAllocatorDefault, out.data(), static_cast<CFIndex>(out.size()));
+}
+
+}  // namespace sorvel

@@ -1,0 +1,294 @@
+// NAL units and Annex B byte streams.
+//
+// The enumerators walk caller memory without copying and never fail: a
+// malformed stream ends the walk and the count so far is returned.  The
+// record converters read through a bit reader that yields zeros past the end
+// of the record, so a short record makes zero-filled output rather than an
+// over-read.  Nothing here knows of samples: the writer that turns a sample
+// buffer into Annex B lives with the sample buffers.
+
+#include <Block.h>
+#include <Sorvel/SVNALUnit.h>
+
+#include <cstring>
+
+#include "core/SVLog.h"
+#include "bitstream/_SVUtilitiesInternal.h"
+
+namespace {
+
+SV_LOG_MODULE("Sorvel/Sources/_SVUtilities");
+
+using sorvel::kFourByteStartCode;
+using sorvel::walkLengthPrefixed;
+
+// The format-description family's codes, which these calls share; the bytes
+// layer sits below that family, so the values are restated and the tests
+// check that they agree.
+constexpr OSStatus kInvalidParameter = -12710;
+constexpr OSStatus kAllocationFailed = -12711;
+
+// ==== Start codes of any length ==============================================
+
+// True when `n` - 1 zero bytes and a 0x01 start at p; a length below 1 matches
+// anywhere.
+bool isStartCode(const uint8_t *p, int32_t n) noexcept {
+    if (n < 1) return true;
+    for (int32_t i = 0; i < n - 1; ++i)
+        if (p[i] != 0) return false;
+    return p[n - 1] == 1;
+}
+
+// The first start code of length n at a position in [from, last], or
+// nullptr.  The caller guarantees that last + n - 1 is readable.
+const uint8_t *findStartCode(const uint8_t *from, const uint8_t *last, int32_t n) noexcept {
+    if (from > last) return nullptr;
+    if (n < 1) return from;
+    if (n == 3) return sorvel::SVFindThreeByteStartCode(from, last);
+    if (n >= 3) {
+        // The 00 00 01 tail of a longer code, then the zeros before it.
+        const uint8_t *p = from;
+        while (p <= last) {
+            const uint8_t *tail = sorvel::SVFindThreeByteStartCode(p + (n - 3), last + (n - 3));
+            if (!tail) return nullptr;
+            const uint8_t *candidate = tail - (n - 3);
+            if (isStartCode(candidate, n)) return candidate;
+            p = candidate + 1;
+        }
+        return nullptr;
+    }
+    // One or two bytes: the 0x01 is the rare byte, so let memchr find it.
+    const uint8_t *p = from;
+    while (p <= last) {
+        const void *hit = std::memchr(p + (n - 1), 1, static_cast<size_t>(last - p) + 1);
+        if (!hit) return nullptr;
+        const uint8_t *candidate = static_cast<const uint8_t *>(hit) - (n - 1);
+        if (isStartCode(candidate, n)) return candidate;
+        p = candidate + 1;
+    }
+    return nullptr;
+}
+
+// ==== Record bit reader ======================================================
+
+// MSB-first over a record.  A read past the end yields zero bits and does
+// not advance, which is what makes short records come out zero-filled.
+class BitReader {
+public:
+    BitReader(const uint8_t *bytes, size_t size) noexcept : bytes_(bytes), bits_(bytes ? size * 8 : 0) {}
+
+    uint32_t read(unsigned count) noexcept {
+        uint32_t value = 0;
+        for (unsigned i = 0; i < count; ++i) value = (value << 1) | readBit();
+        return value;
+    }
+
+    // Copies `count` bytes (zeros past the end) to out, or only skips them
+    // when out is null.
+    void readBytes(uint8_t *out, size_t count) noexcept {
+        if ((position_ & 7) == 0) {
+            const size_t available = position_ < bits_ ? (bits_ - position_) / 8 : 0;
+            const size_t real = count < available ? count : available;
+            if (out) {
+                if (real) std::memcpy(out, bytes_ + position_ / 8, real);
+                if (count > real) std::memset(out + real, 0, count - real);
+            }
+            position_ += real * 8;
+            return;
+        }
+        for (size_t i = 0; i < count; ++i) {
+            const uint8_t byte = static_cast<uint8_t>(read(8));
+            if (out) out[i] = byte;
+        }
+    }
+
+private:
+    uint32_t readBit() noexcept {
+        if (position_ >= bits_) return 0;
+        const uint32_t bit = (bytes_[position_ / 8] >> (7 - (position_ & 7))) & 1;
+        ++position_;
+        return bit;
+    }
+
+    const uint8_t *bytes_;
+    size_t bits_;
+    size_t position_ = 0;
+};
+
+// Walks an avcC record's parameter sets the lenient way (zeros past the
+// end): visit(reader, length) must consume `length` bytes.
+template <typename Visit>
+int32_t walkAVCRecord(const uint8_t *record, size_t size, Visit &&visit) noexcept {
+    BitReader reader(record, size);
+    reader.read(32);
+    const int32_t headerLength = static_cast<int32_t>(reader.read(8) & 3) + 1;
+    reader.read(3);
+    const uint32_t sequenceSets = reader.read(5);
+    for (uint32_t i = 0; i < sequenceSets; ++i) visit(reader, 0, reader.read(16));
+    const uint32_t pictureSets = reader.read(8);
+    for (uint32_t i = 0; i < pictureSets; ++i) visit(reader, 0, reader.read(16));
+    return headerLength;
+}
+
+// The same for the arrays of an hvcC record longer than 22 bytes; visit
+// also receives the array's NAL unit type.
+template <typename Visit>
+int32_t walkHEVCRecord(const uint8_t *record, size_t size, Visit &&visit) noexcept {
+    const int32_t headerLength = (record[21] & 3) + 1;
+    BitReader reader(record, size);
+    reader.readBytes(nullptr, 22);
+    const uint32_t arrays = reader.read(8);
+    for (uint32_t a = 0; a < arrays; ++a) {
+        reader.read(2);
+        const uint32_t type = reader.read(6);
+        const uint32_t units = reader.read(16);
+        for (uint32_t u = 0; u < units; ++u) visit(reader, type, reader.read(16));
+    }
+    return headerLength;
+}
+
+// Runs a record walk twice, measuring then writing, into a new mutable data
+// object.  `prefixBytes` is what each unit's start code occupies (4, or 5
+// with the hvcC type byte).
+template <typename Walk>
+OSStatus concatenate(Walk &&walk, size_t prefixBytes, int32_t *nalUnitHeaderLengthOut, CFMutableDataRef *dataOut) {
+    CFMutableDataRef data = CFDataCreateMutable(nullptr, 0);
+    if (!data) return kAllocationFailed;
+    size_t total = 0;
+    walk([&](BitReader &reader, uint32_t, uint32_t length) {
+        reader.readBytes(nullptr, length);
+        total += prefixBytes + length;
+    });
+    CFDataSetLength(data, static_cast<CFIndex>(total));
+    uint8_t *out = CFDataGetMutableBytePtr(data);
+    const int32_t headerLength = walk([&](BitReader &reader, uint32_t type, uint32_t length) {
+        std::memcpy(out, kFourByteStartCode, 4);
+        out += 4;
+        if (prefixBytes == 5) *out++ = static_cast<uint8_t>(type);
+        reader.readBytes(out, length);
+        out += length;
+    });
+    if (nalUnitHeaderLengthOut) *nalUnitHeaderLengthOut = headerLength;
+    *dataOut = data;
+    return 0;
+}
+
+}  // namespace
+
+// ==== Exported entry points ==================================================
+
+extern "C" {
+
+size_t _SVEnumerateAnnexBNALUnits(const uint8_t *data, size_t length, int32_t startCodeLength,
+                                  SVNALUnitHandler handler) noexcept {
+    const int32_t n = startCodeLength;
+    if (!data || length == 0 || n < 0 || length <= static_cast<size_t>(n)) return 0;
+    const size_t codeLength = static_cast<size_t>(n);
+    const uint8_t *end = data + length;
+    // Only start codes followed by at least one byte are found.
+    const uint8_t *current = findStartCode(data, end - codeLength - 1, n);
+    if (!current) return 0;
+    size_t count = 0;
+    for (;;) {
+        const size_t rest = static_cast<size_t>(end - current);
+        const uint8_t *next = nullptr;
+        if (rest - 1 > codeLength) next = findStartCode(current + 1, end - codeLength - 1, n);
+        if (!next) {
+            if (handler) handler(current, rest);
+            return count + 1;
+        }
+        if (handler) handler(current, static_cast<size_t>(next - current));
+        ++count;
+        current = next;
+    }
+}
+
+size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length, SVNALUnitHandler handler) noexcept {
+    if (!data || length <= 3) return 0;
+    const uint8_t *end = data + length;
+    const uint8_t *current = sorvel::SVFindThreeByteStartCode(data, end - 4);
+    if (!current) return 0;
+    size_t count = 0;
+    for (;;) {
+        const uint8_t *payload = current + 3;
+        // The next start code may occupy the last three bytes; it then ends
+        // the last unit and opens an empty one.
+        const uint8_t *next = static_cast<size_t>(end - current) > 5
+                                  ? sorvel::SVFindThreeByteStartCode(payload, end - 3)
+                                  : nullptr;
+        if (!next) {
+            if (payload < end) {
+                if (handler) handler(payload, static_cast<size_t>(end - payload));
+                ++count;
+            }
+            return count;
+        }
+        // One zero before the next start code is its fourth byte.
+        size_t unit = static_cast<size_t>(next - payload);
+        if (unit > 0 && next[-1] == 0) --unit;
+        if (unit > 0) {
+            if (handler) handler(payload, unit);
+            ++count;
+        }
+        current = next;
+    }
+}
+
+size_t _SVEnumerateNALUnits(const uint8_t *data, size_t length, int32_t lengthPrefixSize,
+                            SVNALUnitHandler handler) noexcept {
+    return walkLengthPrefixed(data, length, lengthPrefixSize, [&](const uint8_t *unit, size_t size) {
+        if (handler) handler(unit, size);
+    });
+}
+
+size_t _SVUnemulateNALData(const uint8_t *source, size_t length, uint8_t *destination) noexcept {
+    if (!source || !destination || length == 0) return 0;
+    size_t written = 0;
+    // The two bytes read before the current one; non-zero to start with so a
+    // leading 00 03 is kept.
+    uint8_t older = 1;
+    uint8_t newer = 1;
+    for (size_t i = 0; i < length; ++i) {
+        const uint8_t byte = source[i];
+        if (byte == 3 && older == 0 && newer == 0) {
+            // Dropped.  The byte after it is copied whatever it is.
+            older = newer;
+            newer = byte;
+            if (++i == length) break;
+            const uint8_t after = source[i];
+            destination[written++] = after;
+            older = newer;
+            newer = after;
+            continue;
+        }
+        destination[written++] = byte;
+        older = newer;
+        newer = byte;
+    }
+    return written;
+}
+
+OSStatus _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(const uint8_t *record,
+                                                                             size_t recordSize,
+                                                                             int32_t *nalUnitHeaderLengthOut,
+                                                                             CFMutableDataRef *dataOut) noexcept {
+    if (!dataOut) return kInvalidParameter;
+    return concatenate([&](auto &&visit) { return walkAVCRecord(record, recordSize, visit); }, 4,
+                       nalUnitHeaderLengthOut, dataOut);
+}
+
+OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(const uint8_t *record,
+                                                                              size_t recordSize,
+                                                                              int32_t *nalUnitHeaderLengthOut,
+                                                                              CFMutableDataRef *dataOut) noexcept {
+    if (!record || recordSize == 0 || !dataOut) return kInvalidParameter;
+    if (recordSize <= 22) {
+        SV_LOG(3, "_SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord", __LINE__,
+               "HEVC configuration record is too short");
+        return kInvalidParameter;
+    }
+    return concatenate([&](auto &&visit) { return walkHEVCRecord(record, recordSize, visit); }, 5,
+                       nalUnitHeaderLengthOut, dataOut);
+}
+
+}  // extern "C"

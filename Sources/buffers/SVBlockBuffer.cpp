@@ -1,0 +1,487 @@
+// Block buffers: a run of bytes stitched from memory pieces and references
+// to other buffers, kept as a singly linked list of piece records in data
+// order.
+//
+// Every read locates bytes by finding the piece that holds them (a walk
+// from the head, or a binary search in the piece index that buffers of
+// many pieces keep), descending into referenced buffers; references are
+// never flattened, so a chain of references costs one step per level.
+// Pieces never have a zero data length (appends refuse it, and a reference
+// without a length runs to the end of a non-empty target), which the
+// searches below rely on.
+
+#include <Sorvel/SVBlockBuffer.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "buffers/SVBlockBufferInternal.h"
+#include "core/SVLog.h"
+#include "core/SVObject.h"
+
+namespace {
+
+SV_LOG_MODULE("Sorvel/Sources/SVBlockBuffer");
+
+using sorvel::SVRetained;
+using sorvel::SVRuntimeClass;
+
+using Buffer = OpaqueSVBlockBuffer;
+using SubBlock = SVBlockBufferSubBlock;
+
+void blockBufferFinalize(CFTypeRef cf) noexcept;
+
+const CFRuntimeClass kSVBlockBufferClass = {
+    0, "SVBlockBuffer", nullptr, nullptr, blockBufferFinalize, nullptr, nullptr, nullptr, nullptr,
+};
+constinit SVRuntimeClass<Buffer> gSVBlockBufferClass{kSVBlockBufferClass};
+
+constexpr int kCopyRanOffTheEndLine = 190;
+
+void *allocateBlock(const SubBlock &piece) noexcept {
+    if (piece.hasCustomBlockSource) {
+        auto allocate = piece.customBlockSource.AllocateBlock;
+        return allocate ? allocate(piece.customBlockSource.refCon, piece.blockLength) : nullptr;
+    }
+    // CFAllocator sizes are signed; a length that does not fit cannot be
+    // allocated.
+    if (piece.blockLength > static_cast<size_t>(INTPTR_MAX)) return nullptr;
+    return CFAllocatorAllocate(static_cast<CFAllocatorRef>(piece.allocatorOrBuffer),
+                               static_cast<CFIndex>(piece.blockLength), 0);
+}
+
+void freeBlock(const SubBlock &piece) noexcept {
+    if (piece.hasCustomBlockSource) {
+        if (piece.customBlockSource.FreeBlock)
+            piece.customBlockSource.FreeBlock(piece.customBlockSource.refCon, piece.memoryBlock, piece.blockLength);
+    } else {
+        CFAllocatorDeallocate(static_cast<CFAllocatorRef>(piece.allocatorOrBuffer), piece.memoryBlock);
+    }
+}
+
+// Buffers with at least this many pieces keep an index of them.
+constexpr size_t kIndexedPieceCount = 16;
+
+// Adds the newest piece to the index, making the index when the buffer
+// grows large enough.  A failure to allocate only costs speed: the index is
+// dropped, and made again when the piece count next reaches a power of two.
+void indexNewPiece(Buffer *buffer, SubBlock *piece, size_t start) noexcept {
+    const size_t count = buffer->pieceCount;
+    if (buffer->index && count > buffer->indexCapacity) {
+        auto *grown = static_cast<SVBlockBufferIndexEntry *>(
+            std::realloc(buffer->index, 2 * buffer->indexCapacity * sizeof(SVBlockBufferIndexEntry)));
+        if (!grown) {
+            std::free(buffer->index);
+            buffer->index = nullptr;
+            return;
+        }
+        buffer->index = grown;
+        buffer->indexCapacity *= 2;
+    }
+    if (buffer->index) {
+        buffer->index[count - 1] = {start, piece};
+        return;
+    }
+    if (count < kIndexedPieceCount || (count & (count - 1)) != 0) return;
+    auto *index = static_cast<SVBlockBufferIndexEntry *>(std::malloc(2 * count * sizeof(SVBlockBufferIndexEntry)));
+    if (!index) return;
+    size_t i = 0, at = 0;
+    for (SubBlock *p = buffer->firstSubBlock; p; at += p->dataLength, p = p->next) index[i++] = {at, p};
+    buffer->index = index;
+    buffer->indexCapacity = 2 * count;
+}
+
+void link(Buffer *buffer, SubBlock *piece) noexcept {
+    if (buffer->lastSubBlock)
+        buffer->lastSubBlock->next = piece;
+    else
+        buffer->firstSubBlock = piece;
+    buffer->lastSubBlock = piece;
+    const size_t start = buffer->dataLength;
+    buffer->dataLength += piece->dataLength;
+    buffer->pieceCount++;
+    indexNewPiece(buffer, piece, start);
+}
+
+// The piece that holds `offset` (the first one whose end lies beyond it),
+// and where it starts; NULL when there is none.
+SubBlock *findPiece(const Buffer *buffer, size_t offset, size_t *startOut) noexcept {
+    if (const SVBlockBufferIndexEntry *index = buffer->index) {
+        if (offset >= buffer->dataLength) return nullptr;
+        // The last piece that starts at or before the offset.
+        size_t low = 0, high = buffer->pieceCount;
+        while (high - low > 1) {
+            const size_t middle = low + (high - low) / 2;
+            if (index[middle].start <= offset)
+                low = middle;
+            else
+                high = middle;
+        }
+        *startOut = index[low].start;
+        return index[low].piece;
+    }
+    SubBlock *piece = buffer->firstSubBlock;
+    size_t start = 0;
+    while (piece && piece->dataLength <= offset - start) {
+        start += piece->dataLength;
+        piece = piece->next;
+    }
+    *startOut = start;
+    return piece;
+}
+
+void blockBufferFinalize(CFTypeRef cf) noexcept {
+    Buffer *buffer = SVRuntimeClass<Buffer>::cast(cf);
+    SubBlock *piece = buffer->firstSubBlock;
+    while (piece) {
+        SubBlock *next = piece->next;
+        // The count is always 1 today; the loop disposes of the record
+        // whatever it holds.
+        while (__atomic_fetch_sub(&piece->referenceCount, 1, __ATOMIC_ACQ_REL) != 1) {
+        }
+        if (piece->isReference) {
+            CFRelease(piece->allocatorOrBuffer);
+        } else {
+            if (piece->memoryBlock) freeBlock(*piece);
+            if (piece->allocatorOrBuffer) CFRelease(piece->allocatorOrBuffer);
+        }
+        std::free(piece);
+        piece = next;
+    }
+    buffer->firstSubBlock = nullptr;
+    buffer->lastSubBlock = nullptr;
+    std::free(buffer->index);
+    buffer->index = nullptr;
+}
+
+OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, size_t dataLength) noexcept {
+    if (!buffer || !target) return kSVBlockBufferBadPointerParameterErr;
+    const size_t targetLength = target->dataLength;
+    if (offsetToData >= targetLength) return kSVBlockBufferBadOffsetParameterErr;
+    if (dataLength == 0)
+        dataLength = targetLength - offsetToData;
+    else if (dataLength > targetLength - offsetToData)
+        return kSVBlockBufferBadLengthParameterErr;
+
+    auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
+    if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
+    piece->referenceCount = 1;
+    piece->isReference = 1;
+    piece->allocatorOrBuffer = CFRetain(target);
+    piece->offsetToData = offsetToData;
+    piece->dataLength = dataLength;
+    link(buffer, piece);
+    return kSVBlockBufferNoErr;
+}
+
+// Finds the bytes at `offset`, descending through references.  `*runOut`
+// is the number of contiguous bytes there, clipped by the end of the piece
+// at every level (the same answer as recursing and taking the smaller run
+// on the way back, without the recursion).
+OSStatus locate(const Buffer *buffer, size_t offset, size_t *runOut, char **pointerOut) noexcept {
+    size_t run = SIZE_MAX;
+    for (;;) {
+        size_t start;
+        const SubBlock *piece = findPiece(buffer, offset, &start);
+        if (!piece) return kSVBlockBufferBadOffsetParameterErr;
+        const size_t r = offset - start;
+        if (piece->dataLength - r < run) run = piece->dataLength - r;
+        if (!piece->isReference) {
+            if (!piece->memoryBlock) return kSVBlockBufferUnallocatedBlockErr;
+            *runOut = run;
+            *pointerOut = static_cast<char *>(piece->memoryBlock) + piece->offsetToData + r;
+            return kSVBlockBufferNoErr;
+        }
+        buffer = static_cast<const Buffer *>(piece->allocatorOrBuffer);
+        offset = piece->offsetToData + r;
+    }
+}
+
+// Calls visit(bytes, n, done) for each contiguous run of an already checked
+// range, in order; `done` counts the bytes visited before.  A reached
+// memory piece without a block is kSVBlockBufferUnallocatedBlockErr, or,
+// with mayAllocate, allocates every missing block of the buffer being
+// walked first.
+template <typename Visit>
+OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocate, size_t doneBefore,
+                   Visit &visit) noexcept {
+    size_t done = 0;
+    size_t start;
+    bool first = true;
+    for (SubBlock *piece = findPiece(buffer, offset, &start); piece; piece = piece->next) {
+        const size_t r = first ? offset - start : 0;
+        first = false;
+        const size_t remaining = length - done;
+        const size_t n = piece->dataLength - r < remaining ? piece->dataLength - r : remaining;
+        if (piece->isReference) {
+            OSStatus status = walkRange(static_cast<Buffer *>(const_cast<void *>(piece->allocatorOrBuffer)),
+                                        piece->offsetToData + r, n, mayAllocate, doneBefore + done, visit);
+            if (status != kSVBlockBufferNoErr) return status;
+        } else {
+            if (!piece->memoryBlock) {
+                if (!mayAllocate) return kSVBlockBufferUnallocatedBlockErr;
+                OSStatus status = SVBlockBufferAssureBlockMemory(buffer);
+                if (status != kSVBlockBufferNoErr) return status;
+            }
+            visit(static_cast<char *>(piece->memoryBlock) + piece->offsetToData + r, n, doneBefore + done);
+        }
+        if (n == remaining) return kSVBlockBufferNoErr;
+        done += n;
+    }
+    // The range was checked against the data length, which is the sum of
+    // the pieces' lengths: the list cannot run out first.
+    SV_BUG("_SVBlockBufferCopyData", kCopyRanOffTheEndLine);
+}
+
+OSStatus checkRange(const Buffer *buffer, size_t offset, size_t length) noexcept {
+    if (offset >= buffer->dataLength) return kSVBlockBufferBadOffsetParameterErr;
+    if (length == 0 || length > buffer->dataLength - offset) return kSVBlockBufferBadLengthParameterErr;
+    return kSVBlockBufferNoErr;
+}
+
+}  // namespace
+
+extern "C" {
+
+CFTypeID SVBlockBufferGetTypeID(void) noexcept { return gSVBlockBufferClass.typeID(); }
+
+OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer, size_t offset, size_t length,
+                                SVBlockBufferCopyDirection direction, Boolean mayAllocate) noexcept {
+    if (!memory || !buffer) return kSVBlockBufferBadPointerParameterErr;
+    if (OSStatus status = checkRange(buffer, offset, length); status != kSVBlockBufferNoErr) return status;
+    char *bytes = static_cast<char *>(memory);
+    // memmove: the caller's memory may lie inside the buffer's own blocks.
+    if (direction == kSVBlockBufferCopyIntoBuffer) {
+        auto visit = [bytes](char *run, size_t n, size_t done) { std::memmove(run, bytes + done, n); };
+        return walkRange(buffer, offset, length, mayAllocate, 0, visit);
+    }
+    auto visit = [bytes](char *run, size_t n, size_t done) { std::memmove(bytes + done, run, n); };
+    return walkRange(buffer, offset, length, mayAllocate, 0, visit);
+}
+
+OSStatus SVBlockBufferCreateEmpty(CFAllocatorRef structureAllocator, uint32_t subBlockCapacity,
+                                  SVBlockBufferFlags flags, SVBlockBufferRef *blockBufferOut) noexcept {
+    // The capacity hint has no observable effect: pieces are records of a
+    // list, not slots of an array.
+    if (!blockBufferOut) return kSVBlockBufferBadPointerParameterErr;
+    Buffer *buffer = gSVBlockBufferClass.create(structureAllocator);
+    if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
+    *blockBufferOut = buffer;
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, void *memoryBlock, size_t blockLength,
+                                        CFAllocatorRef blockAllocator,
+                                        const SVBlockBufferCustomBlockSource *customBlockSource, size_t offsetToData,
+                                        size_t dataLength, SVBlockBufferFlags flags) noexcept {
+    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (dataLength == 0) {
+        SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "dataLength must be a positive non-zero number.");
+        return kSVBlockBufferBadLengthParameterErr;
+    }
+    if (blockLength == 0) {
+        SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "blockLength must be a positive non-zero number.");
+        return kSVBlockBufferBadLengthParameterErr;
+    }
+    // Deliberately unchecked: that the data lies inside the block.  The
+    // caller is trusted.
+    auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
+    if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
+    piece->referenceCount = 1;
+    piece->memoryBlock = memoryBlock;
+    piece->blockLength = blockLength;
+    piece->allocatorOrBuffer = blockAllocator;
+    piece->offsetToData = offsetToData;
+    piece->dataLength = dataLength;
+    if (customBlockSource) {
+        piece->hasCustomBlockSource = 1;
+        piece->customBlockSource = *customBlockSource;
+    }
+    if ((flags & kSVBlockBufferAssureMemoryNowFlag) && !memoryBlock) {
+        piece->memoryBlock = allocateBlock(*piece);
+        if (!piece->memoryBlock) {
+            std::free(piece);
+            return kSVBlockBufferBlockAllocationFailedErr;
+        }
+    }
+    // The piece will give its block back through this allocator, so it must
+    // outlive the caller's reference.
+    if (blockAllocator) CFRetain(blockAllocator);
+    link(theBuffer, piece);
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferCreateWithMemoryBlock(CFAllocatorRef structureAllocator, void *memoryBlock, size_t blockLength,
+                                            CFAllocatorRef blockAllocator,
+                                            const SVBlockBufferCustomBlockSource *customBlockSource,
+                                            size_t offsetToData, size_t dataLength, SVBlockBufferFlags flags,
+                                            SVBlockBufferRef *blockBufferOut) noexcept {
+    if (!blockBufferOut) return kSVBlockBufferBadPointerParameterErr;
+    SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
+    if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
+    OSStatus status = SVBlockBufferAppendMemoryBlock(buffer.get(), memoryBlock, blockLength, blockAllocator,
+                                                     customBlockSource, offsetToData, dataLength, flags);
+    if (status != kSVBlockBufferNoErr) return status;
+    *blockBufferOut = buffer.release();
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferAppendBufferReference(SVBlockBufferRef theBuffer, SVBlockBufferRef targetBBuf,
+                                            size_t offsetToData, size_t dataLength,
+                                            SVBlockBufferFlags flags) noexcept {
+    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength);
+}
+
+OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocator,
+                                                SVBlockBufferRef referencedBlockBuffer, size_t offsetToData,
+                                                size_t dataLength, SVBlockBufferFlags flags,
+                                                SVBlockBufferRef *blockBufferOut) noexcept {
+    if (!blockBufferOut) return kSVBlockBufferBadPointerParameterErr;
+    *blockBufferOut = nullptr;
+    SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
+    if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
+    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength);
+    if (status != kSVBlockBufferNoErr) return status;
+    *blockBufferOut = buffer.release();
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBlockBufferRef sourceBuffer,
+                                       CFAllocatorRef blockAllocator,
+                                       const SVBlockBufferCustomBlockSource *customBlockSource, size_t offsetToData,
+                                       size_t dataLength, SVBlockBufferFlags flags,
+                                       SVBlockBufferRef *blockBufferOut) noexcept {
+    if (!blockBufferOut) return kSVBlockBufferBadPointerParameterErr;
+    *blockBufferOut = nullptr;
+    SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
+    if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
+
+    const size_t length = dataLength ? dataLength : (sourceBuffer ? sourceBuffer->dataLength : 0) - offsetToData;
+    OSStatus status;
+    if (!(flags & kSVBlockBufferAlwaysCopyDataFlag)) {
+        if (!sourceBuffer) return kSVBlockBufferBadPointerParameterErr;
+        size_t run;
+        char *pointer;
+        status = locate(sourceBuffer, offsetToData, &run, &pointer);
+        if (status != kSVBlockBufferNoErr) return status;
+        if (run >= length) {
+            // Already contiguous: share the source's bytes instead of copying.
+            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length);
+            if (status != kSVBlockBufferNoErr) return status;
+            *blockBufferOut = buffer.release();
+            return kSVBlockBufferNoErr;
+        }
+    }
+    status = SVBlockBufferAppendMemoryBlock(buffer.get(), nullptr, length, blockAllocator, customBlockSource, 0,
+                                            length, kSVBlockBufferAssureMemoryNowFlag);
+    if (status != kSVBlockBufferNoErr) return status;
+    status = _SVBlockBufferCopyData(buffer.get()->firstSubBlock->memoryBlock, sourceBuffer, offsetToData, length,
+                                    kSVBlockBufferCopyOutOfBuffer, false);
+    if (status != kSVBlockBufferNoErr) return status;
+    *blockBufferOut = buffer.release();
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
+    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    for (SubBlock *piece = theBuffer->firstSubBlock; piece; piece = piece->next) {
+        if (piece->isReference) {
+            OSStatus status =
+                SVBlockBufferAssureBlockMemory(static_cast<SVBlockBufferRef>(const_cast<void *>(piece->allocatorOrBuffer)));
+            if (status != kSVBlockBufferNoErr) return status;
+        } else if (!piece->memoryBlock) {
+            piece->memoryBlock = allocateBlock(*piece);
+            if (!piece->memoryBlock) return kSVBlockBufferBlockAllocationFailedErr;
+        }
+    }
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferAccessDataBytes(SVBlockBufferRef theBuffer, size_t offset, size_t length, void *temporaryBlock,
+                                      char **dataPointerOut) noexcept {
+    if (!dataPointerOut) return kSVBlockBufferBadPointerParameterErr;
+    *dataPointerOut = nullptr;
+    if (!theBuffer || !temporaryBlock) return kSVBlockBufferBadPointerParameterErr;
+    if (length == 0) return kSVBlockBufferBadLengthParameterErr;
+    size_t run;
+    char *pointer;
+    OSStatus status = locate(theBuffer, offset, &run, &pointer);
+    if (status != kSVBlockBufferNoErr) return status;
+    if (run >= length) {
+        *dataPointerOut = pointer;
+        return kSVBlockBufferNoErr;
+    }
+    status = _SVBlockBufferCopyData(temporaryBlock, theBuffer, offset, length, kSVBlockBufferCopyOutOfBuffer, false);
+    if (status != kSVBlockBufferNoErr) return status;
+    *dataPointerOut = static_cast<char *>(temporaryBlock);
+    return kSVBlockBufferNoErr;
+}
+
+OSStatus SVBlockBufferCopyDataBytes(SVBlockBufferRef theSourceBuffer, size_t offsetToData, size_t dataLength,
+                                    void *destination) noexcept {
+    return _SVBlockBufferCopyData(destination, theSourceBuffer, offsetToData, dataLength,
+                                  kSVBlockBufferCopyOutOfBuffer, false);
+}
+
+OSStatus SVBlockBufferReplaceDataBytes(const void *sourceBytes, SVBlockBufferRef destinationBuffer,
+                                       size_t offsetIntoDestination, size_t dataLength) noexcept {
+    return _SVBlockBufferCopyData(const_cast<void *>(sourceBytes), destinationBuffer, offsetIntoDestination,
+                                  dataLength, kSVBlockBufferCopyIntoBuffer, true);
+}
+
+OSStatus SVBlockBufferFillDataBytes(char fillByte, SVBlockBufferRef destinationBuffer, size_t offsetIntoDestination,
+                                    size_t dataLength) noexcept {
+    if (!destinationBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (offsetIntoDestination >= destinationBuffer->dataLength) return kSVBlockBufferBadOffsetParameterErr;
+    if (dataLength > destinationBuffer->dataLength - offsetIntoDestination) return kSVBlockBufferBadLengthParameterErr;
+    if (dataLength == 0) {
+        // Deliberately: no length fills the contiguous run at the offset.
+        size_t run;
+        char *pointer;
+        OSStatus status = locate(destinationBuffer, offsetIntoDestination, &run, &pointer);
+        if (status != kSVBlockBufferNoErr) return status;
+        std::memset(pointer, fillByte, run);
+        return kSVBlockBufferNoErr;
+    }
+    // One pass over the pieces fills the same runs, in the same order and up
+    // to the same first unallocated block, as locating each run from the
+    // head would; fill never allocates.
+    auto visit = [fillByte](char *run, size_t n, size_t) { std::memset(run, fillByte, n); };
+    return walkRange(destinationBuffer, offsetIntoDestination, dataLength, false, 0, visit);
+}
+
+OSStatus SVBlockBufferGetDataPointer(SVBlockBufferRef theBuffer, size_t offset, size_t *lengthAtOffsetOut,
+                                     size_t *totalLengthOut, char **dataPointerOut) noexcept {
+    if (lengthAtOffsetOut) *lengthAtOffsetOut = 0;
+    if (totalLengthOut) *totalLengthOut = 0;
+    if (dataPointerOut) *dataPointerOut = nullptr;
+    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (totalLengthOut) *totalLengthOut = theBuffer->dataLength;
+    size_t run;
+    char *pointer;
+    OSStatus status = locate(theBuffer, offset, &run, &pointer);
+    if (status != kSVBlockBufferNoErr) return status;
+    if (lengthAtOffsetOut) *lengthAtOffsetOut = run;
+    if (dataPointerOut) *dataPointerOut = pointer;
+    return kSVBlockBufferNoErr;
+}
+
+size_t SVBlockBufferGetDataLength(SVBlockBufferRef theBuffer) noexcept {
+    return theBuffer ? theBuffer->dataLength : 0;
+}
+
+Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset, size_t length) noexcept {
+    if (!theBuffer) return false;
+    size_t run;
+    char *pointer;
+    if (locate(theBuffer, offset, &run, &pointer) != kSVBlockBufferNoErr) return false;
+    if (length) return run >= length;
+    return theBuffer->dataLength - offset == run;
+}
+
+Boolean SVBlockBufferIsEmpty(SVBlockBufferRef theBuffer) noexcept {
+    return theBuffer ? theBuffer->dataLength == 0 : false;
+}
+
+}  // extern "C"

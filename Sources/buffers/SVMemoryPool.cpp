@@ -1,0 +1,389 @@
+// The memory pool: a CFAllocator whose freed blocks are cached, page-rounded
+// and page-aligned, and handed out again to requests of the same rounded
+// size until they age out.
+//
+// The allocator's state (a table of the blocks out, and the mutex) lives in
+// a record of its own that the allocator owns, because clients may keep the
+// allocator after the pool is gone; the pool's free list hangs off the pool
+// and goes away when the pool is invalidated.  One non-recursive mutex
+// guards both, and nothing calls back into client code while it is held.
+//
+// Aging is lazy: there is no timer.  Stale entries are purged when an
+// allocation consults the free list and on every deallocation.  An entry's
+// age is the monotonic host time since it was freed, in nanoseconds
+// (clock_gettime(CLOCK_MONOTONIC)), converted to seconds.
+//
+// Cost: the free list is an array rather than a collection of data objects,
+// and blocks out are kept in an open-addressing table rather than a
+// dictionary of numbers, so that the steady state of a stream of equal-sized
+// buffers allocates nothing itself; since aged entries always form a prefix
+// of the free list (see SVMemoryPoolInternal.h), purging stops at the first
+// entry that is young enough instead of visiting every entry.  The results
+// are those of walking the whole list.
+
+#include <Sorvel/SVMemoryPool.h>
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "core/SVLog.h"
+#include "buffers/SVMemoryPoolInternal.h"
+#include "core/SVObject.h"
+
+namespace {
+
+SV_LOG_MODULE("Sorvel/Sources/SVMemoryPool");
+
+using Pool = OpaqueSVMemoryPool;
+using State = SVMemoryPoolAllocatorState;
+using FreeList = SVMemoryPoolFreeList;
+using CachedBlock = SVMemoryPoolCachedBlock;
+using Table = SVMemoryPoolOutstandingTable;
+using Slot = SVMemoryPoolOutstandingSlot;
+
+void poolFinalize(CFTypeRef cf) noexcept;
+Boolean poolEqual(CFTypeRef a, CFTypeRef b) noexcept { return a == b; }
+CFHashCode poolHash(CFTypeRef cf) noexcept { return static_cast<CFHashCode>(reinterpret_cast<uintptr_t>(cf)); }
+
+const CFRuntimeClass kSVMemoryPoolClass = {
+    0, "SVMemoryPool", nullptr, nullptr, poolFinalize, poolEqual, poolHash, nullptr, nullptr,
+};
+constinit sorvel::SVRuntimeClass<Pool> gSVMemoryPoolClass{kSVMemoryPoolClass};
+
+constexpr double kDefaultAgeOutPeriod = 0.5;
+constexpr int kLeakWarningLine = 225;
+constexpr size_t kNotFound = SIZE_MAX;
+
+class Locked {
+public:
+    explicit Locked(State *state) noexcept : lock_(state->lock) { XPMutexAcquire(lock_); }
+    ~Locked() { XPMutexRelease(lock_); }
+    Locked(const Locked &) = delete;
+    Locked &operator=(const Locked &) = delete;
+
+private:
+    XPMutexRef lock_;
+};
+
+size_t pageSize() noexcept {
+    static const size_t page = static_cast<size_t>(getpagesize());
+    return page;
+}
+
+// `size` rounded up to whole pages; 0 below 1.
+size_t roundToPages(size_t size) noexcept {
+    if (size < 1) return 0;
+    const size_t page = pageSize();
+    return page + (size - 1) - ((size - 1) % page);
+}
+
+uint64_t hostTimeNow() noexcept {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+bool isAged(const CachedBlock &entry, uint64_t now, double period) noexcept {
+    return static_cast<double>(now - entry.releaseTime) / 1e9 >= period;
+}
+
+// ---- Blocks out --------------------------------------------------------
+
+size_t slotFor(const Table &table, const void *block) noexcept {
+    // Blocks are page-aligned: the low bits carry nothing.
+    uint64_t h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(block) >> 12) * 0x9E3779B97F4A7C15ull;
+    h ^= h >> 29;
+    return static_cast<size_t>(h) & (table.capacity - 1);
+}
+
+size_t tableFind(const Table &table, const void *block) noexcept {
+    if (table.capacity == 0) return kNotFound;
+    for (size_t i = slotFor(table, block);; i = (i + 1) & (table.capacity - 1)) {
+        if (table.slots[i].block == block) return i;
+        if (!table.slots[i].block) return kNotFound;
+    }
+}
+
+void tablePlace(Table &table, void *block, size_t requestedSize) noexcept {
+    size_t i = slotFor(table, block);
+    while (table.slots[i].block) i = (i + 1) & (table.capacity - 1);
+    table.slots[i] = {block, requestedSize};
+    table.count++;
+}
+
+bool tableInsert(Table &table, void *block, size_t requestedSize) noexcept {
+    if ((table.count + 1) * 2 > table.capacity) {
+        const size_t capacity = table.capacity ? table.capacity * 2 : 64;
+        auto *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
+        if (!slots) return false;
+        Table grown = {slots, 0, capacity};
+        for (size_t i = 0; i < table.capacity; i++)
+            if (table.slots[i].block) tablePlace(grown, table.slots[i].block, table.slots[i].requestedSize);
+        std::free(table.slots);
+        table = grown;
+    }
+    tablePlace(table, block, requestedSize);
+    return true;
+}
+
+// Removes slot `i`, shifting later members of its probe run back so that
+// lookups never stop early at the hole.
+void tableRemove(Table &table, size_t i) noexcept {
+    const size_t mask = table.capacity - 1;
+    size_t hole = i;
+    for (size_t j = (i + 1) & mask; table.slots[j].block; j = (j + 1) & mask) {
+        const size_t home = slotFor(table, table.slots[j].block);
+        // Move j into the hole unless its home lies cyclically in (hole, j].
+        const bool homeBetween = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+        if (!homeBetween) {
+            table.slots[hole] = table.slots[j];
+            hole = j;
+        }
+    }
+    table.slots[hole] = {nullptr, 0};
+    table.count--;
+}
+
+// ---- The free list -----------------------------------------------------
+
+bool freeListAppend(FreeList &list, const CachedBlock &entry) noexcept {
+    if (list.count == list.capacity) {
+        const size_t capacity = list.capacity ? list.capacity * 2 : 16;
+        auto *entries = static_cast<CachedBlock *>(std::realloc(list.entries, capacity * sizeof(CachedBlock)));
+        if (!entries) return false;
+        list.entries = entries;
+        list.capacity = capacity;
+    }
+    list.entries[list.count++] = entry;
+    return true;
+}
+
+void freeListErase(FreeList &list, size_t first, size_t count) noexcept {
+    if (count == 0) return;
+    std::memmove(list.entries + first, list.entries + first + count,
+                 (list.count - first - count) * sizeof(CachedBlock));
+    list.count -= count;
+}
+
+// The number of leading entries old enough to age out.
+size_t agedPrefix(const FreeList &list, uint64_t now, double period) noexcept {
+    size_t aged = 0;
+    while (aged < list.count && isAged(list.entries[aged], now, period)) aged++;
+    return aged;
+}
+
+void flushLocked(FreeList &list) noexcept {
+    for (size_t i = 0; i < list.count; i++) std::free(list.entries[i].block);
+    list.count = 0;
+}
+
+// Stops caching for good; the allocator from now on allocates and frees
+// directly.  Nothing happens the second time.
+void invalidateLocked(Pool *pool) noexcept {
+    if (FreeList *list = pool->freeList) {
+        flushLocked(*list);
+        std::free(list->entries);
+        std::free(list);
+        pool->freeList = nullptr;
+    }
+    pool->state->pool = nullptr;
+}
+
+// ---- The allocator (callers hold the lock) --------------------------------
+
+// Takes the newest cached block of `rounded` bytes out of the free list, or
+// returns NULL; every other entry that has aged out is given back to the
+// system on the way, while a stale block of exactly the wanted size is still
+// reused.
+void *takeCachedBlock(State *state, size_t rounded) noexcept {
+    Pool *pool = state->pool;
+    if (!pool || !pool->freeList || pool->freeList->count == 0) return nullptr;
+    FreeList &list = *pool->freeList;
+
+    size_t found = kNotFound;
+    for (size_t i = list.count; i-- > 0;) {
+        if (list.entries[i].roundedSize == rounded) {
+            found = i;
+            break;
+        }
+    }
+    // The clock is read only when some entry besides the one reused might
+    // have to go.
+    size_t aged = 0;
+    if (list.count > (found == kNotFound ? 0u : 1u)) aged = agedPrefix(list, hostTimeNow(), pool->ageOutPeriod);
+
+    void *block = found == kNotFound ? nullptr : list.entries[found].block;
+    for (size_t i = 0; i < aged; i++)
+        if (i != found) std::free(list.entries[i].block);
+    if (found != kNotFound && found >= aged) freeListErase(list, found, 1);
+    freeListErase(list, 0, aged);
+    return block;
+}
+
+void *allocateLocked(State *state, size_t size) noexcept {
+    const size_t rounded = roundToPages(size);
+    void *block = takeCachedBlock(state, rounded);
+    if (!block && posix_memalign(&block, pageSize(), rounded) != 0) return nullptr;
+    if (!tableInsert(state->outstanding, block, size)) {
+        std::free(block);
+        return nullptr;
+    }
+    return block;
+}
+
+void deallocateLocked(State *state, void *block) noexcept {
+    const size_t slot = tableFind(state->outstanding, block);
+    Pool *pool = state->pool;
+    if (!pool || !pool->freeList) {
+        // A block this allocator did not hand out (or already took back) is
+        // left alone: freeing it would corrupt the heap.
+        if (slot == kNotFound) return;
+        tableRemove(state->outstanding, slot);
+        std::free(block);
+        return;
+    }
+    FreeList &list = *pool->freeList;
+    const uint64_t now = hostTimeNow();
+    const size_t aged = agedPrefix(list, now, pool->ageOutPeriod);
+    for (size_t i = 0; i < aged; i++) std::free(list.entries[i].block);
+    freeListErase(list, 0, aged);
+
+    if (slot == kNotFound) return;
+    const size_t rounded = roundToPages(state->outstanding.slots[slot].requestedSize);
+    // Should the list be unable to grow, the block goes straight back to
+    // the system instead.
+    if (!freeListAppend(list, {rounded, now, block})) std::free(block);
+    tableRemove(state->outstanding, slot);
+}
+
+void *poolAllocate(CFIndex size, CFOptionFlags hint, void *info) noexcept {
+    if (size < 1) return nullptr;
+    auto *state = static_cast<State *>(info);
+    Locked locked(state);
+    return allocateLocked(state, static_cast<size_t>(size));
+}
+
+void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *info) noexcept {
+    if (!block || newSize < 1) return nullptr;
+    auto *state = static_cast<State *>(info);
+    Locked locked(state);
+    const size_t slot = tableFind(state->outstanding, block);
+    if (slot == kNotFound) return nullptr;
+    const size_t recorded = state->outstanding.slots[slot].requestedSize;
+    const size_t wanted = static_cast<size_t>(newSize);
+    if (roundToPages(recorded) == roundToPages(wanted)) {
+        state->outstanding.slots[slot].requestedSize = wanted;
+        return block;
+    }
+    void *moved = allocateLocked(state, wanted);
+    if (!moved) return nullptr;
+    std::memcpy(moved, block, recorded < wanted ? recorded : wanted);
+    deallocateLocked(state, block);
+    return moved;
+}
+
+void poolDeallocate(void *block, void *info) noexcept {
+    if (!block) return;
+    auto *state = static_cast<State *>(info);
+    Locked locked(state);
+    deallocateLocked(state, block);
+}
+
+void destroyState(State *state) noexcept {
+    std::free(state->outstanding.slots);
+    XPMutexFree(state->lock);
+    std::free(state);
+}
+
+void poolFinalize(CFTypeRef cf) noexcept {
+    Pool *pool = sorvel::SVRuntimeClass<Pool>::cast(cf);
+    if (!pool->state) return;  // half-built: nothing was shared yet
+    {
+        Locked locked(pool->state);
+        invalidateLocked(pool);
+    }
+    // The allocator, and with it the shared state, lives on while clients
+    // still hold it.
+    CFRelease(pool->allocator);
+}
+
+}  // namespace
+
+extern "C" {
+
+SV_EXPORT const CFStringRef kSVMemoryPoolOption_AgeOutPeriod = CFSTR("kSVMemoryPoolOption_AgeOutPeriod");
+
+CFTypeID SVMemoryPoolGetTypeID(void) noexcept { return gSVMemoryPoolClass.typeID(); }
+
+void _SVMemoryPoolAllocatorRelease(const void *info) noexcept {
+    auto *state = static_cast<State *>(const_cast<void *>(info));
+    size_t leaked;
+    {
+        Locked locked(state);
+        leaked = state->outstanding.count;
+    }
+    // Logged after unlocking: the allocator is unreachable by now, and a log
+    // sink is client code.
+    if (leaked)
+        SV_LOG(3, "_SVMemoryPoolAllocatorRelease", kLeakWarningLine,
+               "SVMemoryPool: Releasing allocator while %lld blocks of memory are still allocated. "
+               "That's a memory leak!",
+               static_cast<long long>(leaked));
+    destroyState(state);
+}
+
+SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
+    sorvel::SVRetained<SVMemoryPoolRef> pool(gSVMemoryPoolClass.create(kCFAllocatorDefault));
+    if (!pool) return nullptr;
+
+    auto *state = static_cast<State *>(std::calloc(1, sizeof(State)));
+    if (!state) return nullptr;
+    state->lock = XPMutexCreateNR();
+    if (!state->lock) {
+        std::free(state);
+        return nullptr;
+    }
+    state->pool = pool.get();
+    CFAllocatorContext context = {0,       state,           nullptr,         _SVMemoryPoolAllocatorRelease, nullptr,
+                                  poolAllocate, poolReallocate, poolDeallocate, nullptr};
+    CFAllocatorRef allocator = CFAllocatorCreate(kCFAllocatorDefault, &context);
+    if (!allocator) {
+        destroyState(state);
+        return nullptr;
+    }
+    pool.get()->state = state;
+    pool.get()->allocator = allocator;
+    pool.get()->ageOutPeriod = kDefaultAgeOutPeriod;
+    pool.get()->freeList = static_cast<FreeList *>(std::calloc(1, sizeof(FreeList)));
+    if (!pool.get()->freeList) return nullptr;  // finalize tears the rest down
+
+    if (options) {
+        CFTypeRef period = CFDictionaryGetValue(options, kSVMemoryPoolOption_AgeOutPeriod);
+        // Deliberately only a floating-point number: an integer one leaves
+        // the default.
+        if (period && CFGetTypeID(period) == CFNumberGetTypeID() &&
+            CFNumberIsFloatType(static_cast<CFNumberRef>(period)))
+            CFNumberGetValue(static_cast<CFNumberRef>(period), kCFNumberDoubleType, &pool.get()->ageOutPeriod);
+    }
+    return pool.release();
+}
+
+CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept { return pool ? pool->allocator : nullptr; }
+
+void SVMemoryPoolFlush(SVMemoryPoolRef pool) noexcept {
+    if (!pool || !pool->state) return;
+    Locked locked(pool->state);
+    if (pool->freeList) flushLocked(*pool->freeList);
+}
+
+void SVMemoryPoolInvalidate(SVMemoryPoolRef pool) noexcept {
+    if (!pool || !pool->state) return;
+    Locked locked(pool->state);
+    invalidateLocked(pool);
+}
+
+}  // extern "C"

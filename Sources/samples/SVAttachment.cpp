@@ -1,0 +1,112 @@
+// The generic attachment calls: checked front ends to CoreVideo's buffer
+// attachments.  A sample buffer begins with the same attachment storage as
+// CoreVideo's own buffers, so once the target's kind is accepted the call
+// goes to CoreVideo unchanged; CoreVideo's storage does the locking.
+//
+// A target of any other kind (NULL included: these are getters and
+// setters, which answer misuse with nothing rather than a stop) is logged at
+// level 3 with an empty source path and a fixed line, and the call does
+// nothing.
+
+#include <Sorvel/SVAttachment.h>
+#include <Sorvel/SVSampleBuffer.h>
+
+#include <CoreVideo/CoreVideo.h>
+
+#include "core/SVLog.h"
+
+SV_LOG_MODULE("Sorvel/Sources/SVAttachment");
+
+namespace {
+
+// Accepted kinds, compared in this order.
+bool isAttachmentBearer(SVAttachmentBearerRef target) noexcept {
+    if (target == nullptr) return false;
+    CFTypeID type = CFGetTypeID(target);
+    return type == SVSampleBufferGetTypeID() || type == CVPixelBufferGetTypeID() ||
+           type == CVOpenGLESTextureGetTypeID();
+}
+
+CVBufferRef asBuffer(SVAttachmentBearerRef target) noexcept {
+    return static_cast<CVBufferRef>(const_cast<void *>(target));
+}
+
+}  // namespace
+
+extern "C" {
+
+CFDictionaryRef SVCopyDictionaryOfAttachments(CFAllocatorRef allocator, SVAttachmentBearerRef target,
+                                              SVAttachmentMode attachmentMode) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT("", 3, "SVCopyDictionaryOfAttachments", 42,
+                  "SVCopyDictionaryOfAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                  "CVPixelBuffer.");
+        return nullptr;
+    }
+    // The copy is taken under the storage's lock, so a writer on another
+    // thread cannot change the dictionary while it is copied.  NULL when the
+    // mode has no attachments, never an empty dictionary.
+    return _CVBufferCopyAttachments(allocator, asBuffer(target), attachmentMode);
+}
+
+CFTypeRef SVGetAttachment(SVAttachmentBearerRef target, CFStringRef key, SVAttachmentMode *attachmentModeOut) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT("", 3, "SVGetAttachment", 54,
+                  "SVGetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer.");
+        return nullptr;
+    }
+    return CVBufferGetAttachment(asBuffer(target), key, attachmentModeOut);
+}
+
+void SVPropagateAttachments(SVAttachmentBearerRef source, SVAttachmentBearerRef destination) noexcept {
+    if (!isAttachmentBearer(source) || !isAttachmentBearer(destination)) {
+        SV_LOG_AT("", 3, "SVPropagateAttachments", 67,
+                  "SVPropagateAttachments fails. The source and destination need to be a SVSampleBuffer, "
+                  "CVOpenGLESTexture or CVPixelBuffer");
+        return;
+    }
+    CVBufferPropagateAttachments(asBuffer(source), asBuffer(destination));
+}
+
+void SVRemoveAllAttachments(SVAttachmentBearerRef target) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT("", 3, "SVRemoveAllAttachments", 79,
+                  "SVRemoveAllAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                  "CVPixelBuffer");
+        return;
+    }
+    CVBufferRemoveAllAttachments(asBuffer(target));
+}
+
+void SVRemoveAttachment(SVAttachmentBearerRef target, CFStringRef key) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT("", 3, "SVRemoveAttachment", 90,
+                  "SVRemoveAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                  "CVPixelBuffer");
+        return;
+    }
+    CVBufferRemoveAttachment(asBuffer(target), key);
+}
+
+void SVSetAttachment(SVAttachmentBearerRef target, CFStringRef key, CFTypeRef value,
+                     SVAttachmentMode attachmentMode) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT("", 3, "SVSetAttachment", 101,
+                  "SVSetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer");
+        return;
+    }
+    CVBufferSetAttachment(asBuffer(target), key, value, attachmentMode);
+}
+
+void SVSetAttachments(SVAttachmentBearerRef target, CFDictionaryRef theAttachments,
+                      SVAttachmentMode attachmentMode) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT("", 3, "SVSetAttachments", 112,
+                  "SVSetAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                  "CVPixelBuffer");
+        return;
+    }
+    CVBufferSetAttachments(asBuffer(target), theAttachments, attachmentMode);
+}
+
+}  // extern "C"

@@ -1,0 +1,772 @@
+// The buffer queue: a doubly linked list of retained buffers under one
+// recursive mutex, plus a list of triggers tested after every change.
+//
+// Lifetime.  Every call that runs client code while it works (validation,
+// trigger, reset and for-each callbacks) holds a reference of its own on the
+// queue for its whole length, so a callback that releases the client's last
+// reference cannot free the queue under the call.  Finalization then happens
+// when that call lets go; a queue whose last client reference went inside a
+// trigger callback says so in the log from _SVBufferQueueFinalize.
+//
+// The inside-trigger-callback flag is read and written only with the mutex
+// held.  Since callbacks run with the mutex held, a call that finds the flag
+// set under the mutex comes from the callback's own thread; other threads
+// simply wait for the callback to finish and are never refused.
+//
+// Nodes are recycled through a short free list, so a queue in a steady
+// producer/consumer rhythm allocates nothing per buffer.
+//
+// The cached least and greatest presentation stamps are only ever read by
+// the two stamp-change triggers, and with the buffers' stamps as they were
+// they always equal a scan of the buffers present after the last change.
+// So while no such trigger is installed the queue stops maintaining them
+// (a dequeue would otherwise rescan every buffer) and marks them stale;
+// installing one of those triggers scans once and keeps them from then on.
+
+#include <Sorvel/SVBufferQueue.h>
+#include <Sorvel/SVSampleBuffer.h>
+
+#include <XPLog/XPLog.h>
+
+#include <new>
+#include <vector>
+
+#include "core/SVLog.h"
+#include "core/SVObject.h"
+
+SV_LOG_MODULE("Sorvel/Sources/SVBufferQueue");
+
+namespace {
+
+struct Node {
+    Node *prev;
+    Node *next;
+    SVBufferRef buffer;  // retained
+};
+
+}  // namespace
+
+struct opaqueSVBufferQueueTriggerToken {
+    opaqueSVBufferQueueTriggerToken *prev;
+    opaqueSVBufferQueueTriggerToken *next;
+    SVBufferQueueTriggerCallback callback;
+    void *refcon;
+    SVBufferQueueTriggerCondition condition;
+    SVTime time;
+    int32_t threshold;
+};
+
+namespace {
+
+using Trigger = opaqueSVBufferQueueTriggerToken;
+
+struct TriggerList {
+    Trigger *head;
+    Trigger *tail;
+    CFIndex count;
+};
+
+// Nodes kept for reuse beyond this many are freed.
+constexpr int kMaxSpareNodes = 64;
+
+}  // namespace
+
+struct OpaqueSVBufferQueue {
+    CFRuntimeBase base;
+    SVBufferCallbacks callbacks;
+    SVBufferValidationCallback validation;
+    void *validationRefcon;
+    int32_t capacity;  // 0 or less: unbounded
+    XPMutex mutex;
+    bool mutexReady;  // finalize copes with a half-built queue
+    bool endOfData;
+    bool wasReset;
+    bool insideTriggerCallback;
+    bool releasedInsideTriggerCallback;
+    Node *head;
+    Node *tail;
+    CFIndex count;
+    TriggerList *triggers;
+    SVTime minPresentationTimeStamp;  // all zero when unknown
+    SVTime maxPresentationTimeStamp;
+    bool extremesStale;         // the two above need a rescan before use
+    int32_t extremeTriggers;    // installed triggers of conditions 5 and 6
+    Node *spareNodes;
+    int spareNodeCount;
+};
+
+namespace {
+
+void bufferQueueFinalize(CFTypeRef cf) noexcept;
+
+const CFRuntimeClass kSVBufferQueueClass = {
+    0, "SVBufferQueue", nullptr, nullptr, bufferQueueFinalize, nullptr, nullptr, nullptr, nullptr,
+};
+
+constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBufferQueueClass};
+
+constexpr SVTime kZeroedTime = {0, 0, 0, 0};
+
+// ---- locking and lifetime ----------------------------------------------------------
+
+class QueueLock {
+public:
+    explicit QueueLock(SVBufferQueueRef queue) noexcept : mutex_(&queue->mutex) { XPMutexAcquire(mutex_); }
+    ~QueueLock() { XPMutexRelease(mutex_); }
+    QueueLock(const QueueLock &) = delete;
+    QueueLock &operator=(const QueueLock &) = delete;
+
+private:
+    XPMutex *mutex_;
+};
+
+// A reference held for the length of a call that runs client code.
+class KeepAlive {
+public:
+    explicit KeepAlive(SVBufferQueueRef queue) noexcept : queue_(queue) { CFRetain(queue_); }
+    ~KeepAlive() { CFRelease(queue_); }
+    KeepAlive(const KeepAlive &) = delete;
+    KeepAlive &operator=(const KeepAlive &) = delete;
+
+private:
+    SVBufferQueueRef queue_;
+};
+
+// ---- memory ------------------------------------------------------------------------
+
+CFAllocatorRef allocatorOf(SVBufferQueueRef queue) noexcept { return CFGetAllocator(queue); }
+
+Node *takeNode(SVBufferQueueRef queue) noexcept {
+    if (Node *node = queue->spareNodes) {
+        queue->spareNodes = node->next;
+        queue->spareNodeCount--;
+        return node;
+    }
+    return static_cast<Node *>(CFAllocatorAllocate(allocatorOf(queue), sizeof(Node), 0));
+}
+
+void giveBackNode(SVBufferQueueRef queue, Node *node) noexcept {
+    if (queue->spareNodeCount < kMaxSpareNodes) {
+        node->next = queue->spareNodes;
+        queue->spareNodes = node;
+        queue->spareNodeCount++;
+        return;
+    }
+    CFAllocatorDeallocate(allocatorOf(queue), node);
+}
+
+// ---- the callbacks -----------------------------------------------------------------
+
+SVTime getPresentationTimeStamp(SVBufferQueueRef queue, SVBufferRef buffer) noexcept {
+    return queue->callbacks.getPresentationTimeStamp(buffer, queue->callbacks.refcon);
+}
+
+// ---- scans over the buffers (lock held) --------------------------------------------------
+
+SVTime durationLocked(SVBufferQueueRef queue) noexcept {
+    if (queue->callbacks.getDuration == nullptr) return kZeroedTime;
+    SVTime total = kSVTimeZero;
+    for (Node *node = queue->head; node != nullptr; node = node->next)
+        total = SVTimeAdd(total, queue->callbacks.getDuration(node->buffer, queue->callbacks.refcon));
+    return total;
+}
+
+// The extreme valid time among the buffers by `better` (-1: least, 1:
+// greatest); the first met wins a tie.  kSVTimeInvalid when none is valid.
+SVTime extremeLocked(SVBufferQueueRef queue, SVBufferGetTimeCallback get, int32_t better) noexcept {
+    SVTime best = kSVTimeInvalid;
+    if (get == nullptr) return best;
+    bool found = false;
+    for (Node *node = queue->head; node != nullptr; node = node->next) {
+        SVTime time = get(node->buffer, queue->callbacks.refcon);
+        if (!SVTIME_IS_VALID(time)) continue;
+        if (!found || SVTimeCompare(time, best) == better) {
+            best = time;
+            found = true;
+        }
+    }
+    return best;
+}
+
+SVTime minPresentationLocked(SVBufferQueueRef queue) noexcept {
+    return extremeLocked(queue, queue->callbacks.getPresentationTimeStamp, -1);
+}
+
+SVTime maxPresentationLocked(SVBufferQueueRef queue) noexcept {
+    return extremeLocked(queue, queue->callbacks.getPresentationTimeStamp, 1);
+}
+
+void recordExtremesLocked(SVBufferQueueRef queue) noexcept {
+    queue->maxPresentationTimeStamp = maxPresentationLocked(queue);
+    queue->minPresentationTimeStamp = minPresentationLocked(queue);
+    queue->extremesStale = false;
+}
+
+// Brings stale cached stamps up to the buffers present now; called before
+// a change, when they stand for the buffers after the previous one.
+void refreshExtremesLocked(SVBufferQueueRef queue) noexcept {
+    if (queue->extremesStale) recordExtremesLocked(queue);
+}
+
+bool isExtremeCondition(SVBufferQueueTriggerCondition condition) noexcept {
+    return condition == kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges ||
+           condition == kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges;
+}
+
+// ---- triggers (lock held) ------------------------------------------------------------
+
+bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept {
+    switch (trigger->condition) {
+    case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
+        return SVTimeCompare(durationLocked(queue), trigger->time) < 0;
+    case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
+        return SVTimeCompare(durationLocked(queue), trigger->time) <= 0;
+    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
+        return SVTimeCompare(durationLocked(queue), trigger->time) > 0;
+    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
+        return SVTimeCompare(durationLocked(queue), trigger->time) >= 0;
+    // An installed trigger of either of the next two kinds keeps the cached
+    // stamps fresh, so they can be read as they are.
+    case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
+        return SVTimeCompare(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
+    case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
+        return SVTimeCompare(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
+    case kSVBufferQueueTrigger_WhenDataBecomesReady:
+        return queue->callbacks.isDataReady(queue->head != nullptr ? queue->head->buffer : nullptr,
+                                            queue->callbacks.refcon);
+    case kSVBufferQueueTrigger_WhenEndOfDataReached:
+        return queue->endOfData && queue->count == 0;
+    case kSVBufferQueueTrigger_WhenReset:
+        return queue->wasReset;
+    case kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan:
+        return queue->count < trigger->threshold;
+    case kSVBufferQueueTrigger_WhenBufferCountBecomesGreaterThan:
+        return queue->count > trigger->threshold;
+    default:
+        return false;
+    }
+}
+
+// Calls a trigger's callback and notes a queue whose last client reference
+// went while it ran: only the running call's own reference is left.
+void callTriggerLocked(SVBufferQueueRef queue, Trigger *trigger) noexcept {
+    trigger->callback(trigger->refcon, trigger);
+    if (CFGetRetainCount(queue) == 1) queue->releasedInsideTriggerCallback = true;
+}
+
+// Tests every trigger in installation order and fires those that hold.
+// Callbacks cannot install or remove triggers (the flag refuses it), so the
+// list stays as it is during the walk.
+void fireTriggersLocked(SVBufferQueueRef queue) noexcept {
+    for (Trigger *trigger = queue->triggers->head; trigger != nullptr; trigger = trigger->next) {
+        if (!triggerHoldsLocked(queue, trigger) || trigger->callback == nullptr) continue;
+        queue->insideTriggerCallback = true;
+        callTriggerLocked(queue, trigger);
+        queue->insideTriggerCallback = false;
+    }
+}
+
+bool isInstalledLocked(SVBufferQueueRef queue, const Trigger *token) noexcept {
+    for (Trigger *trigger = queue->triggers->head; trigger != nullptr; trigger = trigger->next)
+        if (trigger == token) return true;
+    return false;
+}
+
+// ---- taking buffers out (lock held) ------------------------------------------------------
+
+SVBufferRef unlinkHeadLocked(SVBufferQueueRef queue) noexcept {
+    Node *node = queue->head;
+    queue->head = node->next;
+    if (queue->head != nullptr)
+        queue->head->prev = nullptr;
+    else
+        queue->tail = nullptr;
+    queue->count--;
+    SVBufferRef buffer = node->buffer;
+    giveBackNode(queue, node);
+    return buffer;
+}
+
+SVBufferRef dequeueAndRetainLocked(SVBufferQueueRef queue, SVBufferGetBooleanCallback predicate) noexcept {
+    if (queue->insideTriggerCallback) {
+        SV_LOG(3, "_SVBufferQueueDequeueAndRetainLocked", __LINE__, "Can Not Modify Queue From TriggerCallback");
+        return nullptr;
+    }
+    if (queue->head == nullptr) return nullptr;
+    if (predicate != nullptr && !predicate(queue->head->buffer, queue->callbacks.refcon)) return nullptr;
+    if (queue->extremeTriggers > 0) refreshExtremesLocked(queue);
+    SVBufferRef buffer = unlinkHeadLocked(queue);  // the queue's reference goes to the caller
+    fireTriggersLocked(queue);
+    if (queue->extremeTriggers > 0)
+        recordExtremesLocked(queue);
+    else
+        queue->extremesStale = true;
+    return buffer;
+}
+
+SVBufferRef dequeueAndRetain(SVBufferQueueRef queue, bool onlyIfReady) noexcept {
+    if (queue == nullptr) return nullptr;
+    KeepAlive keepAlive(queue);
+    QueueLock lock(queue);
+    return dequeueAndRetainLocked(queue, onlyIfReady ? queue->callbacks.isDataReady : nullptr);
+}
+
+OSStatus resetLocked(SVBufferQueueRef queue, void (*callback)(SVBufferRef, void *), void *refcon) noexcept {
+    if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
+    if (queue->extremeTriggers > 0) refreshExtremesLocked(queue);
+    while (queue->head != nullptr) {
+        SVBufferRef buffer = queue->head->buffer;
+        if (callback != nullptr) callback(buffer, refcon);
+        // The callback may have emptied the queue itself (the lock is
+        // recursive); take out only what is still there.
+        if (queue->head != nullptr && queue->head->buffer == buffer) {
+            unlinkHeadLocked(queue);
+            CFRelease(buffer);
+        }
+    }
+    queue->wasReset = true;
+    queue->endOfData = false;
+    fireTriggersLocked(queue);
+    queue->wasReset = false;
+    queue->minPresentationTimeStamp = kZeroedTime;
+    queue->maxPresentationTimeStamp = kZeroedTime;
+    queue->extremesStale = false;
+    return 0;
+}
+
+OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback, void *refcon,
+                        SVBufferQueueTriggerCondition condition, SVTime time, int32_t threshold,
+                        SVBufferQueueTriggerToken *tokenOut) noexcept {
+    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    KeepAlive keepAlive(queue);
+    QueueLock lock(queue);
+    if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
+    if (condition == 0 || (callback == nullptr && tokenOut == nullptr))
+        return kSVBufferQueueError_RequiredParameterMissing;
+    const SVBufferCallbacks &callbacks = queue->callbacks;
+    switch (condition) {
+    case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
+    case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
+    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
+    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
+        if (!SVTIME_IS_NUMERIC(time) || callbacks.getDuration == nullptr)
+            return kSVBufferQueueError_InvalidTriggerParameters;
+        break;
+    case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
+    case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
+        if (callbacks.getPresentationTimeStamp == nullptr) return kSVBufferQueueError_InvalidTriggerParameters;
+        break;
+    case kSVBufferQueueTrigger_WhenDataBecomesReady:
+        if (callbacks.isDataReady == nullptr) return kSVBufferQueueError_InvalidTriggerParameters;
+        break;
+    case kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan:
+        if (threshold == 0) return kSVBufferQueueError_InvalidTriggerParameters;
+        break;
+    default:
+        break;
+    }
+    auto *trigger = static_cast<Trigger *>(CFAllocatorAllocate(allocatorOf(queue), sizeof(Trigger), 0));
+    if (trigger == nullptr) return kSVBufferQueueError_AllocationFailed;
+    if (isExtremeCondition(condition)) {
+        refreshExtremesLocked(queue);
+        queue->extremeTriggers++;
+    }
+    *trigger = {queue->triggers->tail, nullptr, callback, refcon, condition, time, threshold};
+    if (queue->triggers->tail != nullptr)
+        queue->triggers->tail->next = trigger;
+    else
+        queue->triggers->head = trigger;
+    queue->triggers->tail = trigger;
+    queue->triggers->count++;
+    if (tokenOut != nullptr) *tokenOut = trigger;
+    // Called at once when it already holds, without the flag: installing is
+    // not a change of the queue's contents.
+    if (callback != nullptr && triggerHoldsLocked(queue, trigger)) callTriggerLocked(queue, trigger);
+    return 0;
+}
+
+void bufferQueueFinalize(CFTypeRef cf) noexcept {
+    SVBufferQueueRef queue = gSVBufferQueueClass.cast(cf);
+    if (queue->insideTriggerCallback || queue->releasedInsideTriggerCallback)
+        SV_LOG(3, "_SVBufferQueueFinalize", __LINE__, "Invalid: Attempting to finalize a queue From TriggerCallback");
+    CFAllocatorRef allocator = allocatorOf(queue);
+    while (queue->head != nullptr) CFRelease(unlinkHeadLocked(queue));
+    while (Node *node = queue->spareNodes) {
+        queue->spareNodes = node->next;
+        CFAllocatorDeallocate(allocator, node);
+    }
+    if (TriggerList *triggers = queue->triggers) {
+        while (Trigger *trigger = triggers->head) {
+            triggers->head = trigger->next;
+            CFAllocatorDeallocate(allocator, trigger);
+        }
+        CFAllocatorDeallocate(allocator, triggers);
+    }
+    if (queue->mutexReady) XPMutexDestroy(&queue->mutex);
+}
+
+// ---- the ready-made callback records -------------------------------------------------------
+// Thin adapters with the record's own signatures: calling the sample
+// buffer's getters through a pointer of another type would be undefined.
+
+SVSampleBufferRef asSampleBuffer(SVBufferRef buffer) noexcept {
+    return static_cast<SVSampleBufferRef>(const_cast<void *>(buffer));
+}
+
+SVTime sampleBufferDecodeTimeStamp(SVBufferRef buffer, void *) noexcept {
+    return SVSampleBufferGetDecodeTimeStamp(asSampleBuffer(buffer));
+}
+
+SVTime sampleBufferPresentationTimeStamp(SVBufferRef buffer, void *) noexcept {
+    return SVSampleBufferGetPresentationTimeStamp(asSampleBuffer(buffer));
+}
+
+SVTime sampleBufferDuration(SVBufferRef buffer, void *) noexcept {
+    return SVSampleBufferGetDuration(asSampleBuffer(buffer));
+}
+
+Boolean sampleBufferDataIsReady(SVBufferRef buffer, void *) noexcept {
+    return SVSampleBufferDataIsReady(asSampleBuffer(buffer));
+}
+
+size_t sampleBufferTotalSampleSize(SVBufferRef buffer, void *) noexcept {
+    return SVSampleBufferGetTotalSampleSize(asSampleBuffer(buffer));
+}
+
+CFComparisonResult sampleBufferCompareOutputPresentationTimeStamps(SVBufferRef buffer1, SVBufferRef buffer2,
+                                                                   void *) noexcept {
+    return SVTimeCompare(SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer1)),
+                         SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer2)));
+}
+
+const SVBufferCallbacks kUnsortedSampleBufferCallbacks = {
+    0,
+    nullptr,
+    sampleBufferDecodeTimeStamp,
+    sampleBufferPresentationTimeStamp,
+    sampleBufferDuration,
+    sampleBufferDataIsReady,
+    nullptr,
+    nullptr,
+    sampleBufferTotalSampleSize,
+};
+
+const SVBufferCallbacks kSortedByOutputPTSSampleBufferCallbacks = {
+    0,
+    nullptr,
+    sampleBufferDecodeTimeStamp,
+    sampleBufferPresentationTimeStamp,
+    sampleBufferDuration,
+    sampleBufferDataIsReady,
+    sampleBufferCompareOutputPresentationTimeStamps,
+    nullptr,
+    sampleBufferTotalSampleSize,
+};
+
+}  // namespace
+
+extern "C" {
+
+const SVBufferCallbacks *SVBufferQueueGetCallbacksForUnsortedSampleBuffers(void) noexcept {
+    return &kUnsortedSampleBufferCallbacks;
+}
+
+const SVBufferCallbacks *SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS(void) noexcept {
+    return &kSortedByOutputPTSSampleBufferCallbacks;
+}
+
+CFTypeID SVBufferQueueGetTypeID(void) noexcept { return gSVBufferQueueClass.typeID(); }
+
+OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const SVBufferCallbacks *callbacks,
+                             SVBufferQueueRef *queueOut) noexcept {
+    gSVBufferQueueClass.typeID();
+    if (queueOut == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    *queueOut = nullptr;
+    if (callbacks == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (callbacks->version != 0 || callbacks->getDuration == nullptr)
+        return kSVBufferQueueError_InvalidBufferCallbacksStruct;
+    auto *triggers = static_cast<TriggerList *>(CFAllocatorAllocate(allocator, sizeof(TriggerList), 0));
+    if (triggers == nullptr) return kSVBufferQueueError_AllocationFailed;
+    *triggers = {nullptr, nullptr, 0};
+    OpaqueSVBufferQueue *queue = gSVBufferQueueClass.create(allocator);
+    if (queue == nullptr) {
+        CFAllocatorDeallocate(allocator, triggers);
+        return kSVBufferQueueError_AllocationFailed;
+    }
+    XPMutexInitRecursive(&queue->mutex);
+    queue->mutexReady = true;
+    queue->head = queue->tail = nullptr;
+    queue->count = 0;
+    queue->callbacks = *callbacks;
+    queue->capacity = capacity;
+    queue->triggers = triggers;
+    queue->minPresentationTimeStamp = kZeroedTime;
+    queue->maxPresentationTimeStamp = kZeroedTime;
+    *queueOut = queue;
+    return 0;
+}
+
+OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferValidationCallback callback,
+                                            void *validationRefCon) noexcept {
+    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    QueueLock lock(queue);
+    if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
+    queue->validation = callback;
+    queue->validationRefcon = callback != nullptr ? validationRefCon : nullptr;
+    return 0;
+}
+
+OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept {
+    if (queue == nullptr || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    KeepAlive keepAlive(queue);
+    SVBufferValidationCallback validation;
+    void *validationRefcon;
+    {
+        // Read together, so a concurrent change cannot pair one callback
+        // with another's refcon.
+        QueueLock lock(queue);
+        validation = queue->validation;
+        validationRefcon = queue->validationRefcon;
+    }
+    if (validation != nullptr) {
+        OSStatus status = validation(queue, buf, validationRefcon);
+        if (status != 0) return status;
+    }
+    QueueLock lock(queue);
+    if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
+    if (queue->endOfData) return kSVBufferQueueError_EnqueueAfterEndOfData;
+    if (queue->capacity >= 1 && queue->count >= queue->capacity) return kSVBufferQueueError_QueueIsFull;
+
+    if (queue->extremeTriggers > 0) refreshExtremesLocked(queue);
+
+    // Insert after every buffer the new one does not compare strictly less
+    // than: walk back from the tail while it does.
+    Node *after = queue->tail;
+    if (queue->callbacks.compare != nullptr) {
+        while (after != nullptr && queue->callbacks.compare(buf, after->buffer, queue->callbacks.refcon) == -1)
+            after = after->prev;
+    }
+    Node *node = takeNode(queue);
+    if (node == nullptr) return kSVBufferQueueError_AllocationFailed;
+    node->buffer = CFRetain(buf);
+    node->prev = after;
+    node->next = after != nullptr ? after->next : queue->head;
+    if (node->next != nullptr)
+        node->next->prev = node;
+    else
+        queue->tail = node;
+    if (after != nullptr)
+        after->next = node;
+    else
+        queue->head = node;
+    queue->count++;
+
+    fireTriggersLocked(queue);
+
+    if (queue->callbacks.getPresentationTimeStamp != nullptr && !queue->extremesStale) {
+        SVTime time = getPresentationTimeStamp(queue, buf);
+        if (!SVTIME_IS_VALID(queue->minPresentationTimeStamp)) {
+            queue->minPresentationTimeStamp = time;
+            queue->maxPresentationTimeStamp = time;
+        } else if (SVTIME_IS_VALID(time)) {
+            if (SVTimeCompare(time, queue->maxPresentationTimeStamp) > 0) queue->maxPresentationTimeStamp = time;
+            if (SVTimeCompare(time, queue->minPresentationTimeStamp) < 0) queue->minPresentationTimeStamp = time;
+        }
+    }
+    return 0;
+}
+
+SVBufferRef SVBufferQueueDequeueAndRetain(SVBufferQueueRef queue) noexcept { return dequeueAndRetain(queue, false); }
+
+SVBufferRef SVBufferQueueDequeueIfDataReadyAndRetain(SVBufferQueueRef queue) noexcept {
+    return dequeueAndRetain(queue, true);
+}
+
+SVBufferRef SVBufferQueueGetHead(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return nullptr;
+    QueueLock lock(queue);
+    return queue->head != nullptr ? queue->head->buffer : nullptr;
+}
+
+SVItemCount SVBufferQueueGetBufferCount(SVBufferQueueRef queue) noexcept {
+    // A status where a count belongs, as the interface has always done.
+    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    QueueLock lock(queue);
+    return queue->count;
+}
+
+Boolean SVBufferQueueIsEmpty(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return true;
+    QueueLock lock(queue);
+    return queue->count == 0;
+}
+
+SVTime SVBufferQueueGetDuration(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return kZeroedTime;
+    QueueLock lock(queue);
+    return durationLocked(queue);
+}
+
+size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr || queue->callbacks.getSize == nullptr) return 0;
+    QueueLock lock(queue);
+    size_t total = 0;
+    for (Node *node = queue->head; node != nullptr; node = node->next)
+        total += queue->callbacks.getSize(node->buffer, queue->callbacks.refcon);
+    return total;
+}
+
+SVTime SVBufferQueueGetFirstDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr || queue->callbacks.getDecodeTimeStamp == nullptr) return kSVTimeInvalid;
+    QueueLock lock(queue);
+    if (queue->head == nullptr) return kSVTimeInvalid;
+    return queue->callbacks.getDecodeTimeStamp(queue->head->buffer, queue->callbacks.refcon);
+}
+
+SVTime SVBufferQueueGetFirstPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
+    QueueLock lock(queue);
+    if (queue->head == nullptr) return kSVTimeInvalid;
+    return getPresentationTimeStamp(queue, queue->head->buffer);
+}
+
+SVTime SVBufferQueueGetMinDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return kSVTimeInvalid;
+    QueueLock lock(queue);
+    return extremeLocked(queue, queue->callbacks.getDecodeTimeStamp, -1);
+}
+
+SVTime SVBufferQueueGetMinPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return kSVTimeInvalid;
+    QueueLock lock(queue);
+    return minPresentationLocked(queue);
+}
+
+SVTime SVBufferQueueGetMaxPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return kSVTimeInvalid;
+    QueueLock lock(queue);
+    return maxPresentationLocked(queue);
+}
+
+SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
+    QueueLock lock(queue);
+    SVTime end = kSVTimeInvalid;
+    bool found = false;
+    for (Node *node = queue->head; node != nullptr; node = node->next) {
+        SVTime start = getPresentationTimeStamp(queue, node->buffer);
+        if (!SVTIME_IS_VALID(start)) continue;
+        SVTime candidate = SVTimeAdd(start, queue->callbacks.getDuration(node->buffer, queue->callbacks.refcon));
+        if (!SVTIME_IS_VALID(candidate)) continue;
+        if (!found || SVTimeCompare(candidate, end) > 0) {
+            end = candidate;
+            found = true;
+        }
+    }
+    return end;
+}
+
+OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callback)(SVBufferRef buffer, void *refcon),
+                                        void *refcon) noexcept {
+    if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    KeepAlive keepAlive(queue);
+    QueueLock lock(queue);
+    // The callback may change the queue (the lock is recursive), so walk a
+    // retained snapshot rather than the live list.
+    std::vector<SVBufferRef> buffers;
+    try {
+        buffers.reserve(static_cast<size_t>(queue->count));
+    } catch (const std::bad_alloc &) {
+        return kSVBufferQueueError_AllocationFailed;
+    }
+    for (Node *node = queue->head; node != nullptr; node = node->next) buffers.push_back(CFRetain(node->buffer));
+    OSStatus status = 0;
+    for (SVBufferRef buffer : buffers) {
+        if (status == 0) status = callback(buffer, refcon);
+        CFRelease(buffer);
+    }
+    return status;
+}
+
+OSStatus SVBufferQueueMarkEndOfData(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    QueueLock lock(queue);
+    if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
+    queue->endOfData = true;
+    return 0;
+}
+
+Boolean SVBufferQueueContainsEndOfData(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return true;
+    QueueLock lock(queue);
+    return queue->endOfData;
+}
+
+Boolean SVBufferQueueIsAtEndOfData(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return true;
+    QueueLock lock(queue);
+    return queue->endOfData && queue->count == 0;
+}
+
+OSStatus SVBufferQueueReset(SVBufferQueueRef queue) noexcept {
+    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    KeepAlive keepAlive(queue);
+    QueueLock lock(queue);
+    return resetLocked(queue, nullptr, nullptr);
+}
+
+OSStatus SVBufferQueueResetWithCallback(SVBufferQueueRef queue, void (*callback)(SVBufferRef buffer, void *refcon),
+                                        void *refcon) noexcept {
+    if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    KeepAlive keepAlive(queue);
+    QueueLock lock(queue);
+    return resetLocked(queue, callback, refcon);
+}
+
+OSStatus SVBufferQueueInstallTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback,
+                                     void *triggerRefcon, SVBufferQueueTriggerCondition condition, SVTime time,
+                                     SVBufferQueueTriggerToken *triggerTokenOut) noexcept {
+    return installTrigger(queue, callback, triggerRefcon, condition, time, 0, triggerTokenOut);
+}
+
+OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback,
+                                                         void *triggerRefcon, SVBufferQueueTriggerCondition condition,
+                                                         int32_t threshold,
+                                                         SVBufferQueueTriggerToken *triggerTokenOut) noexcept {
+    return installTrigger(queue, callback, triggerRefcon, condition, kZeroedTime, threshold, triggerTokenOut);
+}
+
+OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
+    if (queue == nullptr || triggerToken == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    QueueLock lock(queue);
+    if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
+    if (!isInstalledLocked(queue, triggerToken)) return kSVBufferQueueError_InvalidTriggerToken;
+    TriggerList *triggers = queue->triggers;
+    if (triggerToken->prev != nullptr)
+        triggerToken->prev->next = triggerToken->next;
+    else
+        triggers->head = triggerToken->next;
+    if (triggerToken->next != nullptr)
+        triggerToken->next->prev = triggerToken->prev;
+    else
+        triggers->tail = triggerToken->prev;
+    triggers->count--;
+    if (isExtremeCondition(triggerToken->condition)) queue->extremeTriggers--;
+    CFAllocatorDeallocate(allocatorOf(queue), triggerToken);
+    return 0;
+}
+
+Boolean SVBufferQueueTestTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
+    if (queue == nullptr) {
+        SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The queue is null");
+        return false;
+    }
+    QueueLock lock(queue);
+    if (triggerToken == nullptr || !isInstalledLocked(queue, triggerToken)) {
+        SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The trigger is not installed on the queue");
+        return false;
+    }
+    return triggerHoldsLocked(queue, triggerToken);
+}
+
+}  // extern "C"

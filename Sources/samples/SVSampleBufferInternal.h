@@ -1,0 +1,102 @@
+// The sample buffer's instance layout and the helpers its source modules
+// share (SVSampleBuffer.cpp: object, creation, readiness, invalidation,
+// buffer-wide timing and attachments array; SVSampleBufferTiming.cpp:
+// output timing and the per-sample timing and size getters;
+// SVSampleBufferCopy.cpp: copies, iteration and the byte writer).
+#ifndef SORVEL_SOURCES_SVSAMPLEBUFFERINTERNAL_H
+#define SORVEL_SOURCES_SVSAMPLEBUFFERINTERNAL_H
+
+#include <CoreVideo/CVBuffer.h>
+#include <Sorvel/SVSampleBuffer.h>
+
+#include <cstdint>
+
+#include "core/SVLog.h"
+#include "core/SVObject.h"
+
+// The two kinds.  Any other value in `kind` is a broken invariant.
+enum : uint32_t {
+    kSVSampleBufferKind_ImageBuffer = 0,
+    kSVSampleBufferKind_DataBuffer = 1,
+};
+
+struct OpaqueSVSampleBuffer {
+    CFRuntimeBase base;
+    // Must come first after the header: CoreVideo's attachment calls work on
+    // a sample buffer directly through it.
+    CVAttachmentStorage attachments;
+    SVFormatDescriptionRef formatDescription;  // retained; may be NULL for the data kind
+    uint32_t kind;
+    // Retained: an SVBlockBufferRef (data kind, may be NULL) or a
+    // CVImageBufferRef (image kind, never NULL).
+    CFTypeRef dataOrImageBuffer;
+    SVItemCount numSamples;  // data kind only; 0 for the image kind
+    // Data kind.  A count may be non-zero while its array is NULL (the
+    // caller passed a count without an array, or an unchecked copy failed):
+    // every reader tests the pointer as well as the count.  The arrays are
+    // allocated with the instance's allocator.
+    SVItemCount numSampleTimingEntries;
+    SVSampleTimingInfo *sampleTimingArray;
+    SVItemCount numSampleSizeEntries;
+    size_t *sampleSizeArray;
+    // Image kind.
+    SVSampleTimingInfo imageTiming;
+    void *invalidateHandler;  // a copied block taking the buffer, or NULL
+    uint8_t invalidated;
+    uint8_t invalidating;  // set while the invalidate handler runs
+    uint8_t dataReady;
+    SVSampleBufferMakeDataReadyCallback makeDataReadyCallback;
+    void *makeDataReadyRefcon;
+    OSStatus dataFailedStatus;
+    SVSampleBufferRef trackedBuffer;     // retained; the buffer whose readiness this one shares
+    SVTime outputPresentationTimeStamp;  // all zero until set
+    CFArrayRef sampleAttachmentsArray;   // per-sample mutable dictionaries, made on demand
+};
+
+namespace sorvel {
+
+extern SVRuntimeClass<OpaqueSVSampleBuffer> gSVSampleBufferClass;
+
+// The source path of every sample-buffer log site and fatal stop.
+inline constexpr const char kSVSampleBufferSourcePath[] = "Sorvel/Sources/SVSampleBuffer";
+
+[[noreturn]] inline void SVSampleBufferBug(const char *function, int line) noexcept {
+    SVFatalStop(function, kSVSampleBufferSourcePath, line, "BUG");
+}
+
+// The all-zero time the output getters return for "no answer".  It is
+// spelled out rather than taken from kSVTimeInvalid so that it stays all
+// zero whatever kSVTimeInvalid's bits are.
+inline constexpr SVTime kSVSampleBufferZeroedTime = {0, 0, 0, 0};
+
+// A new, zero-filled instance (attachment storage empty, output
+// presentation time zeroed) or NULL.
+OpaqueSVSampleBuffer *SVSampleBufferAllocate(CFAllocatorRef allocator) noexcept;
+
+// Allocates `count` elements with `allocator`; NULL for a count of 0 or
+// less, or when the allocator fails.
+void *SVSampleBufferAllocateArray(CFAllocatorRef allocator, SVItemCount count, size_t elementSize) noexcept;
+// A copy of `count` elements of `source` made as above; NULL when either
+// is NULL or 0.
+void *SVSampleBufferCopyArray(CFAllocatorRef allocator, const void *source, SVItemCount count,
+                              size_t elementSize) noexcept;
+void SVSampleBufferFreeArray(CFAllocatorRef allocator, void *array) noexcept;
+
+// The settings every copy takes over from its source: tracking of the
+// source's readiness, the format description, the make-data-ready callback
+// and refcon, the failure status and the output presentation override.
+void SVSampleBufferApplyCopyRules(OpaqueSVSampleBuffer *copy, const OpaqueSVSampleBuffer *source) noexcept;
+
+// The 'avc1'/'hvc1' branch of _SVSampleBufferOutputVideoSampleAsBytes: the
+// Annex B writer of the NAL-unit utilities.  Returns true and stores the
+// writer's status when that writer handled the buffer; false when no such
+// writer is part of this build, in which case the caller refuses the
+// subtype like any other unknown format.
+#if __BLOCKS__
+bool SVSampleBufferWriteAnnexBPacket(SVSampleBufferRef sbuf, int32_t extraDataMode,
+                                     SVSampleBufferPacketAllocator packetAllocator, OSStatus *statusOut) noexcept;
+#endif
+
+}  // namespace sorvel
+
+#endif  // SORVEL_SOURCES_SVSAMPLEBUFFERINTERNAL_H
