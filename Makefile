@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 SHELL := /bin/bash
 # The commands a person types. CMake and Ninja do the real work; this file
 # installs what is missing, configures once, builds and runs.
@@ -7,6 +8,8 @@ SHELL := /bin/bash
 #   make bench                            build and run the benchmarks
 #   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
 #   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
+#   make format                           apply .clang-format to every C/C++ file
+#   make format-check                     fail when a file differs from .clang-format
 #   make clean                            remove the build folders this file makes
 #
 #   SANITIZE=address,undefined   build in build-asan-ubsan/ with AddressSanitizer + UBSan
@@ -39,7 +42,7 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
-.PHONY: all test demo bench bench-deps fuzz install clean deps configure build
+.PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check
 
 all: build
 
@@ -92,6 +95,12 @@ fuzz: deps
 			-artifact_prefix=build-fuzz/ build-fuzz/corpus/$$name 2>&1 | grep -E "^(stat::number_of_executed_units|==|SUMMARY|Done)" ; \
 		test $${PIPESTATUS[0]} -eq 0 || exit 1; \
 	done
+
+format: deps
+	@scripts/check-format.sh --fix
+
+format-check: deps
+	@scripts/check-format.sh
 
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Block buffers of 1,000 pieces of 1 KiB: appending them, contiguous access
 // at offsets spread over the buffer, and copies across pieces; side by side
 // with GStreamer's GstBuffer with appended memories when it is installed.
@@ -10,7 +11,6 @@
 //   build/bench/SVBlockBuffer_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 #include <Sorvel/SVBlockBuffer.h>
-
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -109,9 +109,9 @@ GstBuffer *makeGstBuffer() {
     (void)initialised;
     GstBuffer *buffer = gst_buffer_new();
     for (size_t i = 0; i < kPieces; i++)
-        gst_buffer_append_memory(buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY,
-                                                                arena().data() + i * kPieceSize, kPieceSize, 0,
-                                                                kPieceSize, nullptr, nullptr));
+        gst_buffer_append_memory(
+            buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, arena().data() + i * kPieceSize, kPieceSize, 0,
+                                           kPieceSize, nullptr, nullptr));
     return buffer;
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffer-queue throughput: enqueue + dequeue of sample buffers through a
 // queue sorted by output presentation time with two triggers installed (a
 // low-water mark, by duration or by count, and a buffer-count high-water
@@ -17,7 +18,6 @@
 
 #include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVSampleBuffer.h>
-
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -36,7 +36,9 @@ namespace {
 constexpr int kBatch = 32;
 constexpr int kPattern[4] = {0, 3, 1, 2};
 
-int64_t ptsOf(int index) { return (index / 4) * 4 + kPattern[index % 4]; }
+int64_t ptsOf(int index) {
+    return (index / 4) * 4 + kPattern[index % 4];
+}
 
 std::vector<SVSampleBufferRef> makeSampleBuffers() {
     std::vector<SVSampleBufferRef> buffers;
@@ -128,7 +130,9 @@ void releaseGstBuffers(std::vector<GstBuffer *> &buffers) {
 
 #if SORVEL_BENCH_HAVE_GSTREAMER_BASE
 
-gboolean dataQueueIsFull(GstDataQueue *, guint visible, guint, guint64, gpointer) { return visible > 4 * kBatch; }
+gboolean dataQueueIsFull(GstDataQueue *, guint visible, guint, guint64, gpointer) {
+    return visible > 4 * kBatch;
+}
 
 void freeDataQueueItem(GstDataQueueItem *item) {
     gst_mini_object_unref(item->object);

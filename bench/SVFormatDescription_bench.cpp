@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Audio format descriptions with a two-channel layout and a magic cookie:
 // creating (and releasing) one, comparing two equal ones (the path players
 // take to decide whether a decoder must be rebuilt), and describing one.
@@ -9,7 +10,6 @@
 //   build/bench/SVFormatDescription_bench
 
 #include <Sorvel/SVFormatDescription.h>
-
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -31,10 +31,9 @@ struct StereoAAC {
     const unsigned char cookie[40] = {0x00, 0x00, 0x00, 0x00,                          // version, flags
                                       0x03, 0x80, 0x80, 0x80, 0x1F, 0x00, 0x01, 0x00,  // ES_Descriptor
                                       0x04, 0x80, 0x80, 0x80, 0x14, 0x40, 0x15, 0x00,  // DecoderConfigDescriptor
-                                      0x18, 0x00, 0x00, 0x01, 0xF4, 0x00, 0x00, 0x01,
-                                      0xF4, 0x00,
-                                      0x05, 0x80, 0x80, 0x80, 0x02, 0x12, 0x10,        // AAC-LC, 44.1 kHz, stereo
-                                      0x06, 0x01, 0x02};                                // SLConfigDescriptor
+                                      0x18, 0x00, 0x00, 0x01, 0xF4, 0x00, 0x00, 0x01, 0xF4,
+                                      0x00, 0x05, 0x80, 0x80, 0x80, 0x02, 0x12, 0x10,  // AAC-LC, 44.1 kHz, stereo
+                                      0x06, 0x01, 0x02};                               // SLConfigDescriptor
 
     StereoAAC() {
         asbd.mSampleRate = 44100;

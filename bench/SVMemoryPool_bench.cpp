@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory-pool allocate/free of 64 KiB and 1 MiB blocks, side by side with
 // malloc/free, posix_memalign/free (page-aligned like the pool), mmap/munmap
 // (what malloc does for blocks above its mmap threshold) and FFmpeg's
@@ -12,9 +13,7 @@
 //   build/bench/SVMemoryPool_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 #include <Sorvel/SVMemoryPool.h>
-
 #include <benchmark/benchmark.h>
-
 #include <sys/mman.h>
 #include <unistd.h>
 

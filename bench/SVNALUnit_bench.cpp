@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NAL units: the flexible Annex B enumerator over a ~50 MB stream (the real
 // test streams concatenated repeatedly), side by side with memcpy of the
 // same bytes (the memory floor) and a straightforward byte-by-byte scanner
@@ -204,7 +205,7 @@ void BM_AnnexB_Sorvel(benchmark::State &state) {
     // One reusable output buffer, as a caller with a packet pool would have.
     __block Bytes output(1 << 22);
     SVSampleBufferPacketAllocator allocator = ^void *(size_t size) {
-      return size <= output.size() ? output.data() : nullptr;
+        return size <= output.size() ? output.data() : nullptr;
     };
     for (auto _ : state) {
         for (SVSampleBufferRef sbuf : buffers) {
@@ -230,8 +231,7 @@ void BM_AnnexB_FFmpegBSF(benchmark::State &state) {
     }
     bsf->par_in->codec_type = AVMEDIA_TYPE_VIDEO;
     bsf->par_in->codec_id = AV_CODEC_ID_H264;
-    bsf->par_in->extradata =
-        static_cast<uint8_t *>(av_mallocz(clip.record.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    bsf->par_in->extradata = static_cast<uint8_t *>(av_mallocz(clip.record.size() + AV_INPUT_BUFFER_PADDING_SIZE));
     std::memcpy(bsf->par_in->extradata, clip.record.data(), clip.record.size());
     bsf->par_in->extradata_size = static_cast<int>(clip.record.size());
     if (av_bsf_init(bsf) < 0) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: creation and release with one block buffer and one timing
 // entry, and the output-time getters with and without trim and speed
 // attachments; side by side with GStreamer's GstBuffer (creation with one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Simple-queue throughput between two threads, side by side with
 // boost::lockfree::spsc_queue when it is installed.
 //
@@ -9,7 +10,6 @@
 //   build/bench/SVSimpleQueue_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 #include <Sorvel/SVSimpleQueue.h>
-
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -27,7 +27,9 @@ inline void backOff(unsigned &spins) {
     if (++spins % 64 == 0) std::this_thread::yield();
 }
 
-const void *element(int64_t n) { return reinterpret_cast<const void *>(static_cast<uintptr_t>(n)); }
+const void *element(int64_t n) {
+    return reinterpret_cast<const void *>(static_cast<uintptr_t>(n));
+}
 
 template <typename Push, typename Pop>
 void moveBatches(benchmark::State &state, Push push, Pop pop) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading clocks and timebases, and converting times between them:
 //   clock_gettime(CLOCK_MONOTONIC)      the physical floor under every host clock
 //   SVClockGetTime (host clock)         gst_clock_get_time on GStreamer's system clock
@@ -119,7 +120,8 @@ GstClock *systemClock() {
 GstClock *calibratedClock() {
     static GstClock *clock = [] {
         systemClock();
-        auto *made = static_cast<GstClock *>(g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
+        auto *made = static_cast<GstClock *>(
+            g_object_new(GST_TYPE_SYSTEM_CLOCK, "clock-type", GST_CLOCK_TYPE_MONOTONIC, nullptr));
         gst_object_ref_sink(made);
         GstClockTime internal = gst_clock_get_internal_time(made);
         gst_clock_set_calibration(made, internal - GST_SECOND, 10 * GST_SECOND, 2, 1);

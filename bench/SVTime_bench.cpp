@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time arithmetic hot paths, side by side with the calls other media
 // libraries use for the same job:
 //   SVTimeCompare             av_compare_ts

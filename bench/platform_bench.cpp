@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hot paths of the platform runtime: reference counting, dictionary lookup
 // with string keys, and string formatting.
 //
@@ -5,7 +6,6 @@
 //   build/bench/platform_bench --benchmark_filter=Dictionary
 
 #include <CoreFoundation/CoreFoundation.h>
-
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -42,7 +42,9 @@ BENCHMARK(BM_RetainRelease);
 // for the same cache line.
 CFStringRef gSharedObject = nullptr;
 
-void setUpShared(const benchmark::State &) { gSharedObject = makeString("a shared object"); }
+void setUpShared(const benchmark::State &) {
+    gSharedObject = makeString("a shared object");
+}
 void tearDownShared(const benchmark::State &) {
     CFRelease(gSharedObject);
     gSharedObject = nullptr;
@@ -76,8 +78,7 @@ void BM_DictionaryLookup(benchmark::State &state) {
 
     std::vector<CFStringRef> probes;
     probes.reserve(static_cast<size_t>(count));
-    for (long i = 0; i < count; ++i)
-        probes.push_back(makeKey(hit ? "key" : "absent", i));
+    for (long i = 0; i < count; ++i) probes.push_back(makeKey(hit ? "key" : "absent", i));
 
     size_t next = 0;
     long found = 0;
@@ -85,14 +86,12 @@ void BM_DictionaryLookup(benchmark::State &state) {
         const void *value = CFDictionaryGetValue(dict, probes[next]);
         benchmark::DoNotOptimize(value);
         found += value != nullptr;
-        if (++next == probes.size())
-            next = 0;
+        if (++next == probes.size()) next = 0;
     }
     if (hit ? found != static_cast<long>(state.iterations()) : found != 0)
         state.SkipWithError("lookups returned the wrong result");
 
-    for (CFStringRef probe : probes)
-        CFRelease(probe);
+    for (CFStringRef probe : probes) CFRelease(probe);
     CFRelease(dict);
 }
 BENCHMARK(BM_DictionaryLookup)
@@ -115,4 +114,4 @@ void BM_StringCreateWithFormat(benchmark::State &state) {
 }
 BENCHMARK(BM_StringCreateWithFormat);
 
-} // namespace
+}  // namespace

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Fails when an include in Sources/ or include/Sorvel/ points up a layer.
 #
 #   cmake -DROOT=<source tree> -P cmake/CheckLayers.cmake

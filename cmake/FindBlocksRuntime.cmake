@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds the runtime behind clang's blocks (Block.h, libBlocksRuntime) and
 # defines the imported target BlocksRuntime::BlocksRuntime.
 #

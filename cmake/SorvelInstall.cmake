@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Install rules: headers, both libraries, the CMake package and sorvel.pc.
 #
 #   include/Sorvel/*.h                    Sorvel's headers     (<Sorvel/SVTime.h>)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A short tour of the object runtime that Sorvel is built on.
  *
@@ -8,7 +9,6 @@
  * Build and run it with `make demo`.
  */
 #include <CoreFoundation/CoreFoundation.h>
-
 #include <stdio.h>
 
 int main(void) {
@@ -23,8 +23,8 @@ int main(void) {
 
     /* 2. A dictionary whose callbacks retain keys and values and compare
      *    keys by content (CFEqual / CFHash). */
-    CFMutableDictionaryRef stream = CFDictionaryCreateMutable(
-        kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef stream = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                              &kCFTypeDictionaryValueCallBacks);
 
     int32_t width = 1920, height = 1080;
     double frameRate = 29.97;

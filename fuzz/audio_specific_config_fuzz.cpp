@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary magic cookies to the audio-format service as the cookie of
 // an AAC description and checks what a caller relies on: the cookie is never
 // read past its end (libFuzzer's input buffer is exactly its size), the list

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decodes arbitrary bytes as a string in every supported encoding and checks
 // what a caller relies on: creation either fails cleanly or yields a string
 // whose UTF-8 form, UTF-16 form and copies agree, hash alike and survive a
@@ -63,9 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     CFStringRef description = CFStringCreateWithFormat(nullptr, nullptr, CFSTR("[%@] %d"), string, 7);
     check(description && CFStringGetLength(description) == length + 4);
 
-    for (CFTypeRef cf : {static_cast<CFTypeRef>(string), static_cast<CFTypeRef>(fromUnits),
-                         static_cast<CFTypeRef>(mutableCopy), static_cast<CFTypeRef>(utf16),
-                         static_cast<CFTypeRef>(back), static_cast<CFTypeRef>(description)})
+    for (CFTypeRef cf :
+         {static_cast<CFTypeRef>(string), static_cast<CFTypeRef>(fromUnits), static_cast<CFTypeRef>(mutableCopy),
+          static_cast<CFTypeRef>(utf16), static_cast<CFTypeRef>(back), static_cast<CFTypeRef>(description)})
         CFRelease(cf);
     return 0;
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary records to the avcC and hvcC converters.  Checks: no read
 // past the record (libFuzzer's buffer is exactly its size), the header length
 // is 1 to 4, hvcC records of 22 bytes or fewer are refused, and a non-empty
@@ -31,11 +32,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *input, size_t size) {
     const size_t recordSize = size - 1;
     int32_t headerLength = 0;
     CFMutableDataRef data = nullptr;
-    const OSStatus status =
-        hevc ? _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(record, recordSize, &headerLength,
-                                                                                    &data)
-             : _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(record, recordSize, &headerLength,
-                                                                                   &data);
+    const OSStatus status = hevc ? _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(
+                                       record, recordSize, &headerLength, &data)
+                                 : _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(
+                                       record, recordSize, &headerLength, &data);
     if (hevc && recordSize <= 22) {
         check(status == kSVFormatDescriptionError_InvalidParameter && !data);
         return 0;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary bytes as an Annex B run of HEVC parameter sets to the
 // video-description creator and checks what a caller relies on: the call
 // either refuses with the invalid-parameter status or makes an 'hvc1'
@@ -25,8 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;
     const int headerLength = data[0] % 6;
     SVFormatDescriptionRef desc = nullptr;
-    const OSStatus status =
-        _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(nullptr, data + 1, size - 1, headerLength, &desc);
+    const OSStatus status = _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
+        nullptr, data + 1, size - 1, headerLength, &desc);
     if (status != 0) {
         check(status == kSVFormatDescriptionError_InvalidParameter && desc == nullptr);
         return 0;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary bytes to the Annex B enumerators and the emulation-
 // prevention removal, and checks what callers rely on: every reported unit
 // lies inside the input (libFuzzer's buffer is exactly its size), units come
@@ -65,14 +66,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *input, size_t size) {
 
     __block const uint8_t *previousEnd = data;
     __block size_t reported = 0;
-    const size_t strictCount = _SVEnumerateAnnexBNALUnits(data, length, startCodeLength,
-                                                          ^int(const uint8_t *unit, size_t unitLength) {
-                                                            check(unit >= previousEnd && unitLength > 0);
-                                                            check(unitLength <= static_cast<size_t>(end - unit));
-                                                            previousEnd = unit + unitLength;
-                                                            ++reported;
-                                                            return 0;
-                                                          });
+    const size_t strictCount =
+        _SVEnumerateAnnexBNALUnits(data, length, startCodeLength, ^int(const uint8_t *unit, size_t unitLength) {
+          check(unit >= previousEnd && unitLength > 0);
+          check(unitLength <= static_cast<size_t>(end - unit));
+          previousEnd = unit + unitLength;
+          ++reported;
+          return 0;
+        });
     check(strictCount == reported);
     check(_SVEnumerateAnnexBNALUnits(data, length, startCodeLength, nullptr) == strictCount);
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary bytes to the length-prefixed enumerator and, as the data of
 // an 'avc1' or 'hvc1' sample buffer, to the Annex B encoder.  Checks: units
 // are contiguous from the start and inside the input, the count matches the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzz target's entry point over files, so the seed corpus runs as
 // an ordinary test in every build (libFuzzer itself is only linked into the
 // fuzzing build).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building and testing Sorvel needs, and
 # only those that are missing. Says nothing when everything is present.
 # Written for Debian 12; run as root, or as a user who may use sudo.
@@ -17,8 +18,11 @@ declare -A why=(
     [libgtest-dev]="GoogleTest, for the unit tests"
     [libbenchmark-dev]="Google Benchmark, for make bench"
     [libavformat-dev]="FFmpeg's demuxers, which the sorvel tool reads files with"
+    [clang-format]="the format check (make format-check)"
+    [git]="the format check lists the tracked files"
 )
-wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev)
+wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
+    clang-format git)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.

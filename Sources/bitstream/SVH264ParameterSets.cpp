@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // H.264 sequence-parameter-set parsing and the avcC record.
-#include "bitstream/SVParameterSetsInternal.h"
-
 #include <Sorvel/SVNALUnit.h>
 
 #include <algorithm>
+
+#include "bitstream/SVParameterSetsInternal.h"
 
 namespace sorvel {
 
@@ -17,9 +18,22 @@ namespace {
 
 bool isHighProfile(uint32_t profileIdc) {
     switch (profileIdc) {
-        case 100: case 110: case 122: case 244: case 44: case 83: case 86:
-        case 118: case 128: case 138: case 139: case 134: case 135: return true;
-        default: return false;
+        case 100:
+        case 110:
+        case 122:
+        case 244:
+        case 44:
+        case 83:
+        case 86:
+        case 118:
+        case 128:
+        case 138:
+        case 139:
+        case 134:
+        case 135:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -179,9 +193,8 @@ CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint
         }
     };
     auto countOf = [&](unsigned type) {
-        return static_cast<size_t>(std::count_if(sets, sets + count, [&](const uint8_t *set) {
-            return (set[0] & 0x1F) == type;
-        }));
+        return static_cast<size_t>(
+            std::count_if(sets, sets + count, [&](const uint8_t *set) { return (set[0] & 0x1F) == type; }));
     };
     out.push_back(1);
     out.push_back(sps.profileIdc);
@@ -193,14 +206,18 @@ CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint
     out.push_back(static_cast<uint8_t>(countOf(8)));
     appendSets(8);
     switch (sps.profileIdc) {
-        case 100: case 110: case 122: case 144:
+        case 100:
+        case 110:
+        case 122:
+        case 144:
             out.push_back(static_cast<uint8_t>(0xFC | sps.chromaFormatIdc));
             out.push_back(static_cast<uint8_t>(0xF8 | sps.bitDepthLumaMinus8));
             out.push_back(static_cast<uint8_t>(0xF8 | sps.bitDepthChromaMinus8));
             out.push_back(static_cast<uint8_t>(countOf(13)));
             appendSets(13);
             break;
-        default: break;
+        default:
+            break;
     }
     return CFDataCreate(kCFAllocatorDefault, out.data(), static_cast<CFIndex>(out.size()));
 }

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // HEVC video/sequence parameter-set parsing and the hvcC record.
-#include "bitstream/SVParameterSetsInternal.h"
-
 #include <algorithm>
+
+#include "bitstream/SVParameterSetsInternal.h"
 
 namespace sorvel {
 
@@ -9,7 +10,9 @@ namespace {
 
 constexpr unsigned kVPS = 32, kSPS = 33, kPPS = 34, kSEIPrefix = 39, kSEISuffix = 40;
 
-unsigned hevcType(const uint8_t *nal) { return (nal[0] >> 1) & 0x3F; }
+unsigned hevcType(const uint8_t *nal) {
+    return (nal[0] >> 1) & 0x3F;
+}
 
 // profile_tier_level(1, maxSubLayersMinus1); fills the general fields.
 void parseProfileTierLevel(SVBitReader &reader, uint32_t maxSubLayersMinus1, SVHEVCSPS *sps) {
@@ -197,8 +200,8 @@ bool SVParseHEVCSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char 
         return false;
     }
     if (reader.bit() && reader.bit()) skipScalingListData(reader);
-    reader.bit();  // amp_enabled_flag
-    reader.bit();  // sample_adaptive_offset_enabled_flag
+    reader.bit();        // amp_enabled_flag
+    reader.bit();        // sample_adaptive_offset_enabled_flag
     if (reader.bit()) {  // pcm_enabled_flag
         reader.bits(8);  // pcm sample bit depths
         reader.ue(2);    // log2_min_pcm_luma_coding_block_size_minus3
@@ -230,13 +233,15 @@ bool SVParseHEVCSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char 
     return true;
 }
 
-CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets,
-                                                 const size_t *sizes, size_t count, int nalUnitHeaderLength) {
+CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets, const size_t *sizes,
+                                                 size_t count, int nalUnitHeaderLength) {
     std::vector<uint8_t> out;
     out.push_back(1);
     out.push_back(static_cast<uint8_t>(sps.generalProfileSpace << 6 | sps.generalTier << 5 | sps.generalProfileIdc));
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(sps.generalProfileCompatibility >> shift));
-    for (int shift = 40; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(sps.generalConstraintFlags >> shift));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<uint8_t>(sps.generalProfileCompatibility >> shift));
+    for (int shift = 40; shift >= 0; shift -= 8)
+        out.push_back(static_cast<uint8_t>(sps.generalConstraintFlags >> shift));
     out.push_back(sps.generalLevelIdc);
     out.push_back(static_cast<uint8_t>(0xF0 | (sps.minSpatialSegmentationIdc >> 8)));
     out.push_back(static_cast<uint8_t>(sps.minSpatialSegmentationIdc));

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Private to the video format descriptions: a bit reader for H.264/HEVC
 // RBSPs, the parsed sequence-parameter-set fields the descriptions need, and
 // the builders of the avcC and hvcC decoder configuration records.
@@ -19,7 +20,7 @@ std::vector<uint8_t> SVUnescapeRBSP(const uint8_t *data, size_t size);
 // sticky error flag and yields zeros, so a parser checks `failed()` once at
 // its end (and before any loop whose bound comes from the stream).
 class SVBitReader {
-  public:
+public:
     SVBitReader(const uint8_t *data, size_t size) noexcept : data_(data), bits_(size * 8) {}
 
     uint32_t bits(unsigned count) noexcept {
@@ -73,7 +74,7 @@ class SVBitReader {
     void fail() noexcept { failed_ = true; }
     bool failed() const noexcept { return failed_; }
 
-  private:
+private:
     const uint8_t *data_;
     size_t bits_;
     size_t position_ = 0;
@@ -140,10 +141,10 @@ bool SVCheckHEVCVPS(const uint8_t *nal, size_t size, const char *&why);
 
 // Records built from the parameter sets, in the order given within each
 // array.  NULL when an allocation fails.
-CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint8_t *const *sets,
-                                                const size_t *sizes, size_t count, int nalUnitHeaderLength);
-CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets,
-                                                 const size_t *sizes, size_t count, int nalUnitHeaderLength);
+CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint8_t *const *sets, const size_t *sizes,
+                                                size_t count, int nalUnitHeaderLength);
+CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets, const size_t *sizes,
+                                                 size_t count, int nalUnitHeaderLength);
 
 // Adds the pixel aspect ratio, colour, range, chroma-location and field
 // extensions to `extensions`, logging the codes that have no value as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NAL units and Annex B byte streams.
 //
 // The enumerators walk caller memory without copying and never fail: a
@@ -12,8 +13,8 @@
 
 #include <cstring>
 
-#include "core/SVLog.h"
 #include "bitstream/_SVUtilitiesInternal.h"
+#include "core/SVLog.h"
 
 namespace {
 
@@ -213,9 +214,8 @@ size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length, SV
         const uint8_t *payload = current + 3;
         // The next start code may occupy the last three bytes; it then ends
         // the last unit and opens an empty one.
-        const uint8_t *next = static_cast<size_t>(end - current) > 5
-                                  ? sorvel::SVFindThreeByteStartCode(payload, end - 3)
-                                  : nullptr;
+        const uint8_t *next =
+            static_cast<size_t>(end - current) > 5 ? sorvel::SVFindThreeByteStartCode(payload, end - 3) : nullptr;
         if (!next) {
             if (payload < end) {
                 if (handler) handler(payload, static_cast<size_t>(end - payload));
@@ -268,8 +268,7 @@ size_t _SVUnemulateNALData(const uint8_t *source, size_t length, uint8_t *destin
     return written;
 }
 
-OSStatus _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(const uint8_t *record,
-                                                                             size_t recordSize,
+OSStatus _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(const uint8_t *record, size_t recordSize,
                                                                              int32_t *nalUnitHeaderLengthOut,
                                                                              CFMutableDataRef *dataOut) noexcept {
     if (!dataOut) return kInvalidParameter;
@@ -277,8 +276,7 @@ OSStatus _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(con
                        nalUnitHeaderLengthOut, dataOut);
 }
 
-OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(const uint8_t *record,
-                                                                              size_t recordSize,
+OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(const uint8_t *record, size_t recordSize,
                                                                               int32_t *nalUnitHeaderLengthOut,
                                                                               CFMutableDataRef *dataOut) noexcept {
     if (!record || recordSize == 0 || !dataOut) return kInvalidParameter;

@@ -1,6 +1,7 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Start-code search and the length-prefixed walk, shared by the Annex B
-// enumerators, the sample writer, their tests and benchmarks.  Inline so that tests can compare the vector search with the
-// portable one directly (nothing here is exported).
+// enumerators, the sample writer, their tests and benchmarks.  Inline so that tests can compare the vector search with
+// the portable one directly (nothing here is exported).
 #ifndef SORVEL_SOURCES_SVUTILITIESINTERNAL_H
 #define SORVEL_SOURCES_SVUTILITIESINTERNAL_H
 
@@ -42,7 +43,6 @@ inline size_t walkLengthPrefixed(const uint8_t *data, size_t length, int32_t pre
     }
     return count;
 }
-
 
 // True when 00 00 01 starts at p.
 inline bool SVIsThreeByteStartCode(const uint8_t *p) noexcept {
@@ -98,8 +98,8 @@ inline const uint8_t *SVFindThreeByteStartCode(const uint8_t *from, const uint8_
         __m128i c1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 18));
         __m128i m0 = _mm_and_si128(_mm_and_si128(z0, _mm_cmpeq_epi8(b0, zero)), _mm_cmpeq_epi8(c0, one));
         __m128i m1 = _mm_and_si128(_mm_and_si128(z1, _mm_cmpeq_epi8(b1, zero)), _mm_cmpeq_epi8(c1, one));
-        uint32_t mask = static_cast<uint32_t>(_mm_movemask_epi8(m0)) |
-                        (static_cast<uint32_t>(_mm_movemask_epi8(m1)) << 16);
+        uint32_t mask =
+            static_cast<uint32_t>(_mm_movemask_epi8(m0)) | (static_cast<uint32_t>(_mm_movemask_epi8(m1)) << 16);
         if (mask) return p + __builtin_ctz(mask);
         p += 32;
     }

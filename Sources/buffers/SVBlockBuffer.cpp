@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Block buffers: a run of bytes stitched from memory pieces and references
 // to other buffers, kept as a singly linked list of piece records in data
 // order.
@@ -244,7 +245,9 @@ OSStatus checkRange(const Buffer *buffer, size_t offset, size_t length) noexcept
 
 extern "C" {
 
-CFTypeID SVBlockBufferGetTypeID(void) noexcept { return gSVBlockBufferClass.typeID(); }
+CFTypeID SVBlockBufferGetTypeID(void) noexcept {
+    return gSVBlockBufferClass.typeID();
+}
 
 OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer, size_t offset, size_t length,
                                 SVBlockBufferCopyDirection direction, Boolean mayAllocate) noexcept {
@@ -328,8 +331,7 @@ OSStatus SVBlockBufferCreateWithMemoryBlock(CFAllocatorRef structureAllocator, v
 }
 
 OSStatus SVBlockBufferAppendBufferReference(SVBlockBufferRef theBuffer, SVBlockBufferRef targetBBuf,
-                                            size_t offsetToData, size_t dataLength,
-                                            SVBlockBufferFlags flags) noexcept {
+                                            size_t offsetToData, size_t dataLength, SVBlockBufferFlags flags) noexcept {
     return appendReference(theBuffer, targetBBuf, offsetToData, dataLength);
 }
 
@@ -373,8 +375,8 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
             return kSVBlockBufferNoErr;
         }
     }
-    status = SVBlockBufferAppendMemoryBlock(buffer.get(), nullptr, length, blockAllocator, customBlockSource, 0,
-                                            length, kSVBlockBufferAssureMemoryNowFlag);
+    status = SVBlockBufferAppendMemoryBlock(buffer.get(), nullptr, length, blockAllocator, customBlockSource, 0, length,
+                                            kSVBlockBufferAssureMemoryNowFlag);
     if (status != kSVBlockBufferNoErr) return status;
     status = _SVBlockBufferCopyData(buffer.get()->firstSubBlock->memoryBlock, sourceBuffer, offsetToData, length,
                                     kSVBlockBufferCopyOutOfBuffer, false);
@@ -387,8 +389,8 @@ OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
     if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
     for (SubBlock *piece = theBuffer->firstSubBlock; piece; piece = piece->next) {
         if (piece->isReference) {
-            OSStatus status =
-                SVBlockBufferAssureBlockMemory(static_cast<SVBlockBufferRef>(const_cast<void *>(piece->allocatorOrBuffer)));
+            OSStatus status = SVBlockBufferAssureBlockMemory(
+                static_cast<SVBlockBufferRef>(const_cast<void *>(piece->allocatorOrBuffer)));
             if (status != kSVBlockBufferNoErr) return status;
         } else if (!piece->memoryBlock) {
             piece->memoryBlock = allocateBlock(*piece);
@@ -420,14 +422,14 @@ OSStatus SVBlockBufferAccessDataBytes(SVBlockBufferRef theBuffer, size_t offset,
 
 OSStatus SVBlockBufferCopyDataBytes(SVBlockBufferRef theSourceBuffer, size_t offsetToData, size_t dataLength,
                                     void *destination) noexcept {
-    return _SVBlockBufferCopyData(destination, theSourceBuffer, offsetToData, dataLength,
-                                  kSVBlockBufferCopyOutOfBuffer, false);
+    return _SVBlockBufferCopyData(destination, theSourceBuffer, offsetToData, dataLength, kSVBlockBufferCopyOutOfBuffer,
+                                  false);
 }
 
 OSStatus SVBlockBufferReplaceDataBytes(const void *sourceBytes, SVBlockBufferRef destinationBuffer,
                                        size_t offsetIntoDestination, size_t dataLength) noexcept {
-    return _SVBlockBufferCopyData(const_cast<void *>(sourceBytes), destinationBuffer, offsetIntoDestination,
-                                  dataLength, kSVBlockBufferCopyIntoBuffer, true);
+    return _SVBlockBufferCopyData(const_cast<void *>(sourceBytes), destinationBuffer, offsetIntoDestination, dataLength,
+                                  kSVBlockBufferCopyIntoBuffer, true);
 }
 
 OSStatus SVBlockBufferFillDataBytes(char fillByte, SVBlockBufferRef destinationBuffer, size_t offsetIntoDestination,

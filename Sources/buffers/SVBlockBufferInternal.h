@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Block buffers inside the library: the object's layout, its pieces'
 // records, and the copy routine other modules share.
 #ifndef SORVEL_SOURCES_SVBLOCKBUFFERINTERNAL_H
@@ -66,8 +67,9 @@ enum : SVBlockBufferCopyDirection {
 // whose unallocated block is reached gets all its missing blocks allocated
 // (SVBlockBufferAssureBlockMemory); without it that is
 // kSVBlockBufferUnallocatedBlockErr.  Statuses as SVBlockBufferCopyDataBytes.
-extern "C" __attribute__((visibility("default"))) OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer, size_t offset,
-                                                     size_t length, SVBlockBufferCopyDirection direction,
-                                                     Boolean mayAllocate) noexcept;
+extern "C" __attribute__((visibility("default"))) OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer,
+                                                                                  size_t offset, size_t length,
+                                                                                  SVBlockBufferCopyDirection direction,
+                                                                                  Boolean mayAllocate) noexcept;
 
 #endif  // SORVEL_SOURCES_SVBLOCKBUFFERINTERNAL_H

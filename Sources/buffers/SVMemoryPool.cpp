@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory pool: a CFAllocator whose freed blocks are cached, page-rounded
 // and page-aligned, and handed out again to requests of the same rounded
 // size until they age out.
@@ -22,7 +23,6 @@
 // are those of walking the whole list.
 
 #include <Sorvel/SVMemoryPool.h>
-
 #include <unistd.h>
 
 #include <cstdint>
@@ -30,8 +30,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "core/SVLog.h"
 #include "buffers/SVMemoryPoolInternal.h"
+#include "core/SVLog.h"
 #include "core/SVObject.h"
 
 namespace {
@@ -46,8 +46,12 @@ using Table = SVMemoryPoolOutstandingTable;
 using Slot = SVMemoryPoolOutstandingSlot;
 
 void poolFinalize(CFTypeRef cf) noexcept;
-Boolean poolEqual(CFTypeRef a, CFTypeRef b) noexcept { return a == b; }
-CFHashCode poolHash(CFTypeRef cf) noexcept { return static_cast<CFHashCode>(reinterpret_cast<uintptr_t>(cf)); }
+Boolean poolEqual(CFTypeRef a, CFTypeRef b) noexcept {
+    return a == b;
+}
+CFHashCode poolHash(CFTypeRef cf) noexcept {
+    return static_cast<CFHashCode>(reinterpret_cast<uintptr_t>(cf));
+}
 
 const CFRuntimeClass kSVMemoryPoolClass = {
     0, "SVMemoryPool", nullptr, nullptr, poolFinalize, poolEqual, poolHash, nullptr, nullptr,
@@ -317,7 +321,9 @@ extern "C" {
 
 SV_EXPORT const CFStringRef kSVMemoryPoolOption_AgeOutPeriod = CFSTR("kSVMemoryPoolOption_AgeOutPeriod");
 
-CFTypeID SVMemoryPoolGetTypeID(void) noexcept { return gSVMemoryPoolClass.typeID(); }
+CFTypeID SVMemoryPoolGetTypeID(void) noexcept {
+    return gSVMemoryPoolClass.typeID();
+}
 
 void _SVMemoryPoolAllocatorRelease(const void *info) noexcept {
     auto *state = static_cast<State *>(const_cast<void *>(info));
@@ -348,8 +354,9 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
         return nullptr;
     }
     state->pool = pool.get();
-    CFAllocatorContext context = {0,       state,           nullptr,         _SVMemoryPoolAllocatorRelease, nullptr,
-                                  poolAllocate, poolReallocate, poolDeallocate, nullptr};
+    CFAllocatorContext context = {0,       state,        nullptr,        _SVMemoryPoolAllocatorRelease,
+                                  nullptr, poolAllocate, poolReallocate, poolDeallocate,
+                                  nullptr};
     CFAllocatorRef allocator = CFAllocatorCreate(kCFAllocatorDefault, &context);
     if (!allocator) {
         destroyState(state);
@@ -372,7 +379,9 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
     return pool.release();
 }
 
-CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept { return pool ? pool->allocator : nullptr; }
+CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept {
+    return pool ? pool->allocator : nullptr;
+}
 
 void SVMemoryPoolFlush(SVMemoryPoolRef pool) noexcept {
     if (!pool || !pool->state) return;

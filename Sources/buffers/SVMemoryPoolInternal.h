@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The memory pool's layout: the pool object, the state its allocator
 // shares with it, the cache of freed blocks and the table of blocks out.
 #ifndef SORVEL_SOURCES_SVMEMORYPOOLINTERNAL_H
@@ -47,7 +48,7 @@ struct OpaqueSVMemoryPool;
 struct SVMemoryPoolAllocatorState {
     OpaqueSVMemoryPool *pool;  // NULL once the pool is invalidated or finalized
     SVMemoryPoolOutstandingTable outstanding;
-    XPMutexRef lock;           // guards this record and the pool's free list
+    XPMutexRef lock;  // guards this record and the pool's free list
 };
 
 struct OpaqueSVMemoryPool {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simple queue: a ring of pointer slots with two free-running 32-bit
 // counts, for one producer and one consumer without a lock.
 //
@@ -30,9 +31,9 @@
 
 #include <cstdint>
 
+#include "buffers/SVSimpleQueueInternal.h"
 #include "core/SVLog.h"
 #include "core/SVObject.h"
-#include "buffers/SVSimpleQueueInternal.h"
 
 namespace {
 
@@ -49,10 +50,18 @@ constinit sorvel::SVRuntimeClass<Queue> gSVSimpleQueueClass{kSVSimpleQueueClass}
 
 constexpr uint32_t kResetCount = 0xFFFFFFF6u;
 
-inline uint32_t loadAcquire(const uint32_t &count) { return __atomic_load_n(&count, __ATOMIC_ACQUIRE); }
-inline uint32_t loadRelaxed(const uint32_t &count) { return __atomic_load_n(&count, __ATOMIC_RELAXED); }
-inline void storeRelease(uint32_t &count, uint32_t value) { __atomic_store_n(&count, value, __ATOMIC_RELEASE); }
-inline void storeRelaxed(uint32_t &count, uint32_t value) { __atomic_store_n(&count, value, __ATOMIC_RELAXED); }
+inline uint32_t loadAcquire(const uint32_t &count) {
+    return __atomic_load_n(&count, __ATOMIC_ACQUIRE);
+}
+inline uint32_t loadRelaxed(const uint32_t &count) {
+    return __atomic_load_n(&count, __ATOMIC_RELAXED);
+}
+inline void storeRelease(uint32_t &count, uint32_t value) {
+    __atomic_store_n(&count, value, __ATOMIC_RELEASE);
+}
+inline void storeRelaxed(uint32_t &count, uint32_t value) {
+    __atomic_store_n(&count, value, __ATOMIC_RELAXED);
+}
 
 // One less than the smallest power of two that is at least `capacity`; all
 // ones for 0 (and for anything above 2^31).
@@ -82,7 +91,9 @@ void setCounts(Queue *queue, uint32_t count) {
 
 extern "C" {
 
-CFTypeID SVSimpleQueueGetTypeID(void) noexcept { return gSVSimpleQueueClass.typeID(); }
+CFTypeID SVSimpleQueueGetTypeID(void) noexcept {
+    return gSVSimpleQueueClass.typeID();
+}
 
 OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpleQueueRef *queueOut) noexcept {
     if (!queueOut) return kSVSimpleQueueError_RequiredParameterMissing;
@@ -154,7 +165,9 @@ OSStatus SVSimpleQueueReset(SVSimpleQueueRef queue) noexcept {
     return 0;
 }
 
-int32_t SVSimpleQueueGetCapacity(SVSimpleQueueRef queue) noexcept { return queue ? queue->capacity : 0; }
+int32_t SVSimpleQueueGetCapacity(SVSimpleQueueRef queue) noexcept {
+    return queue ? queue->capacity : 0;
+}
 
 int32_t SVSimpleQueueGetCount(SVSimpleQueueRef queue) noexcept {
     if (!queue) return 0;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The simple queue's layout.
 #ifndef SORVEL_SOURCES_SVSIMPLEQUEUEINTERNAL_H
 #define SORVEL_SOURCES_SVSIMPLEQUEUEINTERNAL_H
@@ -22,7 +23,7 @@ struct OpaqueSVSimpleQueue {
     char padAfterShape[kSVSimpleQueueSeparation - sizeof(CFRuntimeBase) - 2 * sizeof(uint32_t)];
 
     // The consumer's line.  Only the consumer writes these.
-    uint32_t dequeueCount;        // total taken out, wraps modulo 2^32
+    uint32_t dequeueCount;         // total taken out, wraps modulo 2^32
     uint32_t consumerSeenEnqueue;  // the enqueue count as the consumer last read it
     char padAfterConsumer[kSVSimpleQueueSeparation - 2 * sizeof(uint32_t)];
 

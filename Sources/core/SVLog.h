@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Logging and fatal stops for Sorvel's modules.
 //
 // Each module declares one static log-module record with its source path,
@@ -52,37 +53,37 @@ inline bool SVLogEnabled(SVLogModule &module, const char *sourcePath, int level,
 
 // The same, with an explicit source path for sites that must report a
 // different one than their module's.
-#define SV_LOG_AT(path, level, function, line, ...)                                                           \
-    do {                                                                                                      \
-        if (::sorvel::SVLogEnabled(gSVLogModule, (path), (level), (function), (line)))                        \
-            XPLogS((level), &gSVLogModule.record, (function), (path), (line), __VA_ARGS__);                   \
+#define SV_LOG_AT(path, level, function, line, ...)                                         \
+    do {                                                                                    \
+        if (::sorvel::SVLogEnabled(gSVLogModule, (path), (level), (function), (line)))      \
+            XPLogS((level), &gSVLogModule.record, (function), (path), (line), __VA_ARGS__); \
     } while (0)
 
 #define SV_LOG(level, function, line, ...) SV_LOG_AT(gSVLogModule.sourcePath, level, function, line, __VA_ARGS__)
 
-#define SV_LOG_STATUS_AT(path, level, function, line, status, format, ...)                                    \
-    do {                                                                                                      \
-        if (::sorvel::SVLogEnabled(gSVLogModule, (path), (level), (function), (line))) {                      \
-            char svStatusText_[XP_OSSTATUS_STRING_SIZE];                                                      \
-            _XPFormatOSStatus(svStatusText_, (status));                                                       \
-            XPLogS((level), &gSVLogModule.record, (function), (path), (line), format,                         \
-                   svStatusText_ __VA_OPT__(, ) __VA_ARGS__);                                                 \
-        }                                                                                                     \
+#define SV_LOG_STATUS_AT(path, level, function, line, status, format, ...)               \
+    do {                                                                                 \
+        if (::sorvel::SVLogEnabled(gSVLogModule, (path), (level), (function), (line))) { \
+            char svStatusText_[XP_OSSTATUS_STRING_SIZE];                                 \
+            _XPFormatOSStatus(svStatusText_, (status));                                  \
+            XPLogS((level), &gSVLogModule.record, (function), (path), (line), format,    \
+                   svStatusText_ __VA_OPT__(, ) __VA_ARGS__);                            \
+        }                                                                                \
     } while (0)
 
-#define SV_LOG_STATUS(level, function, line, status, format, ...)                                             \
+#define SV_LOG_STATUS(level, function, line, status, format, ...) \
     SV_LOG_STATUS_AT(gSVLogModule.sourcePath, level, function, line, status, format __VA_OPT__(, ) __VA_ARGS__)
 
 #define SV_BUG(function, line) ::sorvel::SVFatalStop((function), gSVLogModule.sourcePath, (line), "BUG")
-#define SV_NOT_YET_IMPLEMENTED(function, line)                                                                \
+#define SV_NOT_YET_IMPLEMENTED(function, line) \
     ::sorvel::SVFatalStop((function), gSVLogModule.sourcePath, (line), "NOT YET IMPLEMENTED")
 
 // A fatal misuse with a message of its own: logged through the gate at
 // level 2, then the process ends.
-#define SV_FATAL(function, line, ...)                                                                         \
-    do {                                                                                                      \
-        SV_LOG(2, function, line, __VA_ARGS__);                                                               \
-        XPAbortWithBacktrace();                                                                               \
+#define SV_FATAL(function, line, ...)           \
+    do {                                        \
+        SV_LOG(2, function, line, __VA_ARGS__); \
+        XPAbortWithBacktrace();                 \
     } while (0)
 
 #endif  // SORVEL_SOURCES_SVLOG_H

@@ -1,5 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compile-time checks of the layouts that Sorvel's objects rely on.  Each
 // family's module adds its own code beside this one.
+
+#include "core/SVObject.h"
 
 #include <CoreFoundation/CFRuntime.h>
 #include <Sorvel/SVBase.h>
@@ -7,7 +10,6 @@
 #include <cstddef>
 
 #include "core/SVLog.h"
-#include "core/SVObject.h"
 
 static_assert(sizeof(CFRuntimeBase) == 16, "instances begin with a 16-byte runtime header");
 static_assert(offsetof(CFRuntimeClass, copyDebugDesc) == 8 * sizeof(void *),

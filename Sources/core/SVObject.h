@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The object pattern every Sorvel family follows, written once.
 //
 // A family declares its instance struct, which begins with the runtime
@@ -48,8 +49,7 @@ public:
 
     // The registered type identifier; registers the class on first use.
     CFTypeID typeID() noexcept {
-        if (__builtin_expect(__atomic_load_n(&predicate_, __ATOMIC_ACQUIRE) != kSVOncePredicateDone, 0))
-            registerOnce();
+        if (__builtin_expect(__atomic_load_n(&predicate_, __ATOMIC_ACQUIRE) != kSVOncePredicateDone, 0)) registerOnce();
         return typeID_;
     }
 

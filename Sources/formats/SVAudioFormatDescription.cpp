@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Audio format descriptions: creation, the PCM summary of several
 // descriptions, the payload getters, audio equality, and the format-list
 // queries answered by the platform's audio-format service.
@@ -12,8 +13,8 @@
 #include <cstring>
 #include <limits>
 
-#include "formats/SVFormatDescriptionInternal.h"
 #include "core/SVLog.h"
+#include "formats/SVFormatDescriptionInternal.h"
 
 namespace {
 
@@ -27,7 +28,9 @@ constexpr uint32_t kLayoutHeaderSize = offsetof(AudioChannelLayout, mChannelDesc
 constexpr uint32_t kChannelDescriptionSize = sizeof(AudioChannelDescription);
 static_assert(kLayoutRecordSize == 32 && kLayoutHeaderSize == 12 && kChannelDescriptionSize == 20);
 
-bool isAudio(SVFormatDescriptionRef desc) { return desc && desc->mediaType == kSVMediaType_Audio; }
+bool isAudio(SVFormatDescriptionRef desc) {
+    return desc && desc->mediaType == kSVMediaType_Audio;
+}
 
 uint32_t readWord(const uint8_t *bytes, uint64_t offset) {
     uint32_t word;
@@ -129,7 +132,8 @@ OSStatus SVAudioFormatDescriptionCreate(CFAllocatorRef allocator, const AudioStr
 }
 
 OSStatus SVAudioFormatDescriptionCreateSummary(CFAllocatorRef allocator, CFArrayRef formatDescriptionArray,
-                                               uint32_t flags, SVAudioFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                               uint32_t flags,
+                                               SVAudioFormatDescriptionRef *formatDescriptionOut) noexcept {
     (void)flags;
     if (!formatDescriptionArray || CFGetTypeID(formatDescriptionArray) != CFArrayGetTypeID())
         return kSVFormatDescriptionError_InvalidParameter;
@@ -160,7 +164,7 @@ const AudioStreamBasicDescription *SVAudioFormatDescriptionGetStreamBasicDescrip
 }
 
 const AudioChannelLayout *SVAudioFormatDescriptionGetChannelLayout(SVAudioFormatDescriptionRef desc,
-                                                                  size_t *sizeOut) noexcept {
+                                                                   size_t *sizeOut) noexcept {
     const bool audio = isAudio(desc);
     if (sizeOut) *sizeOut = audio ? desc->audio.layoutSize : 0;
     return audio ? desc->audio.layout : nullptr;
@@ -173,7 +177,7 @@ const void *SVAudioFormatDescriptionGetMagicCookie(SVAudioFormatDescriptionRef d
 }
 
 const AudioFormatListItem *SVAudioFormatDescriptionGetFormatList(SVAudioFormatDescriptionRef desc,
-                                                                size_t *formatListSizeOut) noexcept {
+                                                                 size_t *formatListSizeOut) noexcept {
     if (!isAudio(desc)) return nullptr;
     SVAudioPayload &audio = sorvel::SVFormatDescriptionMutable(desc)->audio;
     if (AudioFormatListItem *cached = __atomic_load_n(&audio.formatList, __ATOMIC_ACQUIRE)) {
@@ -203,8 +207,7 @@ const AudioFormatListItem *SVAudioFormatDescriptionGetFormatList(SVAudioFormatDe
     const uint32_t cachedSize = status == 0 ? fetched : size;
     __atomic_store_n(&audio.formatListSize, cachedSize, __ATOMIC_RELAXED);
     AudioFormatListItem *expected = nullptr;
-    if (!__atomic_compare_exchange_n(&audio.formatList, &expected, list, false, __ATOMIC_RELEASE,
-                                     __ATOMIC_ACQUIRE)) {
+    if (!__atomic_compare_exchange_n(&audio.formatList, &expected, list, false, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE)) {
         CFAllocatorDeallocate(CFGetAllocator(desc), list);
         list = expected;
     }
@@ -225,7 +228,8 @@ const AudioFormatListItem *SVAudioFormatDescriptionGetMostCompatibleFormat(SVAud
                                                          (size / kItemSize - 1) * kItemSize);
 }
 
-const AudioFormatListItem *SVAudioFormatDescriptionGetRichestDecodableFormat(SVAudioFormatDescriptionRef desc) noexcept {
+const AudioFormatListItem *SVAudioFormatDescriptionGetRichestDecodableFormat(
+    SVAudioFormatDescriptionRef desc) noexcept {
     size_t size = 0;
     const AudioFormatListItem *list = SVAudioFormatDescriptionGetFormatList(desc, &size);
     if (!list || size == 0) return nullptr;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The format-description object: its class, the generic creator and getters,
 // equality, the description text, the exported extension keys, and the entry
 // points that exist but are not implemented.
@@ -12,8 +13,8 @@
 
 #include <cstring>
 
-#include "formats/SVFormatDescriptionInternal.h"
 #include "core/SVLog.h"
+#include "formats/SVFormatDescriptionInternal.h"
 
 namespace {
 
@@ -45,7 +46,8 @@ void formatDescriptionFinalize(CFTypeRef cf) {
             CFAllocatorDeallocate(allocator, desc->video.parameterSets);
             CFAllocatorDeallocate(allocator, desc->video.parameterSetSizes);
             break;
-        default: break;
+        default:
+            break;
     }
 }
 
@@ -75,15 +77,24 @@ CFStringRef copyFourCharText(FourCharCode code) {
 
 CFStringRef copyMediaTypeText(FourCharCode mediaType) {
     switch (mediaType) {
-        case kSVMediaType_Video: return CFSTR("Video");
-        case kSVMediaType_Audio: return CFSTR("Audio");
-        case kSVMediaType_Muxed: return CFSTR("Muxed");
-        case kSVMediaType_Text: return CFSTR("Text");
-        case kSVMediaType_ClosedCaption: return CFSTR("ClosedCaption");
-        case kSVMediaType_Subtitle: return CFSTR("Subtitle");
-        case kSVMediaType_TimeCode: return CFSTR("TimeCode");
-        case kSVMediaType_Metadata: return CFSTR("Metadata");
-        default: return copyFourCharText(mediaType);
+        case kSVMediaType_Video:
+            return CFSTR("Video");
+        case kSVMediaType_Audio:
+            return CFSTR("Audio");
+        case kSVMediaType_Muxed:
+            return CFSTR("Muxed");
+        case kSVMediaType_Text:
+            return CFSTR("Text");
+        case kSVMediaType_ClosedCaption:
+            return CFSTR("ClosedCaption");
+        case kSVMediaType_Subtitle:
+            return CFSTR("Subtitle");
+        case kSVMediaType_TimeCode:
+            return CFSTR("TimeCode");
+        case kSVMediaType_Metadata:
+            return CFSTR("Metadata");
+        default:
+            return copyFourCharText(mediaType);
     }
 }
 
@@ -131,16 +142,22 @@ CFStringRef formatDescriptionCopyDebugDescription(CFTypeRef cf) {
     sorvel::SVRetained<CFStringRef> subtypeText(copyFourCharText(desc->mediaSubType));
     sorvel::SVRetained<CFStringRef> summary;
     switch (desc->mediaType) {
-        case kSVMediaType_Audio: summary.reset(copyAudioSummary(desc->audio)); break;
-        case kSVMediaType_Video: summary.reset(copyVideoSummary(desc->video)); break;
-        default: summary.reset(CFSTR("")); break;
+        case kSVMediaType_Audio:
+            summary.reset(copyAudioSummary(desc->audio));
+            break;
+        case kSVMediaType_Video:
+            summary.reset(copyVideoSummary(desc->video));
+            break;
+        default:
+            summary.reset(CFSTR(""));
+            break;
     }
     sorvel::SVRetained<CFStringRef> extensionsText(
         desc->extensions ? CFStringCreateWithFormat(nullptr, nullptr, CFSTR(" extensions = %@"), desc->extensions)
                          : CFSTR(""));
     if (!typeText || !subtypeText || !summary || !extensionsText) return nullptr;
-    return CFStringCreateWithFormat(nullptr, nullptr, CFSTR("<SVFormatDescription %p {%@/%@%@%@}>"), cf,
-                                    typeText.get(), subtypeText.get(), summary.get(), extensionsText.get());
+    return CFStringCreateWithFormat(nullptr, nullptr, CFSTR("<SVFormatDescription %p {%@/%@%@%@}>"), cf, typeText.get(),
+                                    subtypeText.get(), summary.get(), extensionsText.get());
 }
 
 CFStringRef formatDescriptionCopyFormattingDescription(CFTypeRef cf, CFDictionaryRef) {
@@ -168,8 +185,10 @@ bool isCreatableMediaType(FourCharCode mediaType) {
         case kSVMediaType_Muxed:
         case kSVMediaType_Subtitle:
         case kSVMediaType_Video:
-        case kSVMediaType_TimeCode: return true;
-        default: return false;  // 'meta' too: metadata descriptions have creators of their own
+        case kSVMediaType_TimeCode:
+            return true;
+        default:
+            return false;  // 'meta' too: metadata descriptions have creators of their own
     }
 }
 
@@ -202,7 +221,9 @@ OpaqueSVFormatDescription *SVFormatDescriptionCreateInstance(CFAllocatorRef allo
 
 extern "C" {
 
-CFTypeID SVFormatDescriptionGetTypeID(void) noexcept { return sorvel::gSVFormatDescriptionClass.typeID(); }
+CFTypeID SVFormatDescriptionGetTypeID(void) noexcept {
+    return sorvel::gSVFormatDescriptionClass.typeID();
+}
 
 OSStatus SVFormatDescriptionCreate(CFAllocatorRef allocator, SVMediaType mediaType, FourCharCode mediaSubType,
                                    CFDictionaryRef extensions, SVFormatDescriptionRef *formatDescriptionOut) noexcept {
@@ -241,11 +262,14 @@ Boolean SVFormatDescriptionEqual(SVFormatDescriptionRef desc1, SVFormatDescripti
         (!desc1->extensions || !desc2->extensions || !CFEqual(desc1->extensions, desc2->extensions)))
         return false;
     switch (desc1->mediaType) {
-        case kSVMediaType_Subtitle: return true;
+        case kSVMediaType_Subtitle:
+            return true;
         case kSVMediaType_Audio:
             return SVAudioFormatDescriptionEqual(desc1, desc2, kSVAudioFormatDescriptionMask_All, nullptr);
-        case kSVMediaType_Video: return videoPayloadEqual(desc1->video, desc2->video);
-        default: SV_NOT_YET_IMPLEMENTED("SVFormatDescriptionEqual", __LINE__);
+        case kSVMediaType_Video:
+            return videoPayloadEqual(desc1->video, desc2->video);
+        default:
+            SV_NOT_YET_IMPLEMENTED("SVFormatDescriptionEqual", __LINE__);
     }
 }
 
@@ -394,10 +418,9 @@ OSStatus SVMetadataFormatDescriptionCreateWithMetadataFormatDescriptionAndMetada
                            __LINE__);
 }
 
-OSStatus SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions(CFAllocatorRef,
-                                                                              SVMetadataFormatDescriptionRef,
-                                                                              SVMetadataFormatDescriptionRef,
-                                                                              SVMetadataFormatDescriptionRef *) noexcept {
+OSStatus SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions(
+    CFAllocatorRef, SVMetadataFormatDescriptionRef, SVMetadataFormatDescriptionRef,
+    SVMetadataFormatDescriptionRef *) noexcept {
     SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions", __LINE__);
 }
 
@@ -407,16 +430,14 @@ CFArrayRef SVMetadataFormatDescriptionGetIdentifiers(SVMetadataFormatDescription
 
 // Big-endian sample descriptions (the bridge's source unit).
 
-OSStatus SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer(CFAllocatorRef,
-                                                                            SVAudioFormatDescriptionRef,
+OSStatus SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer(CFAllocatorRef, SVAudioFormatDescriptionRef,
                                                                             SVSoundDescriptionFlavor,
                                                                             SVBlockBufferRef *) noexcept {
     bridgeNotImplemented("SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer", __LINE__);
 }
 
-OSStatus SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer(CFAllocatorRef, SVBlockBufferRef,
-                                                                                SVSoundDescriptionFlavor,
-                                                                                SVAudioFormatDescriptionRef *) noexcept {
+OSStatus SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer(
+    CFAllocatorRef, SVBlockBufferRef, SVSoundDescriptionFlavor, SVAudioFormatDescriptionRef *) noexcept {
     bridgeNotImplemented("SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer", __LINE__);
 }
 
@@ -439,17 +460,15 @@ OSStatus SVSwapHostEndianSoundDescriptionToBig(uint8_t *, size_t) noexcept {
     bridgeNotImplemented("SVSwapHostEndianSoundDescriptionToBig", __LINE__);
 }
 
-OSStatus SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer(CFAllocatorRef,
-                                                                            SVVideoFormatDescriptionRef,
+OSStatus SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer(CFAllocatorRef, SVVideoFormatDescriptionRef,
                                                                             CFStringEncoding, SVImageDescriptionFlavor,
                                                                             SVBlockBufferRef *) noexcept {
     bridgeNotImplemented("SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer", __LINE__);
 }
 
-OSStatus SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer(CFAllocatorRef, SVBlockBufferRef,
-                                                                                CFStringEncoding,
-                                                                                SVImageDescriptionFlavor,
-                                                                                SVVideoFormatDescriptionRef *) noexcept {
+OSStatus SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer(
+    CFAllocatorRef, SVBlockBufferRef, CFStringEncoding, SVImageDescriptionFlavor,
+    SVVideoFormatDescriptionRef *) noexcept {
     bridgeNotImplemented("SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer", __LINE__);
 }
 
@@ -494,13 +513,15 @@ OSStatus SVSwapHostEndianTextDescriptionToBig(uint8_t *, size_t) noexcept {
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCopyAsBigEndianClosedCaptionDescriptionBlockBuffer(
-    CFAllocatorRef, SVClosedCaptionFormatDescriptionRef, SVClosedCaptionDescriptionFlavor, SVBlockBufferRef *) noexcept {
+    CFAllocatorRef, SVClosedCaptionFormatDescriptionRef, SVClosedCaptionDescriptionFlavor,
+    SVBlockBufferRef *) noexcept {
     bridgeNotImplemented("SVClosedCaptionFormatDescriptionCopyAsBigEndianClosedCaptionDescriptionBlockBuffer",
                          __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionBlockBuffer(
-    CFAllocatorRef, SVBlockBufferRef, SVClosedCaptionDescriptionFlavor, SVClosedCaptionFormatDescriptionRef *) noexcept {
+    CFAllocatorRef, SVBlockBufferRef, SVClosedCaptionDescriptionFlavor,
+    SVClosedCaptionFormatDescriptionRef *) noexcept {
     bridgeNotImplemented("SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionBlockBuffer",
                          __LINE__);
 }
@@ -531,9 +552,8 @@ OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionBlockB
     bridgeNotImplemented("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionBlockBuffer", __LINE__);
 }
 
-OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
-                                                                               SVTimeCodeDescriptionFlavor,
-                                                                               SVTimeCodeFormatDescriptionRef *) noexcept {
+OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData(
+    CFAllocatorRef, const uint8_t *, size_t, SVTimeCodeDescriptionFlavor, SVTimeCodeFormatDescriptionRef *) noexcept {
     bridgeNotImplemented("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData", __LINE__);
 }
 
@@ -557,9 +577,8 @@ OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockB
     bridgeNotImplemented("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer", __LINE__);
 }
 
-OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
-                                                                               SVMetadataDescriptionFlavor,
-                                                                               SVMetadataFormatDescriptionRef *) noexcept {
+OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData(
+    CFAllocatorRef, const uint8_t *, size_t, SVMetadataDescriptionFlavor, SVMetadataFormatDescriptionRef *) noexcept {
     bridgeNotImplemented("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData", __LINE__);
 }
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Private to the format-description family: the instance layout shared by
 // the core, audio, text and (later) video modules, and the helpers they use
 // to make and fill instances.

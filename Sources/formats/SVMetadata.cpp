@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Metadata identifiers (key space "/" key), the process-wide data type
 // registry, and the tables between base data types and the well-known type
 // identifiers of QuickTime metadata.
@@ -11,7 +12,6 @@
 // stay valid for the life of the process.
 
 #include <Sorvel/SVMetadata.h>
-
 #include <dispatch/dispatch.h>
 
 #include <cstdlib>
@@ -129,18 +129,30 @@ Registry &registry() {
     if (__builtin_expect(__atomic_load_n(&gRegistryOnce, __ATOMIC_ACQUIRE) != sorvel::kSVOncePredicateDone, 0)) {
         dispatch_once(&gRegistryOnce, ^{
           const void *baseTypes[] = {
-              kSVMetadataBaseDataType_RawData,       kSVMetadataBaseDataType_UTF8,
-              kSVMetadataBaseDataType_UTF16,         kSVMetadataBaseDataType_GIF,
-              kSVMetadataBaseDataType_JPEG,          kSVMetadataBaseDataType_PNG,
-              kSVMetadataBaseDataType_BMP,           kSVMetadataBaseDataType_Float32,
-              kSVMetadataBaseDataType_Float64,       kSVMetadataBaseDataType_SInt8,
-              kSVMetadataBaseDataType_SInt16,        kSVMetadataBaseDataType_SInt32,
-              kSVMetadataBaseDataType_SInt64,        kSVMetadataBaseDataType_UInt8,
-              kSVMetadataBaseDataType_UInt16,        kSVMetadataBaseDataType_UInt32,
-              kSVMetadataBaseDataType_UInt64,        kSVMetadataBaseDataType_PointF32,
-              kSVMetadataBaseDataType_DimensionsF32, kSVMetadataBaseDataType_RectF32,
-              kSVMetadataBaseDataType_AffineTransformF64, kSVMetadataBaseDataType_JSON,
-              kSVMetadataBaseDataType_PolygonF32,    kSVMetadataBaseDataType_PolylineF32,
+              kSVMetadataBaseDataType_RawData,
+              kSVMetadataBaseDataType_UTF8,
+              kSVMetadataBaseDataType_UTF16,
+              kSVMetadataBaseDataType_GIF,
+              kSVMetadataBaseDataType_JPEG,
+              kSVMetadataBaseDataType_PNG,
+              kSVMetadataBaseDataType_BMP,
+              kSVMetadataBaseDataType_Float32,
+              kSVMetadataBaseDataType_Float64,
+              kSVMetadataBaseDataType_SInt8,
+              kSVMetadataBaseDataType_SInt16,
+              kSVMetadataBaseDataType_SInt32,
+              kSVMetadataBaseDataType_SInt64,
+              kSVMetadataBaseDataType_UInt8,
+              kSVMetadataBaseDataType_UInt16,
+              kSVMetadataBaseDataType_UInt32,
+              kSVMetadataBaseDataType_UInt64,
+              kSVMetadataBaseDataType_PointF32,
+              kSVMetadataBaseDataType_DimensionsF32,
+              kSVMetadataBaseDataType_RectF32,
+              kSVMetadataBaseDataType_AffineTransformF64,
+              kSVMetadataBaseDataType_JSON,
+              kSVMetadataBaseDataType_PolygonF32,
+              kSVMetadataBaseDataType_PolylineF32,
           };
           static_assert(sizeof baseTypes / sizeof baseTypes[0] == 24);
           gRegistry.baseDataTypes = CFArrayCreate(nullptr, baseTypes, 24, &kCFTypeArrayCallBacks);
@@ -158,7 +170,8 @@ Registry &registry() {
 }
 
 bool isBaseDataType(Registry &r, CFTypeRef dataType) {
-    return dataType && CFArrayContainsValue(r.baseDataTypes, CFRangeMake(0, CFArrayGetCount(r.baseDataTypes)), dataType);
+    return dataType &&
+           CFArrayContainsValue(r.baseDataTypes, CFRangeMake(0, CFArrayGetCount(r.baseDataTypes)), dataType);
 }
 
 // The stored [description, conforming list] pair, or NULL.  The pair itself
@@ -180,17 +193,17 @@ struct MOVType {
     const CFStringRef *dataType;
 };
 const MOVType kMOVTypes[] = {
-    {0, &kSVMetadataBaseDataType_RawData},   {1, &kSVMetadataBaseDataType_UTF8},
-    {2, &kSVMetadataBaseDataType_UTF16},     {4, &kSVMetadataBaseDataType_UTF8},
-    {5, &kSVMetadataBaseDataType_UTF16},     {13, &kSVMetadataBaseDataType_JPEG},
-    {14, &kSVMetadataBaseDataType_PNG},      {23, &kSVMetadataBaseDataType_Float32},
-    {24, &kSVMetadataBaseDataType_Float64},  {27, &kSVMetadataBaseDataType_BMP},
-    {65, &kSVMetadataBaseDataType_SInt8},    {66, &kSVMetadataBaseDataType_SInt16},
-    {67, &kSVMetadataBaseDataType_SInt32},   {70, &kSVMetadataBaseDataType_PointF32},
+    {0, &kSVMetadataBaseDataType_RawData},        {1, &kSVMetadataBaseDataType_UTF8},
+    {2, &kSVMetadataBaseDataType_UTF16},          {4, &kSVMetadataBaseDataType_UTF8},
+    {5, &kSVMetadataBaseDataType_UTF16},          {13, &kSVMetadataBaseDataType_JPEG},
+    {14, &kSVMetadataBaseDataType_PNG},           {23, &kSVMetadataBaseDataType_Float32},
+    {24, &kSVMetadataBaseDataType_Float64},       {27, &kSVMetadataBaseDataType_BMP},
+    {65, &kSVMetadataBaseDataType_SInt8},         {66, &kSVMetadataBaseDataType_SInt16},
+    {67, &kSVMetadataBaseDataType_SInt32},        {70, &kSVMetadataBaseDataType_PointF32},
     {71, &kSVMetadataBaseDataType_DimensionsF32}, {72, &kSVMetadataBaseDataType_RectF32},
-    {74, &kSVMetadataBaseDataType_SInt64},   {75, &kSVMetadataBaseDataType_UInt8},
-    {76, &kSVMetadataBaseDataType_UInt16},   {77, &kSVMetadataBaseDataType_UInt32},
-    {78, &kSVMetadataBaseDataType_UInt64},   {79, &kSVMetadataBaseDataType_AffineTransformF64},
+    {74, &kSVMetadataBaseDataType_SInt64},        {75, &kSVMetadataBaseDataType_UInt8},
+    {76, &kSVMetadataBaseDataType_UInt16},        {77, &kSVMetadataBaseDataType_UInt32},
+    {78, &kSVMetadataBaseDataType_UInt64},        {79, &kSVMetadataBaseDataType_AffineTransformF64},
 };
 
 }  // namespace
@@ -290,7 +303,9 @@ CFArrayRef SVMetadataDataTypeRegistryGetConformingDataTypes(CFStringRef dataType
     return pair ? static_cast<CFArrayRef>(CFArrayGetValueAtIndex(pair, 1)) : nullptr;
 }
 
-CFArrayRef SVMetadataDataTypeRegistryGetBaseDataTypes(void) noexcept { return registry().baseDataTypes; }
+CFArrayRef SVMetadataDataTypeRegistryGetBaseDataTypes(void) noexcept {
+    return registry().baseDataTypes;
+}
 
 Boolean SVMetadataDataTypeRegistryDataTypeIsBaseDataType(CFStringRef dataType) noexcept {
     return isBaseDataType(registry(), dataType);

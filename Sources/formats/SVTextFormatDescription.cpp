@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text and subtitle descriptions: the getters that read a 3GPP text
 // description's style back out of its extensions.
 //
@@ -14,8 +15,8 @@
 #include <cstdint>
 #include <limits>
 
-#include "formats/SVFormatDescriptionInternal.h"
 #include "core/SVLog.h"
+#include "formats/SVFormatDescriptionInternal.h"
 
 namespace {
 
@@ -69,10 +70,8 @@ CFDictionaryRef readDictionary(CFDictionaryRef dictionary, CFStringRef key) {
 // (huge, negative or NaN) makes the conversion undefined.
 int64_t trackHeightAsInteger(Float32 height) {
     if (std::isnan(height)) return 0;
-    if (height >= static_cast<Float32>(std::numeric_limits<int32_t>::max()))
-        return std::numeric_limits<int32_t>::max();
-    if (height <= static_cast<Float32>(std::numeric_limits<int32_t>::min()))
-        return std::numeric_limits<int32_t>::min();
+    if (height >= static_cast<Float32>(std::numeric_limits<int32_t>::max())) return std::numeric_limits<int32_t>::max();
+    if (height <= static_cast<Float32>(std::numeric_limits<int32_t>::min())) return std::numeric_limits<int32_t>::min();
     return static_cast<int32_t>(height);
 }
 

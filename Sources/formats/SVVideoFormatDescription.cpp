@@ -1,28 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
 // Video format descriptions: the generic and image-buffer creators, the
 // geometry queries, and the H.264/HEVC parameter-set creators and accessors.
-#include <Sorvel/SVFormatDescription.h>
-#include <Sorvel/SVNALUnit.h>
-
 #include <CoreGraphics/CGGeometry.h>
 #include <CoreVideo/CoreVideo.h>
+#include <Sorvel/SVFormatDescription.h>
+#include <Sorvel/SVNALUnit.h>
 #include <dispatch/dispatch.h>
 
 #include <cstring>
 #include <vector>
 
-#include "formats/SVFormatDescriptionInternal.h"
-#include "core/SVLog.h"
 #include "bitstream/SVParameterSetsInternal.h"
+#include "core/SVLog.h"
+#include "formats/SVFormatDescriptionInternal.h"
 
 namespace {
 
 SV_LOG_MODULE("Sorvel/Sources/SVFormatDescription");
 
-constexpr FourCharCode kAVC1 = 0x61766331;         // 'avc1'
-constexpr FourCharCode kHVC1 = 0x68766331;         // 'hvc1'
+constexpr FourCharCode kAVC1 = 0x61766331;          // 'avc1'
+constexpr FourCharCode kHVC1 = 0x68766331;          // 'hvc1'
 constexpr FourCharCode kUnknownImage = 0x7761743F;  // 'wat?'
 
-bool isVideo(SVFormatDescriptionRef desc) { return desc && desc->mediaType == kSVMediaType_Video; }
+bool isVideo(SVFormatDescriptionRef desc) {
+    return desc && desc->mediaType == kSVMediaType_Video;
+}
 
 CFDictionaryRef dictionaryExtension(SVFormatDescriptionRef desc, CFStringRef key) {
     if (!desc->extensions) return nullptr;
@@ -45,21 +47,28 @@ CFMutableDictionaryRef createMutableDictionary() {
 struct PixelAspect {
     int h, v;
 };
-constexpr PixelAspect kAspectTable[] = {{1, 1},   {12, 11}, {10, 11}, {16, 11}, {40, 33}, {24, 11},
-                                        {20, 11}, {32, 11}, {80, 33}, {18, 11}, {15, 11}, {64, 33},
-                                        {160, 99}, {4, 3},  {3, 2},   {2, 1}};
+constexpr PixelAspect kAspectTable[] = {{1, 1},   {12, 11}, {10, 11}, {16, 11}, {40, 33},  {24, 11}, {20, 11}, {32, 11},
+                                        {80, 33}, {18, 11}, {15, 11}, {64, 33}, {160, 99}, {4, 3},   {3, 2},   {2, 1}};
 
 CFStringRef colourPrimaries(int code) {
     switch (code) {
-        case 1: return kCVImageBufferColorPrimaries_ITU_R_709_2;
-        case 5: return kCVImageBufferColorPrimaries_EBU_3213;
+        case 1:
+            return kCVImageBufferColorPrimaries_ITU_R_709_2;
+        case 5:
+            return kCVImageBufferColorPrimaries_EBU_3213;
         case 6:
-        case 7: return kCVImageBufferColorPrimaries_SMPTE_C;  // 170M and 240M share their primaries
-        case 9: return kCVImageBufferColorPrimaries_ITU_R_2020;
-        case 11: return kCVImageBufferColorPrimaries_DCI_P3;
-        case 12: return kCVImageBufferColorPrimaries_P3_D65;
-        case 22: return kCVImageBufferColorPrimaries_P22;
-        default: return nullptr;
+        case 7:
+            return kCVImageBufferColorPrimaries_SMPTE_C;  // 170M and 240M share their primaries
+        case 9:
+            return kCVImageBufferColorPrimaries_ITU_R_2020;
+        case 11:
+            return kCVImageBufferColorPrimaries_DCI_P3;
+        case 12:
+            return kCVImageBufferColorPrimaries_P3_D65;
+        case 22:
+            return kCVImageBufferColorPrimaries_P22;
+        default:
+            return nullptr;
     }
 }
 
@@ -67,30 +76,48 @@ CFStringRef transferFunction(int code, double *gamma) {
     *gamma = 0;
     switch (code) {
         case 1:
-        case 6: return kCVImageBufferTransferFunction_ITU_R_709_2;  // 601 uses the 709 curve
-        case 4: *gamma = 2.2; return kCVImageBufferTransferFunction_UseGamma;
-        case 5: *gamma = 2.8; return kCVImageBufferTransferFunction_UseGamma;
-        case 7: return kCVImageBufferTransferFunction_SMPTE_240M_1995;
-        case 8: return kCVImageBufferTransferFunction_Linear;
-        case 13: return kCVImageBufferTransferFunction_sRGB;
+        case 6:
+            return kCVImageBufferTransferFunction_ITU_R_709_2;  // 601 uses the 709 curve
+        case 4:
+            *gamma = 2.2;
+            return kCVImageBufferTransferFunction_UseGamma;
+        case 5:
+            *gamma = 2.8;
+            return kCVImageBufferTransferFunction_UseGamma;
+        case 7:
+            return kCVImageBufferTransferFunction_SMPTE_240M_1995;
+        case 8:
+            return kCVImageBufferTransferFunction_Linear;
+        case 13:
+            return kCVImageBufferTransferFunction_sRGB;
         case 14:
-        case 15: return kCVImageBufferTransferFunction_ITU_R_2020;
-        case 16: return kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ;
-        case 17: return kCVImageBufferTransferFunction_SMPTE_ST_428_1;
-        case 18: return kCVImageBufferTransferFunction_ITU_R_2100_HLG;
-        default: return nullptr;
+        case 15:
+            return kCVImageBufferTransferFunction_ITU_R_2020;
+        case 16:
+            return kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ;
+        case 17:
+            return kCVImageBufferTransferFunction_SMPTE_ST_428_1;
+        case 18:
+            return kCVImageBufferTransferFunction_ITU_R_2100_HLG;
+        default:
+            return nullptr;
     }
 }
 
 CFStringRef yCbCrMatrix(int code) {
     switch (code) {
-        case 1: return kCVImageBufferYCbCrMatrix_ITU_R_709_2;
+        case 1:
+            return kCVImageBufferYCbCrMatrix_ITU_R_709_2;
         case 5:
-        case 6: return kCVImageBufferYCbCrMatrix_ITU_R_601_4;
-        case 7: return kCVImageBufferYCbCrMatrix_SMPTE_240M_1995;
+        case 6:
+            return kCVImageBufferYCbCrMatrix_ITU_R_601_4;
+        case 7:
+            return kCVImageBufferYCbCrMatrix_SMPTE_240M_1995;
         case 9:
-        case 10: return kCVImageBufferYCbCrMatrix_ITU_R_2020;
-        default: return nullptr;
+        case 10:
+            return kCVImageBufferYCbCrMatrix_ITU_R_2020;
+        default:
+            return nullptr;
     }
 }
 
@@ -128,8 +155,10 @@ OSStatus createParameterSetDescription(CFAllocatorRef allocator, FourCharCode su
     desc->video.height = height;
     desc->video.nalUnitHeaderLength = nalUnitHeaderLength;
     CFAllocatorRef own = CFGetAllocator(desc);
-    desc->video.parameterSets = static_cast<uint8_t **>(CFAllocatorAllocate(own, CFIndex(count * sizeof(uint8_t *)), 0));
-    desc->video.parameterSetSizes = static_cast<uint32_t *>(CFAllocatorAllocate(own, CFIndex(count * sizeof(uint32_t)), 0));
+    desc->video.parameterSets =
+        static_cast<uint8_t **>(CFAllocatorAllocate(own, CFIndex(count * sizeof(uint8_t *)), 0));
+    desc->video.parameterSetSizes =
+        static_cast<uint32_t *>(CFAllocatorAllocate(own, CFIndex(count * sizeof(uint32_t)), 0));
     if (!desc->video.parameterSets || !desc->video.parameterSetSizes) {
         CFRelease(desc);
         return kSVFormatDescriptionError_AllocationFailed;
@@ -179,17 +208,16 @@ CFMutableDictionaryRef createRecordExtensions(CFDictionaryRef callerExtensions, 
 
 // The units of an Annex B run, as the flexible enumerator finds them:
 // counted first, then collected.
-void splitAnnexB(const uint8_t *data, size_t size, std::vector<const uint8_t *> &pointers,
-                 std::vector<size_t> &sizes) {
+void splitAnnexB(const uint8_t *data, size_t size, std::vector<const uint8_t *> &pointers, std::vector<size_t> &sizes) {
     const size_t count = _SVEnumerateAnnexBNALUnitsFlexible(data, size, nullptr);
     pointers.reserve(count);
     sizes.reserve(count);
     std::vector<const uint8_t *> *pointersRef = &pointers;
     std::vector<size_t> *sizesRef = &sizes;
     _SVEnumerateAnnexBNALUnitsFlexible(data, size, ^int(const uint8_t *unit, size_t length) {
-        pointersRef->push_back(unit);
-        sizesRef->push_back(length);
-        return 0;
+      pointersRef->push_back(unit);
+      sizesRef->push_back(length);
+      return 0;
     });
 }
 
@@ -235,9 +263,12 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
                 ++spsCount;
                 break;
             }
-            case 34: ++pps; break;
+            case 34:
+                ++pps;
+                break;
             case 39:
-            case 40: break;
+            case 40:
+                break;
             default:
                 SV_LOG(3, function, line, "Parameter set %d has NAL unit type %d", static_cast<int>(i),
                        static_cast<int>((pointers[i][0] >> 1) & 0x3F));
@@ -373,7 +404,8 @@ OSStatus SVVideoFormatDescriptionCreateForImageBuffer(CFAllocatorRef allocator, 
     CFArrayRef keys = SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers();
     for (CFIndex i = 0; i < CFArrayGetCount(keys); ++i) {
         CFStringRef key = static_cast<CFStringRef>(CFArrayGetValueAtIndex(keys, i));
-        if (CFTypeRef value = CVBufferGetAttachment(imageBuffer, key, nullptr)) CFDictionarySetValue(extensions, key, value);
+        if (CFTypeRef value = CVBufferGetAttachment(imageBuffer, key, nullptr))
+            CFDictionarySetValue(extensions, key, value);
     }
     if (isPixelBuffer) {
         const int64_t bytesPerRow = static_cast<int64_t>(CVPixelBufferGetBytesPerRow(imageBuffer));
@@ -383,9 +415,9 @@ OSStatus SVVideoFormatDescriptionCreateForImageBuffer(CFAllocatorRef allocator, 
             CFRelease(number);
         }
     }
-    const OSStatus status = SVVideoFormatDescriptionCreate(allocator, subtype, static_cast<int32_t>(size.width),
-                                                           static_cast<int32_t>(size.height), extensions,
-                                                           formatDescriptionOut);
+    const OSStatus status =
+        SVVideoFormatDescriptionCreate(allocator, subtype, static_cast<int32_t>(size.width),
+                                       static_cast<int32_t>(size.height), extensions, formatDescriptionOut);
     CFRelease(extensions);
     return status;
 }
@@ -395,8 +427,7 @@ SVVideoDimensions SVVideoFormatDescriptionGetDimensions(SVVideoFormatDescription
     return SVVideoDimensions{desc->video.width, desc->video.height};
 }
 
-CGSize SVVideoFormatDescriptionGetPresentationDimensions(SVVideoFormatDescriptionRef desc,
-                                                         Boolean usePixelAspectRatio,
+CGSize SVVideoFormatDescriptionGetPresentationDimensions(SVVideoFormatDescriptionRef desc, Boolean usePixelAspectRatio,
                                                          Boolean useCleanAperture) noexcept {
     if (!isVideo(desc)) return CGSizeZero;
     const CGRect rect = _CVImageBufferGetDisplayRect(
@@ -435,8 +466,7 @@ CFArrayRef SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers(void) 
 
 OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allocator, size_t parameterSetCount,
                                                              const uint8_t *const *parameterSetPointers,
-                                                             const size_t *parameterSetSizes,
-                                                             int nalUnitHeaderLength,
+                                                             const size_t *parameterSetSizes, int nalUnitHeaderLength,
                                                              SVFormatDescriptionRef *formatDescriptionOut) noexcept {
     static const char *const kFunction = "SVVideoFormatDescriptionCreateFromH264ParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
@@ -482,12 +512,11 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
     CFMutableDictionaryRef extensions = createRecordExtensions(nullptr, CFSTR("avcC"), record);
     CFRelease(record);
     if (!extensions) return kSVFormatDescriptionError_AllocationFailed;
-    sorvel::SVAddVideoUsabilityExtensions(extensions, first.vui, first.chromaFormatIdc, !first.frameMbsOnly,
-                                          kFunction, __LINE__);
-    const OSStatus status =
-        createParameterSetDescription(allocator, kAVC1, first.width, first.height, extensions, parameterSetCount,
-                                      parameterSetPointers, parameterSetSizes, nalUnitHeaderLength,
-                                      formatDescriptionOut);
+    sorvel::SVAddVideoUsabilityExtensions(extensions, first.vui, first.chromaFormatIdc, !first.frameMbsOnly, kFunction,
+                                          __LINE__);
+    const OSStatus status = createParameterSetDescription(allocator, kAVC1, first.width, first.height, extensions,
+                                                          parameterSetCount, parameterSetPointers, parameterSetSizes,
+                                                          nalUnitHeaderLength, formatDescriptionOut);
     CFRelease(extensions);
     return status;
 }
@@ -500,23 +529,21 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
     std::vector<size_t> sizes;
     splitAnnexB(data, size, pointers, sizes);
     return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, pointers.size(), pointers.data(),
-                                                               sizes.data(), nalUnitHeaderLength,
-                                                               formatDescriptionOut);
+                                                               sizes.data(), nalUnitHeaderLength, formatDescriptionOut);
 }
 
 OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
-                                                            size_t *parameterSetSizeOut,
-                                                            size_t *parameterSetCountOut,
+                                                            size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                             int *nalUnitHeaderLengthOut) noexcept {
-    return getParameterSetAtIndex(desc, kAVC1, index, parameterSetPointerOut, parameterSetSizeOut,
-                                  parameterSetCountOut, nalUnitHeaderLengthOut);
+    return getParameterSetAtIndex(desc, kAVC1, index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
+                                  nalUnitHeaderLengthOut);
 }
 
 OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allocator, size_t parameterSetCount,
                                                              const uint8_t *const *parameterSetPointers,
-                                                             const size_t *parameterSetSizes,
-                                                             int nalUnitHeaderLength, CFDictionaryRef extensions,
+                                                             const size_t *parameterSetSizes, int nalUnitHeaderLength,
+                                                             CFDictionaryRef extensions,
                                                              SVFormatDescriptionRef *formatDescriptionOut) noexcept {
     static const char *const kFunction = "SVVideoFormatDescriptionCreateFromHEVCParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
@@ -538,18 +565,16 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     std::vector<const uint8_t *> pointers;
     std::vector<size_t> sizes;
     splitAnnexB(data, size, pointers, sizes);
-    return SVVideoFormatDescriptionCreateFromHEVCParameterSets(allocator, pointers.size(), pointers.data(),
-                                                               sizes.data(), nalUnitHeaderLength, nullptr,
-                                                               formatDescriptionOut);
+    return SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+        allocator, pointers.size(), pointers.data(), sizes.data(), nalUnitHeaderLength, nullptr, formatDescriptionOut);
 }
 
 OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
-                                                            size_t *parameterSetSizeOut,
-                                                            size_t *parameterSetCountOut,
+                                                            size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                             int *nalUnitHeaderLengthOut) noexcept {
-    return getParameterSetAtIndex(desc, kHVC1, index, parameterSetPointerOut, parameterSetSizeOut,
-                                  parameterSetCountOut, nalUnitHeaderLengthOut);
+    return getParameterSetAtIndex(desc, kHVC1, index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
+                                  nalUnitHeaderLengthOut);
 }
 
 extern "C++" {
@@ -624,7 +649,8 @@ Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef d
                                                    CVImageBufferRef imageBuffer) noexcept {
     if (!isVideo(desc) || !imageBuffer) return false;
     const CGSize size = CVImageBufferGetEncodedSize(imageBuffer);
-    if (desc->video.width != static_cast<int32_t>(size.width) || desc->video.height != static_cast<int32_t>(size.height))
+    if (desc->video.width != static_cast<int32_t>(size.width) ||
+        desc->video.height != static_cast<int32_t>(size.height))
         return false;
     const bool isPixelBuffer = CFGetTypeID(imageBuffer) == CVPixelBufferGetTypeID();
     const FourCharCode format = isPixelBuffer ? CVPixelBufferGetPixelFormatType(imageBuffer) : kUnknownImage;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Annex B sample writer: rewrites the length-prefixed units of an
 // 'avc1'/'hvc1' sample buffer as Annex B.  It measures first and writes
 // second, so the caller's allocator is asked once for the exact size.  Its
@@ -28,9 +29,8 @@ constexpr FourCharCode kAVC1 = 0x61766331;  // 'avc1'
 constexpr FourCharCode kHVC1 = 0x68766331;  // 'hvc1'
 
 // The parameter-set getter of the description's codec.
-OSStatus parameterSetAtIndex(SVFormatDescriptionRef desc, FourCharCode subtype, size_t index,
-                             const uint8_t **bytesOut, size_t *sizeOut, size_t *countOut,
-                             int *headerLengthOut) noexcept {
+OSStatus parameterSetAtIndex(SVFormatDescriptionRef desc, FourCharCode subtype, size_t index, const uint8_t **bytesOut,
+                             size_t *sizeOut, size_t *countOut, int *headerLengthOut) noexcept {
     if (subtype == kHVC1)
         return SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, index, bytesOut, sizeOut, countOut,
                                                                   headerLengthOut);
@@ -52,8 +52,7 @@ bool isNotSync(SVSampleBufferRef sbuf) noexcept {
 
 extern "C" {
 
-OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer,
-                                                        int32_t includeParameterSets,
+OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer, int32_t includeParameterSets,
                                                         const uint8_t *nalTypesToSkip, size_t skipCount,
                                                         SVSampleBufferPacketAllocator allocator) noexcept {
     static constexpr const char kFunction[] = "_SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer";

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The generic attachment calls: checked front ends to CoreVideo's buffer
 // attachments.  A sample buffer begins with the same attachment storage as
 // CoreVideo's own buffers, so once the target's kind is accepted the call
@@ -8,10 +9,9 @@
 // level 3 with an empty source path and a fixed line, and the call does
 // nothing.
 
+#include <CoreVideo/CoreVideo.h>
 #include <Sorvel/SVAttachment.h>
 #include <Sorvel/SVSampleBuffer.h>
-
-#include <CoreVideo/CoreVideo.h>
 
 #include "core/SVLog.h"
 
@@ -51,8 +51,9 @@ CFDictionaryRef SVCopyDictionaryOfAttachments(CFAllocatorRef allocator, SVAttach
 
 CFTypeRef SVGetAttachment(SVAttachmentBearerRef target, CFStringRef key, SVAttachmentMode *attachmentModeOut) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT("", 3, "SVGetAttachment", 54,
-                  "SVGetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer.");
+        SV_LOG_AT(
+            "", 3, "SVGetAttachment", 54,
+            "SVGetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer.");
         return nullptr;
     }
     return CVBufferGetAttachment(asBuffer(target), key, attachmentModeOut);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The attachment keys, values and notification names of the sample-buffer
 // family: compile-time constant strings whose text is their own name.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The buffer queue: a doubly linked list of retained buffers under one
 // recursive mutex, plus a list of triggers tested after every change.
 //
@@ -25,7 +26,6 @@
 
 #include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVSampleBuffer.h>
-
 #include <XPLog/XPLog.h>
 
 #include <new>
@@ -89,8 +89,8 @@ struct OpaqueSVBufferQueue {
     TriggerList *triggers;
     SVTime minPresentationTimeStamp;  // all zero when unknown
     SVTime maxPresentationTimeStamp;
-    bool extremesStale;         // the two above need a rescan before use
-    int32_t extremeTriggers;    // installed triggers of conditions 5 and 6
+    bool extremesStale;       // the two above need a rescan before use
+    int32_t extremeTriggers;  // installed triggers of conditions 5 and 6
     Node *spareNodes;
     int spareNodeCount;
 };
@@ -134,7 +134,9 @@ private:
 
 // ---- memory ------------------------------------------------------------------------
 
-CFAllocatorRef allocatorOf(SVBufferQueueRef queue) noexcept { return CFGetAllocator(queue); }
+CFAllocatorRef allocatorOf(SVBufferQueueRef queue) noexcept {
+    return CFGetAllocator(queue);
+}
 
 Node *takeNode(SVBufferQueueRef queue) noexcept {
     if (Node *node = queue->spareNodes) {
@@ -217,33 +219,33 @@ bool isExtremeCondition(SVBufferQueueTriggerCondition condition) noexcept {
 
 bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept {
     switch (trigger->condition) {
-    case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
-        return SVTimeCompare(durationLocked(queue), trigger->time) < 0;
-    case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
-        return SVTimeCompare(durationLocked(queue), trigger->time) <= 0;
-    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
-        return SVTimeCompare(durationLocked(queue), trigger->time) > 0;
-    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
-        return SVTimeCompare(durationLocked(queue), trigger->time) >= 0;
-    // An installed trigger of either of the next two kinds keeps the cached
-    // stamps fresh, so they can be read as they are.
-    case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
-        return SVTimeCompare(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
-    case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
-        return SVTimeCompare(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
-    case kSVBufferQueueTrigger_WhenDataBecomesReady:
-        return queue->callbacks.isDataReady(queue->head != nullptr ? queue->head->buffer : nullptr,
-                                            queue->callbacks.refcon);
-    case kSVBufferQueueTrigger_WhenEndOfDataReached:
-        return queue->endOfData && queue->count == 0;
-    case kSVBufferQueueTrigger_WhenReset:
-        return queue->wasReset;
-    case kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan:
-        return queue->count < trigger->threshold;
-    case kSVBufferQueueTrigger_WhenBufferCountBecomesGreaterThan:
-        return queue->count > trigger->threshold;
-    default:
-        return false;
+        case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
+            return SVTimeCompare(durationLocked(queue), trigger->time) < 0;
+        case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
+            return SVTimeCompare(durationLocked(queue), trigger->time) <= 0;
+        case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
+            return SVTimeCompare(durationLocked(queue), trigger->time) > 0;
+        case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
+            return SVTimeCompare(durationLocked(queue), trigger->time) >= 0;
+        // An installed trigger of either of the next two kinds keeps the cached
+        // stamps fresh, so they can be read as they are.
+        case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
+            return SVTimeCompare(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
+        case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
+            return SVTimeCompare(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
+        case kSVBufferQueueTrigger_WhenDataBecomesReady:
+            return queue->callbacks.isDataReady(queue->head != nullptr ? queue->head->buffer : nullptr,
+                                                queue->callbacks.refcon);
+        case kSVBufferQueueTrigger_WhenEndOfDataReached:
+            return queue->endOfData && queue->count == 0;
+        case kSVBufferQueueTrigger_WhenReset:
+            return queue->wasReset;
+        case kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan:
+            return queue->count < trigger->threshold;
+        case kSVBufferQueueTrigger_WhenBufferCountBecomesGreaterThan:
+            return queue->count > trigger->threshold;
+        default:
+            return false;
     }
 }
 
@@ -345,25 +347,25 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
         return kSVBufferQueueError_RequiredParameterMissing;
     const SVBufferCallbacks &callbacks = queue->callbacks;
     switch (condition) {
-    case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
-    case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
-    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
-    case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
-        if (!SVTIME_IS_NUMERIC(time) || callbacks.getDuration == nullptr)
-            return kSVBufferQueueError_InvalidTriggerParameters;
-        break;
-    case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
-    case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
-        if (callbacks.getPresentationTimeStamp == nullptr) return kSVBufferQueueError_InvalidTriggerParameters;
-        break;
-    case kSVBufferQueueTrigger_WhenDataBecomesReady:
-        if (callbacks.isDataReady == nullptr) return kSVBufferQueueError_InvalidTriggerParameters;
-        break;
-    case kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan:
-        if (threshold == 0) return kSVBufferQueueError_InvalidTriggerParameters;
-        break;
-    default:
-        break;
+        case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
+        case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
+        case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
+        case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
+            if (!SVTIME_IS_NUMERIC(time) || callbacks.getDuration == nullptr)
+                return kSVBufferQueueError_InvalidTriggerParameters;
+            break;
+        case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
+        case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
+            if (callbacks.getPresentationTimeStamp == nullptr) return kSVBufferQueueError_InvalidTriggerParameters;
+            break;
+        case kSVBufferQueueTrigger_WhenDataBecomesReady:
+            if (callbacks.isDataReady == nullptr) return kSVBufferQueueError_InvalidTriggerParameters;
+            break;
+        case kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan:
+            if (threshold == 0) return kSVBufferQueueError_InvalidTriggerParameters;
+            break;
+        default:
+            break;
     }
     auto *trigger = static_cast<Trigger *>(CFAllocatorAllocate(allocatorOf(queue), sizeof(Trigger), 0));
     if (trigger == nullptr) return kSVBufferQueueError_AllocationFailed;
@@ -475,7 +477,9 @@ const SVBufferCallbacks *SVBufferQueueGetCallbacksForSampleBuffersSortedByOutput
     return &kSortedByOutputPTSSampleBufferCallbacks;
 }
 
-CFTypeID SVBufferQueueGetTypeID(void) noexcept { return gSVBufferQueueClass.typeID(); }
+CFTypeID SVBufferQueueGetTypeID(void) noexcept {
+    return gSVBufferQueueClass.typeID();
+}
 
 OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const SVBufferCallbacks *callbacks,
                              SVBufferQueueRef *queueOut) noexcept {
@@ -576,7 +580,9 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
     return 0;
 }
 
-SVBufferRef SVBufferQueueDequeueAndRetain(SVBufferQueueRef queue) noexcept { return dequeueAndRetain(queue, false); }
+SVBufferRef SVBufferQueueDequeueAndRetain(SVBufferQueueRef queue) noexcept {
+    return dequeueAndRetain(queue, false);
+}
 
 SVBufferRef SVBufferQueueDequeueIfDataReadyAndRetain(SVBufferQueueRef queue) noexcept {
     return dequeueAndRetain(queue, true);
@@ -723,8 +729,8 @@ OSStatus SVBufferQueueResetWithCallback(SVBufferQueueRef queue, void (*callback)
     return resetLocked(queue, callback, refcon);
 }
 
-OSStatus SVBufferQueueInstallTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback,
-                                     void *triggerRefcon, SVBufferQueueTriggerCondition condition, SVTime time,
+OSStatus SVBufferQueueInstallTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback, void *triggerRefcon,
+                                     SVBufferQueueTriggerCondition condition, SVTime time,
                                      SVBufferQueueTriggerToken *triggerTokenOut) noexcept {
     return installTrigger(queue, callback, triggerRefcon, condition, time, 0, triggerTokenOut);
 }

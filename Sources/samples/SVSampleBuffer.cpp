@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: the object, its creation, readiness and invalidation, the
 // plain getters and buffer-wide timing, and the per-sample attachments
 // array.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: whole copies, copies with new timing, range copies that
 // reference the source's bytes, per-sample iteration, and the writer that
 // hands one video sample on as a contiguous packet.

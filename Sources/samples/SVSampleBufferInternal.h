@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The sample buffer's instance layout and the helpers its source modules
 // share (SVSampleBuffer.cpp: object, creation, readiness, invalidation,
 // buffer-wide timing and attachments array; SVSampleBufferTiming.cpp:

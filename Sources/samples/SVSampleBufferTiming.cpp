@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: output timing (the stored timing with the trim, speed and
 // reverse attachments applied) and the per-sample timing and size getters.
 //

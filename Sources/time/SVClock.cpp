@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clocks: the host time clock singleton, audio clocks on the default output
 // device, clocks over a caller's block, invalidation and the host-time
 // conversions.
@@ -7,16 +8,15 @@
 // reference or invalidating it is a fatal misuse.  This module logs with an
 // empty source path, on purpose: that is how its lines have always read.
 
-#include <Sorvel/SVClock.h>
-
 #include <Block.h>
 #include <CoreAudio/AudioHardware.h>
+#include <Sorvel/SVClock.h>
 
 #include <cmath>
 #include <cstdint>
 
-#include "time/SVClockInternal.h"
 #include "core/SVLog.h"
+#include "time/SVClockInternal.h"
 
 SV_LOG_MODULE("");
 
@@ -26,12 +26,15 @@ constexpr SVTime kInvalidTime = {0, 0, 0, 0};
 
 void clockFinalize(CFTypeRef cf) noexcept;
 
-const CFRuntimeClass kSVClockClass = {0, "SVClock", nullptr, nullptr, clockFinalize, nullptr, nullptr, nullptr, nullptr};
+const CFRuntimeClass kSVClockClass = {0,       "SVClock", nullptr, nullptr, clockFinalize,
+                                      nullptr, nullptr,   nullptr, nullptr};
 
 dispatch_once_t gHostClockOnce;
 OpaqueSVClock *gHostClock;  // set once; read with __atomic builtins
 
-OpaqueSVClock *hostClockIfMade() noexcept { return __atomic_load_n(&gHostClock, __ATOMIC_ACQUIRE); }
+OpaqueSVClock *hostClockIfMade() noexcept {
+    return __atomic_load_n(&gHostClock, __ATOMIC_ACQUIRE);
+}
 
 void clockFinalize(CFTypeRef cf) noexcept {
     auto *clock = sorvel::SVRuntimeClass<OpaqueSVClock>::cast(cf);
@@ -79,7 +82,9 @@ constinit SVRuntimeClass<OpaqueSVClock> gClockClass{kSVClockClass};
 
 extern "C" {
 
-CFTypeID SVClockGetTypeID(void) noexcept { return sorvel::clock::gClockClass.typeID(); }
+CFTypeID SVClockGetTypeID(void) noexcept {
+    return sorvel::clock::gClockClass.typeID();
+}
 
 SVClockRef SVClockGetHostTimeClock(void) noexcept {
     OpaqueSVClock *clock = hostClockIfMade();

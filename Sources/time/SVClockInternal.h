@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The clock object, shared with the timebase and synchronisation modules.
 #ifndef SORVEL_SOURCES_SVCLOCKINTERNAL_H
 #define SORVEL_SOURCES_SVCLOCKINTERNAL_H

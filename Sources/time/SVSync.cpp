@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Synchronisation queries between any two clocks or timebases.
 //
 // Every timebase has one master, so every source leads up a chain of masters
@@ -36,7 +37,9 @@ struct Source {
     Kind kind;
 };
 
-Source sourceOf(CFTypeRef object) noexcept { return {object, sorvel::sync::kindOf(object)}; }
+Source sourceOf(CFTypeRef object) noexcept {
+    return {object, sorvel::sync::kindOf(object)};
+}
 
 const OpaqueSVTimebase *asTimebase(const Source &source) noexcept {
     return static_cast<const OpaqueSVTimebase *>(source.object);
@@ -132,7 +135,9 @@ SVTime down(const Source &x, CFTypeRef ancestor, SVTime time) noexcept {
     return sorvel::timebase::timeAt(sorvel::timebase::readState(asTimebase(x)), onMaster);
 }
 
-SVTime timeOf(const Source &source) noexcept { return sorvel::sync::timeOf(source.object, source.kind); }
+SVTime timeOf(const Source &source) noexcept {
+    return sorvel::sync::timeOf(source.object, source.kind);
+}
 
 SVTime convert(SVTime time, const Source &from, const Source &to) noexcept {
     Ancestor ancestor = commonMaster(from, to);
@@ -202,8 +207,7 @@ OSStatus SVSyncGetRelativeRateAndAnchorTime(SVClockOrTimebaseRef ofClockOrTimeba
     Source of = sourceOf(ofClockOrTimebase), relativeTo = sourceOf(relativeToClockOrTimebase);
     if (outRelativeRate != nullptr) *outRelativeRate = relativeRate(of, relativeTo, kNaN);
     // The pair is always taken at zero on the relative-to source.
-    if (outOfClockOrTimebaseAnchorTime != nullptr)
-        *outOfClockOrTimebaseAnchorTime = convert(kZeroTime, relativeTo, of);
+    if (outOfClockOrTimebaseAnchorTime != nullptr) *outOfClockOrTimebaseAnchorTime = convert(kZeroTime, relativeTo, of);
     if (outRelativeToClockOrTimebaseAnchorTime != nullptr) *outRelativeToClockOrTimebaseAnchorTime = kZeroTime;
     return 0;
 }

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The synchronisation machinery that timebases use for their own time and
 // effective rate.
 #ifndef SORVEL_SOURCES_SVSYNCINTERNAL_H

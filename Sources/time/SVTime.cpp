@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time values: construction, comparison, change of timescale, addition,
 // multiplication, seconds, and the dictionary and text forms.
 //

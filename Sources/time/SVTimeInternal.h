@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The time family's shared arithmetic: the rescaling rule behind
 // SVTimeConvertScale, addition and multiplication, and the wrap-around
 // helpers it is written with.

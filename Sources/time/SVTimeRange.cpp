@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time ranges and mappings: range arithmetic, clamping, mapping of times
 // and durations between ranges, and the dictionary and text forms.
 //

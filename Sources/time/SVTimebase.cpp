@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timebases: a timeline driven by a master clock or timebase at a rate,
 // from an anchor pair; creation, reading, the rate and anchor setters with
 // their notifications, and the master queries.
@@ -14,9 +15,8 @@
 // read without a lock (see SVTimebaseInternal.h).  Notifications are posted
 // after the mutex is released, so observers may call back in.
 
-#include <Sorvel/SVTimebase.h>
-
 #include <Sorvel/SVSync.h>
+#include <Sorvel/SVTimebase.h>
 
 #include <cstring>
 #include <initializer_list>
@@ -94,15 +94,15 @@ void post(CFStringRef name, const void *timebase) noexcept {
 }
 
 // A child re-posts its master's notifications as its own while it runs.
-void masterDidPost(CFNotificationCenterRef, void *observer, CFNotificationName name, const void *,
-                   CFDictionaryRef) {
+void masterDidPost(CFNotificationCenterRef, void *observer, CFNotificationName name, const void *, CFDictionaryRef) {
     const auto *child = static_cast<const OpaqueSVTimebase *>(observer);
     if (sorvel::timebase::readRate(child) != 0.0) post(name, child);
 }
 
 void timebaseFinalize(CFTypeRef cf) noexcept {
     OpaqueSVTimebase *timebase = asTimebase(cf);
-    if (timebase->observesMaster) CFNotificationCenterRemoveEveryObserver(CFNotificationCenterGetLocalCenter(), timebase);
+    if (timebase->observesMaster)
+        CFNotificationCenterRemoveEveryObserver(CFNotificationCenterGetLocalCenter(), timebase);
     if (timebase->master != nullptr) CFRelease(timebase->master);
     XPMutexFree(timebase->timerMutex);
     XPMutexFree(timebase->stateMutex);
@@ -190,8 +190,7 @@ void setAnchor(OpaqueSVTimebase *timebase, SVTime timebaseTime, SVTime masterTim
     }
     // A running timebase reports a jump even when nothing moved.
     if (SVTimeCompare(after.masterAnchor, before.masterAnchor) == 0 &&
-        SVTimeCompare(after.timebaseAnchor, before.timebaseAnchor) == 0 &&
-        sorvel::sync::effectiveRate(timebase) == 0.0)
+        SVTimeCompare(after.timebaseAnchor, before.timebaseAnchor) == 0 && sorvel::sync::effectiveRate(timebase) == 0.0)
         return;
     post(kSVTimebaseNotification_TimeJumped, timebase);
 }
@@ -216,7 +215,9 @@ SVTime currentTime(const OpaqueSVTimebase *timebase) noexcept {
 
 extern "C" {
 
-CFTypeID SVTimebaseGetTypeID(void) noexcept { return sorvel::timebase::gTimebaseClass.typeID(); }
+CFTypeID SVTimebaseGetTypeID(void) noexcept {
+    return sorvel::timebase::gTimebaseClass.typeID();
+}
 
 OSStatus SVTimebaseCreateWithMasterClock(CFAllocatorRef allocator, SVClockRef masterClock,
                                          SVTimebaseRef *timebaseOut) noexcept {

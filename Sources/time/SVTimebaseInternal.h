@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The timebase object, shared with the synchronisation module, which reads
 // rates, masters and anchors directly.
 //
@@ -14,7 +15,6 @@
 
 #include <Sorvel/SVTimebase.h>
 #include <XPLog/XPLog.h>
-
 #include <sched.h>
 
 #include <cstddef>

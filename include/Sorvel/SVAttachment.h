@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Attachments: key-value pairs hung on a buffer as a whole (each with a
  * propagation mode) and, for sample buffers, on each sample.
@@ -25,10 +26,7 @@ typedef CFTypeRef SVAttachmentBearerRef;
 
 /* The same numbers as CoreVideo's attachment modes. */
 typedef uint32_t SVAttachmentMode;
-enum {
-    kSVAttachmentMode_ShouldNotPropagate = 0,
-    kSVAttachmentMode_ShouldPropagate = 1
-};
+enum { kSVAttachmentMode_ShouldNotPropagate = 0, kSVAttachmentMode_ShouldPropagate = 1 };
 
 /* Sets `key` to `value` (both retained by the target). */
 SV_EXPORT void SVSetAttachment(SVAttachmentBearerRef target, CFStringRef key, CFTypeRef value,
@@ -102,7 +100,8 @@ SV_EXPORT const CFStringRef kSVSampleBufferConduitNotification_ResetOutput;
 SV_EXPORT const CFStringRef kSVSampleBufferConduitNotification_UpcomingOutputPTSRangeChanged;
 SV_EXPORT const CFStringRef kSVSampleBufferConsumerNotification_BufferConsumed;
 SV_EXPORT const CFStringRef kSVSampleBufferConduitNotificationParameter_ResumeTag;
-SV_EXPORT const CFStringRef kSVSampleBufferConduitNotificationParameter_UpcomingOutputPTSRangeMayOverlapQueuedOutputPTSRange;
+SV_EXPORT const CFStringRef
+    kSVSampleBufferConduitNotificationParameter_UpcomingOutputPTSRangeMayOverlapQueuedOutputPTSRange;
 SV_EXPORT const CFStringRef kSVSampleBufferConduitNotificationParameter_MinUpcomingOutputPTS;
 SV_EXPORT const CFStringRef kSVSampleBufferConduitNotificationParameter_MaxUpcomingOutputPTS;
 

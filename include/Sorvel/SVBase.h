@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Sorvel's base definitions: the export and linkage macros every public
  * header uses, and the count and index types shared by all families.

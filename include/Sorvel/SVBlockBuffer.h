@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVBlockBuffer: a reference-counted run of bytes, numbered from 0 to its
  * data length, stitched together from pieces without copying.
@@ -47,7 +48,6 @@
 #define SORVEL_SVBLOCKBUFFER_H
 
 #include <Sorvel/SVBase.h>
-
 #include <stddef.h>
 #include <stdint.h>
 
@@ -123,8 +123,7 @@ SV_EXPORT OSStatus SVBlockBufferCreateEmpty(CFAllocatorRef structureAllocator, u
 SV_EXPORT OSStatus SVBlockBufferCreateWithMemoryBlock(CFAllocatorRef structureAllocator, void *memoryBlock,
                                                       size_t blockLength, CFAllocatorRef blockAllocator,
                                                       const SVBlockBufferCustomBlockSource *customBlockSource,
-                                                      size_t offsetToData, size_t dataLength,
-                                                      SVBlockBufferFlags flags,
+                                                      size_t offsetToData, size_t dataLength, SVBlockBufferFlags flags,
                                                       SVBlockBufferRef *blockBufferOut) SV_NOEXCEPT;
 
 /* Creates a buffer of one reference piece to `dataLength` bytes of
@@ -208,8 +207,8 @@ SV_EXPORT OSStatus SVBlockBufferAccessDataBytes(SVBlockBufferRef theBuffer, size
  * below the data length), kSVBlockBufferBadLengthParameterErr (zero length
  * or range beyond the end), kSVBlockBufferUnallocatedBlockErr.  Never
  * allocates. */
-SV_EXPORT OSStatus SVBlockBufferCopyDataBytes(SVBlockBufferRef theSourceBuffer, size_t offsetToData,
-                                              size_t dataLength, void *destination) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVBlockBufferCopyDataBytes(SVBlockBufferRef theSourceBuffer, size_t offsetToData, size_t dataLength,
+                                              void *destination) SV_NOEXCEPT;
 
 /* Copies `dataLength` bytes from `sourceBytes` into the buffer from
  * `offsetIntoDestination`, writing through references into the buffers
@@ -245,8 +244,7 @@ SV_EXPORT size_t SVBlockBufferGetDataLength(SVBlockBufferRef theBuffer) SV_NOEXC
 /* True when the `length` bytes (0 = to the end of the buffer) from `offset`
  * are contiguous.  False for NULL, for an offset that cannot be located and
  * for a range with an unallocated block at the offset. */
-SV_EXPORT Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset,
-                                                 size_t length) SV_NOEXCEPT;
+SV_EXPORT Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset, size_t length) SV_NOEXCEPT;
 
 /* True when the buffer's data length is 0; false for NULL. */
 SV_EXPORT Boolean SVBlockBufferIsEmpty(SVBlockBufferRef theBuffer) SV_NOEXCEPT;

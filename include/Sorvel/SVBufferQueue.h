@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVBufferQueue: a thread-safe queue of reference-counted buffers (usually
  * sample buffers) between a producer and a consumer, with triggers that call
@@ -52,7 +53,6 @@
 
 #include <Sorvel/SVBase.h>
 #include <Sorvel/SVTime.h>
-
 #include <stddef.h>
 #include <stdint.h>
 
@@ -101,7 +101,7 @@ typedef struct {
     SVBufferGetTimeCallback getPresentationTimeStamp;
     SVBufferGetTimeCallback getDuration;
     SVBufferGetBooleanCallback isDataReady;
-    SVBufferCompareCallback compare; /* NULL: arrival order */
+    SVBufferCompareCallback compare;         /* NULL: arrival order */
     CFStringRef dataBecameReadyNotification; /* kept with the record; the queue never reads it */
     SVBufferGetSizeCallback getSize;
 } SVBufferCallbacks;
@@ -256,15 +256,13 @@ SV_EXPORT OSStatus SVBufferQueueInstallTrigger(SVBufferQueueRef queue, SVBufferQ
                                                void *triggerRefcon, SVBufferQueueTriggerCondition condition,
                                                SVTime time, SVBufferQueueTriggerToken *triggerTokenOut) SV_NOEXCEPT;
 /* The same with an integer threshold (condition 10 needs a non-zero one). */
-SV_EXPORT OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue,
-                                                                   SVBufferQueueTriggerCallback callback,
-                                                                   void *triggerRefcon,
-                                                                   SVBufferQueueTriggerCondition condition,
-                                                                   int32_t threshold,
-                                                                   SVBufferQueueTriggerToken *triggerTokenOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(
+    SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback, void *triggerRefcon,
+    SVBufferQueueTriggerCondition condition, int32_t threshold, SVBufferQueueTriggerToken *triggerTokenOut) SV_NOEXCEPT;
 /* Removes and frees a trigger.  kSVBufferQueueError_RequiredParameterMissing,
  * _CannotModifyQueueFromTriggerCallback, _InvalidTriggerToken. */
-SV_EXPORT OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue,
+                                              SVBufferQueueTriggerToken triggerToken) SV_NOEXCEPT;
 /* Whether the trigger's condition holds now.  False, and a level-3 line,
  * for a NULL queue ("The queue is null") or a token not installed on it
  * ("The trigger is not installed on the queue"). */

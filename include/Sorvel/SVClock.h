@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Clocks: sources of the current time.
  *
@@ -69,8 +70,8 @@ typedef SVTime (^SVClockTimeSourceBlock)(void);
  * always reads kSVTimeInvalid.  Returns NULL when allocation fails.  The
  * caller owns the new clock (CFRelease).  Useful to drive timebases from a
  * time the caller controls (a test, a media pipeline's own clock). */
-SV_EXPORT SVClockRef _SVClockCreateWithBlock(CFAllocatorRef allocator, SVClockTimeSourceBlock timeSource) SV_NOEXCEPT
-    CF_RETURNS_RETAINED;
+SV_EXPORT SVClockRef _SVClockCreateWithBlock(CFAllocatorRef allocator,
+                                             SVClockTimeSourceBlock timeSource) SV_NOEXCEPT CF_RETURNS_RETAINED;
 #endif
 
 /* The clock's time now; kSVTimeInvalid for NULL, an object that is not a

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVFormatDescription: what the samples of a stream are.
  *
@@ -98,8 +99,8 @@ SV_EXPORT CFTypeID SVFormatDescriptionGetTypeID(void) SV_NOEXCEPT;
  * NULL first), kSVFormatDescriptionError_InvalidParameter for a NULL output
  * or another media type, kSVFormatDescriptionError_AllocationFailed when the
  * object cannot be allocated. */
-SV_EXPORT OSStatus SVFormatDescriptionCreate(CFAllocatorRef allocator, SVMediaType mediaType,
-                                             FourCharCode mediaSubType, CFDictionaryRef extensions,
+SV_EXPORT OSStatus SVFormatDescriptionCreate(CFAllocatorRef allocator, SVMediaType mediaType, FourCharCode mediaSubType,
+                                             CFDictionaryRef extensions,
                                              SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 
 /* The media type and subtype; 0 for NULL. */
@@ -270,19 +271,19 @@ SV_EXPORT OSStatus SVAudioFormatDescriptionCreateSummary(CFAllocatorRef allocato
 
 /* The stored stream description (borrowed), or NULL for NULL or a non-audio
  * description. */
-SV_EXPORT const AudioStreamBasicDescription *
-SVAudioFormatDescriptionGetStreamBasicDescription(SVAudioFormatDescriptionRef desc) SV_NOEXCEPT;
+SV_EXPORT const AudioStreamBasicDescription *SVAudioFormatDescriptionGetStreamBasicDescription(
+    SVAudioFormatDescriptionRef desc) SV_NOEXCEPT;
 
 /* The stored channel layout and its size in bytes (*sizeOut, required, is
  * always written).  NULL and size 0 for NULL or a non-audio description;
  * NULL and size 0 for a description made without a layout. */
 SV_EXPORT const AudioChannelLayout *SVAudioFormatDescriptionGetChannelLayout(SVAudioFormatDescriptionRef desc,
-                                                                            size_t *sizeOut) SV_NOEXCEPT;
+                                                                             size_t *sizeOut) SV_NOEXCEPT;
 
 /* The stored magic cookie and its size (*sizeOut, required, is always
  * written).  NULL and 0 for NULL or a non-audio description. */
 SV_EXPORT const void *SVAudioFormatDescriptionGetMagicCookie(SVAudioFormatDescriptionRef desc,
-                                                            size_t *sizeOut) SV_NOEXCEPT;
+                                                             size_t *sizeOut) SV_NOEXCEPT;
 
 /* The concrete formats the description offers, richest first, as a packed
  * array of AudioFormatListItem; its size in bytes goes to *formatListSizeOut.
@@ -290,17 +291,17 @@ SV_EXPORT const void *SVAudioFormatDescriptionGetMagicCookie(SVAudioFormatDescri
  * NULL (the size left untouched) for NULL or a non-audio description, and
  * NULL when the service fails (logged). */
 SV_EXPORT const AudioFormatListItem *SVAudioFormatDescriptionGetFormatList(SVAudioFormatDescriptionRef desc,
-                                                                          size_t *formatListSizeOut) SV_NOEXCEPT;
+                                                                           size_t *formatListSizeOut) SV_NOEXCEPT;
 
 /* The last item of the format list (the one any decoder of the family can
  * play), or NULL when there is no list. */
-SV_EXPORT const AudioFormatListItem *
-SVAudioFormatDescriptionGetMostCompatibleFormat(SVAudioFormatDescriptionRef desc) SV_NOEXCEPT;
+SV_EXPORT const AudioFormatListItem *SVAudioFormatDescriptionGetMostCompatibleFormat(SVAudioFormatDescriptionRef desc)
+    SV_NOEXCEPT;
 
 /* The first item of the format list that this platform can decode, or NULL
  * when there is no list or nothing in it is decodable (logged). */
-SV_EXPORT const AudioFormatListItem *
-SVAudioFormatDescriptionGetRichestDecodableFormat(SVAudioFormatDescriptionRef desc) SV_NOEXCEPT;
+SV_EXPORT const AudioFormatListItem *SVAudioFormatDescriptionGetRichestDecodableFormat(SVAudioFormatDescriptionRef desc)
+    SV_NOEXCEPT;
 
 /* Compares the parts of two audio descriptions named by equalityMask and,
  * when equalityMaskOut is given, stores the parts found equal there.  True
@@ -392,9 +393,9 @@ SV_EXPORT OSStatus SVTextFormatDescriptionGetDisplayFlags(SVTextFormatDescriptio
 /* The horizontal and vertical justification, each truncated to 8 bits.  Both
  * values are required; when only the vertical one is missing the horizontal
  * output has already been written. */
-SV_EXPORT OSStatus SVTextFormatDescriptionGetJustification(SVTextFormatDescriptionRef desc,
-                                                           SVTextJustificationValue *horizontalJustificationOut,
-                                                           SVTextJustificationValue *verticalJustificationOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTextFormatDescriptionGetJustification(
+    SVTextFormatDescriptionRef desc, SVTextJustificationValue *horizontalJustificationOut,
+    SVTextJustificationValue *verticalJustificationOut) SV_NOEXCEPT;
 
 /* The default text box's size, at origin (0, 0): width right - left; height
  * bottom - top when originIsAtTopLeft, else top - bottom but at most
@@ -452,9 +453,9 @@ SV_EXPORT OSStatus SVVideoFormatDescriptionCreate(CFAllocatorRef allocator, SVVi
  * subtype 'wat?'; the extensions are the buffer's attachments of the keys
  * of SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers.
  * kSVFormatDescriptionError_InvalidParameter for a NULL output or buffer. */
-SV_EXPORT OSStatus SVVideoFormatDescriptionCreateForImageBuffer(
-    CFAllocatorRef allocator, CVImageBufferRef imageBuffer,
-    SVVideoFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateForImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffer,
+                                                                SVVideoFormatDescriptionRef *formatDescriptionOut)
+    SV_NOEXCEPT;
 
 /* The stored dimensions; 0 x 0 for NULL or a description that is not video.
  * For parameter-set descriptions these are the dimensions after cropping
@@ -493,8 +494,7 @@ SV_EXPORT CFArrayRef SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuff
  * kSVFormatDescriptionError_AllocationFailed. */
 SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(
     CFAllocatorRef allocator, size_t parameterSetCount, const uint8_t *const *parameterSetPointers,
-    const size_t *parameterSetSizes, int nalUnitHeaderLength,
-    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+    const size_t *parameterSetSizes, int nalUnitHeaderLength, SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 
 /* The same from an Annex B run of parameter sets (3- or 4-byte start codes). */
 SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
@@ -505,9 +505,11 @@ SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterS
  * The pointer is borrowed from the description.
  * kSVFormatDescriptionError_InvalidParameter for NULL, a non-video or
  * non-'avc1' description, or index not below the count. */
-SV_EXPORT OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(
-    SVFormatDescriptionRef desc, size_t index, const uint8_t **parameterSetPointerOut, size_t *parameterSetSizeOut,
-    size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
+                                                                      const uint8_t **parameterSetPointerOut,
+                                                                      size_t *parameterSetSizeOut,
+                                                                      size_t *parameterSetCountOut,
+                                                                      int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
 
 /* An 'hvc1' description from HEVC parameter sets (VPS 32, SPS 33, PPS 34 and
  * optional SEI 39/40 NAL units, at least one each of VPS, SPS and PPS).  As
@@ -526,27 +528,29 @@ SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterS
     SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 
 /* As the H.264 accessor, for 'hvc1' descriptions. */
-SV_EXPORT OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(
-    SVFormatDescriptionRef desc, size_t index, const uint8_t **parameterSetPointerOut, size_t *parameterSetSizeOut,
-    size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
+                                                                      const uint8_t **parameterSetPointerOut,
+                                                                      size_t *parameterSetSizeOut,
+                                                                      size_t *parameterSetCountOut,
+                                                                      int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
 
 /* What the first sequence parameter set of an 'avc1' or 'hvc1' description
  * says about how the stream is coded. */
 typedef struct SVVideoCodingInfo {
-    FourCharCode codecType;          /* 'avc1' or 'hvc1' */
-    uint32_t profile;                /* profile_idc / general_profile_idc */
-    uint32_t level;                  /* level_idc / general_level_idc */
-    uint32_t tier;                   /* general_tier_flag; 0 for H.264 */
-    uint32_t constraintFlags;        /* H.264: the constraint_set0..5 byte as coded (set0 = 0x80); HEVC: 0 */
-    uint32_t profileCompatibility;   /* HEVC general_profile_compatibility_flags (flag j at bit 31 - j); H.264: 0 */
-    uint32_t chromaFormat;           /* chroma_format_idc */
-    uint32_t bitDepthLuma;           /* 8 + bit_depth_luma_minus8 */
+    FourCharCode codecType;        /* 'avc1' or 'hvc1' */
+    uint32_t profile;              /* profile_idc / general_profile_idc */
+    uint32_t level;                /* level_idc / general_level_idc */
+    uint32_t tier;                 /* general_tier_flag; 0 for H.264 */
+    uint32_t constraintFlags;      /* H.264: the constraint_set0..5 byte as coded (set0 = 0x80); HEVC: 0 */
+    uint32_t profileCompatibility; /* HEVC general_profile_compatibility_flags (flag j at bit 31 - j); H.264: 0 */
+    uint32_t chromaFormat;         /* chroma_format_idc */
+    uint32_t bitDepthLuma;         /* 8 + bit_depth_luma_minus8 */
     uint32_t bitDepthChroma;
-    int32_t codedWidth;              /* before cropping / the conformance window */
-    int32_t codedHeight;             /* H.264: in frame units, i.e. 16 * map units * (2 - frame_mbs_only) */
-    int32_t width;                   /* after cropping: equals SVVideoFormatDescriptionGetDimensions */
+    int32_t codedWidth;  /* before cropping / the conformance window */
+    int32_t codedHeight; /* H.264: in frame units, i.e. 16 * map units * (2 - frame_mbs_only) */
+    int32_t width;       /* after cropping: equals SVVideoFormatDescriptionGetDimensions */
     int32_t height;
-    Boolean progressive;             /* H.264 frame_mbs_only_flag; HEVC: !field_seq_flag */
+    Boolean progressive; /* H.264 frame_mbs_only_flag; HEVC: !field_seq_flag */
 } SVVideoCodingInfo;
 
 /* Fills *infoOut from the description's first SPS.  kSVFormatDescriptionError_InvalidParameter for
@@ -575,11 +579,7 @@ enum {
     kSVTimeCodeFormatType_Counter32 = 0x636E3332,  /* 'cn32' */
     kSVTimeCodeFormatType_Counter64 = 0x636E3634   /* 'cn64' */
 };
-enum {
-    kSVTimeCodeFlag_DropFrame = 1u << 0,
-    kSVTimeCodeFlag_24HourMax = 1u << 1,
-    kSVTimeCodeFlag_NegTimesOK = 1u << 2
-};
+enum { kSVTimeCodeFlag_DropFrame = 1u << 0, kSVTimeCodeFlag_24HourMax = 1u << 1, kSVTimeCodeFlag_NegTimesOK = 1u << 2 };
 
 typedef FourCharCode SVMetadataFormatType;
 enum {
@@ -616,14 +616,16 @@ SV_EXPORT OSStatus SVTimeCodeFormatDescriptionCreate(CFAllocatorRef allocator, S
                                                      SVTime frameDuration, uint32_t frameQuanta, uint32_t flags,
                                                      CFDictionaryRef extensions,
                                                      SVTimeCodeFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
-SV_EXPORT SVTime SVTimeCodeFormatDescriptionGetFrameDuration(SVTimeCodeFormatDescriptionRef timeCodeFormatDescription) SV_NOEXCEPT;
-SV_EXPORT uint32_t SVTimeCodeFormatDescriptionGetFrameQuanta(SVTimeCodeFormatDescriptionRef timeCodeFormatDescription) SV_NOEXCEPT;
+SV_EXPORT SVTime SVTimeCodeFormatDescriptionGetFrameDuration(SVTimeCodeFormatDescriptionRef timeCodeFormatDescription)
+    SV_NOEXCEPT;
+SV_EXPORT uint32_t SVTimeCodeFormatDescriptionGetFrameQuanta(SVTimeCodeFormatDescriptionRef timeCodeFormatDescription)
+    SV_NOEXCEPT;
 SV_EXPORT uint32_t SVTimeCodeFormatDescriptionGetTimeCodeFlags(SVTimeCodeFormatDescriptionRef desc) SV_NOEXCEPT;
 
 /* Metadata descriptions. */
-SV_EXPORT OSStatus SVMetadataFormatDescriptionCreateWithKeys(CFAllocatorRef allocator,
-                                                             SVMetadataFormatType metadataType, CFArrayRef keys,
-                                                             SVMetadataFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus
+SVMetadataFormatDescriptionCreateWithKeys(CFAllocatorRef allocator, SVMetadataFormatType metadataType, CFArrayRef keys,
+                                          SVMetadataFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 SV_EXPORT CFDictionaryRef SVMetadataFormatDescriptionGetKeyWithLocalID(SVMetadataFormatDescriptionRef desc,
                                                                        OSType localKeyID) SV_NOEXCEPT;
 SV_EXPORT OSStatus SVMetadataFormatDescriptionCreateWithMetadataSpecifications(
@@ -634,7 +636,8 @@ SV_EXPORT OSStatus SVMetadataFormatDescriptionCreateWithMetadataFormatDescriptio
     SVMetadataFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 SV_EXPORT OSStatus SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions(
     CFAllocatorRef allocator, SVMetadataFormatDescriptionRef sourceDescription,
-    SVMetadataFormatDescriptionRef otherSourceDescription, SVMetadataFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+    SVMetadataFormatDescriptionRef otherSourceDescription,
+    SVMetadataFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 SV_EXPORT CFArrayRef SVMetadataFormatDescriptionGetIdentifiers(SVMetadataFormatDescriptionRef desc) SV_NOEXCEPT;
 
 /* Big-endian sound descriptions. */

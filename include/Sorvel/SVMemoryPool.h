@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVMemoryPool: a CFAllocatorRef that recycles page-aligned blocks.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVMetadata: names and types of timed metadata items.
  *
@@ -29,7 +30,6 @@
 #define SORVEL_SVMETADATA_H
 
 #include <Sorvel/SVBase.h>
-
 #include <stdint.h>
 
 SV_EXTERN_C_BEGIN

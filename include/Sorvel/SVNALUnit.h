@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * NAL units and Annex B byte streams: splitting H.264 and HEVC elementary
  * streams into NAL units (start-code delimited or length-prefixed),
@@ -76,17 +77,14 @@ SV_EXPORT size_t _SVUnemulateNALData(const uint8_t *source, size_t length, uint8
  * that the caller releases in `dataOut`.  Statuses: -12710 (NULL dataOut),
  * -12711. */
 SV_EXPORT OSStatus _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(
-    const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut,
-    CFMutableDataRef *dataOut) SV_NOEXCEPT;
+    const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut, CFMutableDataRef *dataOut) SV_NOEXCEPT;
 
 /* The same for an hvcC record: every unit of every array, each written as
  * 00 00 00 01, one byte holding the array's NAL unit type, then the unit's
  * bytes.  Statuses: -12710 (NULL record or dataOut, zero size, a record of
  * 22 bytes or fewer, which is logged), -12711. */
 SV_EXPORT OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(
-    const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut,
-    CFMutableDataRef *dataOut) SV_NOEXCEPT;
-
+    const uint8_t *record, size_t recordSize, int32_t *nalUnitHeaderLengthOut, CFMutableDataRef *dataOut) SV_NOEXCEPT;
 
 SV_EXTERN_C_END
 

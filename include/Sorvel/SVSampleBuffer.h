@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVSampleBuffer: media samples together with their format, timing, sizes,
  * readiness and attachments.

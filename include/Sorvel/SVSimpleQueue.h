@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SVSimpleQueue: a fixed-capacity first-in-first-out queue of non-NULL
  * pointers that one producer thread and one consumer thread may use at the
@@ -33,7 +34,6 @@
 #define SORVEL_SVSIMPLEQUEUE_H
 
 #include <Sorvel/SVBase.h>
-
 #include <stdint.h>
 
 SV_EXTERN_C_BEGIN

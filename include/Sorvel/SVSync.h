@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Synchronisation queries: the time on, the relative rate of, and the
  * conversion of times between any two clocks or timebases.

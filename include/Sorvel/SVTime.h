@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Time values, time ranges and time mappings.
  *
@@ -27,7 +28,6 @@
 #define SORVEL_SVTIME_H
 
 #include <Sorvel/SVBase.h>
-
 #include <stdint.h>
 
 SV_EXTERN_C_BEGIN
@@ -38,11 +38,11 @@ typedef int64_t SVTimeEpoch;
 typedef uint32_t SVTimeFlags;
 
 enum {
-    kSVTimeFlags_Valid = 1,            /* with no other bit: an ordinary numeric time */
-    kSVTimeFlags_HasBeenRounded = 2,   /* the value was rounded when it was produced */
+    kSVTimeFlags_Valid = 1,          /* with no other bit: an ordinary numeric time */
+    kSVTimeFlags_HasBeenRounded = 2, /* the value was rounded when it was produced */
     kSVTimeFlags_PositiveInfinity = 4,
     kSVTimeFlags_NegativeInfinity = 8,
-    kSVTimeFlags_Indefinite = 16       /* an unknown time */
+    kSVTimeFlags_Indefinite = 16 /* an unknown time */
 };
 
 /* The largest timescale that SVTimeAdd produces. */
@@ -53,7 +53,7 @@ typedef struct SVTime {
     SVTimeValue value;     /* numerator */
     SVTimeScale timescale; /* units per second */
     SVTimeFlags flags;
-    SVTimeEpoch epoch;     /* 0 for ordinary use */
+    SVTimeEpoch epoch; /* 0 for ordinary use */
 } SVTime;
 
 /* Rounding methods of SVTimeConvertScale.  Any value other than 2 to 6
@@ -85,15 +85,14 @@ enum {
 /* Tests of kind, by flags alone (the rounded flag is ignored). */
 #define SVTIME_IS_VALID(time) (((time).flags & kSVTimeFlags_Valid) != 0)
 #define SVTIME_IS_INVALID(time) (!SVTIME_IS_VALID(time))
-#define SVTIME_IS_POSITIVE_INFINITY(time)                                                                     \
-    (((time).flags & (kSVTimeFlags_Valid | kSVTimeFlags_PositiveInfinity)) ==                                  \
+#define SVTIME_IS_POSITIVE_INFINITY(time)                                     \
+    (((time).flags & (kSVTimeFlags_Valid | kSVTimeFlags_PositiveInfinity)) == \
      (kSVTimeFlags_Valid | kSVTimeFlags_PositiveInfinity))
-#define SVTIME_IS_NEGATIVE_INFINITY(time)                                                                     \
-    (((time).flags & (kSVTimeFlags_Valid | kSVTimeFlags_NegativeInfinity)) ==                                  \
+#define SVTIME_IS_NEGATIVE_INFINITY(time)                                     \
+    (((time).flags & (kSVTimeFlags_Valid | kSVTimeFlags_NegativeInfinity)) == \
      (kSVTimeFlags_Valid | kSVTimeFlags_NegativeInfinity))
-#define SVTIME_IS_INDEFINITE(time)                                                                            \
-    (((time).flags & (kSVTimeFlags_Valid | kSVTimeFlags_Indefinite)) ==                                        \
-     (kSVTimeFlags_Valid | kSVTimeFlags_Indefinite))
+#define SVTIME_IS_INDEFINITE(time) \
+    (((time).flags & (kSVTimeFlags_Valid | kSVTimeFlags_Indefinite)) == (kSVTimeFlags_Valid | kSVTimeFlags_Indefinite))
 #define SVTIME_IS_NUMERIC(time) (((time).flags & 0x1Du) == kSVTimeFlags_Valid)
 #define SVTIME_HAS_BEEN_ROUNDED(time) (((time).flags & kSVTimeFlags_HasBeenRounded) != 0)
 
@@ -191,8 +190,7 @@ SV_EXPORT SVTime SVTimeMultiply(SVTime time, int32_t multiplier) SV_NOEXCEPT;
 
 /* A new immutable four-entry dictionary (keys above), also for special and
  * invalid times; NULL when allocation fails.  The caller owns it. */
-SV_EXPORT CFDictionaryRef SVTimeCopyAsDictionary(SVTime time, CFAllocatorRef allocator) SV_NOEXCEPT
-    CF_RETURNS_RETAINED;
+SV_EXPORT CFDictionaryRef SVTimeCopyAsDictionary(SVTime time, CFAllocatorRef allocator) SV_NOEXCEPT CF_RETURNS_RETAINED;
 /* The four fields as stored, unchecked.  kSVTimeInvalid when dictionary is
  * NULL or not a dictionary, a key is missing, or a number is not a CFNumber
  * readable without loss as SInt64 (value, epoch) or SInt32 (timescale,
@@ -223,8 +221,8 @@ typedef struct SVTimeMapping {
  * is not negative and has epoch 0.  The all-zero range (kSVTimeRangeInvalid)
  * is what most range calls return on failure; kSVTimeRangeZero is a valid
  * empty range at time zero. */
-#define SVTIMERANGE_IS_VALID(range)                                                                           \
-    (SVTIME_IS_VALID((range).start) && SVTIME_IS_VALID((range).duration) && (range).duration.value >= 0 &&   \
+#define SVTIMERANGE_IS_VALID(range)                                                                        \
+    (SVTIME_IS_VALID((range).start) && SVTIME_IS_VALID((range).duration) && (range).duration.value >= 0 && \
      (range).duration.epoch == 0)
 
 SV_EXPORT const SVTimeRange kSVTimeRangeZero;
@@ -288,8 +286,8 @@ SV_EXPORT SVTime SVTimeMapDurationFromRangeToRange(SVTime duration, SVTimeRange 
 
 /* A new two-entry dictionary "start", "duration" of time dictionaries; NULL
  * when allocation fails.  The caller owns it. */
-SV_EXPORT CFDictionaryRef SVTimeRangeCopyAsDictionary(SVTimeRange range, CFAllocatorRef allocator) SV_NOEXCEPT
-    CF_RETURNS_RETAINED;
+SV_EXPORT CFDictionaryRef SVTimeRangeCopyAsDictionary(SVTimeRange range,
+                                                      CFAllocatorRef allocator) SV_NOEXCEPT CF_RETURNS_RETAINED;
 /* The range stored; the all-zero range when dictionary is NULL, a key is
  * missing, or the duration read has a non-zero epoch. */
 SV_EXPORT SVTimeRange SVTimeRangeMakeFromDictionary(CFDictionaryRef dictionary) SV_NOEXCEPT;
@@ -299,11 +297,11 @@ SV_EXPORT SVTimeRange SVTimeRangeMakeFromDictionary(CFDictionaryRef dictionary) 
 SV_EXPORT SVTimeMapping SVTimeMappingMakeFromDictionary(CFDictionaryRef dictionary) SV_NOEXCEPT;
 
 /* "<start, duration>" of time descriptions; the caller owns it. */
-SV_EXPORT CFStringRef SVTimeRangeCopyDescription(CFAllocatorRef allocator, SVTimeRange range) SV_NOEXCEPT
-    CF_RETURNS_RETAINED;
+SV_EXPORT CFStringRef SVTimeRangeCopyDescription(CFAllocatorRef allocator,
+                                                 SVTimeRange range) SV_NOEXCEPT CF_RETURNS_RETAINED;
 /* "<source, target>" of range descriptions; the caller owns it. */
-SV_EXPORT CFStringRef SVTimeMappingCopyDescription(CFAllocatorRef allocator, SVTimeMapping mapping) SV_NOEXCEPT
-    CF_RETURNS_RETAINED;
+SV_EXPORT CFStringRef SVTimeMappingCopyDescription(CFAllocatorRef allocator,
+                                                   SVTimeMapping mapping) SV_NOEXCEPT CF_RETURNS_RETAINED;
 /* Print the description with CFShow (standard error). */
 SV_EXPORT void SVTimeRangeShow(SVTimeRange range) SV_NOEXCEPT;
 SV_EXPORT void SVTimeMappingShow(SVTimeMapping mapping) SV_NOEXCEPT;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Timebases: timelines driven by a master clock or a master timebase.
  *

@@ -1,9 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Every public header of Sorvel. */
 #ifndef SORVEL_SORVEL_H
 #define SORVEL_SORVEL_H
 
-#include <Sorvel/SVBase.h>
 #include <Sorvel/SVAttachment.h>
+#include <Sorvel/SVBase.h>
 #include <Sorvel/SVBlockBuffer.h>
 #include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVClock.h>

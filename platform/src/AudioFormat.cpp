@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio-format service: format lists of (possibly layered) descriptions
 // and the first decodable format of a list.
 //
@@ -72,11 +73,11 @@ private:
 // ---- AudioSpecificConfig ------------------------------------------------------------
 
 struct AACConfig {
-    UInt32 objectType = 0;          // the core's object type after any explicit SBR/PS wrapper
-    Float64 sampleRate = 0;         // the core's rate
+    UInt32 objectType = 0;            // the core's object type after any explicit SBR/PS wrapper
+    Float64 sampleRate = 0;           // the core's rate
     Float64 extensionSampleRate = 0;  // the SBR output rate, when signalled
     UInt32 channelConfiguration = 0;
-    UInt32 channels = 0;            // 0 when unknown
+    UInt32 channels = 0;  // 0 when unknown
     bool frameLength960 = false;
     bool sbr = false;
     bool ps = false;
@@ -126,9 +127,21 @@ UInt32 readProgramConfigElement(BitReader &reader, size_t configStart) {
 
 bool isGeneralAudioObjectType(UInt32 type) {
     switch (type) {
-        case 1: case 2: case 3: case 4: case 6: case 7:
-        case 17: case 19: case 20: case 21: case 22: case 23: return true;
-        default: return false;
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+        case 6:
+        case 7:
+        case 17:
+        case 19:
+        case 20:
+        case 21:
+        case 22:
+        case 23:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -170,9 +183,15 @@ bool parseAudioSpecificConfig(const uint8_t *bytes, size_t size, AACConfig &conf
         if (reader.failed()) return false;
     }
     switch (config.channelConfiguration) {
-        case 0: config.channels = pceChannels; break;
-        case 7: config.channels = 8; break;
-        default: config.channels = config.channelConfiguration <= 6 ? config.channelConfiguration : 0; break;
+        case 0:
+            config.channels = pceChannels;
+            break;
+        case 7:
+            config.channels = 8;
+            break;
+        default:
+            config.channels = config.channelConfiguration <= 6 ? config.channelConfiguration : 0;
+            break;
     }
     if (!knownLayout) return true;  // nothing after an unknown object type's config can be found
 
@@ -261,7 +280,7 @@ bool findInESDescriptor(ByteReader reader, const uint8_t *&asc, size_t &ascSize)
     if (!reader.descriptor(tag, length) || tag != 0x03) return false;
     ByteReader es = reader.sub(length);
     if (!es.skip(2) || !es.byte(flags)) return false;  // ES_ID, flags
-    if ((flags & 0x80) && !es.skip(2)) return false;  // dependsOn_ES_ID
+    if ((flags & 0x80) && !es.skip(2)) return false;   // dependsOn_ES_ID
     if (flags & 0x40) {
         uint8_t urlLength;
         if (!es.byte(urlLength) || !es.skip(urlLength)) return false;
@@ -308,12 +327,18 @@ AudioChannelLayoutTag layoutTagFor(UInt32 channels, const AACConfig *aac) {
     if (channels == 2) return kAudioChannelLayoutTag_Stereo;
     if (aac && aac->channels == channels) {
         switch (aac->channelConfiguration) {
-            case 3: return kAudioChannelLayoutTag_AAC_3_0;
-            case 4: return kAudioChannelLayoutTag_AAC_4_0;
-            case 5: return kAudioChannelLayoutTag_AAC_5_0;
-            case 6: return kAudioChannelLayoutTag_AAC_5_1;
-            case 7: return kAudioChannelLayoutTag_AAC_7_1;
-            default: break;
+            case 3:
+                return kAudioChannelLayoutTag_AAC_3_0;
+            case 4:
+                return kAudioChannelLayoutTag_AAC_4_0;
+            case 5:
+                return kAudioChannelLayoutTag_AAC_5_0;
+            case 6:
+                return kAudioChannelLayoutTag_AAC_5_1;
+            case 7:
+                return kAudioChannelLayoutTag_AAC_7_1;
+            default:
+                break;
         }
     }
     return kAudioChannelLayoutTag_Unknown | (channels & 0xFFFFu);
@@ -403,8 +428,8 @@ OSStatus firstPlayable(UInt32 specifierSize, const void *specifier, UInt32 &inde
 
 extern "C" {
 
-OSStatus AudioFormatGetPropertyInfo(AudioFormatPropertyID inPropertyID, UInt32 inSpecifierSize,
-                                    const void *inSpecifier, UInt32 *outPropertyDataSize) noexcept {
+OSStatus AudioFormatGetPropertyInfo(AudioFormatPropertyID inPropertyID, UInt32 inSpecifierSize, const void *inSpecifier,
+                                    UInt32 *outPropertyDataSize) noexcept {
     switch (inPropertyID) {
         case kAudioFormatProperty_FormatList: {
             AudioFormatInfo info;
@@ -420,7 +445,8 @@ OSStatus AudioFormatGetPropertyInfo(AudioFormatPropertyID inPropertyID, UInt32 i
             if (!outPropertyDataSize) return kAudio_ParamError;
             *outPropertyDataSize = sizeof(UInt32);
             return 0;
-        default: return kAudioFormatUnsupportedPropertyError;
+        default:
+            return kAudioFormatUnsupportedPropertyError;
     }
 }
 
@@ -449,7 +475,8 @@ OSStatus AudioFormatGetProperty(AudioFormatPropertyID inPropertyID, UInt32 inSpe
             *ioPropertyDataSize = sizeof(UInt32);
             return 0;
         }
-        default: return kAudioFormatUnsupportedPropertyError;
+        default:
+            return kAudioFormatUnsupportedPropertyError;
     }
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio hardware layer: the system object, the built-in output device
 // that counts samples with the host clock, and output devices that
 // applications register and feed with reports from their audio callbacks.
@@ -21,7 +22,6 @@
 // percent, while over seconds it is a few parts per million.
 
 #include <CoreAudio/AudioHardware.h>
-
 #include <sched.h>
 
 #include <atomic>
@@ -47,8 +47,7 @@ constexpr double kDiscontinuitySeconds = 0.1;
 // is some disturbance, not the hardware's rate.
 constexpr double kMaximumRateDeviation = 0.05;
 
-constexpr AudioTimeStampFlags kReportedFlags =
-    kAudioTimeStampSampleHostTimeValid | kAudioTimeStampRateScalarValid;
+constexpr AudioTimeStampFlags kReportedFlags = kAudioTimeStampSampleHostTimeValid | kAudioTimeStampRateScalarValid;
 
 uint64_t hostTimeNow() {
     timespec now;
@@ -59,7 +58,9 @@ uint64_t hostTimeNow() {
 // The host time at which the built-in counter was 0; 0 until initialised.
 std::atomic<uint64_t> gStartHostTime{0};
 
-bool isInitialized() { return gStartHostTime.load(std::memory_order_acquire) != 0; }
+bool isInitialized() {
+    return gStartHostTime.load(std::memory_order_acquire) != 0;
+}
 
 struct Point {
     double sample;
@@ -77,9 +78,9 @@ struct Estimator {
 };
 
 struct DeviceSlot {
-    std::atomic<uint32_t> sequence{0};  // odd while a writer holds the slot
+    std::atomic<uint32_t> sequence{0};                       // odd while a writer holds the slot
     std::atomic<AudioDeviceID> device{kAudioObjectUnknown};  // unknown: the slot is free
-    std::atomic<uint64_t> registration{0};  // orders registrations, for the default device
+    std::atomic<uint64_t> registration{0};                   // orders registrations, for the default device
     std::atomic<double> nominalRate{0};
     std::atomic<bool> running{false};  // a report has arrived
     // The published line: sample time anchorSample at host time anchorHost,
@@ -142,9 +143,8 @@ SlotView readSlot(const DeviceSlot &slot) {
             sched_yield();
             continue;
         }
-        SlotView view{slot.device.load(relaxed),      slot.registration.load(relaxed),
-                      slot.nominalRate.load(relaxed), slot.running.load(relaxed),
-                      slot.anchorSample.load(relaxed), slot.anchorHost.load(relaxed),
+        SlotView view{slot.device.load(relaxed),        slot.registration.load(relaxed), slot.nominalRate.load(relaxed),
+                      slot.running.load(relaxed),       slot.anchorSample.load(relaxed), slot.anchorHost.load(relaxed),
                       slot.samplesPerNano.load(relaxed)};
         std::atomic_thread_fence(std::memory_order_acquire);
         if (slot.sequence.load(relaxed) == before) return view;
@@ -245,7 +245,9 @@ OSStatus _AudioHardwareInitialize(void) noexcept {
     return kAudioHardwareNoError;
 }
 
-UInt64 AudioGetCurrentHostTime(void) noexcept { return hostTimeNow(); }
+UInt64 AudioGetCurrentHostTime(void) noexcept {
+    return hostTimeNow();
+}
 
 OSStatus AudioObjectGetPropertyData(AudioObjectID inObjectID, const AudioObjectPropertyAddress *inAddress,
                                     UInt32 inQualifierDataSize, const void *inQualifierData, UInt32 *ioDataSize,

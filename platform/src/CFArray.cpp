@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CFArray: ordered values in one buffer from the instance's allocator.
 //
 // Storage.  Values occupy store[head, head + count).  A mutable array keeps
@@ -19,11 +20,11 @@
 // (undefined behaviour, not checked).
 #define CF_SOURCE_PATH "CoreFoundation/CFArray"
 
-#include "CFHashTable.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+
+#include "CFHashTable.h"
 
 struct __CFArray {
     CFRuntimeBase base;
@@ -43,7 +44,9 @@ constexpr CFIndex kMinStoreSize = 4;
 constexpr CFIndex kMaxStoreSize = (static_cast<CFIndex>(1) << 62) / static_cast<CFIndex>(sizeof(void *));
 constexpr CFIndex kScratchOnStack = 16;
 
-inline const void **valuesOf(const __CFArray *array) { return array->store + array->head; }
+inline const void **valuesOf(const __CFArray *array) {
+    return array->store + array->head;
+}
 
 inline bool valuesEqual(const __CFArray *array, const void *a, const void *b) {
     return a == b || (array->callBacks.equal && array->callBacks.equal(a, b));
@@ -81,7 +84,9 @@ Boolean equalArrays(CFTypeRef cf1, CFTypeRef cf2) {
 }
 
 // The count, as CoreFoundation does: equal arrays hash alike.
-CFHashCode hashArray(CFTypeRef cf) { return static_cast<CFHashCode>(static_cast<const __CFArray *>(cf)->count); }
+CFHashCode hashArray(CFTypeRef cf) {
+    return static_cast<CFHashCode>(static_cast<const __CFArray *>(cf)->count);
+}
 
 void appendCString(CFMutableStringRef string, const char *text) {
     CFStringAppendCString(string, text, kCFStringEncodingUTF8);
@@ -132,8 +137,8 @@ __CFArray *fill(__CFArray *array, const void *const *values, CFIndex numValues) 
         CFRelease(array);
         return nullptr;
     }
-    array->store = static_cast<const void **>(
-        CFAllocatorAllocate(allocator, storeSize * static_cast<CFIndex>(sizeof(void *)), 0));
+    array->store =
+        static_cast<const void **>(CFAllocatorAllocate(allocator, storeSize * static_cast<CFIndex>(sizeof(void *)), 0));
     if (!array->store) {
         CFRelease(array);
         return nullptr;
@@ -241,8 +246,7 @@ void replace(__CFArray *array, CFIndex loc, CFIndex oldLen, const void *const *n
     if (oldLen > 0)
         std::memcpy(scratch + newCount, valuesOf(array) + loc, static_cast<size_t>(oldLen) * sizeof(void *));
     resizeGap(array, loc, oldLen, newCount, function);
-    if (newCount > 0)
-        std::memcpy(valuesOf(array) + loc, scratch, static_cast<size_t>(newCount) * sizeof(void *));
+    if (newCount > 0) std::memcpy(valuesOf(array) + loc, scratch, static_cast<size_t>(newCount) * sizeof(void *));
     for (CFIndex i = 0; i < oldLen; i++) releaseValue(array, allocator, scratch[newCount + i]);
     if (scratch != onStack) CFAllocatorDeallocate(allocator, scratch);
 }
@@ -266,7 +270,6 @@ inline __CFArray *mutableArray(CFMutableArrayRef array, const char *function) {
     return array;
 }
 
-
 }  // namespace
 
 extern "C" {
@@ -279,7 +282,9 @@ const CFArrayCallBacks kCFTypeArrayCallBacks = {
     0, __CFCollectionRetainType, __CFCollectionReleaseType, CFCopyDescription, CFEqual,
 };
 
-CFTypeID CFArrayGetTypeID(void) noexcept { return kCFArrayTypeID; }
+CFTypeID CFArrayGetTypeID(void) noexcept {
+    return kCFArrayTypeID;
+}
 
 CFArrayRef CFArrayCreate(CFAllocatorRef allocator, const void **values, CFIndex numValues,
                          const CFArrayCallBacks *callBacks) noexcept {
@@ -349,8 +354,7 @@ void CFArrayGetValues(CFArrayRef theArray, CFRange range, const void **values) n
     std::memcpy(values, valuesOf(theArray) + range.location, static_cast<size_t>(range.length) * sizeof(void *));
 }
 
-void CFArrayApplyFunction(CFArrayRef theArray, CFRange range, CFArrayApplierFunction applier,
-                          void *context) noexcept {
+void CFArrayApplyFunction(CFArrayRef theArray, CFRange range, CFArrayApplierFunction applier, void *context) noexcept {
     CF_VALIDATE(theArray, kCFArrayTypeID);
     checkRange(theArray, range, __func__);
     CF_REQUIRE(applier, "applier");

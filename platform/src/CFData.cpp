@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Immutable and mutable byte buffers.
 //
 // Three storage kinds:
@@ -14,13 +15,13 @@
 // report failure, and carrying on with the old contents would silently lose
 // the caller's data.
 
-#include "CFInternal.h"
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
+
+#include "CFInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFData"
 
@@ -34,8 +35,8 @@ struct __CFData {
     CFRuntimeBase base;
     UInt8 *bytes;  // NULL only while empty
     CFIndex length;
-    CFIndex allocated;    // mutable: bytes allocated for `bytes`
-    CFIndex maxLength;    // mutable: capacity limit, 0 for none
+    CFIndex allocated;                // mutable: bytes allocated for `bytes`
+    CFIndex maxLength;                // mutable: capacity limit, 0 for none
     CFAllocatorRef bytesDeallocator;  // external: retained; NULL never frees
     Storage storage;
     // Inline bytes follow.
@@ -61,8 +62,8 @@ UInt8 gEmptyBytes[1];
 void validateRange(CFDataRef data, CFRange range, const char *function) {
     if (range.location < 0 || range.length < 0 || range.location > data->length ||
         range.length > data->length - range.location)
-        __CFFatal(function, CF_SOURCE_PATH, __LINE__, "range {%ld, %ld} is outside data of length %ld",
-                  range.location, range.length, data->length);
+        __CFFatal(function, CF_SOURCE_PATH, __LINE__, "range {%ld, %ld} is outside data of length %ld", range.location,
+                  range.length, data->length);
 }
 
 void validateMutable(CFDataRef data, const char *function) {
@@ -107,8 +108,7 @@ void setLength(CFMutableDataRef data, CFIndex length, const char *function) {
     checkLimit(data, length, function);
     reserve(data, length, function);
     // Bytes past the old length may be stale from an earlier shrink.
-    if (length > data->length)
-        std::memset(data->bytes + data->length, 0, static_cast<size_t>(length - data->length));
+    if (length > data->length) std::memset(data->bytes + data->length, 0, static_cast<size_t>(length - data->length));
     data->length = length;
 }
 
@@ -201,16 +201,17 @@ void appendHex(std::string &out, const UInt8 *bytes, CFIndex count) {
 void dataFinalize(CFTypeRef cf) {
     auto *data = static_cast<__CFData *>(const_cast<void *>(cf));
     switch (data->storage) {
-    case Storage::Inline: break;
-    case Storage::External:
-        if (data->bytesDeallocator != nullptr) {
-            if (data->bytes != nullptr) CFAllocatorDeallocate(data->bytesDeallocator, data->bytes);
-            CFRelease(data->bytesDeallocator);
-        }
-        break;
-    case Storage::Mutable:
-        if (data->bytes != nullptr) CFAllocatorDeallocate(CFGetAllocator(cf), data->bytes);
-        break;
+        case Storage::Inline:
+            break;
+        case Storage::External:
+            if (data->bytesDeallocator != nullptr) {
+                if (data->bytes != nullptr) CFAllocatorDeallocate(data->bytesDeallocator, data->bytes);
+                CFRelease(data->bytesDeallocator);
+            }
+            break;
+        case Storage::Mutable:
+            if (data->bytes != nullptr) CFAllocatorDeallocate(CFGetAllocator(cf), data->bytes);
+            break;
     }
 }
 
@@ -252,7 +253,9 @@ const CFRuntimeClass __CFDataClass = {
 
 extern "C" {
 
-CFTypeID CFDataGetTypeID(void) noexcept { return kCFDataTypeID; }
+CFTypeID CFDataGetTypeID(void) noexcept {
+    return kCFDataTypeID;
+}
 
 CFDataRef CFDataCreate(CFAllocatorRef allocator, const UInt8 *bytes, CFIndex length) noexcept {
     return createInline(allocator, bytes, length, __func__);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CFDictionary: a CFRuntime type around the shared open-addressing hash table
 // (CFHashTable.h).  The caller's callback records are copied into the
 // instance, so they need not outlive the call that passed them.
@@ -18,18 +19,26 @@ namespace {
 
 constexpr CFIndex kFieldsSize = sizeof(__CFDictionary) - sizeof(CFRuntimeBase);
 
-inline const __CFHashTable *tableOf(CFTypeRef cf) { return &static_cast<const __CFDictionary *>(cf)->table; }
+inline const __CFHashTable *tableOf(CFTypeRef cf) {
+    return &static_cast<const __CFDictionary *>(cf)->table;
+}
 
 void finalizeDictionary(CFTypeRef cf) {
     __CFHashTableDestroy(&static_cast<__CFDictionary *>(const_cast<void *>(cf))->table, cf);
 }
 
-Boolean equalDictionaries(CFTypeRef cf1, CFTypeRef cf2) { return __CFHashTableEqual(tableOf(cf1), tableOf(cf2)); }
+Boolean equalDictionaries(CFTypeRef cf1, CFTypeRef cf2) {
+    return __CFHashTableEqual(tableOf(cf1), tableOf(cf2));
+}
 
 // The count, as CoreFoundation does: cheap, and equal dictionaries hash alike.
-CFHashCode hashDictionary(CFTypeRef cf) { return static_cast<CFHashCode>(tableOf(cf)->count); }
+CFHashCode hashDictionary(CFTypeRef cf) {
+    return static_cast<CFHashCode>(tableOf(cf)->count);
+}
 
-CFStringRef describeDictionary(CFTypeRef cf) { return __CFHashTableCopyDescription(tableOf(cf), cf, "CFDictionary"); }
+CFStringRef describeDictionary(CFTypeRef cf) {
+    return __CFHashTableCopyDescription(tableOf(cf), cf, "CFDictionary");
+}
 
 __CFHashKeyCallBacks keyCallBacksFrom(const CFDictionaryKeyCallBacks *callBacks) {
     if (!callBacks) return {};
@@ -56,7 +65,6 @@ inline __CFHashTable *mutableTable(CFMutableDictionaryRef dict, const char *func
     return &dict->table;
 }
 
-
 // Copies `source` into a new dictionary with the same callbacks; NULL when
 // allocation (or a copying key callback) fails.
 __CFDictionary *copyDictionary(CFAllocatorRef allocator, CFDictionaryRef source, bool isMutable, CFIndex limit) {
@@ -75,7 +83,7 @@ __CFDictionary *copyDictionary(CFAllocatorRef allocator, CFDictionaryRef source,
 extern "C" {
 
 const CFRuntimeClass __CFDictionaryClass = {
-    0,       "CFDictionary",    nullptr, nullptr, finalizeDictionary, equalDictionaries, hashDictionary,
+    0,       "CFDictionary",     nullptr, nullptr, finalizeDictionary, equalDictionaries, hashDictionary,
     nullptr, describeDictionary,
 };
 
@@ -91,10 +99,12 @@ const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks = {
     0, __CFCollectionRetainType, __CFCollectionReleaseType, CFCopyDescription, CFEqual,
 };
 
-CFTypeID CFDictionaryGetTypeID(void) noexcept { return kCFDictionaryTypeID; }
+CFTypeID CFDictionaryGetTypeID(void) noexcept {
+    return kCFDictionaryTypeID;
+}
 
-CFDictionaryRef CFDictionaryCreate(CFAllocatorRef allocator, const void **keys, const void **values,
-                                   CFIndex numValues, const CFDictionaryKeyCallBacks *keyCallBacks,
+CFDictionaryRef CFDictionaryCreate(CFAllocatorRef allocator, const void **keys, const void **values, CFIndex numValues,
+                                   const CFDictionaryKeyCallBacks *keyCallBacks,
                                    const CFDictionaryValueCallBacks *valueCallBacks) noexcept {
     if (numValues < 0) CF_FATAL("numValues (%ld) must not be negative", static_cast<long>(numValues));
     if (numValues > 0) {
@@ -182,8 +192,7 @@ void CFDictionaryGetKeysAndValues(CFDictionaryRef theDict, const void **keys, co
     });
 }
 
-void CFDictionaryApplyFunction(CFDictionaryRef theDict, CFDictionaryApplierFunction applier,
-                               void *context) noexcept {
+void CFDictionaryApplyFunction(CFDictionaryRef theDict, CFDictionaryApplierFunction applier, void *context) noexcept {
     CF_VALIDATE(theDict, kCFDictionaryTypeID);
     CF_REQUIRE(applier, "applier");
     __CFHashTableForEach(&theDict->table, [&](const void *key, const void *value) { applier(key, value, context); });

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The open-addressing hash table shared by CFDictionary and CFSet (see
 // CFHashTable.h for the model), and the well-known collection callbacks.
 #define CF_SOURCE_PATH "CoreFoundation/CFHashTable"
@@ -261,8 +262,7 @@ void __CFHashTableStore(__CFHashTable *table, CFTypeRef owner, const void *key, 
     if (table->limit > 0 && table->count >= table->limit)
         CF_FATAL_IN(function, "the collection is full: its capacity is %ld", static_cast<long>(table->limit));
     if (!reserve(table, allocator, table->count + 1))
-        CF_FATAL_IN(function, "out of memory growing the collection past %ld entries",
-                    static_cast<long>(table->count));
+        CF_FATAL_IN(function, "out of memory growing the collection past %ld entries", static_cast<long>(table->count));
     if (!retainAndInsert(table, allocator, hash, key, value))
         CF_FATAL_IN(function, "a retain callback failed (out of memory?)");
 }
@@ -357,9 +357,13 @@ CFStringRef __CFHashTableCopyDescription(const __CFHashTable *table, CFTypeRef o
 
 extern "C" {
 
-const void *__CFCollectionRetainType(CFAllocatorRef, const void *value) noexcept { return CFRetain(value); }
+const void *__CFCollectionRetainType(CFAllocatorRef, const void *value) noexcept {
+    return CFRetain(value);
+}
 
-void __CFCollectionReleaseType(CFAllocatorRef, const void *value) noexcept { CFRelease(value); }
+void __CFCollectionReleaseType(CFAllocatorRef, const void *value) noexcept {
+    CFRelease(value);
+}
 
 // Keys of string-copying collections must not change behind the collection's
 // back, so a mutable string is copied (an immutable one is merely retained

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Private to the platform library: the open-addressing hash table behind
 // CFDictionary and CFSet, and the callback functions that every collection's
 // well-known callback records point at.
@@ -46,12 +47,12 @@ struct __CFHashValueCallBacks {
 };
 
 struct __CFHashTable {
-    CFHashCode *hashes;  // bucketCount entries; 0 = empty.  Owns the allocation.
-    const void **keys;   // bucketCount entries, inside the same allocation
-    const void **values; // bucketCount entries, or NULL for a set
+    CFHashCode *hashes;   // bucketCount entries; 0 = empty.  Owns the allocation.
+    const void **keys;    // bucketCount entries, inside the same allocation
+    const void **values;  // bucketCount entries, or NULL for a set
     CFIndex count;
-    CFIndex bucketCount; // 0 or a power of two
-    CFIndex limit;       // a mutable collection's hard limit on count; 0 = none
+    CFIndex bucketCount;  // 0 or a power of two
+    CFIndex limit;        // a mutable collection's hard limit on count; 0 = none
     __CFHashKeyCallBacks keyCallBacks;
     __CFHashValueCallBacks valueCallBacks;
     bool hasValues;
@@ -60,9 +61,9 @@ struct __CFHashTable {
 
 // How a store treats a key that is already present.
 enum class __CFHashStoreMode {
-    add,     // only add a missing key
-    replace, // only replace a present key's value (set: the member itself)
-    set,     // add or replace
+    add,      // only add a missing key
+    replace,  // only replace a present key's value (set: the member itself)
+    set,      // add or replace
 };
 
 // Fills `table` (zeroed memory) for an empty collection.  NULL callback
@@ -108,8 +109,7 @@ CF_PRIVATE CFIndex __CFHashTableCountOfValue(const __CFHashTable *table, const v
 // The collection's debug description:
 // "<Class 0x.. [0x..]>{type = mutable, count = N, entries =>\n\t0 : k = v\n}"
 // for dictionaries, "... values = (\n\t0 : v\n)}" for sets.
-CF_PRIVATE CFStringRef __CFHashTableCopyDescription(const __CFHashTable *table, CFTypeRef owner,
-                                                    const char *className);
+CF_PRIVATE CFStringRef __CFHashTableCopyDescription(const __CFHashTable *table, CFTypeRef owner, const char *className);
 
 // Visits buckets in order.
 template <typename Visit>

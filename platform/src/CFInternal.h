@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Private to the platform library: the pieces every CoreFoundation type file
 // shares (built-in type identifiers, class records, validation and fatal
 // stops, hashing).
@@ -93,8 +94,8 @@ inline void __CFInfoSetTypeBits(CFTypeRef cf, uint32_t bits) {
 
 // Fatal programming errors: logs "function: message" at level 2 to stderr
 // (and any sink) and aborts with a backtrace.
-[[noreturn]] CF_PRIVATE void __CFFatal(const char *function, const char *sourcePath, int line, const char *format,
-                                       ...) __attribute__((format(printf, 4, 5)));
+[[noreturn]] CF_PRIVATE void __CFFatal(const char *function, const char *sourcePath, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 // Each type file defines CF_SOURCE_PATH ("CoreFoundation/CFArray") before
 // using these.
@@ -123,9 +124,9 @@ inline void __CFValidate(CFTypeRef cf, CFTypeID typeID, const char *function) {
 #define CF_VALIDATE(cf, typeID) __CFValidate((cf), (typeID), __func__)
 
 // Stops the process when a required pointer argument is NULL.
-#define CF_REQUIRE(ptr, what)                                                                                     \
-    do {                                                                                                          \
-        if (__builtin_expect((ptr) == nullptr, 0)) CF_FATAL("%s must not be NULL", what);                       \
+#define CF_REQUIRE(ptr, what)                                                             \
+    do {                                                                                  \
+        if (__builtin_expect((ptr) == nullptr, 0)) CF_FATAL("%s must not be NULL", what); \
     } while (0)
 
 // A fast, well-mixed hash of bytes (64-bit), shared by strings and data so
@@ -146,7 +147,9 @@ CF_PRIVATE void __CFStringAppendUTF8(std::string &out, CFStringRef string);
 
 // The allocator to use for an instance's own storage: the one it was
 // created with.
-inline CFAllocatorRef __CFInstanceAllocator(CFTypeRef cf) { return CFGetAllocator(cf); }
+inline CFAllocatorRef __CFInstanceAllocator(CFTypeRef cf) {
+    return CFGetAllocator(cf);
+}
 
 // Resolves NULL (kCFAllocatorDefault) to the calling thread's default.
 CF_PRIVATE CFAllocatorRef __CFResolveAllocator(CFAllocatorRef allocator);

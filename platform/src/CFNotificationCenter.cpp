@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The local notification center.
 //
 // Registrations form a list in registration order, guarded by the center's
@@ -19,14 +20,14 @@
 // initialised, so it works before and after static constructors and
 // destructors run.
 
-#include "CFInternal.h"
-
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include "CFInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFNotificationCenter"
 
@@ -35,13 +36,13 @@ namespace {
 struct Registration {
     const void *observer;
     CFNotificationCallback callback;
-    CFStringRef name;  // retained; NULL matches any name
+    CFStringRef name;    // retained; NULL matches any name
     const void *object;  // never retained; NULL matches any object
     CFNotificationSuspensionBehavior suspensionBehavior;
     // Registrations come from the thread's default allocator at the time of
     // adding, so a failing default allocator reaches the failure path.
     CFAllocatorRef allocator;  // retained
-    Registration *next;  // the center's list; guarded by its mutex
+    Registration *next;        // the center's list; guarded by its mutex
     std::atomic<bool> removed;
     // One for the list, one per post snapshot holding it.
     std::atomic<uint32_t> references;
@@ -63,7 +64,6 @@ __CFNotificationCenter gLocalCenter = {
 
 XPLogModule gNotificationLog;
 
-
 void releaseRegistration(Registration *registration) {
     if (registration->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     if (registration->name != nullptr) CFRelease(registration->name);
@@ -84,8 +84,7 @@ bool removalMatches(const Registration *registration, const void *observer, CFSt
 
 // A registration's own filters: NULL matches every post.
 bool postMatches(const Registration *registration, CFStringRef name, const void *object) {
-    if (registration->name != nullptr && registration->name != name && !CFEqual(registration->name, name))
-        return false;
+    if (registration->name != nullptr && registration->name != name && !CFEqual(registration->name, name)) return false;
     return registration->object == nullptr || registration->object == object;
 }
 
@@ -182,9 +181,13 @@ const CFRuntimeClass __CFNotificationCenterClass = {
 
 extern "C" {
 
-CFTypeID CFNotificationCenterGetTypeID(void) noexcept { return kCFNotificationCenterTypeID; }
+CFTypeID CFNotificationCenterGetTypeID(void) noexcept {
+    return kCFNotificationCenterTypeID;
+}
 
-CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) noexcept { return &gLocalCenter; }
+CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) noexcept {
+    return &gLocalCenter;
+}
 
 void CFNotificationCenterAddObserver(CFNotificationCenterRef center, const void *observer,
                                      CFNotificationCallback callBack, CFStringRef name, const void *object,
@@ -221,15 +224,13 @@ void CFNotificationCenterRemoveObserver(CFNotificationCenterRef center, const vo
                                         const void *object) noexcept {
     CF_VALIDATE(center, kCFNotificationCenterTypeID);
     if (name != nullptr) CF_VALIDATE(name, kCFStringTypeID);
-    removeRegistrations(center, [&](const Registration *registration) {
-        return removalMatches(registration, observer, name, object);
-    });
+    removeRegistrations(
+        center, [&](const Registration *registration) { return removalMatches(registration, observer, name, object); });
 }
 
 void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef center, const void *observer) noexcept {
     CF_VALIDATE(center, kCFNotificationCenterTypeID);
-    removeRegistrations(center,
-                        [&](const Registration *registration) { return registration->observer == observer; });
+    removeRegistrations(center, [&](const Registration *registration) { return registration->observer == observer; });
 }
 
 void CFNotificationCenterPostNotification(CFNotificationCenterRef center, CFNotificationName name, const void *object,

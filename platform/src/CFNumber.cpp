@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers and booleans.
 //
 // A number keeps its value in its natural class: every integer type widens
@@ -17,8 +18,6 @@
 // at compile time with the immortal bit set, so they are valid before any
 // code of this library has run.
 
-#include "CFInternal.h"
-
 #include <charconv>
 #include <cinttypes>
 #include <cmath>
@@ -27,6 +26,8 @@
 #include <limits>
 #include <string>
 #include <type_traits>
+
+#include "CFInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFNumber"
 
@@ -47,7 +48,9 @@ struct __CFNumber {
 
 namespace {
 
-constexpr CFRuntimeBase staticBase(CFTypeID typeID) { return CFRuntimeBase{0, typeID | kCFInfoImmortal, 0}; }
+constexpr CFRuntimeBase staticBase(CFTypeID typeID) {
+    return CFRuntimeBase{0, typeID | kCFInfoImmortal, 0};
+}
 
 __CFBoolean gTrue = {staticBase(kCFBooleanTypeID)};
 __CFBoolean gFalse = {staticBase(kCFBooleanTypeID)};
@@ -64,23 +67,30 @@ constexpr double kTwoToThe63 = 0x1p63;
 // The fixed-size type a C type name stands for; 0 for an unknown type.
 CFNumberType fixedTypeOf(CFNumberType type) {
     switch (type) {
-    case kCFNumberSInt8Type:
-    case kCFNumberCharType: return kCFNumberSInt8Type;
-    case kCFNumberSInt16Type:
-    case kCFNumberShortType: return kCFNumberSInt16Type;
-    case kCFNumberSInt32Type:
-    case kCFNumberIntType: return kCFNumberSInt32Type;
-    case kCFNumberSInt64Type:
-    case kCFNumberLongType:
-    case kCFNumberLongLongType:
-    case kCFNumberCFIndexType:
-    case kCFNumberNSIntegerType: return kCFNumberSInt64Type;
-    case kCFNumberFloat32Type:
-    case kCFNumberFloatType: return kCFNumberFloat32Type;
-    case kCFNumberFloat64Type:
-    case kCFNumberDoubleType:
-    case kCFNumberCGFloatType: return kCFNumberFloat64Type;
-    default: return 0;
+        case kCFNumberSInt8Type:
+        case kCFNumberCharType:
+            return kCFNumberSInt8Type;
+        case kCFNumberSInt16Type:
+        case kCFNumberShortType:
+            return kCFNumberSInt16Type;
+        case kCFNumberSInt32Type:
+        case kCFNumberIntType:
+            return kCFNumberSInt32Type;
+        case kCFNumberSInt64Type:
+        case kCFNumberLongType:
+        case kCFNumberLongLongType:
+        case kCFNumberCFIndexType:
+        case kCFNumberNSIntegerType:
+            return kCFNumberSInt64Type;
+        case kCFNumberFloat32Type:
+        case kCFNumberFloatType:
+            return kCFNumberFloat32Type;
+        case kCFNumberFloat64Type:
+        case kCFNumberDoubleType:
+        case kCFNumberCGFloatType:
+            return kCFNumberFloat64Type;
+        default:
+            return 0;
     }
 }
 
@@ -90,32 +100,44 @@ bool isFloatFixedType(CFNumberType fixedType) {
 
 CFIndex byteSizeOf(CFNumberType fixedType) {
     switch (fixedType) {
-    case kCFNumberSInt8Type: return 1;
-    case kCFNumberSInt16Type: return 2;
-    case kCFNumberSInt32Type:
-    case kCFNumberFloat32Type: return 4;
-    default: return 8;
+        case kCFNumberSInt8Type:
+            return 1;
+        case kCFNumberSInt16Type:
+            return 2;
+        case kCFNumberSInt32Type:
+        case kCFNumberFloat32Type:
+            return 4;
+        default:
+            return 8;
     }
 }
 
 const char *typeNameOf(CFNumberType fixedType) {
     switch (fixedType) {
-    case kCFNumberSInt8Type: return "kCFNumberSInt8Type";
-    case kCFNumberSInt16Type: return "kCFNumberSInt16Type";
-    case kCFNumberSInt32Type: return "kCFNumberSInt32Type";
-    case kCFNumberSInt64Type: return "kCFNumberSInt64Type";
-    case kCFNumberFloat32Type: return "kCFNumberFloat32Type";
-    default: return "kCFNumberFloat64Type";
+        case kCFNumberSInt8Type:
+            return "kCFNumberSInt8Type";
+        case kCFNumberSInt16Type:
+            return "kCFNumberSInt16Type";
+        case kCFNumberSInt32Type:
+            return "kCFNumberSInt32Type";
+        case kCFNumberSInt64Type:
+            return "kCFNumberSInt64Type";
+        case kCFNumberFloat32Type:
+            return "kCFNumberFloat32Type";
+        default:
+            return "kCFNumberFloat64Type";
     }
 }
 
-int sign(bool less, bool greater) { return less ? -1 : (greater ? 1 : 0); }
+int sign(bool less, bool greater) {
+    return less ? -1 : (greater ? 1 : 0);
+}
 
 // NaN equals NaN and is below everything else, so numbers sort totally.
 int compareReals(double a, double b) {
     bool aNaN = std::isnan(a), bNaN = std::isnan(b);
     if (aNaN || bNaN) return sign(aNaN && !bNaN, bNaN && !aNaN);
-    return sign(a < b, a > b);
+    return sign(a<b, a> b);
 }
 
 // Exact: d's integral part is converted only when it lies in
@@ -126,13 +148,13 @@ int compareIntegerToReal(int64_t i, double d) {
     if (d < -kTwoToThe63) return 1;
     double integral = std::trunc(d);
     int64_t whole = static_cast<int64_t>(integral);
-    if (i != whole) return sign(i < whole, i > whole);
+    if (i != whole) return sign(i<whole, i> whole);
     return sign(d > integral, d < integral);
 }
 
 int compareNumbers(CFNumberRef a, CFNumberRef b) {
     bool aReal = isFloatFixedType(a->type), bReal = isFloatFixedType(b->type);
-    if (!aReal && !bReal) return sign(a->integer < b->integer, a->integer > b->integer);
+    if (!aReal && !bReal) return sign(a->integer<b->integer, a->integer> b->integer);
     if (aReal && bReal) return compareReals(a->real, b->real);
     if (aReal) return -compareIntegerToReal(b->integer, a->real);
     return compareIntegerToReal(a->integer, b->real);
@@ -196,40 +218,54 @@ bool getValue(CFNumberRef number, CFNumberType fixedType, void *valuePtr) {
     if (!isFloatFixedType(number->type)) {
         int64_t value = number->integer;
         switch (fixedType) {
-        case kCFNumberSInt8Type: return storeIntegerAs<int8_t>(value, valuePtr);
-        case kCFNumberSInt16Type: return storeIntegerAs<int16_t>(value, valuePtr);
-        case kCFNumberSInt32Type: return storeIntegerAs<int32_t>(value, valuePtr);
-        case kCFNumberSInt64Type: return storeIntegerAs<int64_t>(value, valuePtr);
-        case kCFNumberFloat32Type: {
-            float converted = static_cast<float>(value);
-            store(valuePtr, converted);
-            return compareIntegerToReal(value, converted) == 0;
-        }
-        case kCFNumberFloat64Type: {
-            double converted = static_cast<double>(value);
-            store(valuePtr, converted);
-            return compareIntegerToReal(value, converted) == 0;
-        }
-        default: return false;
+            case kCFNumberSInt8Type:
+                return storeIntegerAs<int8_t>(value, valuePtr);
+            case kCFNumberSInt16Type:
+                return storeIntegerAs<int16_t>(value, valuePtr);
+            case kCFNumberSInt32Type:
+                return storeIntegerAs<int32_t>(value, valuePtr);
+            case kCFNumberSInt64Type:
+                return storeIntegerAs<int64_t>(value, valuePtr);
+            case kCFNumberFloat32Type: {
+                float converted = static_cast<float>(value);
+                store(valuePtr, converted);
+                return compareIntegerToReal(value, converted) == 0;
+            }
+            case kCFNumberFloat64Type: {
+                double converted = static_cast<double>(value);
+                store(valuePtr, converted);
+                return compareIntegerToReal(value, converted) == 0;
+            }
+            default:
+                return false;
         }
     }
     double value = number->real;
     switch (fixedType) {
-    case kCFNumberSInt8Type: return storeRealAsInteger<int8_t>(value, valuePtr);
-    case kCFNumberSInt16Type: return storeRealAsInteger<int16_t>(value, valuePtr);
-    case kCFNumberSInt32Type: return storeRealAsInteger<int32_t>(value, valuePtr);
-    case kCFNumberSInt64Type: return storeRealAsInteger<int64_t>(value, valuePtr);
-    case kCFNumberFloat32Type: {
-        bool lossless;
-        store(valuePtr, narrowToFloat32(value, &lossless));
-        return lossless;
-    }
-    case kCFNumberFloat64Type: store(valuePtr, value); return true;
-    default: return false;
+        case kCFNumberSInt8Type:
+            return storeRealAsInteger<int8_t>(value, valuePtr);
+        case kCFNumberSInt16Type:
+            return storeRealAsInteger<int16_t>(value, valuePtr);
+        case kCFNumberSInt32Type:
+            return storeRealAsInteger<int32_t>(value, valuePtr);
+        case kCFNumberSInt64Type:
+            return storeRealAsInteger<int64_t>(value, valuePtr);
+        case kCFNumberFloat32Type: {
+            bool lossless;
+            store(valuePtr, narrowToFloat32(value, &lossless));
+            return lossless;
+        }
+        case kCFNumberFloat64Type:
+            store(valuePtr, value);
+            return true;
+        default:
+            return false;
     }
 }
 
-CFHashCode hashInteger(int64_t value) { return __CFHashMix(static_cast<uint64_t>(value)); }
+CFHashCode hashInteger(int64_t value) {
+    return __CFHashMix(static_cast<uint64_t>(value));
+}
 
 // An integral double in int64_t range hashes like the integer it equals;
 // every NaN hashes alike because every NaN compares equal.
@@ -278,15 +314,17 @@ std::string describeHeader(const char *className, CFTypeRef cf) {
 // ---- class callbacks ------------------------------------------------------
 
 CFStringRef booleanCopyDescription(CFTypeRef cf) {
-    return createStringFromUTF8(describeHeader("CFBoolean", cf) + "{value = " +
-                                (cf == &gTrue ? "true" : "false") + "}");
+    return createStringFromUTF8(describeHeader("CFBoolean", cf) + "{value = " + (cf == &gTrue ? "true" : "false") +
+                                "}");
 }
 
 CFStringRef booleanCopyFormattingDescription(CFTypeRef cf, CFDictionaryRef) {
     return static_cast<CFStringRef>(CFRetain(cf == &gTrue ? CFSTR("true") : CFSTR("false")));
 }
 
-CFHashCode booleanHash(CFTypeRef cf) { return cf == &gTrue ? 1 : 0; }
+CFHashCode booleanHash(CFTypeRef cf) {
+    return cf == &gTrue ? 1 : 0;
+}
 
 Boolean numberEqual(CFTypeRef cf1, CFTypeRef cf2) {
     return compareNumbers(static_cast<CFNumberRef>(cf1), static_cast<CFNumberRef>(cf2)) == 0;
@@ -311,12 +349,26 @@ CFStringRef numberCopyFormattingDescription(CFTypeRef cf, CFDictionaryRef) {
 
 // Booleans are compared by identity (the default), so no equal callback.
 const CFRuntimeClass __CFBooleanClass = {
-    0,       "CFBoolean", nullptr, nullptr, nullptr, nullptr, booleanHash, booleanCopyFormattingDescription,
+    0,
+    "CFBoolean",
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    booleanHash,
+    booleanCopyFormattingDescription,
     booleanCopyDescription,
 };
 
 const CFRuntimeClass __CFNumberClass = {
-    0,          "CFNumber", nullptr, nullptr, nullptr, numberEqual, numberHash, numberCopyFormattingDescription,
+    0,
+    "CFNumber",
+    nullptr,
+    nullptr,
+    nullptr,
+    numberEqual,
+    numberHash,
+    numberCopyFormattingDescription,
     numberCopyDescription,
 };
 
@@ -328,14 +380,18 @@ CF_EXPORT const CFNumberRef kCFNumberPositiveInfinity = &gPositiveInfinity;
 CF_EXPORT const CFNumberRef kCFNumberNegativeInfinity = &gNegativeInfinity;
 CF_EXPORT const CFNumberRef kCFNumberNaN = &gNaN;
 
-CFTypeID CFBooleanGetTypeID(void) noexcept { return kCFBooleanTypeID; }
+CFTypeID CFBooleanGetTypeID(void) noexcept {
+    return kCFBooleanTypeID;
+}
 
 Boolean CFBooleanGetValue(CFBooleanRef boolean) noexcept {
     CF_VALIDATE(boolean, kCFBooleanTypeID);
     return boolean == &gTrue;
 }
 
-CFTypeID CFNumberGetTypeID(void) noexcept { return kCFNumberTypeID; }
+CFTypeID CFNumberGetTypeID(void) noexcept {
+    return kCFNumberTypeID;
+}
 
 CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType, const void *valuePtr) noexcept {
     CFNumberType fixedType = fixedTypeOf(theType);
@@ -343,35 +399,39 @@ CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType, const
     int64_t integer = 0;
     double real = 0;
     switch (fixedType) {
-    case kCFNumberSInt8Type: {
-        int8_t v;
-        std::memcpy(&v, valuePtr, sizeof v);
-        integer = v;
-        break;
+        case kCFNumberSInt8Type: {
+            int8_t v;
+            std::memcpy(&v, valuePtr, sizeof v);
+            integer = v;
+            break;
+        }
+        case kCFNumberSInt16Type: {
+            int16_t v;
+            std::memcpy(&v, valuePtr, sizeof v);
+            integer = v;
+            break;
+        }
+        case kCFNumberSInt32Type: {
+            int32_t v;
+            std::memcpy(&v, valuePtr, sizeof v);
+            integer = v;
+            break;
+        }
+        case kCFNumberSInt64Type:
+            std::memcpy(&integer, valuePtr, sizeof integer);
+            break;
+        case kCFNumberFloat32Type: {
+            float v;
+            std::memcpy(&v, valuePtr, sizeof v);
+            real = v;
+            break;
+        }
+        default:
+            std::memcpy(&real, valuePtr, sizeof real);
+            break;
     }
-    case kCFNumberSInt16Type: {
-        int16_t v;
-        std::memcpy(&v, valuePtr, sizeof v);
-        integer = v;
-        break;
-    }
-    case kCFNumberSInt32Type: {
-        int32_t v;
-        std::memcpy(&v, valuePtr, sizeof v);
-        integer = v;
-        break;
-    }
-    case kCFNumberSInt64Type: std::memcpy(&integer, valuePtr, sizeof integer); break;
-    case kCFNumberFloat32Type: {
-        float v;
-        std::memcpy(&v, valuePtr, sizeof v);
-        real = v;
-        break;
-    }
-    default: std::memcpy(&real, valuePtr, sizeof real); break;
-    }
-    auto *number = static_cast<__CFNumber *>(const_cast<void *>(_CFRuntimeCreateInstance(
-        allocator, kCFNumberTypeID, sizeof(__CFNumber) - sizeof(CFRuntimeBase), nullptr)));
+    auto *number = static_cast<__CFNumber *>(const_cast<void *>(
+        _CFRuntimeCreateInstance(allocator, kCFNumberTypeID, sizeof(__CFNumber) - sizeof(CFRuntimeBase), nullptr)));
     if (number == nullptr) return nullptr;
     number->type = fixedType;
     if (isFloatFixedType(fixedType))

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The object runtime: class registration, instance creation and
 // destruction, reference counting, the polymorphic calls (CFEqual, CFHash,
 // CFCopyDescription...), allocators and the null singleton.
@@ -14,8 +15,6 @@
 // instances (booleans, the static allocators, kCFNull) carry the immortal bit
 // in _cfinfo and are never counted.
 
-#include "CFInternal.h"
-
 #include <atomic>
 #include <climits>
 #include <cstdarg>
@@ -23,6 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include "CFInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFRuntime"
 
@@ -108,20 +109,30 @@ struct __CFAllocator {
 
 namespace {
 
-void *mallocAllocate(CFIndex size, CFOptionFlags, void *) { return std::malloc(static_cast<size_t>(size)); }
+void *mallocAllocate(CFIndex size, CFOptionFlags, void *) {
+    return std::malloc(static_cast<size_t>(size));
+}
 void *mallocReallocate(void *ptr, CFIndex size, CFOptionFlags, void *) {
     return std::realloc(ptr, static_cast<size_t>(size));
 }
-void mallocDeallocate(void *ptr, void *) { std::free(ptr); }
-void *nullAllocate(CFIndex, CFOptionFlags, void *) { return nullptr; }
-void *nullReallocate(void *, CFIndex, CFOptionFlags, void *) { return nullptr; }
+void mallocDeallocate(void *ptr, void *) {
+    std::free(ptr);
+}
+void *nullAllocate(CFIndex, CFOptionFlags, void *) {
+    return nullptr;
+}
+void *nullReallocate(void *, CFIndex, CFOptionFlags, void *) {
+    return nullptr;
+}
 
-constexpr CFRuntimeBase staticBase(CFTypeID typeID) { return CFRuntimeBase{0, typeID | kCFInfoImmortal, 0}; }
+constexpr CFRuntimeBase staticBase(CFTypeID typeID) {
+    return CFRuntimeBase{0, typeID | kCFInfoImmortal, 0};
+}
 
-constexpr CFAllocatorContext kMallocContext = {0,       nullptr,         nullptr,          nullptr,         nullptr,
-                                               mallocAllocate, mallocReallocate, mallocDeallocate, nullptr};
-constexpr CFAllocatorContext kNullContext = {0,       nullptr,        nullptr, nullptr, nullptr,
-                                             nullAllocate, nullReallocate, nullptr, nullptr};
+constexpr CFAllocatorContext kMallocContext = {
+    0, nullptr, nullptr, nullptr, nullptr, mallocAllocate, mallocReallocate, mallocDeallocate, nullptr};
+constexpr CFAllocatorContext kNullContext = {0,       nullptr, nullptr, nullptr, nullptr, nullAllocate, nullReallocate,
+                                             nullptr, nullptr};
 
 __CFAllocator gSystemDefaultAllocator = {staticBase(kCFAllocatorTypeID), nullptr, kMallocContext};
 __CFAllocator gMallocAllocator = {staticBase(kCFAllocatorTypeID), nullptr, kMallocContext};
@@ -196,7 +207,9 @@ static void allocatorDestroySelfAllocated(__CFAllocator *allocator) {
 
 extern "C" {
 
-CFTypeID CFAllocatorGetTypeID(void) noexcept { return kCFAllocatorTypeID; }
+CFTypeID CFAllocatorGetTypeID(void) noexcept {
+    return kCFAllocatorTypeID;
+}
 
 void CFAllocatorSetDefault(CFAllocatorRef allocator) noexcept {
     if (allocator) CF_VALIDATE(allocator, kCFAllocatorTypeID);
@@ -207,7 +220,9 @@ void CFAllocatorSetDefault(CFAllocatorRef allocator) noexcept {
     if (previous) CFRelease(previous);
 }
 
-CFAllocatorRef CFAllocatorGetDefault(void) noexcept { return __CFResolveAllocator(nullptr); }
+CFAllocatorRef CFAllocatorGetDefault(void) noexcept {
+    return __CFResolveAllocator(nullptr);
+}
 
 CFAllocatorRef CFAllocatorCreate(CFAllocatorRef allocator, CFAllocatorContext *context) noexcept {
     CF_REQUIRE(context, "context");
@@ -305,7 +320,9 @@ const CFRuntimeClass __CFNullClass = {
 
 extern "C" {
 CF_EXPORT const CFNullRef kCFNull = &gNull;
-CFTypeID CFNullGetTypeID(void) noexcept { return kCFNullTypeID; }
+CFTypeID CFNullGetTypeID(void) noexcept {
+    return kCFNullTypeID;
+}
 }
 
 // ---------------------------------------------------------------------------
@@ -341,7 +358,9 @@ inline const CFRuntimeClass *classOf(CFTypeID typeID) {
     return typeID < kCFMaxTypeID ? gClassTable[typeID].load(std::memory_order_acquire) : nullptr;
 }
 
-inline CFRuntimeBase *baseOf(CFTypeRef cf) { return reinterpret_cast<CFRuntimeBase *>(const_cast<void *>(cf)); }
+inline CFRuntimeBase *baseOf(CFTypeRef cf) {
+    return reinterpret_cast<CFRuntimeBase *>(const_cast<void *>(cf));
+}
 
 constexpr size_t kAllocatorPrefixSize = 16;
 static_assert(sizeof(CFAllocatorRef) <= kAllocatorPrefixSize, "allocator prefix too small");
@@ -392,7 +411,9 @@ CFTypeID _CFRuntimeRegisterClass(const CFRuntimeClass *cls) noexcept {
     return typeID;
 }
 
-const CFRuntimeClass *_CFRuntimeGetClassWithTypeID(CFTypeID typeID) noexcept { return classOf(typeID); }
+const CFRuntimeClass *_CFRuntimeGetClassWithTypeID(CFTypeID typeID) noexcept {
+    return classOf(typeID);
+}
 
 CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
                                    unsigned char *category) noexcept {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CFSet: a CFRuntime type around the shared open-addressing hash table
 // (CFHashTable.h), keyed by the members themselves.  The caller's callback
 // record is copied into the instance.
@@ -17,16 +18,26 @@ namespace {
 
 constexpr CFIndex kFieldsSize = sizeof(__CFSet) - sizeof(CFRuntimeBase);
 
-inline const __CFHashTable *tableOf(CFTypeRef cf) { return &static_cast<const __CFSet *>(cf)->table; }
+inline const __CFHashTable *tableOf(CFTypeRef cf) {
+    return &static_cast<const __CFSet *>(cf)->table;
+}
 
-void finalizeSet(CFTypeRef cf) { __CFHashTableDestroy(&static_cast<__CFSet *>(const_cast<void *>(cf))->table, cf); }
+void finalizeSet(CFTypeRef cf) {
+    __CFHashTableDestroy(&static_cast<__CFSet *>(const_cast<void *>(cf))->table, cf);
+}
 
-Boolean equalSets(CFTypeRef cf1, CFTypeRef cf2) { return __CFHashTableEqual(tableOf(cf1), tableOf(cf2)); }
+Boolean equalSets(CFTypeRef cf1, CFTypeRef cf2) {
+    return __CFHashTableEqual(tableOf(cf1), tableOf(cf2));
+}
 
 // The count, as CoreFoundation does: equal sets hash alike.
-CFHashCode hashSet(CFTypeRef cf) { return static_cast<CFHashCode>(tableOf(cf)->count); }
+CFHashCode hashSet(CFTypeRef cf) {
+    return static_cast<CFHashCode>(tableOf(cf)->count);
+}
 
-CFStringRef describeSet(CFTypeRef cf) { return __CFHashTableCopyDescription(tableOf(cf), cf, "CFSet"); }
+CFStringRef describeSet(CFTypeRef cf) {
+    return __CFHashTableCopyDescription(tableOf(cf), cf, "CFSet");
+}
 
 __CFHashKeyCallBacks callBacksFrom(const CFSetCallBacks *callBacks) {
     if (!callBacks) return {};
@@ -46,7 +57,6 @@ inline __CFHashTable *mutableTable(CFMutableSetRef set, const char *function) {
     if (!set->table.isMutable) CF_FATAL_IN(function, "the set %p is immutable", static_cast<void *>(set));
     return &set->table;
 }
-
 
 __CFSet *copySet(CFAllocatorRef allocator, CFSetRef source, bool isMutable, CFIndex limit) {
     __CFSet *copy = newSet(allocator, isMutable, limit, source->table.keyCallBacks);
@@ -74,7 +84,9 @@ const CFSetCallBacks kCFCopyStringSetCallBacks = {
     0, __CFCollectionCopyString, __CFCollectionReleaseType, CFCopyDescription, CFEqual, CFHash,
 };
 
-CFTypeID CFSetGetTypeID(void) noexcept { return kCFSetTypeID; }
+CFTypeID CFSetGetTypeID(void) noexcept {
+    return kCFSetTypeID;
+}
 
 CFSetRef CFSetCreate(CFAllocatorRef allocator, const void **values, CFIndex numValues,
                      const CFSetCallBacks *callBacks) noexcept {

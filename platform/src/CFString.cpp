@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Strings: the class record, creation, access, comparison, search and
 // mutation.  Encoding conversion lives in CFStringEncodings.cpp, formatting
 // in CFStringFormat.cpp; the instance layout in CFStringInternal.h.
@@ -8,12 +9,12 @@
 // storage forms of one text (and the compiler's constant strings) are
 // interchangeable as dictionary keys.
 
-#include "CFStringInternal.h"
-
 #include <climits>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+
+#include "CFStringInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFString"
 
@@ -28,7 +29,9 @@ inline __CFMutableString *asMutableFields(CFStringRef string) {
 }
 
 // Fatal unless `string` is a string.
-inline void validate(CFStringRef string, const char *function) { __CFValidate(string, kCFStringTypeID, function); }
+inline void validate(CFStringRef string, const char *function) {
+    __CFValidate(string, kCFStringTypeID, function);
+}
 
 // Fatal unless `string` is a mutable string.
 __CFMutableString *validateMutable(CFMutableStringRef string, const char *function) {
@@ -156,7 +159,9 @@ Boolean stringEqual(CFTypeRef cf1, CFTypeRef cf2) {
                       __CFStringGetView(static_cast<CFStringRef>(cf2)));
 }
 
-CFHashCode stringHash(CFTypeRef cf) { return hashView(__CFStringGetView(static_cast<CFStringRef>(cf))); }
+CFHashCode stringHash(CFTypeRef cf) {
+    return hashView(__CFStringGetView(static_cast<CFStringRef>(cf)));
+}
 
 // A string describes itself as its own text.
 CFStringRef stringCopyFormattingDescription(CFTypeRef cf, CFDictionaryRef) {
@@ -400,7 +405,9 @@ inline UniChar foldCase(UniChar c) {
     return c;
 }
 
-inline bool isDigit(UniChar c) { return c >= '0' && c <= '9'; }
+inline bool isDigit(UniChar c) {
+    return c >= '0' && c <= '9';
+}
 
 CFComparisonResult compareViews(const __CFStringView &a, CFIndex aStart, CFIndex aEnd, const __CFStringView &b,
                                 CFStringCompareFlags options) {
@@ -476,7 +483,9 @@ void __CFStringAppendUnits(CFMutableStringRef string, const UniChar *units, CFIn
 
 extern "C" {
 
-CFTypeID CFStringGetTypeID(void) noexcept { return kCFStringTypeID; }
+CFTypeID CFStringGetTypeID(void) noexcept {
+    return kCFStringTypeID;
+}
 
 CFStringRef CFStringCreateWithBytes(CFAllocatorRef alloc, const UInt8 *bytes, CFIndex numBytes,
                                     CFStringEncoding encoding, Boolean isExternalRepresentation) noexcept {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversion between strings and bytes in the supported encodings: UTF-8,
 // ASCII, ISO Latin 1, Windows Latin 1 (CP1252), Mac OS Roman, UTF-16 and
 // UTF-32 (host order with a byte-order mark, or explicitly big/little
@@ -8,9 +9,9 @@
 // that are not scalar values make the whole conversion fail.  A lone
 // surrogate in UTF-16 input is kept, since UTF-16 strings may hold one.
 
-#include "CFStringInternal.h"
-
 #include <climits>
+
+#include "CFStringInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFStringEncodings"
 
@@ -34,19 +35,32 @@ enum class Kind {
 
 Kind kindOf(CFStringEncoding encoding) {
     switch (encoding) {
-        case kCFStringEncodingUTF8: return Kind::UTF8;
-        case kCFStringEncodingASCII: return Kind::ASCII;
-        case kCFStringEncodingISOLatin1: return Kind::Latin1;
-        case kCFStringEncodingWindowsLatin1: return Kind::WindowsLatin1;
-        case kCFStringEncodingMacRoman: return Kind::MacRoman;
-        case kCFStringEncodingNonLossyASCII: return Kind::NonLossyASCII;
-        case kCFStringEncodingUTF16: return Kind::UTF16;
-        case kCFStringEncodingUTF16BE: return Kind::UTF16BE;
-        case kCFStringEncodingUTF16LE: return Kind::UTF16LE;
-        case kCFStringEncodingUTF32: return Kind::UTF32;
-        case kCFStringEncodingUTF32BE: return Kind::UTF32BE;
-        case kCFStringEncodingUTF32LE: return Kind::UTF32LE;
-        default: return Kind::Unsupported;
+        case kCFStringEncodingUTF8:
+            return Kind::UTF8;
+        case kCFStringEncodingASCII:
+            return Kind::ASCII;
+        case kCFStringEncodingISOLatin1:
+            return Kind::Latin1;
+        case kCFStringEncodingWindowsLatin1:
+            return Kind::WindowsLatin1;
+        case kCFStringEncodingMacRoman:
+            return Kind::MacRoman;
+        case kCFStringEncodingNonLossyASCII:
+            return Kind::NonLossyASCII;
+        case kCFStringEncodingUTF16:
+            return Kind::UTF16;
+        case kCFStringEncodingUTF16BE:
+            return Kind::UTF16BE;
+        case kCFStringEncodingUTF16LE:
+            return Kind::UTF16LE;
+        case kCFStringEncodingUTF32:
+            return Kind::UTF32;
+        case kCFStringEncodingUTF32BE:
+            return Kind::UTF32BE;
+        case kCFStringEncodingUTF32LE:
+            return Kind::UTF32LE;
+        default:
+            return Kind::Unsupported;
     }
 }
 
@@ -128,16 +142,21 @@ bool decodeSingleByte(const uint8_t *bytes, CFIndex count, Kind kind, __CFUnitBu
         UniChar c = b;
         if (b >= 0x80) {
             switch (kind) {
-                case Kind::ASCII: return false;
-                case Kind::Latin1: break;
+                case Kind::ASCII:
+                    return false;
+                case Kind::Latin1:
+                    break;
                 case Kind::WindowsLatin1:
                     if (b < 0xA0) {
                         c = kWindowsLatin1[b - 0x80];
                         if (c == 0) return false;
                     }
                     break;
-                case Kind::MacRoman: c = kMacRoman[b - 0x80]; break;
-                default: return false;
+                case Kind::MacRoman:
+                    c = kMacRoman[b - 0x80];
+                    break;
+                default:
+                    return false;
             }
         }
         out.append(c);
@@ -239,7 +258,8 @@ bool decodeUTF32(const uint8_t *bytes, CFIndex count, Kind kind, bool external, 
 int singleByteFor(UTF32Char c, Kind kind) {
     if (c < 0x80) return static_cast<int>(c);
     switch (kind) {
-        case Kind::Latin1: return c <= 0xFF ? static_cast<int>(c) : -1;
+        case Kind::Latin1:
+            return c <= 0xFF ? static_cast<int>(c) : -1;
         case Kind::WindowsLatin1:
             if (c >= 0xA0 && c <= 0xFF) return static_cast<int>(c);
             for (int i = 0; i < 32; ++i) {
@@ -251,7 +271,8 @@ int singleByteFor(UTF32Char c, Kind kind) {
                 if (kMacRoman[i] == c) return 0x80 + i;
             }
             return -1;
-        default: return -1;
+        default:
+            return -1;
     }
 }
 
@@ -266,7 +287,9 @@ inline void putUnit32(uint8_t *out, UTF32Char c, bool bigEndian) {
 
 }  // namespace
 
-bool __CFStringEncodingIsSupported(CFStringEncoding encoding) { return kindOf(encoding) != Kind::Unsupported; }
+bool __CFStringEncodingIsSupported(CFStringEncoding encoding) {
+    return kindOf(encoding) != Kind::Unsupported;
+}
 
 bool __CFStringEncodingIsASCIICompatible(CFStringEncoding encoding) {
     switch (kindOf(encoding)) {
@@ -274,8 +297,10 @@ bool __CFStringEncodingIsASCIICompatible(CFStringEncoding encoding) {
         case Kind::ASCII:
         case Kind::Latin1:
         case Kind::WindowsLatin1:
-        case Kind::MacRoman: return true;
-        default: return false;
+        case Kind::MacRoman:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -283,19 +308,25 @@ bool __CFStringDecodeBytes(const uint8_t *bytes, CFIndex count, CFStringEncoding
                            __CFUnitBuffer &out) {
     const Kind kind = kindOf(encoding);
     switch (kind) {
-        case Kind::UTF8: return decodeUTF8(bytes, count, external, out);
+        case Kind::UTF8:
+            return decodeUTF8(bytes, count, external, out);
         case Kind::ASCII:
         case Kind::Latin1:
         case Kind::WindowsLatin1:
-        case Kind::MacRoman: return decodeSingleByte(bytes, count, kind, out);
-        case Kind::NonLossyASCII: return decodeNonLossyASCII(bytes, count, out);
+        case Kind::MacRoman:
+            return decodeSingleByte(bytes, count, kind, out);
+        case Kind::NonLossyASCII:
+            return decodeNonLossyASCII(bytes, count, out);
         case Kind::UTF16:
         case Kind::UTF16BE:
-        case Kind::UTF16LE: return decodeUTF16(bytes, count, kind, external, out);
+        case Kind::UTF16LE:
+            return decodeUTF16(bytes, count, kind, external, out);
         case Kind::UTF32:
         case Kind::UTF32BE:
-        case Kind::UTF32LE: return decodeUTF32(bytes, count, kind, external, out);
-        case Kind::Unsupported: break;
+        case Kind::UTF32LE:
+            return decodeUTF32(bytes, count, kind, external, out);
+        case Kind::Unsupported:
+            break;
     }
     return false;
 }
@@ -446,19 +477,30 @@ CFIndex __CFStringEncodeView(const __CFStringView &view, CFIndex location, CFInd
 extern "C" CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding) noexcept {
     CFIndex factor;
     switch (kindOf(encoding)) {
-        case Kind::UTF8: factor = 3; break;  // a surrogate pair (2 units) needs 4 bytes, never more than 3 per unit
+        case Kind::UTF8:
+            factor = 3;
+            break;  // a surrogate pair (2 units) needs 4 bytes, never more than 3 per unit
         case Kind::UTF16:
         case Kind::UTF16BE:
-        case Kind::UTF16LE: factor = 2; break;
+        case Kind::UTF16LE:
+            factor = 2;
+            break;
         case Kind::UTF32:
         case Kind::UTF32BE:
-        case Kind::UTF32LE: factor = 4; break;
-        case Kind::NonLossyASCII: factor = 6; break;  // "\uXXXX"
+        case Kind::UTF32LE:
+            factor = 4;
+            break;
+        case Kind::NonLossyASCII:
+            factor = 6;
+            break;  // "\uXXXX"
         case Kind::ASCII:
         case Kind::Latin1:
         case Kind::WindowsLatin1:
-        case Kind::MacRoman: factor = 1; break;
-        default: return kCFNotFound;
+        case Kind::MacRoman:
+            factor = 1;
+            break;
+        default:
+            return kCFNotFound;
     }
     if (length < 0 || length > LONG_MAX / factor) return kCFNotFound;
     return length * factor;

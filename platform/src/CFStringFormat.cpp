@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // printf-style formatting into strings.
 //
 // A format is handled in three passes: parse every conversion and note the
@@ -12,12 +13,12 @@
 // A malformed conversion is copied to the output as it stands and uses no
 // argument.  %n is accepted but writes nothing (its pointer is consumed).
 
-#include "CFStringInternal.h"
-
 #include <climits>
 #include <cstdio>
 #include <new>
 #include <vector>
+
+#include "CFStringInternal.h"
 
 #define CF_SOURCE_PATH "CoreFoundation/CFStringFormat"
 
@@ -99,17 +100,24 @@ ArgType argTypeFor(UniChar conversion, Length length) {
         case 'x':
         case 'X':
             switch (length) {
-                case Length::l: return ArgType::Long;
+                case Length::l:
+                    return ArgType::Long;
                 case Length::ll:
-                case Length::L: return ArgType::LongLong;
-                case Length::j: return ArgType::IntMax;
-                case Length::z: return ArgType::Size;
-                case Length::t: return ArgType::PtrDiff;
-                default: return ArgType::Int;
+                case Length::L:
+                    return ArgType::LongLong;
+                case Length::j:
+                    return ArgType::IntMax;
+                case Length::z:
+                    return ArgType::Size;
+                case Length::t:
+                    return ArgType::PtrDiff;
+                default:
+                    return ArgType::Int;
             }
         case 'D':
         case 'U':
-        case 'O': return ArgType::Long;
+        case 'O':
+            return ArgType::Long;
         case 'e':
         case 'E':
         case 'f':
@@ -117,21 +125,26 @@ ArgType argTypeFor(UniChar conversion, Length length) {
         case 'g':
         case 'G':
         case 'a':
-        case 'A': return length == Length::L ? ArgType::LongDouble : ArgType::Double;
+        case 'A':
+            return length == Length::L ? ArgType::LongDouble : ArgType::Double;
         case 'c':
-        case 'C': return ArgType::Int;  // char and UniChar arrive promoted to int
+        case 'C':
+            return ArgType::Int;  // char and UniChar arrive promoted to int
         case 's':
         case 'S':
         case 'p':
         case '@':
-        case 'n': return ArgType::Pointer;
-        default: return ArgType::None;
+        case 'n':
+            return ArgType::Pointer;
+        default:
+            return ArgType::None;
     }
 }
 
 // Parses the conversion starting at format[i] == '%'.  Returns false when it
 // is malformed (directive.end still marks where its text stops).
-bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std::vector<ArgType> &types, Directive &directive) {
+bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std::vector<ArgType> &types,
+                     Directive &directive) {
     directive.start = i++;
     bool bad = false;
     const int position = parsePosition(format, i, bad);
@@ -191,12 +204,23 @@ bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std:
                 else
                     directive.length = Length::l;
                 break;
-            case 'q': ++i, directive.length = Length::ll; break;
-            case 'j': ++i, directive.length = Length::j; break;
-            case 'z': ++i, directive.length = Length::z; break;
-            case 't': ++i, directive.length = Length::t; break;
-            case 'L': ++i, directive.length = Length::L; break;
-            default: break;
+            case 'q':
+                ++i, directive.length = Length::ll;
+                break;
+            case 'j':
+                ++i, directive.length = Length::j;
+                break;
+            case 'z':
+                ++i, directive.length = Length::z;
+                break;
+            case 't':
+                ++i, directive.length = Length::t;
+                break;
+            case 'L':
+                ++i, directive.length = Length::L;
+                break;
+            default:
+                break;
         }
     }
 
@@ -230,18 +254,38 @@ void fetchArguments(const std::vector<ArgType> &types, std::vector<ArgValue> &va
     for (size_t k = 0; k < types.size(); ++k) {
         ArgValue &value = values[k];
         switch (types[k]) {
-            case ArgType::Int: value.i = va_arg(arguments, int); break;
-            case ArgType::Long: value.l = va_arg(arguments, long); break;
-            case ArgType::LongLong: value.ll = va_arg(arguments, long long); break;
-            case ArgType::IntMax: value.j = va_arg(arguments, intmax_t); break;
-            case ArgType::Size: value.z = va_arg(arguments, size_t); break;
-            case ArgType::PtrDiff: value.t = va_arg(arguments, ptrdiff_t); break;
-            case ArgType::Double: value.d = va_arg(arguments, double); break;
-            case ArgType::LongDouble: value.ld = va_arg(arguments, long double); break;
-            case ArgType::Pointer: value.p = va_arg(arguments, const void *); break;
+            case ArgType::Int:
+                value.i = va_arg(arguments, int);
+                break;
+            case ArgType::Long:
+                value.l = va_arg(arguments, long);
+                break;
+            case ArgType::LongLong:
+                value.ll = va_arg(arguments, long long);
+                break;
+            case ArgType::IntMax:
+                value.j = va_arg(arguments, intmax_t);
+                break;
+            case ArgType::Size:
+                value.z = va_arg(arguments, size_t);
+                break;
+            case ArgType::PtrDiff:
+                value.t = va_arg(arguments, ptrdiff_t);
+                break;
+            case ArgType::Double:
+                value.d = va_arg(arguments, double);
+                break;
+            case ArgType::LongDouble:
+                value.ld = va_arg(arguments, long double);
+                break;
+            case ArgType::Pointer:
+                value.p = va_arg(arguments, const void *);
+                break;
             // A gap in the positional arguments: its type is unknown, so take a
             // word (what an integer or pointer argument occupies).
-            case ArgType::None: value.p = va_arg(arguments, const void *); break;
+            case ArgType::None:
+                value.p = va_arg(arguments, const void *);
+                break;
         }
     }
 }
@@ -333,8 +377,8 @@ void appendNumber(__CFUnitBuffer &out, const char *conversion, T value) {
 
 #pragma clang diagnostic pop
 
-void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, ArgType type, int width, int precision,
-                   bool leftAlign) {
+void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, ArgType type, int width,
+                   int precision, bool leftAlign) {
     // Rebuild one sanitised conversion: flags, width, precision, length and
     // the conversion character, nothing else.
     char conversion[64];
@@ -357,15 +401,30 @@ void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgVal
     }
     if (c == 'd' || c == 'i' || c == 'u' || c == 'o' || c == 'x' || c == 'X') {
         switch (length) {
-            case Length::hh: conversion[n++] = 'h', conversion[n++] = 'h'; break;
-            case Length::h: conversion[n++] = 'h'; break;
-            case Length::l: conversion[n++] = 'l'; break;
+            case Length::hh:
+                conversion[n++] = 'h', conversion[n++] = 'h';
+                break;
+            case Length::h:
+                conversion[n++] = 'h';
+                break;
+            case Length::l:
+                conversion[n++] = 'l';
+                break;
             case Length::ll:
-            case Length::L: conversion[n++] = 'l', conversion[n++] = 'l'; break;
-            case Length::j: conversion[n++] = 'j'; break;
-            case Length::z: conversion[n++] = 'z'; break;
-            case Length::t: conversion[n++] = 't'; break;
-            case Length::None: break;
+            case Length::L:
+                conversion[n++] = 'l', conversion[n++] = 'l';
+                break;
+            case Length::j:
+                conversion[n++] = 'j';
+                break;
+            case Length::z:
+                conversion[n++] = 'z';
+                break;
+            case Length::t:
+                conversion[n++] = 't';
+                break;
+            case Length::None:
+                break;
         }
     } else if (length == Length::L) {
         conversion[n++] = 'L';
@@ -374,15 +433,32 @@ void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgVal
     conversion[n] = 0;
 
     switch (type) {
-        case ArgType::Int: appendNumber(out, conversion, value.i); break;
-        case ArgType::Long: appendNumber(out, conversion, value.l); break;
-        case ArgType::LongLong: appendNumber(out, conversion, value.ll); break;
-        case ArgType::IntMax: appendNumber(out, conversion, value.j); break;
-        case ArgType::Size: appendNumber(out, conversion, value.z); break;
-        case ArgType::PtrDiff: appendNumber(out, conversion, value.t); break;
-        case ArgType::Double: appendNumber(out, conversion, value.d); break;
-        case ArgType::LongDouble: appendNumber(out, conversion, value.ld); break;
-        default: break;
+        case ArgType::Int:
+            appendNumber(out, conversion, value.i);
+            break;
+        case ArgType::Long:
+            appendNumber(out, conversion, value.l);
+            break;
+        case ArgType::LongLong:
+            appendNumber(out, conversion, value.ll);
+            break;
+        case ArgType::IntMax:
+            appendNumber(out, conversion, value.j);
+            break;
+        case ArgType::Size:
+            appendNumber(out, conversion, value.z);
+            break;
+        case ArgType::PtrDiff:
+            appendNumber(out, conversion, value.t);
+            break;
+        case ArgType::Double:
+            appendNumber(out, conversion, value.d);
+            break;
+        case ArgType::LongDouble:
+            appendNumber(out, conversion, value.ld);
+            break;
+        default:
+            break;
     }
 }
 
@@ -415,8 +491,8 @@ void appendObject(__CFUnitBuffer &out, CFTypeRef object, CFDictionaryRef formatO
     if (description) CFRelease(description);
 }
 
-void appendText(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, int width, int precision, bool leftAlign,
-                CFDictionaryRef formatOptions) {
+void appendText(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, int width, int precision,
+                bool leftAlign, CFDictionaryRef formatOptions) {
     const UniChar conversion = directive.conversion;
     __CFUnitBuffer text;
     // As with the compiler's checks for string formats, "l" makes %c and %s
@@ -507,17 +583,23 @@ bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef 
         }
         const ArgValue &value = values[static_cast<size_t>(directive.valueArg)];
         switch (directive.conversion) {
-            case 'n': break;  // refused: writing through a format argument is never wanted
+            case 'n':
+                break;  // refused: writing through a format argument is never wanted
             case '@':
                 appendObject(out, static_cast<CFTypeRef>(value.p), formatOptions, width, precision, leftAlign);
                 break;
-            case 'p': appendPointer(out, value.p, directive, width); break;
+            case 'p':
+                appendPointer(out, value.p, directive, width);
+                break;
             case 'c':
             case 'C':
             case 's':
-            case 'S': appendText(out, directive, value, width, precision, leftAlign, formatOptions); break;
+            case 'S':
+                appendText(out, directive, value, width, precision, leftAlign, formatOptions);
+                break;
             default:
-                appendNumeric(out, directive, value, types[static_cast<size_t>(directive.valueArg)], width, precision, leftAlign);
+                appendNumeric(out, directive, value, types[static_cast<size_t>(directive.valueArg)], width, precision,
+                              leftAlign);
                 break;
         }
     }

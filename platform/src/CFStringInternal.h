@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Private to the string files (CFString.cpp, CFStringEncodings.cpp,
 // CFStringFormat.cpp): the instance layout, a read-only view that serves
 // dynamic and compiler-emitted constant strings alike, a growable UTF-16
@@ -5,12 +6,12 @@
 #ifndef SORVEL_PLATFORM_CFSTRINGINTERNAL_H
 #define SORVEL_PLATFORM_CFSTRINGINTERNAL_H
 
-#include "CFInternal.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+
+#include "CFInternal.h"
 
 // Every string starts like the records clang emits for CFSTR("..."):
 // {isa, flags, chars, length}.  Keeping `chars` at offset 16 and `length` at
@@ -68,9 +69,15 @@ inline bool __CFStringIsMutable(CFStringRef string) {
     return !__CFIsConstantString(string) && (string->flags & kCFStringFlagMutable) != 0;
 }
 
-inline bool __CFStringIsSurrogateHigh(UTF32Char c) { return c >= 0xD800 && c <= 0xDBFF; }
-inline bool __CFStringIsSurrogateLow(UTF32Char c) { return c >= 0xDC00 && c <= 0xDFFF; }
-inline bool __CFStringIsSurrogate(UTF32Char c) { return c >= 0xD800 && c <= 0xDFFF; }
+inline bool __CFStringIsSurrogateHigh(UTF32Char c) {
+    return c >= 0xD800 && c <= 0xDBFF;
+}
+inline bool __CFStringIsSurrogateLow(UTF32Char c) {
+    return c >= 0xDC00 && c <= 0xDFFF;
+}
+inline bool __CFStringIsSurrogate(UTF32Char c) {
+    return c >= 0xD800 && c <= 0xDFFF;
+}
 
 // True when every byte is below 0x80.  Eight bytes per step: string keys are
 // created and compared on hot paths.

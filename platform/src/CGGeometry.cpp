@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plane geometry: the zero constants and exact comparisons.
 
 #include <CoreGraphics/CGGeometry.h>

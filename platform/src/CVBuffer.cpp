@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffer attachments: two dictionaries per buffer (propagating and not),
 // kept in the CVAttachmentStorage that every attachment-bearing object lays
 // out right after its runtime header.
@@ -13,11 +14,11 @@
 // attachments are set long after creation, and a buffer made with a
 // special-purpose allocator should not have them depend on it.
 
-#include "CVInternal.h"
-
 #include <new>
 #include <thread>
 #include <vector>
+
+#include "CVInternal.h"
 
 #define CF_SOURCE_PATH "CoreVideo/CVBuffer"
 
@@ -47,8 +48,7 @@ class StorageLock {
 public:
     explicit StorageLock(CVAttachmentStorage *storage) : word_(&storage->_lock) {
         for (unsigned spins = 0;; ++spins) {
-            if (__atomic_load_n(word_, __ATOMIC_RELAXED) == 0 &&
-                __atomic_exchange_n(word_, 1u, __ATOMIC_ACQUIRE) == 0)
+            if (__atomic_load_n(word_, __ATOMIC_RELAXED) == 0 && __atomic_exchange_n(word_, 1u, __ATOMIC_ACQUIRE) == 0)
                 return;
             if (spins < 64)
                 cpuRelax();
@@ -166,7 +166,9 @@ struct Entries {
     }
 };
 
-bool validMode(CVAttachmentMode mode) { return mode < kModeCount; }
+bool validMode(CVAttachmentMode mode) {
+    return mode < kModeCount;
+}
 
 }  // namespace
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Image-buffer geometry and keys.
 //
 // One routine, _CVImageBufferGetDisplayRect, turns an encoded size, a clean
@@ -5,9 +6,9 @@
 // feed it the buffer's size and attachments, and video format descriptions
 // feed it their dimensions and extensions.
 
-#include "CVInternal.h"
-
 #include <cmath>
+
+#include "CVInternal.h"
 
 #define CF_SOURCE_PATH "CoreVideo/CVImageBuffer"
 
@@ -64,7 +65,9 @@ CV_CONSTANT_KEY(kCVImageBufferICCProfileKey);
 
 namespace {
 
-bool isDictionary(CFTypeRef value) { return value != nullptr && CFGetTypeID(value) == CFDictionaryGetTypeID(); }
+bool isDictionary(CFTypeRef value) {
+    return value != nullptr && CFGetTypeID(value) == CFDictionaryGetTypeID();
+}
 
 bool readNumber(CFTypeRef value, double *out) {
     if (value == nullptr || CFGetTypeID(value) != CFNumberGetTypeID()) return false;

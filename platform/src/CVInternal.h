@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Private to the platform library: what the CoreVideo type files share.
 #ifndef SORVEL_PLATFORM_CVINTERNAL_H
 #define SORVEL_PLATFORM_CVINTERNAL_H
 
-#include "CFInternal.h"
-
 #include <CoreVideo/CoreVideo.h>
+
+#include "CFInternal.h"
 
 // The encoded size of a pixel buffer or texture; false for anything else
 // (NULL included).

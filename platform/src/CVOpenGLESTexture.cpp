@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texture records: image buffers that stand for an OpenGL ES texture made
 // elsewhere.  They carry the texture's identity and geometry so that the
 // attachment and image-buffer calls work on them; nothing here touches GL.
 
-#include "CVInternal.h"
-
 #include <dispatch/dispatch.h>
+
+#include "CVInternal.h"
 
 #define CF_SOURCE_PATH "CoreVideo/CVOpenGLESTexture"
 
@@ -22,27 +23,39 @@ namespace {
 
 constexpr CFIndex kFieldsSize = sizeof(__CVOpenGLESTexture) - sizeof(CFRuntimeBase);
 
-void finalizeTexture(CFTypeRef cf) { __CVBufferFinalize(cf); }
+void finalizeTexture(CFTypeRef cf) {
+    __CVBufferFinalize(cf);
+}
 
 CFStringRef copyTextureDescription(CFTypeRef cf) {
     auto *texture = static_cast<const __CVOpenGLESTexture *>(cf);
-    return CFStringCreateWithFormat(kCFAllocatorSystemDefault, nullptr,
-                                    CFSTR("<CVOpenGLESTexture %p target=0x%x name=%u width=%zu height=%zu%s>"), cf,
-                                    texture->target, texture->name, texture->width, texture->height,
-                                    texture->isFlipped ? " flipped" : "");
+    return CFStringCreateWithFormat(
+        kCFAllocatorSystemDefault, nullptr, CFSTR("<CVOpenGLESTexture %p target=0x%x name=%u width=%zu height=%zu%s>"),
+        cf, texture->target, texture->name, texture->width, texture->height, texture->isFlipped ? " flipped" : "");
 }
 
-CFStringRef copyTextureFormattingDescription(CFTypeRef cf, CFDictionaryRef) { return copyTextureDescription(cf); }
+CFStringRef copyTextureFormattingDescription(CFTypeRef cf, CFDictionaryRef) {
+    return copyTextureDescription(cf);
+}
 
 const CFRuntimeClass kTextureClass = {
-    0, "CVOpenGLESTexture", nullptr, nullptr, finalizeTexture, nullptr, nullptr,
-    copyTextureFormattingDescription, copyTextureDescription,
+    0,
+    "CVOpenGLESTexture",
+    nullptr,
+    nullptr,
+    finalizeTexture,
+    nullptr,
+    nullptr,
+    copyTextureFormattingDescription,
+    copyTextureDescription,
 };
 
 dispatch_once_t gTextureOnce;
 CFTypeID gTextureTypeID;
 
-void registerTextureClass(void *) { gTextureTypeID = _CFRuntimeRegisterClass(&kTextureClass); }
+void registerTextureClass(void *) {
+    gTextureTypeID = _CFRuntimeRegisterClass(&kTextureClass);
+}
 
 CFTypeID textureTypeID() {
     if (__builtin_expect(__atomic_load_n(&gTextureOnce, __ATOMIC_ACQUIRE) != ~static_cast<dispatch_once_t>(0), 0))
@@ -71,10 +84,12 @@ CF_PRIVATE bool __CVOpenGLESTextureGetDimensions(CFTypeRef object, size_t *width
     return true;
 }
 
-CFTypeID CVOpenGLESTextureGetTypeID(void) noexcept { return textureTypeID(); }
+CFTypeID CVOpenGLESTextureGetTypeID(void) noexcept {
+    return textureTypeID();
+}
 
-CVReturn _CVOpenGLESTextureCreate(CFAllocatorRef allocator, uint32_t target, uint32_t name, size_t width,
-                                  size_t height, Boolean isFlipped, CVOpenGLESTextureRef *textureOut) noexcept {
+CVReturn _CVOpenGLESTextureCreate(CFAllocatorRef allocator, uint32_t target, uint32_t name, size_t width, size_t height,
+                                  Boolean isFlipped, CVOpenGLESTextureRef *textureOut) noexcept {
     if (textureOut == nullptr) return kCVReturnInvalidArgument;
     *textureOut = nullptr;
     if (width == 0 || height == 0) return kCVReturnInvalidArgument;

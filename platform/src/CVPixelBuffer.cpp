@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pixel buffers: one block of memory holding a picture's rows, in one plane
 // (packed formats) or several (planar formats), each row padded to the
 // bytes-per-row alignment and each plane starting at the plane alignment.
@@ -6,12 +7,12 @@
 // getter afterwards reads fields that never change, so getters need no
 // lock.  Only the base-address lock counts change, atomically.
 
-#include "CVInternal.h"
-
 #include <dispatch/dispatch.h>
 
 #include <cstring>
 #include <limits>
+
+#include "CVInternal.h"
 
 #define CF_SOURCE_PATH "CoreVideo/CVPixelBuffer"
 
@@ -46,7 +47,9 @@ struct PixelFormat {
     PlaneFormat planes[kMaxPlanes];
 };
 
-constexpr PlaneFormat packed(uint8_t bytesPerPixel) { return {1, 1, 1, bytesPerPixel}; }
+constexpr PlaneFormat packed(uint8_t bytesPerPixel) {
+    return {1, 1, 1, bytesPerPixel};
+}
 
 constexpr PixelFormat kFormats[] = {
     {kCVPixelFormatType_16BE555, 0, {packed(2)}},
@@ -141,14 +144,23 @@ CFStringRef copyPixelBufferFormattingDescription(CFTypeRef cf, CFDictionaryRef) 
 }
 
 const CFRuntimeClass kPixelBufferClass = {
-    0, "CVPixelBuffer", nullptr, nullptr, finalizePixelBuffer, nullptr, nullptr,
-    copyPixelBufferFormattingDescription, copyPixelBufferDescription,
+    0,
+    "CVPixelBuffer",
+    nullptr,
+    nullptr,
+    finalizePixelBuffer,
+    nullptr,
+    nullptr,
+    copyPixelBufferFormattingDescription,
+    copyPixelBufferDescription,
 };
 
 dispatch_once_t gPixelBufferOnce;
 CFTypeID gPixelBufferTypeID;
 
-void registerPixelBufferClass(void *) { gPixelBufferTypeID = _CFRuntimeRegisterClass(&kPixelBufferClass); }
+void registerPixelBufferClass(void *) {
+    gPixelBufferTypeID = _CFRuntimeRegisterClass(&kPixelBufferClass);
+}
 
 CFTypeID pixelBufferTypeID() {
     if (__builtin_expect(__atomic_load_n(&gPixelBufferOnce, __ATOMIC_ACQUIRE) != ~static_cast<dispatch_once_t>(0), 0))
@@ -161,9 +173,13 @@ const __CVPixelBuffer *asPixelBuffer(CFTypeRef cf) {
     return static_cast<const __CVPixelBuffer *>(cf);
 }
 
-__CVPixelBuffer *asMutablePixelBuffer(CFTypeRef cf) { return const_cast<__CVPixelBuffer *>(asPixelBuffer(cf)); }
+__CVPixelBuffer *asMutablePixelBuffer(CFTypeRef cf) {
+    return const_cast<__CVPixelBuffer *>(asPixelBuffer(cf));
+}
 
-size_t ceilDiv(size_t value, size_t divisor) { return value / divisor + (value % divisor != 0); }
+size_t ceilDiv(size_t value, size_t divisor) {
+    return value / divisor + (value % divisor != 0);
+}
 
 // Rounds up to a multiple of `alignment`; false on overflow.
 bool alignUp(size_t value, size_t alignment, size_t *out) {
@@ -215,8 +231,7 @@ CVReturn readAttributes(CFDictionaryRef attributes, Alignments *alignments) {
     if (status == kCVReturnSuccess)
         status = readAlignment(attributes, kCVPixelBufferPlaneAlignmentKey, true, &alignments->plane);
     if (status == kCVReturnSuccess) status = readAttachmentsAttribute(attributes, kCVBufferPropagatedAttachmentsKey);
-    if (status == kCVReturnSuccess)
-        status = readAttachmentsAttribute(attributes, kCVBufferNonPropagatedAttachmentsKey);
+    if (status == kCVReturnSuccess) status = readAttachmentsAttribute(attributes, kCVBufferNonPropagatedAttachmentsKey);
     return status;
 }
 
@@ -232,7 +247,7 @@ void applyAttachmentAttributes(CVPixelBufferRef buffer, CFDictionaryRef attribut
 struct Layout {
     Plane planes[kMaxPlanes];  // base left NULL until the memory exists
     size_t offsets[kMaxPlanes];
-    size_t planeCount;         // planes actually laid out (1 for packed)
+    size_t planeCount;  // planes actually laid out (1 for packed)
     size_t dataSize;
 };
 
@@ -278,11 +293,17 @@ CF_PRIVATE bool __CVPixelBufferGetDimensions(CFTypeRef object, size_t *width, si
     return true;
 }
 
-CFTypeID CVPixelBufferGetTypeID(void) noexcept { return pixelBufferTypeID(); }
+CFTypeID CVPixelBufferGetTypeID(void) noexcept {
+    return pixelBufferTypeID();
+}
 
-CVPixelBufferRef CVPixelBufferRetain(CVPixelBufferRef pixelBuffer) noexcept { return CVBufferRetain(pixelBuffer); }
+CVPixelBufferRef CVPixelBufferRetain(CVPixelBufferRef pixelBuffer) noexcept {
+    return CVBufferRetain(pixelBuffer);
+}
 
-void CVPixelBufferRelease(CVPixelBufferRef pixelBuffer) noexcept { CVBufferRelease(pixelBuffer); }
+void CVPixelBufferRelease(CVPixelBufferRef pixelBuffer) noexcept {
+    CVBufferRelease(pixelBuffer);
+}
 
 CVReturn CVPixelBufferCreate(CFAllocatorRef allocator, size_t width, size_t height, OSType pixelFormatType,
                              CFDictionaryRef pixelBufferAttributes, CVPixelBufferRef *pixelBufferOut) noexcept {
@@ -327,7 +348,8 @@ CVReturn CVPixelBufferCreate(CFAllocatorRef allocator, size_t width, size_t heig
 CVReturn CVPixelBufferCreateWithBytes(CFAllocatorRef allocator, size_t width, size_t height, OSType pixelFormatType,
                                       void *baseAddress, size_t bytesPerRow,
                                       CVPixelBufferReleaseBytesCallback releaseCallback, void *releaseRefCon,
-                                      CFDictionaryRef pixelBufferAttributes, CVPixelBufferRef *pixelBufferOut) noexcept {
+                                      CFDictionaryRef pixelBufferAttributes,
+                                      CVPixelBufferRef *pixelBufferOut) noexcept {
     if (pixelBufferOut == nullptr) return kCVReturnInvalidArgument;
     *pixelBufferOut = nullptr;
     if (width == 0 || height == 0 || baseAddress == nullptr) return kCVReturnInvalidArgument;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * XPLog: the process threshold and the module records that cache it, the
  * emitters (XPLogS, XPLogX) and the sink hook, the symbolised fatal stop,
@@ -13,7 +14,6 @@
  * which is why they must live for the whole process.
  */
 #include <XPLog/XPLog.h>
-
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <elf.h>
@@ -60,30 +60,24 @@ void *gSinkContext = nullptr;
 // gSinkLock, so nested emissions skip the sink.
 thread_local bool tInsideSink = false;
 
-int thresholdFromEnvironment()
-{
+int thresholdFromEnvironment() {
     const char *text = getenv("XPLOG_LEVEL");
-    if (text == nullptr || text[0] == '\0')
-        return kDefaultThreshold;
+    if (text == nullptr || text[0] == '\0') return kDefaultThreshold;
     char *end = nullptr;
     errno = 0;
     long value = strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value < kMinThreshold || value > kMaxThreshold)
-        return kDefaultThreshold;
+    if (errno != 0 || *end != '\0' || value < kMinThreshold || value > kMaxThreshold) return kDefaultThreshold;
     return static_cast<int>(value);
 }
 
-int processThreshold()
-{
+int processThreshold() {
     int threshold = __atomic_load_n(&gThreshold, __ATOMIC_SEQ_CST);
-    if (threshold != kThresholdUnset)
-        return threshold;
+    if (threshold != kThresholdUnset) return threshold;
     int fromEnvironment = thresholdFromEnvironment();
     int expected = kThresholdUnset;
     // Losing the race means another thread settled it first (or
     // XPLogSetThreshold ran); its value wins.
-    if (__atomic_compare_exchange_n(&gThreshold, &expected, fromEnvironment, false, __ATOMIC_SEQ_CST,
-                                    __ATOMIC_SEQ_CST))
+    if (__atomic_compare_exchange_n(&gThreshold, &expected, fromEnvironment, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
         return fromEnvironment;
     return expected;
 }
@@ -91,36 +85,29 @@ int processThreshold()
 // Pushes `module` onto the record list unless it is already there.  Claiming
 // the record is the CAS of its `_link` from NULL, so of several threads
 // determining one record at the same moment exactly one pushes it.
-void linkModule(XPLogModule *module)
-{
-    if (__atomic_load_n(&module->_link, __ATOMIC_SEQ_CST) != nullptr)
-        return;
+void linkModule(XPLogModule *module) {
+    if (__atomic_load_n(&module->_link, __ATOMIC_SEQ_CST) != nullptr) return;
     void *head = __atomic_load_n(&gModuleList, __ATOMIC_SEQ_CST);
     void *unlinked = nullptr;
-    if (!__atomic_compare_exchange_n(&module->_link, &unlinked, head, false, __ATOMIC_SEQ_CST,
-                                     __ATOMIC_SEQ_CST))
+    if (!__atomic_compare_exchange_n(&module->_link, &unlinked, head, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
         return;
     // The record is ours now; only this thread writes its `_link`.
-    while (!__atomic_compare_exchange_n(&gModuleList, &head, module, false, __ATOMIC_SEQ_CST,
-                                        __ATOMIC_SEQ_CST))
+    while (!__atomic_compare_exchange_n(&gModuleList, &head, module, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
         __atomic_store_n(&module->_link, head, __ATOMIC_SEQ_CST);
 }
 
-const char *orEmpty(const char *text)
-{
+const char *orEmpty(const char *text) {
     return text != nullptr ? text : "";
 }
 
 // Writes the whole iovec array, resuming after short writes and EINTR.  One
 // writev normally carries the line, so lines from several threads do not
 // interleave.
-void writeAll(int fd, iovec *vector, int count)
-{
+void writeAll(int fd, iovec *vector, int count) {
     while (count > 0) {
         ssize_t written = writev(fd, vector, count);
         if (written < 0) {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             return;
         }
         size_t remaining = static_cast<size_t>(written);
@@ -136,9 +123,7 @@ void writeAll(int fd, iovec *vector, int count)
     }
 }
 
-void writeLineToStandardError(int level, const char *function, const char *sourcePath, int line,
-                              const char *message)
-{
+void writeLineToStandardError(int level, const char *function, const char *sourcePath, int line, const char *message) {
     char levelText[16];
     int levelLength = snprintf(levelText, sizeof levelText, "%d ", level);
     char lineText[24];
@@ -159,10 +144,8 @@ void writeLineToStandardError(int level, const char *function, const char *sourc
 
 // Hands the line to the sink if one is installed and this thread is not
 // already inside it.  Returns whether the sink took it.
-bool deliverToSink(int level, const char *function, const char *sourcePath, int line, const char *message)
-{
-    if (tInsideSink)
-        return false;
+bool deliverToSink(int level, const char *function, const char *sourcePath, int line, const char *message) {
+    if (tInsideSink) return false;
     bool delivered = false;
     pthread_mutex_lock(&gSinkLock);
     if (gSink != nullptr) {
@@ -186,13 +169,11 @@ struct LoadedObject {
     bool found;
 };
 
-int findLoadedObject(dl_phdr_info *info, size_t, void *data)
-{
+int findLoadedObject(dl_phdr_info *info, size_t, void *data) {
     auto *object = static_cast<LoadedObject *>(data);
     for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
         const ElfW(Phdr) &segment = info->dlpi_phdr[i];
-        if (segment.p_type != PT_LOAD)
-            continue;
+        if (segment.p_type != PT_LOAD) continue;
         uintptr_t start = info->dlpi_addr + segment.p_vaddr;
         if (object->address >= start && object->address - start < segment.p_memsz) {
             object->path = info->dlpi_name;
@@ -209,18 +190,15 @@ int findLoadedObject(dl_phdr_info *info, size_t, void *data)
 // symbol table that dladdr reads.  The full symbol table is still in the
 // file unless it was stripped, so look the address up there.  Copies the
 // symbol name into `name` and returns the symbol's run-time address, or 0.
-uintptr_t lookUpInSymbolTable(uintptr_t address, char *name, size_t nameSize)
-{
+uintptr_t lookUpInSymbolTable(uintptr_t address, char *name, size_t nameSize) {
     LoadedObject object = {address, nullptr, 0, false};
     dl_iterate_phdr(findLoadedObject, &object);
-    if (!object.found)
-        return 0;
+    if (!object.found) return 0;
     // The main program reports an empty name.
     const char *path = (object.path == nullptr || object.path[0] == '\0') ? "/proc/self/exe" : object.path;
 
     int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return 0;
+    if (fd < 0) return 0;
     struct stat status;
     if (fstat(fd, &status) != 0 || static_cast<size_t>(status.st_size) < sizeof(ElfW(Ehdr))) {
         close(fd);
@@ -229,40 +207,34 @@ uintptr_t lookUpInSymbolTable(uintptr_t address, char *name, size_t nameSize)
     size_t size = static_cast<size_t>(status.st_size);
     void *mapping = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     close(fd);
-    if (mapping == MAP_FAILED)
-        return 0;
+    if (mapping == MAP_FAILED) return 0;
 
     const auto *bytes = static_cast<const uint8_t *>(mapping);
     const auto *header = static_cast<const ElfW(Ehdr) *>(mapping);
     uintptr_t found = 0;
     uintptr_t offset = address - object.bias;
-    bool valid = memcmp(header->e_ident, ELFMAG, SELFMAG) == 0 && header->e_ident[EI_CLASS] == kNativeClass
-        && header->e_shentsize == sizeof(ElfW(Shdr)) && header->e_shoff < size
-        && (size - header->e_shoff) / sizeof(ElfW(Shdr)) >= header->e_shnum;
+    bool valid = memcmp(header->e_ident, ELFMAG, SELFMAG) == 0 && header->e_ident[EI_CLASS] == kNativeClass &&
+                 header->e_shentsize == sizeof(ElfW(Shdr)) && header->e_shoff < size &&
+                 (size - header->e_shoff) / sizeof(ElfW(Shdr)) >= header->e_shnum;
     const auto *sections = valid ? reinterpret_cast<const ElfW(Shdr) *>(bytes + header->e_shoff) : nullptr;
     for (ElfW(Half) s = 0; valid && s < header->e_shnum && found == 0; ++s) {
         const ElfW(Shdr) &table = sections[s];
-        if (table.sh_type != SHT_SYMTAB || table.sh_link >= header->e_shnum || table.sh_offset > size
-            || size - table.sh_offset < table.sh_size)
+        if (table.sh_type != SHT_SYMTAB || table.sh_link >= header->e_shnum || table.sh_offset > size ||
+            size - table.sh_offset < table.sh_size)
             continue;
         const ElfW(Shdr) &strings = sections[table.sh_link];
-        if (strings.sh_offset > size || size - strings.sh_offset < strings.sh_size)
-            continue;
+        if (strings.sh_offset > size || size - strings.sh_offset < strings.sh_size) continue;
         const auto *symbols = reinterpret_cast<const ElfW(Sym) *>(bytes + table.sh_offset);
         size_t symbolCount = table.sh_size / sizeof(ElfW(Sym));
         for (size_t i = 0; i < symbolCount; ++i) {
             const ElfW(Sym) &symbol = symbols[i];
             int type = ELF64_ST_TYPE(symbol.st_info);
-            if ((type != STT_FUNC && type != STT_GNU_IFUNC) || symbol.st_shndx == SHN_UNDEF)
-                continue;
-            if (offset < symbol.st_value || offset - symbol.st_value >= symbol.st_size)
-                continue;
-            if (symbol.st_name >= strings.sh_size)
-                break;
+            if ((type != STT_FUNC && type != STT_GNU_IFUNC) || symbol.st_shndx == SHN_UNDEF) continue;
+            if (offset < symbol.st_value || offset - symbol.st_value >= symbol.st_size) continue;
+            if (symbol.st_name >= strings.sh_size) break;
             const char *text = reinterpret_cast<const char *>(bytes + strings.sh_offset + symbol.st_name);
             size_t length = strnlen(text, strings.sh_size - symbol.st_name);
-            if (length >= nameSize)
-                length = nameSize - 1;
+            if (length >= nameSize) length = nameSize - 1;
             memcpy(name, text, length);
             name[length] = '\0';
             found = object.bias + symbol.st_value;
@@ -273,8 +245,7 @@ uintptr_t lookUpInSymbolTable(uintptr_t address, char *name, size_t nameSize)
     return found;
 }
 
-void printFrame(int index, void *frame)
-{
+void printFrame(int index, void *frame) {
     uintptr_t address = reinterpret_cast<uintptr_t>(frame);
     // Every frame but the innermost holds a return address, which for a call
     // to a noreturn function may already lie in the next function; look up
@@ -286,8 +257,7 @@ void printFrame(int index, void *frame)
     const char *symbol = nullptr;
     uintptr_t symbolAddress = 0;
     if (dladdr(reinterpret_cast<void *>(lookup), &info) != 0) {
-        if (info.dli_fname != nullptr && info.dli_fname[0] != '\0')
-            module = info.dli_fname;
+        if (info.dli_fname != nullptr && info.dli_fname[0] != '\0') module = info.dli_fname;
         if (info.dli_sname != nullptr) {
             symbol = info.dli_sname;
             symbolAddress = reinterpret_cast<uintptr_t>(info.dli_saddr);
@@ -296,8 +266,7 @@ void printFrame(int index, void *frame)
     char tableName[512];
     if (symbol == nullptr) {
         symbolAddress = lookUpInSymbolTable(lookup, tableName, sizeof tableName);
-        if (symbolAddress != 0)
-            symbol = tableName;
+        if (symbolAddress != 0) symbol = tableName;
     }
 
     char text[1024];
@@ -312,8 +281,7 @@ void printFrame(int index, void *frame)
     } else {
         length = snprintf(text, sizeof text, "  #%-3d 0x%016zx %s\n", index, static_cast<size_t>(address), module);
     }
-    if (length < 0)
-        return;
+    if (length < 0) return;
     if (static_cast<size_t>(length) >= sizeof text) {
         length = sizeof text - 1;
         text[length - 1] = '\n';
@@ -322,14 +290,12 @@ void printFrame(int index, void *frame)
     writeAll(STDERR_FILENO, &vector, 1);
 }
 
-[[noreturn]] void fatalNullMutex(const char *function, int line)
-{
+[[noreturn]] void fatalNullMutex(const char *function, int line) {
     XPLogX(2, function, kSourcePath, line, "BUG: called with a NULL mutex");
     XPAbortWithBacktrace();
 }
 
-[[noreturn]] void fatalPthreadError(const char *function, int line, const char *call, int error)
-{
+[[noreturn]] void fatalPthreadError(const char *function, int line, const char *call, int error) {
     char reason[128];
     const char *description = strerror_r(error, reason, sizeof reason);
     char message[256];
@@ -338,13 +304,12 @@ void printFrame(int index, void *frame)
     XPAbortWithBacktrace();
 }
 
-} // namespace
+}  // namespace
 
 // ---- Thresholds ----
 
-extern "C" int XPLogDetermineLogLevel(int level, XPLogModule *module, const char *sourcePath,
-                                      const char *functionName, int line) noexcept
-{
+extern "C" int XPLogDetermineLogLevel(int level, XPLogModule *module, const char *sourcePath, const char *functionName,
+                                      int line) noexcept {
     int threshold = processThreshold();
     if (module != nullptr) {
         // Link before caching: XPLogSetThreshold stores the new process
@@ -355,20 +320,16 @@ extern "C" int XPLogDetermineLogLevel(int level, XPLogModule *module, const char
         for (;;) {
             __atomic_store_n(&module->threshold, threshold, __ATOMIC_SEQ_CST);
             int current = __atomic_load_n(&gThreshold, __ATOMIC_SEQ_CST);
-            if (current == threshold)
-                break;
+            if (current == threshold) break;
             threshold = current;
         }
     }
     return level <= threshold ? 1 : 0;
 }
 
-extern "C" void XPLogSetThreshold(int threshold) noexcept
-{
-    if (threshold < kMinThreshold)
-        threshold = kMinThreshold;
-    if (threshold > kMaxThreshold)
-        threshold = kMaxThreshold;
+extern "C" void XPLogSetThreshold(int threshold) noexcept {
+    if (threshold < kMinThreshold) threshold = kMinThreshold;
+    if (threshold > kMaxThreshold) threshold = kMaxThreshold;
     __atomic_store_n(&gThreshold, threshold, __ATOMIC_SEQ_CST);
     void *record = __atomic_load_n(&gModuleList, __ATOMIC_SEQ_CST);
     while (record != kModuleListEnd) {
@@ -378,24 +339,21 @@ extern "C" void XPLogSetThreshold(int threshold) noexcept
     }
 }
 
-extern "C" int XPLogGetThreshold(void) noexcept
-{
+extern "C" int XPLogGetThreshold(void) noexcept {
     return processThreshold();
 }
 
 // ---- Emitters ----
 
-extern "C" void XPLogSetSink(XPLogSinkFunction sink, void *context) noexcept
-{
+extern "C" void XPLogSetSink(XPLogSinkFunction sink, void *context) noexcept {
     pthread_mutex_lock(&gSinkLock);
     gSink = sink;
     gSinkContext = sink != nullptr ? context : nullptr;
     pthread_mutex_unlock(&gSinkLock);
 }
 
-extern "C" void XPLogS(int level, XPLogModule *module, const char *functionName, const char *sourcePath,
-                       int line, const char *format, ...) noexcept
-{
+extern "C" void XPLogS(int level, XPLogModule *module, const char *functionName, const char *sourcePath, int line,
+                       const char *format, ...) noexcept {
     (void)module;
     functionName = orEmpty(functionName);
     sourcePath = orEmpty(sourcePath);
@@ -433,8 +391,7 @@ extern "C" void XPLogS(int level, XPLogModule *module, const char *functionName,
 }
 
 extern "C" void XPLogX(int level, const char *functionName, const char *sourcePath, int line,
-                       const char *message) noexcept
-{
+                       const char *message) noexcept {
     functionName = orEmpty(functionName);
     sourcePath = orEmpty(sourcePath);
     message = orEmpty(message);
@@ -443,21 +400,18 @@ extern "C" void XPLogX(int level, const char *functionName, const char *sourcePa
     deliverToSink(level, functionName, sourcePath, line, message);
 }
 
-extern "C" void XPAbortWithBacktrace(void) noexcept
-{
+extern "C" void XPAbortWithBacktrace(void) noexcept {
     static const char heading[] = "Backtrace:\n";
     iovec vector = {const_cast<char *>(heading), sizeof heading - 1};
     writeAll(STDERR_FILENO, &vector, 1);
 
     void *frames[128];
     int count = backtrace(frames, static_cast<int>(sizeof frames / sizeof frames[0]));
-    for (int i = 0; i < count; ++i)
-        printFrame(i, frames[i]);
+    for (int i = 0; i < count; ++i) printFrame(i, frames[i]);
     abort();
 }
 
-extern "C" const char *_XPFormatOSStatus(char *buffer, int32_t status) noexcept
-{
+extern "C" const char *_XPFormatOSStatus(char *buffer, int32_t status) noexcept {
     uint32_t bits = static_cast<uint32_t>(status);
     char characters[4];
     bool printable = true;
@@ -476,75 +430,53 @@ extern "C" const char *_XPFormatOSStatus(char *buffer, int32_t status) noexcept
 
 // ---- Mutexes ----
 
-extern "C" XPMutexRef XPMutexCreateNR(void) noexcept
-{
+extern "C" XPMutexRef XPMutexCreateNR(void) noexcept {
     auto *mutex = static_cast<XPMutex *>(malloc(sizeof(XPMutex)));
-    if (mutex == nullptr)
-        fatalPthreadError("XPMutexCreateNR", __LINE__, "malloc", ENOMEM);
+    if (mutex == nullptr) fatalPthreadError("XPMutexCreateNR", __LINE__, "malloc", ENOMEM);
     pthread_mutexattr_t attributes;
     int error = pthread_mutexattr_init(&attributes);
-    if (error != 0)
-        fatalPthreadError("XPMutexCreateNR", __LINE__, "pthread_mutexattr_init", error);
+    if (error != 0) fatalPthreadError("XPMutexCreateNR", __LINE__, "pthread_mutexattr_init", error);
     error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL);
-    if (error != 0)
-        fatalPthreadError("XPMutexCreateNR", __LINE__, "pthread_mutexattr_settype", error);
+    if (error != 0) fatalPthreadError("XPMutexCreateNR", __LINE__, "pthread_mutexattr_settype", error);
     error = pthread_mutex_init(&mutex->_mutex, &attributes);
-    if (error != 0)
-        fatalPthreadError("XPMutexCreateNR", __LINE__, "pthread_mutex_init", error);
+    if (error != 0) fatalPthreadError("XPMutexCreateNR", __LINE__, "pthread_mutex_init", error);
     pthread_mutexattr_destroy(&attributes);
     return mutex;
 }
 
-extern "C" void XPMutexFree(XPMutexRef mutex) noexcept
-{
-    if (mutex == nullptr)
-        return;
+extern "C" void XPMutexFree(XPMutexRef mutex) noexcept {
+    if (mutex == nullptr) return;
     int error = pthread_mutex_destroy(&mutex->_mutex);
-    if (error != 0)
-        fatalPthreadError("XPMutexFree", __LINE__, "pthread_mutex_destroy", error);
+    if (error != 0) fatalPthreadError("XPMutexFree", __LINE__, "pthread_mutex_destroy", error);
     free(mutex);
 }
 
-extern "C" void XPMutexInitRecursive(XPMutex *storage) noexcept
-{
-    if (storage == nullptr)
-        fatalNullMutex("XPMutexInitRecursive", __LINE__);
+extern "C" void XPMutexInitRecursive(XPMutex *storage) noexcept {
+    if (storage == nullptr) fatalNullMutex("XPMutexInitRecursive", __LINE__);
     pthread_mutexattr_t attributes;
     int error = pthread_mutexattr_init(&attributes);
-    if (error != 0)
-        fatalPthreadError("XPMutexInitRecursive", __LINE__, "pthread_mutexattr_init", error);
+    if (error != 0) fatalPthreadError("XPMutexInitRecursive", __LINE__, "pthread_mutexattr_init", error);
     error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    if (error != 0)
-        fatalPthreadError("XPMutexInitRecursive", __LINE__, "pthread_mutexattr_settype", error);
+    if (error != 0) fatalPthreadError("XPMutexInitRecursive", __LINE__, "pthread_mutexattr_settype", error);
     error = pthread_mutex_init(&storage->_mutex, &attributes);
-    if (error != 0)
-        fatalPthreadError("XPMutexInitRecursive", __LINE__, "pthread_mutex_init", error);
+    if (error != 0) fatalPthreadError("XPMutexInitRecursive", __LINE__, "pthread_mutex_init", error);
     pthread_mutexattr_destroy(&attributes);
 }
 
-extern "C" void XPMutexDestroy(XPMutex *storage) noexcept
-{
-    if (storage == nullptr)
-        fatalNullMutex("XPMutexDestroy", __LINE__);
+extern "C" void XPMutexDestroy(XPMutex *storage) noexcept {
+    if (storage == nullptr) fatalNullMutex("XPMutexDestroy", __LINE__);
     int error = pthread_mutex_destroy(&storage->_mutex);
-    if (error != 0)
-        fatalPthreadError("XPMutexDestroy", __LINE__, "pthread_mutex_destroy", error);
+    if (error != 0) fatalPthreadError("XPMutexDestroy", __LINE__, "pthread_mutex_destroy", error);
 }
 
-extern "C" void XPMutexAcquire(XPMutexRef mutex) noexcept
-{
-    if (mutex == nullptr)
-        fatalNullMutex("XPMutexAcquire", __LINE__);
+extern "C" void XPMutexAcquire(XPMutexRef mutex) noexcept {
+    if (mutex == nullptr) fatalNullMutex("XPMutexAcquire", __LINE__);
     int error = pthread_mutex_lock(&mutex->_mutex);
-    if (error != 0)
-        fatalPthreadError("XPMutexAcquire", __LINE__, "pthread_mutex_lock", error);
+    if (error != 0) fatalPthreadError("XPMutexAcquire", __LINE__, "pthread_mutex_lock", error);
 }
 
-extern "C" void XPMutexRelease(XPMutexRef mutex) noexcept
-{
-    if (mutex == nullptr)
-        fatalNullMutex("XPMutexRelease", __LINE__);
+extern "C" void XPMutexRelease(XPMutexRef mutex) noexcept {
+    if (mutex == nullptr) fatalNullMutex("XPMutexRelease", __LINE__);
     int error = pthread_mutex_unlock(&mutex->_mutex);
-    if (error != 0)
-        fatalPthreadError("XPMutexRelease", __LINE__, "pthread_mutex_unlock", error);
+    if (error != 0) fatalPthreadError("XPMutexRelease", __LINE__, "pthread_mutex_unlock", error);
 }

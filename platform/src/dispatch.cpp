@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * One-time initialisation.
  *
@@ -12,10 +13,8 @@
  * the completing thread stores ~0 under the mutex, so a waiter that checked
  * the predicate under the mutex cannot miss the wake-up.
  */
-#include <dispatch/dispatch.h>
-
 #include <XPLog/XPLog.h>
-
+#include <dispatch/dispatch.h>
 #include <pthread.h>
 #include <stdio.h>
 
@@ -29,29 +28,23 @@ pthread_cond_t gOnceCompleted = PTHREAD_COND_INITIALIZER;
 
 thread_local char tRunningMark;
 
-[[noreturn]] void fatal(const char *function, int line, const char *message)
-{
+[[noreturn]] void fatal(const char *function, int line, const char *message) {
     XPLogX(2, function, kSourcePath, line, message);
     XPAbortWithBacktrace();
 }
 
-void invokeBlock(void *context)
-{
+void invokeBlock(void *context) {
     reinterpret_cast<dispatch_block_t>(context)();
 }
 
-} // namespace
+}  // namespace
 
-extern "C" void dispatch_once_f(dispatch_once_t *predicate, void *context, dispatch_function_t function) noexcept
-{
-    if (predicate == nullptr)
-        fatal("dispatch_once_f", __LINE__, "BUG: NULL predicate");
+extern "C" void dispatch_once_f(dispatch_once_t *predicate, void *context, dispatch_function_t function) noexcept {
+    if (predicate == nullptr) fatal("dispatch_once_f", __LINE__, "BUG: NULL predicate");
     // The acquire pairs with the release below, so a caller that sees ~0
     // also sees everything the function wrote.
-    if (__atomic_load_n(predicate, __ATOMIC_ACQUIRE) == kDone)
-        return;
-    if (function == nullptr)
-        fatal("dispatch_once_f", __LINE__, "BUG: NULL function");
+    if (__atomic_load_n(predicate, __ATOMIC_ACQUIRE) == kDone) return;
+    if (function == nullptr) fatal("dispatch_once_f", __LINE__, "BUG: NULL function");
 
     const intptr_t mark = reinterpret_cast<intptr_t>(&tRunningMark);
     intptr_t observed = 0;
@@ -63,8 +56,7 @@ extern "C" void dispatch_once_f(dispatch_once_t *predicate, void *context, dispa
         pthread_mutex_unlock(&gOnceLock);
         return;
     }
-    if (observed == kDone)
-        return;
+    if (observed == kDone) return;
     if (observed == mark) {
         char message[160];
         snprintf(message, sizeof message,
@@ -74,17 +66,13 @@ extern "C" void dispatch_once_f(dispatch_once_t *predicate, void *context, dispa
     }
 
     pthread_mutex_lock(&gOnceLock);
-    while (__atomic_load_n(predicate, __ATOMIC_ACQUIRE) != kDone)
-        pthread_cond_wait(&gOnceCompleted, &gOnceLock);
+    while (__atomic_load_n(predicate, __ATOMIC_ACQUIRE) != kDone) pthread_cond_wait(&gOnceCompleted, &gOnceLock);
     pthread_mutex_unlock(&gOnceLock);
 }
 
-extern "C" void dispatch_once(dispatch_once_t *predicate, dispatch_block_t block) noexcept
-{
-    if (predicate != nullptr && __atomic_load_n(predicate, __ATOMIC_ACQUIRE) == kDone)
-        return;
-    if (block == nullptr)
-        fatal("dispatch_once", __LINE__, "BUG: NULL block");
+extern "C" void dispatch_once(dispatch_once_t *predicate, dispatch_block_t block) noexcept {
+    if (predicate != nullptr && __atomic_load_n(predicate, __ATOMIC_ACQUIRE) == kDone) return;
+    if (block == nullptr) fatal("dispatch_once", __LINE__, "BUG: NULL block");
     // The block runs before this call returns, so it needs no copy.
     dispatch_once_f(predicate, reinterpret_cast<void *>(block), invokeBlock);
 }

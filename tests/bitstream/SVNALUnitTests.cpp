@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NAL units and Annex B: the three enumerators against plain readings of
 // their rules, emulation-prevention removal, and the avcC/hvcC converters on
 // real records.
@@ -12,16 +13,16 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "core/SVObject.h"
 #include "bitstream/_SVUtilitiesInternal.h"
+#include "core/SVObject.h"
 #include "support/LogCapture.h"
 #include "support/NALHelpers.h"
 #include "support/TestData.h"
@@ -29,15 +30,15 @@
 namespace {
 
 using sorvel::SVRetained;
-using sorvel_test::LogCapture;
-using sorvel_test::Report;
-using sorvel_test::flexible;
-using sorvel_test::convert;
-using sorvel_test::bytesOf;
 using sorvel_test::Bytes;
+using sorvel_test::bytesOf;
+using sorvel_test::convert;
+using sorvel_test::flexible;
 using sorvel_test::kAVCClips;
 using sorvel_test::kHEVCClips;
+using sorvel_test::LogCapture;
 using sorvel_test::readFile;
+using sorvel_test::Report;
 using sorvel_test::Units;
 
 // ---- Collecting what the enumerators report -------------------------------
@@ -472,8 +473,9 @@ TEST(SVNALUnitRecords, RandomRecordsNeverOverRead) {
         for (bool hevc : {false, true}) {
             CFMutableDataRef data = nullptr;
             OSStatus status =
-                hevc ? _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(record, size, nullptr, &data)
-                     : _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(record, size, nullptr, &data);
+                hevc
+                    ? _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(record, size, nullptr, &data)
+                    : _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(record, size, nullptr, &data);
             if (hevc && size <= 22) {
                 EXPECT_EQ(status, kSVFormatDescriptionError_InvalidParameter);
             } else {

@@ -1,8 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // H.264 and HEVC sequence-parameter-set parsing: against the field traces of
 // the real streams, and on hand-made sets that reach each syntax branch and
 // each range check.
 #include <Sorvel/SVFormatDescription.h>
-
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -52,7 +52,7 @@ std::vector<uint8_t> firstUnit(const std::vector<uint8_t> &stream, unsigned type
 // Writes syntax elements MSB first and makes a NAL unit of them, with
 // emulation prevention.
 class BitWriter {
-  public:
+public:
     BitWriter &u(unsigned count, uint64_t value) {
         for (unsigned i = count; i-- > 0;) bits_.push_back(i < 64 && ((value >> i) & 1));
         return *this;
@@ -83,7 +83,7 @@ class BitWriter {
         return header;
     }
 
-  private:
+private:
     std::vector<bool> bits_;
 };
 
@@ -156,9 +156,9 @@ bool parse(const std::vector<uint8_t> &nal, SVH264SPS &sps) {
 }
 
 TEST(SVParameterSetsH264, RealStreamsMatchTheirTrace) {
-    for (const char *clip : {"avc_baseline_176x144", "avc_main_1920x1080_bt709", "avc_high_642x362_sar40x33_smpte170m",
-                             "avc_high_720x576_tff_sar16x11", "avc_high_480x270_sar37x20_smpte240m",
-                             "avc_high10_1280x720_pq"}) {
+    for (const char *clip :
+         {"avc_baseline_176x144", "avc_main_1920x1080_bt709", "avc_high_642x362_sar40x33_smpte170m",
+          "avc_high_720x576_tff_sar16x11", "avc_high_480x270_sar37x20_smpte240m", "avc_high10_1280x720_pq"}) {
         SCOPED_TRACE(clip);
         const std::vector<uint8_t> raw = readFile(std::string("trace/") + clip + ".ps.json");
         const std::string trace(raw.begin(), raw.end());
@@ -203,12 +203,12 @@ struct CropCase {
 
 TEST(SVParameterSetsH264, CroppingUsesTheChromaAndFieldUnits) {
     const CropCase cases[] = {
-        {1, true, {0, 7, 0, 3}, 640 - 14, 480 - 6},     // 4:2:0: 2 x 2
-        {2, true, {1, 1, 2, 2}, 640 - 4, 480 - 4},      // 4:2:2: 2 x 1
-        {3, true, {1, 2, 3, 4}, 640 - 3, 480 - 7},      // 4:4:4: 1 x 1
-        {0, true, {1, 2, 3, 4}, 640 - 3, 480 - 7},      // monochrome: 1 x 1
-        {1, false, {0, 0, 0, 2}, 640, 960 - 8},         // 4:2:0 fields: 2 x 4
-        {1, true, {319, 0, 0, 239}, 2, 2},              // the smallest picture left
+        {1, true, {0, 7, 0, 3}, 640 - 14, 480 - 6},  // 4:2:0: 2 x 2
+        {2, true, {1, 1, 2, 2}, 640 - 4, 480 - 4},   // 4:2:2: 2 x 1
+        {3, true, {1, 2, 3, 4}, 640 - 3, 480 - 7},   // 4:4:4: 1 x 1
+        {0, true, {1, 2, 3, 4}, 640 - 3, 480 - 7},   // monochrome: 1 x 1
+        {1, false, {0, 0, 0, 2}, 640, 960 - 8},      // 4:2:0 fields: 2 x 4
+        {1, true, {319, 0, 0, 239}, 2, 2},           // the smallest picture left
     };
     for (const CropCase &c : cases) {
         H264Options o;
@@ -319,7 +319,8 @@ std::vector<uint8_t> makeHEVCSPS(unsigned subLayersMinus1, unsigned chroma, unsi
     w.u(4, 0).u(3, subLayersMinus1).u(1, 1);
     w.u(2, 0).u(1, 0).u(5, 2).u(32, 0x20000000).u(48, 0x900000000000ull).u(8, 93);
     for (unsigned i = 0; i < subLayersMinus1; ++i) w.u(1, 1).u(1, 1);
-    if (subLayersMinus1) for (unsigned i = subLayersMinus1; i < 8; ++i) w.u(2, 0);
+    if (subLayersMinus1)
+        for (unsigned i = subLayersMinus1; i < 8; ++i) w.u(2, 0);
     for (unsigned i = 0; i < subLayersMinus1; ++i) w.u(88, 0).u(8, 90);
     w.ue(0).ue(chroma);
     if (chroma == 3) w.u(1, 0);
@@ -335,9 +336,9 @@ std::vector<uint8_t> makeHEVCSPS(unsigned subLayersMinus1, unsigned chroma, unsi
             for (unsigned k = 0; k < std::min(64u, 1u << (4 + (size << 1))); ++k) w.se(k % 3 == 0 ? 1 : -1);
         }
     w.u(1, 0).u(1, 1).u(1, 0);
-    w.ue(2);                                                   // two short-term sets
+    w.ue(2);                                                  // two short-term sets
     w.ue(2).ue(1).ue(0).u(1, 1).ue(1).u(1, 1).ue(0).u(1, 0);  // 2 negative, 1 positive
-    w.u(1, 1).u(1, 0).ue(0);                                   // predicted from the first
+    w.u(1, 1).u(1, 0).ue(0);                                  // predicted from the first
     for (int j = 0; j <= 3; ++j) w.u(1, j % 2).u(j % 2 ? 0 : 1, 1);
     w.u(1, 1).ue(1).u(8, 5).u(1, 1);  // one long-term picture, lsb 8 bits
     w.u(1, 1).u(1, 1).u(1, 1);        // tmvp, smoothing, vui
@@ -378,9 +379,8 @@ TEST(SVParameterSetsHEVC, FieldsOutOfRangeAreRefused) {
     struct {
         unsigned layers, chroma, width, height;
         const unsigned *window;
-    } cases[] = {{7, 1, 1920, 1080, none}, {0, 4, 1920, 1080, none}, {0, 1, 0, 1080, none},
-                 {0, 1, 1920, 0, none},    {0, 1, 65536, 16, none},  {0, 1, 1920, 1080, wide},
-                 {0, 1, 1920, 1080, tall}};
+    } cases[] = {{7, 1, 1920, 1080, none}, {0, 4, 1920, 1080, none}, {0, 1, 0, 1080, none},   {0, 1, 1920, 0, none},
+                 {0, 1, 65536, 16, none},  {0, 1, 1920, 1080, wide}, {0, 1, 1920, 1080, tall}};
     for (const auto &c : cases) {
         const std::vector<uint8_t> nal = makeHEVCSPS(c.layers, c.chroma, c.width, c.height, c.window);
         SVHEVCSPS sps;
@@ -484,14 +484,34 @@ TEST(SVParameterSetsH264, MappedVUICodesBecomeImageBufferValues) {
         int chromaLoc;
         CFStringRef primaries, transfer, matrix, chroma;
     } cases[] = {
-        {{9, 16, 9}, false, 0, kCVImageBufferColorPrimaries_ITU_R_2020, kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ,
-         kCVImageBufferYCbCrMatrix_ITU_R_2020, kCVImageBufferChromaLocation_Left},
-        {{12, 18, 10}, true, 2, kCVImageBufferColorPrimaries_P3_D65, kCVImageBufferTransferFunction_ITU_R_2100_HLG,
-         kCVImageBufferYCbCrMatrix_ITU_R_2020, kCVImageBufferChromaLocation_TopLeft},
-        {{22, 13, 6}, false, 5, kCVImageBufferColorPrimaries_P22, kCVImageBufferTransferFunction_sRGB,
-         kCVImageBufferYCbCrMatrix_ITU_R_601_4, kCVImageBufferChromaLocation_Bottom},
-        {{11, 8, 7}, true, 1, kCVImageBufferColorPrimaries_DCI_P3, kCVImageBufferTransferFunction_Linear,
-         kCVImageBufferYCbCrMatrix_SMPTE_240M_1995, kCVImageBufferChromaLocation_Center},
+        {{9, 16, 9},
+         false,
+         0,
+         kCVImageBufferColorPrimaries_ITU_R_2020,
+         kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ,
+         kCVImageBufferYCbCrMatrix_ITU_R_2020,
+         kCVImageBufferChromaLocation_Left},
+        {{12, 18, 10},
+         true,
+         2,
+         kCVImageBufferColorPrimaries_P3_D65,
+         kCVImageBufferTransferFunction_ITU_R_2100_HLG,
+         kCVImageBufferYCbCrMatrix_ITU_R_2020,
+         kCVImageBufferChromaLocation_TopLeft},
+        {{22, 13, 6},
+         false,
+         5,
+         kCVImageBufferColorPrimaries_P22,
+         kCVImageBufferTransferFunction_sRGB,
+         kCVImageBufferYCbCrMatrix_ITU_R_601_4,
+         kCVImageBufferChromaLocation_Bottom},
+        {{11, 8, 7},
+         true,
+         1,
+         kCVImageBufferColorPrimaries_DCI_P3,
+         kCVImageBufferTransferFunction_Linear,
+         kCVImageBufferYCbCrMatrix_SMPTE_240M_1995,
+         kCVImageBufferChromaLocation_Center},
     };
     for (const auto &c : cases) {
         H264Options o;
@@ -506,7 +526,8 @@ TEST(SVParameterSetsH264, MappedVUICodesBecomeImageBufferValues) {
         EXPECT_TRUE(CFEqual(SVFormatDescriptionGetExtension(desc, kCVImageBufferColorPrimariesKey), c.primaries));
         EXPECT_TRUE(CFEqual(SVFormatDescriptionGetExtension(desc, kCVImageBufferTransferFunctionKey), c.transfer));
         EXPECT_TRUE(CFEqual(SVFormatDescriptionGetExtension(desc, kCVImageBufferYCbCrMatrixKey), c.matrix));
-        EXPECT_TRUE(CFEqual(SVFormatDescriptionGetExtension(desc, kCVImageBufferChromaLocationBottomFieldKey), c.chroma));
+        EXPECT_TRUE(
+            CFEqual(SVFormatDescriptionGetExtension(desc, kCVImageBufferChromaLocationBottomFieldKey), c.chroma));
         EXPECT_EQ(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_FullRangeVideo),
                   c.fullRange ? kCFBooleanTrue : nullptr);
         CFRelease(desc);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Block buffers: pieces and references, every call's statuses, the two
 // logged refusals, allocation on demand and ownership of blocks.
 
@@ -60,7 +61,8 @@ struct CountingSource {
     bool refuse = false;
     size_t lastFreedSize = 0;
     SVBlockBufferCustomBlockSource source() {
-        return {0, [](void *refCon, size_t size) -> void * {
+        return {0,
+                [](void *refCon, size_t size) -> void * {
                     auto *me = static_cast<CountingSource *>(refCon);
                     if (me->refuse) return nullptr;
                     me->allocations++;
@@ -200,7 +202,8 @@ TEST(SVBlockBuffer, AssureMemoryNowAllocatesOrFailsCleanly) {
 TEST(SVBlockBuffer, UnallocatedBlocksAreAllocatedOnlyByWriters) {
     TestAllocator blocks;
     Buf buffer;
-    ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, 4, blocks.get(), nullptr, 0, 4, 0, &buffer.ref), kOK);
+    ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, 4, blocks.get(), nullptr, 0, 4, 0, &buffer.ref),
+              kOK);
     ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, nullptr, 6, blocks.get(), nullptr, 1, 5, 0), kOK);
     char bytes[9] = {}, *pointer;
     EXPECT_EQ(SVBlockBufferGetDataPointer(buffer, 5, nullptr, nullptr, &pointer), kUnallocated);
@@ -218,7 +221,8 @@ TEST(SVBlockBuffer, UnallocatedBlocksAreAllocatedOnlyByWriters) {
     // Assure stops at the first failure and keeps what it allocated.
     Buf lazy;
     ASSERT_EQ(SVBlockBufferCreateEmpty(nullptr, 0, 0, &lazy.ref), kOK);
-    for (int i = 0; i < 3; i++) ASSERT_EQ(SVBlockBufferAppendMemoryBlock(lazy, nullptr, 4, blocks.get(), nullptr, 0, 4, 0), kOK);
+    for (int i = 0; i < 3; i++)
+        ASSERT_EQ(SVBlockBufferAppendMemoryBlock(lazy, nullptr, 4, blocks.get(), nullptr, 0, 4, 0), kOK);
     blocks.failAfter(1);
     EXPECT_EQ(SVBlockBufferAssureBlockMemory(lazy), kSVBlockBufferBlockAllocationFailedErr);
     EXPECT_EQ(SVBlockBufferIsRangeContiguous(lazy, 0, 4), true);
@@ -284,7 +288,7 @@ TEST(SVBlockBuffer, ReferenceRangesAreChecked) {
         OSStatus status;
         size_t added;
     };
-    const Case cases[] = {{0, 0, kOK, 8}, {7, 0, kOK, 1}, {7, 1, kOK, 1}, {8, 0, kBadOffset, 0},
+    const Case cases[] = {{0, 0, kOK, 8},        {7, 0, kOK, 1},        {7, 1, kOK, 1},        {8, 0, kBadOffset, 0},
                           {9, 1, kBadOffset, 0}, {7, 2, kBadLength, 0}, {0, 9, kBadLength, 0}, {2, 6, kOK, 6}};
     size_t expected = 0;
     for (const Case &c : cases) {
@@ -321,8 +325,13 @@ TEST(SVBlockBuffer, CopyAndReplaceCheckTheirRange) {
         size_t offset, length;
         OSStatus status;
     };
-    const Case cases[] = {{0, 8, kOK}, {7, 1, kOK}, {8, 1, kBadOffset}, {0, 0, kBadLength},
-                          {7, 2, kBadLength}, {SIZE_MAX, 1, kBadOffset}, {1, SIZE_MAX, kBadLength}};
+    const Case cases[] = {{0, 8, kOK},
+                          {7, 1, kOK},
+                          {8, 1, kBadOffset},
+                          {0, 0, kBadLength},
+                          {7, 2, kBadLength},
+                          {SIZE_MAX, 1, kBadOffset},
+                          {1, SIZE_MAX, kBadLength}};
     for (const Case &c : cases) {
         EXPECT_EQ(SVBlockBufferCopyDataBytes(buffer, c.offset, c.length, out), c.status) << c.offset << "+" << c.length;
         EXPECT_EQ(SVBlockBufferReplaceDataBytes(out, buffer, c.offset, c.length), c.status);
@@ -357,8 +366,10 @@ TEST(SVBlockBuffer, AccessDataBytes) {
         void *temporary;
         OSStatus status;
     };
-    const Case cases[] = {{buffer, 0, 1, nullptr, kBadPointer}, {nullptr, 0, 1, temporary, kBadPointer},
-                          {buffer, 0, 0, temporary, kBadLength}, {buffer, 8, 1, temporary, kBadOffset},
+    const Case cases[] = {{buffer, 0, 1, nullptr, kBadPointer},
+                          {nullptr, 0, 1, temporary, kBadPointer},
+                          {buffer, 0, 0, temporary, kBadLength},
+                          {buffer, 8, 1, temporary, kBadOffset},
                           {buffer, 6, 3, temporary, kBadLength}};
     for (const Case &c : cases) {
         pointer = temporary;
@@ -399,8 +410,11 @@ TEST(SVBlockBuffer, CreateContiguousSharesOrCopies) {
         bool copies;
         const char *bytes;
     };
-    const Case cases[] = {{4, 0, 0, false, "efgh"}, {1, 2, 0, false, "bc"}, {1, 2, kSVBlockBufferAlwaysCopyDataFlag, true, "bc"},
-                          {2, 4, 0, true, "cdef"}, {0, 0, 0, true, "abcdefgh"}};
+    const Case cases[] = {{4, 0, 0, false, "efgh"},
+                          {1, 2, 0, false, "bc"},
+                          {1, 2, kSVBlockBufferAlwaysCopyDataFlag, true, "bc"},
+                          {2, 4, 0, true, "cdef"},
+                          {0, 0, 0, true, "abcdefgh"}};
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << c.offset << "+" << c.length);
         const long before = blocks.allocations();
@@ -429,8 +443,10 @@ TEST(SVBlockBuffer, CreateContiguousSharesOrCopies) {
         const SVBlockBufferCustomBlockSource *custom;
         OSStatus status;
     };
-    const Failure failures[] = {{nullptr, 0, 4, 0, nullptr, kBadPointer},  {lazy, 0, 4, 0, nullptr, kUnallocated},
-                                {source, 8, 0, 0, nullptr, kBadOffset},   {source, 4, 5, 0, nullptr, kBadLength},
+    const Failure failures[] = {{nullptr, 0, 4, 0, nullptr, kBadPointer},
+                                {lazy, 0, 4, 0, nullptr, kUnallocated},
+                                {source, 8, 0, 0, nullptr, kBadOffset},
+                                {source, 4, 5, 0, nullptr, kBadLength},
                                 {source, 0, 6, 0, &custom, kSVBlockBufferBlockAllocationFailedErr},
                                 {lazy, 0, 2, kSVBlockBufferAlwaysCopyDataFlag, nullptr, kUnallocated}};
     TestAllocator structure;
@@ -454,8 +470,8 @@ TEST(SVBlockBuffer, IsRangeContiguous) {
         size_t offset, length;
         bool contiguous;
     };
-    const Case cases[] = {{buffer, 0, 3, true}, {buffer, 0, 4, false}, {buffer, 3, 5, true}, {buffer, 3, 0, true},
-                          {buffer, 0, 0, false}, {buffer, 7, 0, true}, {buffer, 8, 0, false}, {nullptr, 0, 1, false}};
+    const Case cases[] = {{buffer, 0, 3, true},  {buffer, 0, 4, false}, {buffer, 3, 5, true},  {buffer, 3, 0, true},
+                          {buffer, 0, 0, false}, {buffer, 7, 0, true},  {buffer, 8, 0, false}, {nullptr, 0, 1, false}};
     for (const Case &c : cases)
         EXPECT_EQ(SVBlockBufferIsRangeContiguous(c.buffer, c.offset, c.length), c.contiguous)
             << c.offset << "+" << c.length;
@@ -468,7 +484,8 @@ TEST(SVBlockBuffer, FinalizeGivesBlocksBackToTheirOwners) {
     char kept[4] = "abc";
     {
         Buf buffer;
-        ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, kept, 4, kCFAllocatorNull, nullptr, 0, 3, 0, &buffer.ref), kOK);
+        ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, kept, 4, kCFAllocatorNull, nullptr, 0, 3, 0, &buffer.ref),
+                  kOK);
         void *given = CFAllocatorAllocate(owner.get(), 16, 0);
         ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, given, 16, owner.get(), nullptr, 0, 16, 0), kOK);
         ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, nullptr, 16, owner.get(), nullptr, 0, 16, 0), kOK);

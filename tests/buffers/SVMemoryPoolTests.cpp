@@ -1,9 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory pool: reuse by page-rounded size, lazy age-out, reallocation,
 // invalidation, the leak warning and the allocator under two threads.
 
 #include <Sorvel/SVMemoryPool.h>
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <atomic>

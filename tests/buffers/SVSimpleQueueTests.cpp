@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simple queue: capacity round-up, fullness, the wrap of the counts
 // after a reset, and one producer with one consumer at full speed.
 
@@ -24,7 +25,9 @@ namespace {
 #define SV_TEST_SANITIZED 1
 #endif
 
-const void *element(uintptr_t n) { return reinterpret_cast<const void *>(n); }
+const void *element(uintptr_t n) {
+    return reinterpret_cast<const void *>(n);
+}
 
 struct Queue {
     SVSimpleQueueRef ref = nullptr;

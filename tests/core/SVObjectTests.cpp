@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The object glue every family builds on: lazy registration exactly once,
 // instance creation through the runtime, the log gate and the fatal stops.
 
@@ -43,7 +44,14 @@ CFStringRef testWidgetCopyFormattingDescription(CFTypeRef cf, CFDictionaryRef) {
 }
 
 const CFRuntimeClass kTestWidgetClass = {
-    0,       "TestWidget", nullptr, nullptr, testWidgetFinalize, nullptr, nullptr, testWidgetCopyFormattingDescription,
+    0,
+    "TestWidget",
+    nullptr,
+    nullptr,
+    testWidgetFinalize,
+    nullptr,
+    nullptr,
+    testWidgetCopyFormattingDescription,
     testWidgetCopyDebugDescription,
 };
 
@@ -152,7 +160,8 @@ TEST(SVObject, AllocationFailureIsReportedAndLogged) {
     EXPECT_EQ(capture.lines()[0].level, 3);
     EXPECT_EQ(capture.lines()[0].function, "TestWidgetCreate");
     EXPECT_EQ(capture.lines()[0].path, "Sorvel/Sources/SVTestWidget");
-    EXPECT_EQ(capture.lines()[0].message.rfind("allocation failed (-12701) for 0x", 0), 0u) << capture.lines()[0].message;
+    EXPECT_EQ(capture.lines()[0].message.rfind("allocation failed (-12701) for 0x", 0), 0u)
+        << capture.lines()[0].message;
 }
 
 TEST(SVObject, AllocatorIsKeptByTheInstance) {

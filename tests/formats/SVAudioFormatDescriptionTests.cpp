@@ -1,10 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // Audio format descriptions: creation with its statuses, log line and
 // allocation failures, payload copies and getters, the summary arithmetic,
 // the equality mask rules (FLT_EPSILON rates and coordinates, the layout tag
 // as a gate, layouts shorter than a record), the golden description and the
 // format-list queries with their log lines and cache.
 #include <Sorvel/SVFormatDescription.h>
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -237,7 +237,8 @@ TEST(SVAudioFormatDescriptionSummaryTest, TakesTheMaximaAndComputesPCMSizes) {
                   kSVFormatDescriptionError_InvalidParameter);
         CFRelease(array);
     }
-    EXPECT_EQ(SVAudioFormatDescriptionCreateSummary(nullptr, nullptr, 0, nullptr), kSVFormatDescriptionError_InvalidParameter);
+    EXPECT_EQ(SVAudioFormatDescriptionCreateSummary(nullptr, nullptr, 0, nullptr),
+              kSVFormatDescriptionError_InvalidParameter);
     for (CFTypeRef cf : {CFTypeRef(a), CFTypeRef(b), CFTypeRef(aac), CFTypeRef(video)}) CFRelease(cf);
 }
 

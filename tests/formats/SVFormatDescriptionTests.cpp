@@ -1,10 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // The format-description core and its text getters: accepted media types,
 // extension copies and allocation failure, equality rules and their stops,
 // golden description texts, the exported key constants, the text gate with
 // its statuses and log lines, text-box geometry and style, and every entry
 // point that stops as not implemented.
 #include <Sorvel/SVFormatDescription.h>
-
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -44,7 +44,9 @@ std::string address(const void *p) {
     return buffer;
 }
 
-CFNumberRef number(int value) { return CFNumberCreate(nullptr, kCFNumberIntType, &value); }
+CFNumberRef number(int value) {
+    return CFNumberCreate(nullptr, kCFNumberIntType, &value);
+}
 
 // A dictionary from alternating keys and values; the values are released
 // (they are made for the call).
@@ -77,8 +79,15 @@ TEST(SVFormatDescriptionCreateTest, AcceptsTheSevenMediaTypesOnly) {
     const struct {
         SVMediaType type;
         OSStatus status;
-    } cases[] = {{'soun', 0}, {'text', 0}, {'clcp', 0}, {'muxx', 0}, {'sbtl', 0}, {'vide', 0}, {'tmcd', 0},
-                 {'meta', kSVFormatDescriptionError_InvalidParameter}, {'abcd', kSVFormatDescriptionError_InvalidParameter},
+    } cases[] = {{'soun', 0},
+                 {'text', 0},
+                 {'clcp', 0},
+                 {'muxx', 0},
+                 {'sbtl', 0},
+                 {'vide', 0},
+                 {'tmcd', 0},
+                 {'meta', kSVFormatDescriptionError_InvalidParameter},
+                 {'abcd', kSVFormatDescriptionError_InvalidParameter},
                  {0, kSVFormatDescriptionError_InvalidParameter}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.type);
@@ -95,7 +104,8 @@ TEST(SVFormatDescriptionCreateTest, AcceptsTheSevenMediaTypesOnly) {
         EXPECT_EQ(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_FormatName), nullptr);
         CFRelease(desc);
     }
-    EXPECT_EQ(SVFormatDescriptionCreate(nullptr, 'soun', 0, nullptr, nullptr), kSVFormatDescriptionError_InvalidParameter);
+    EXPECT_EQ(SVFormatDescriptionCreate(nullptr, 'soun', 0, nullptr, nullptr),
+              kSVFormatDescriptionError_InvalidParameter);
     EXPECT_EQ(SVFormatDescriptionGetMediaType(nullptr), 0u);
     EXPECT_EQ(SVFormatDescriptionGetMediaSubType(nullptr), 0u);
     EXPECT_EQ(SVFormatDescriptionGetExtensions(nullptr), nullptr);
@@ -112,8 +122,8 @@ TEST(SVFormatDescriptionCreateTest, ExtensionsAreAnImmutableCopyFromTheDefaultAl
     EXPECT_EQ(allocator.outstanding(), 1) << "only the object itself comes from the caller's allocator";
     CFDictionarySetValue(extensions, kSVFormatDescriptionExtension_FormatName, CFSTR("changed"));
     EXPECT_NE(SVFormatDescriptionGetExtensions(desc), extensions);
-    EXPECT_TRUE(CFEqual(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_FormatName),
-                        CFSTR("a name")));
+    EXPECT_TRUE(
+        CFEqual(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_FormatName), CFSTR("a name")));
     EXPECT_EQ(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_Depth), nullptr);
     CFRelease(desc);
     CFRelease(extensions);
@@ -215,8 +225,8 @@ TEST(SVFormatDescriptionEqualTest, VideoComparesDimensionsParameterSetsAndHeader
         EXPECT_EQ(SVFormatDescriptionEqual(base, c.other), c.equal) << c.what;
         CFRelease(c.other);
     }
-    EXPECT_EQ(describe(base), "<SVFormatDescription " + address(base) +
-                                  " {Video/avc1 width=640 height=480 p[0]=6742001E p[1]=68CE}>");
+    EXPECT_EQ(describe(base),
+              "<SVFormatDescription " + address(base) + " {Video/avc1 width=640 height=480 p[0]=6742001E p[1]=68CE}>");
     CFRelease(base);
     SVFormatDescriptionRef bare = video(nullptr, 1, 2, {}, 0);
     EXPECT_EQ(describe(bare), "<SVFormatDescription " + address(bare) + " {Video/avc1 width=1 height=2 }>");
@@ -232,15 +242,16 @@ TEST(SVFormatDescriptionDescriptionTest, GoldenTexts) {
         SVMediaType type;
         FourCharCode subtype;
         const char *name;
-    } cases[] = {{'text', kTx3g, "Text"},       {'sbtl', 'wvtt', "Subtitle"}, {'clcp', 'c608', "ClosedCaption"},
+    } cases[] = {{'text', kTx3g, "Text"},      {'sbtl', 'wvtt', "Subtitle"}, {'clcp', 'c608', "ClosedCaption"},
                  {'tmcd', 'tmcd', "TimeCode"}, {'muxx', 'mp2t', "Muxed"},    {'soun', 'lpcm', "Audio"}};
     for (const auto &c : cases) {
         SVFormatDescriptionRef desc = create(c.type, c.subtype);
         char subtype[5] = {char(c.subtype >> 24), char(c.subtype >> 16), char(c.subtype >> 8), char(c.subtype), 0};
         std::string expected = "<SVFormatDescription " + address(desc) + " {" + c.name + "/" + subtype;
         if (c.type == 'soun')
-            expected += " layoutSize=0 magicCookieSize=0 bitsPerChannel=0 bytesPerFrame=0 bytesPerPacket=0 "
-                        "channelsPerFrame=0 formatFlags=0 formatID=0 framesPerPacket=0 sampleRate=0.000000";
+            expected +=
+                " layoutSize=0 magicCookieSize=0 bitsPerChannel=0 bytesPerFrame=0 bytesPerPacket=0 "
+                "channelsPerFrame=0 formatFlags=0 formatID=0 framesPerPacket=0 sampleRate=0.000000";
         EXPECT_EQ(describe(desc), expected + "}>");
         CFStringRef formatted = CFStringCreateWithFormat(nullptr, nullptr, CFSTR("%@"), desc);
         EXPECT_EQ(text(formatted), expected + "}>") << "formatting and debug descriptions agree";
@@ -255,24 +266,34 @@ TEST(SVFormatDescriptionDescriptionTest, GoldenTexts) {
 }
 
 TEST(SVFormatDescriptionConstantsTest, EveryKeyIsItsOwnName) {
-#define NAMED(key) {key, #key}
+#define NAMED(key) \
+    { key, #key }
     const struct {
         CFStringRef key;
         const char *name;
     } keys[] = {
-        NAMED(kSVFormatDescriptionExtension_FormatName), NAMED(kSVFormatDescriptionExtension_FullRangeVideo),
+        NAMED(kSVFormatDescriptionExtension_FormatName),
+        NAMED(kSVFormatDescriptionExtension_FullRangeVideo),
         NAMED(kSVFormatDescriptionExtension_OriginalCompressionSettings),
         NAMED(kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms),
         NAMED(kSVFormatDescriptionExtension_VerbatimISOSampleEntry),
         NAMED(kSVFormatDescriptionExtension_VerbatimSampleDescription),
-        NAMED(kSVFormatDescriptionConformsToMPEG2VideoProfile), NAMED(kSVFormatDescriptionExtension_TemporalQuality),
-        NAMED(kSVFormatDescriptionExtension_SpatialQuality), NAMED(kSVFormatDescriptionExtension_Version),
-        NAMED(kSVFormatDescriptionExtension_RevisionLevel), NAMED(kSVFormatDescriptionExtension_Vendor),
-        NAMED(kSVFormatDescriptionVendor_Sorvel), NAMED(kSVFormatDescriptionExtension_ICCProfile),
-        NAMED(kSVFormatDescriptionExtension_BytesPerRow), NAMED(kSVFormatDescriptionExtension_Depth),
-        NAMED(kSVFormatDescriptionColorPrimaries_P22), NAMED(kSVFormatDescriptionExtension_HorizontalResolution),
-        NAMED(kSVFormatDescriptionExtension_VerticalResolution), NAMED(kSVFormatDescriptionExtension_CompressorName),
-        NAMED(kSVFormatDescriptionExtension_FrameCount), NAMED(kSVFormatDescriptionExtension_ColorTableID),
+        NAMED(kSVFormatDescriptionConformsToMPEG2VideoProfile),
+        NAMED(kSVFormatDescriptionExtension_TemporalQuality),
+        NAMED(kSVFormatDescriptionExtension_SpatialQuality),
+        NAMED(kSVFormatDescriptionExtension_Version),
+        NAMED(kSVFormatDescriptionExtension_RevisionLevel),
+        NAMED(kSVFormatDescriptionExtension_Vendor),
+        NAMED(kSVFormatDescriptionVendor_Sorvel),
+        NAMED(kSVFormatDescriptionExtension_ICCProfile),
+        NAMED(kSVFormatDescriptionExtension_BytesPerRow),
+        NAMED(kSVFormatDescriptionExtension_Depth),
+        NAMED(kSVFormatDescriptionColorPrimaries_P22),
+        NAMED(kSVFormatDescriptionExtension_HorizontalResolution),
+        NAMED(kSVFormatDescriptionExtension_VerticalResolution),
+        NAMED(kSVFormatDescriptionExtension_CompressorName),
+        NAMED(kSVFormatDescriptionExtension_FrameCount),
+        NAMED(kSVFormatDescriptionExtension_ColorTableID),
         NAMED(kSVFormatDescriptionExtensionKey_MetadataKeyTable),
         NAMED(kSVFormatDescriptionKey_CleanApertureWidthRational),
         NAMED(kSVFormatDescriptionKey_CleanApertureHeightRational),
@@ -282,37 +303,58 @@ TEST(SVFormatDescriptionConstantsTest, EveryKeyIsItsOwnName) {
         NAMED(kSVFormatDescriptionKey_MPEG4ElementaryStreamDescriptorFlag),
         NAMED(kSVFormatDescriptionKey_MPEG4ElementaryStreamDescriptorElementaryStreamDescriptor),
         NAMED(kSVFormatDescriptionKey_AVCDecoderConfigurationRecord),
-        NAMED(kSVFormatDescriptionKey_ColorParameterType), NAMED(kSVFormatDescriptionKey_QuantizationTable),
-        NAMED(kSVFormatDescriptionKey_HuffmanTable), NAMED(kSVTextFormatDescriptionExtension_DisplayFlags),
+        NAMED(kSVFormatDescriptionKey_ColorParameterType),
+        NAMED(kSVFormatDescriptionKey_QuantizationTable),
+        NAMED(kSVFormatDescriptionKey_HuffmanTable),
+        NAMED(kSVTextFormatDescriptionExtension_DisplayFlags),
         NAMED(kSVTextFormatDescriptionExtension_BackgroundColor),
-        NAMED(kSVTextFormatDescriptionExtension_DefaultTextBox), NAMED(kSVTextFormatDescriptionExtension_DefaultStyle),
+        NAMED(kSVTextFormatDescriptionExtension_DefaultTextBox),
+        NAMED(kSVTextFormatDescriptionExtension_DefaultStyle),
         NAMED(kSVTextFormatDescriptionExtension_HorizontalJustification),
         NAMED(kSVTextFormatDescriptionExtension_VerticalJustification),
-        NAMED(kSVTextFormatDescriptionExtension_FontTable), NAMED(kSVTextFormatDescriptionExtension_TextJustification),
-        NAMED(kSVTextFormatDescriptionExtension_DefaultFontName), NAMED(kSVTextFormatDescriptionColor_Red),
-        NAMED(kSVTextFormatDescriptionColor_Green), NAMED(kSVTextFormatDescriptionColor_Blue),
-        NAMED(kSVTextFormatDescriptionColor_Alpha), NAMED(kSVTextFormatDescriptionRect_Top),
-        NAMED(kSVTextFormatDescriptionRect_Left), NAMED(kSVTextFormatDescriptionRect_Bottom),
-        NAMED(kSVTextFormatDescriptionRect_Right), NAMED(kSVTextFormatDescriptionStyle_StartChar),
-        NAMED(kSVTextFormatDescriptionStyle_EndChar), NAMED(kSVTextFormatDescriptionStyle_Font),
-        NAMED(kSVTextFormatDescriptionStyle_FontFace), NAMED(kSVTextFormatDescriptionStyle_ForegroundColor),
-        NAMED(kSVTextFormatDescriptionStyle_FontSize), NAMED(kSVTextFormatDescriptionStyle_Height),
-        NAMED(kSVTextFormatDescriptionStyle_Ascent), NAMED(kSVTimeCodeFormatDescriptionExtension_SourceReferenceName),
-        NAMED(kSVTimeCodeFormatDescriptionKey_Value), NAMED(kSVTimeCodeFormatDescriptionKey_LangCode),
-        NAMED(kSVMetadataFormatDescriptionKey_LocalID), NAMED(kSVMetadataFormatDescriptionKey_Namespace),
-        NAMED(kSVMetadataFormatDescriptionKey_Value), NAMED(kSVMetadataFormatDescriptionKey_DataType),
+        NAMED(kSVTextFormatDescriptionExtension_FontTable),
+        NAMED(kSVTextFormatDescriptionExtension_TextJustification),
+        NAMED(kSVTextFormatDescriptionExtension_DefaultFontName),
+        NAMED(kSVTextFormatDescriptionColor_Red),
+        NAMED(kSVTextFormatDescriptionColor_Green),
+        NAMED(kSVTextFormatDescriptionColor_Blue),
+        NAMED(kSVTextFormatDescriptionColor_Alpha),
+        NAMED(kSVTextFormatDescriptionRect_Top),
+        NAMED(kSVTextFormatDescriptionRect_Left),
+        NAMED(kSVTextFormatDescriptionRect_Bottom),
+        NAMED(kSVTextFormatDescriptionRect_Right),
+        NAMED(kSVTextFormatDescriptionStyle_StartChar),
+        NAMED(kSVTextFormatDescriptionStyle_EndChar),
+        NAMED(kSVTextFormatDescriptionStyle_Font),
+        NAMED(kSVTextFormatDescriptionStyle_FontFace),
+        NAMED(kSVTextFormatDescriptionStyle_ForegroundColor),
+        NAMED(kSVTextFormatDescriptionStyle_FontSize),
+        NAMED(kSVTextFormatDescriptionStyle_Height),
+        NAMED(kSVTextFormatDescriptionStyle_Ascent),
+        NAMED(kSVTimeCodeFormatDescriptionExtension_SourceReferenceName),
+        NAMED(kSVTimeCodeFormatDescriptionKey_Value),
+        NAMED(kSVTimeCodeFormatDescriptionKey_LangCode),
+        NAMED(kSVMetadataFormatDescriptionKey_LocalID),
+        NAMED(kSVMetadataFormatDescriptionKey_Namespace),
+        NAMED(kSVMetadataFormatDescriptionKey_Value),
+        NAMED(kSVMetadataFormatDescriptionKey_DataType),
         NAMED(kSVMetadataFormatDescriptionKey_DataTypeNamespace),
-        NAMED(kSVMetadataFormatDescriptionKey_ConformingDataTypes), NAMED(kSVMetadataFormatDescriptionKey_LanguageTag),
-        NAMED(kSVMetadataFormatDescriptionKey_StructuralDependency), NAMED(kSVMetadataFormatDescriptionKey_SetupData),
+        NAMED(kSVMetadataFormatDescriptionKey_ConformingDataTypes),
+        NAMED(kSVMetadataFormatDescriptionKey_LanguageTag),
+        NAMED(kSVMetadataFormatDescriptionKey_StructuralDependency),
+        NAMED(kSVMetadataFormatDescriptionKey_SetupData),
         NAMED(kSVMetadataFormatDescription_StructuralDependencyKey_DependencyIsInvalidFlag),
         NAMED(kSVMetadataFormatDescriptionMetadataSpecificationKey_Identifier),
         NAMED(kSVMetadataFormatDescriptionMetadataSpecificationKey_DataType),
         NAMED(kSVMetadataFormatDescriptionMetadataSpecificationKey_ExtendedLanguageTag),
         NAMED(kSVMetadataFormatDescriptionMetadataSpecificationKey_SetupData),
         NAMED(kSVMetadataFormatDescriptionMetadataSpecificationKey_StructuralDependency),
-        NAMED(kSVImageDescriptionFlavor_QuickTimeMovie), NAMED(kSVImageDescriptionFlavor_ISOFamily),
-        NAMED(kSVImageDescriptionFlavor_3GPFamily), NAMED(kSVSoundDescriptionFlavor_QuickTimeMovie),
-        NAMED(kSVSoundDescriptionFlavor_QuickTimeMovieV2), NAMED(kSVSoundDescriptionFlavor_ISOFamily),
+        NAMED(kSVImageDescriptionFlavor_QuickTimeMovie),
+        NAMED(kSVImageDescriptionFlavor_ISOFamily),
+        NAMED(kSVImageDescriptionFlavor_3GPFamily),
+        NAMED(kSVSoundDescriptionFlavor_QuickTimeMovie),
+        NAMED(kSVSoundDescriptionFlavor_QuickTimeMovieV2),
+        NAMED(kSVSoundDescriptionFlavor_ISOFamily),
         NAMED(kSVSoundDescriptionFlavor_3GPFamily),
     };
 #undef NAMED
@@ -365,12 +407,11 @@ TEST(SVTextFormatDescriptionTest, DisplayFlagsAndJustification) {
     SVFormatDescriptionRef empty = textWith(dictionary({}));
     SVFormatDescriptionRef wrongType =
         textWith(dictionary({{kSVTextFormatDescriptionExtension_DisplayFlags, CFRetain(CFSTR("0x20"))}}));
-    SVFormatDescriptionRef full = textWith(dictionary({{kSVTextFormatDescriptionExtension_DisplayFlags, number(0x60)},
-                                                       {kSVTextFormatDescriptionExtension_HorizontalJustification,
-                                                        number(-1)},
-                                                       {kSVTextFormatDescriptionExtension_VerticalJustification,
-                                                        number(0x101)}}),
-                                           kSVMediaType_Subtitle);
+    SVFormatDescriptionRef full =
+        textWith(dictionary({{kSVTextFormatDescriptionExtension_DisplayFlags, number(0x60)},
+                             {kSVTextFormatDescriptionExtension_HorizontalJustification, number(-1)},
+                             {kSVTextFormatDescriptionExtension_VerticalJustification, number(0x101)}}),
+                 kSVMediaType_Subtitle);
     SVFormatDescriptionRef horizontalOnly =
         textWith(dictionary({{kSVTextFormatDescriptionExtension_HorizontalJustification, number(1)}}));
 
@@ -411,11 +452,11 @@ TEST(SVTextFormatDescriptionTest, DefaultTextBoxGeometry) {
         Float32 width, height;
     } cases[] = {
         {10, 20, 110, 220, true, 0, 200, 100},
-        {110, 20, 10, 220, false, 60, 200, 60},       // clamped to the track
-        {110, 20, 10, 220, false, 500, 200, 100},     // not clamped
-        {110, 20, 10, 220, false, 60.9f, 200, 60},    // track height truncated
-        {10, 20, 110, 220, true, 5, 200, 100},        // no clamp from the top left
-        {10, 220, 110, 20, true, 0, -200, 100},       // reversed edges give negative sizes
+        {110, 20, 10, 220, false, 60, 200, 60},                   // clamped to the track
+        {110, 20, 10, 220, false, 500, 200, 100},                 // not clamped
+        {110, 20, 10, 220, false, 60.9f, 200, 60},                // track height truncated
+        {10, 20, 110, 220, true, 5, 200, 100},                    // no clamp from the top left
+        {10, 220, 110, 20, true, 0, -200, 100},                   // reversed edges give negative sizes
         {0, INT32_MIN, 0, INT32_MAX, true, 0, 4294967295.0f, 0},  // no overflow
     };
     for (const auto &c : cases) {
@@ -429,14 +470,16 @@ TEST(SVTextFormatDescriptionTest, DefaultTextBoxGeometry) {
         EXPECT_EQ(box.size.height, c.height);
         CFRelease(desc);
     }
-    SVFormatDescriptionRef noRight = textWith(dictionary(
-        {{kSVTextFormatDescriptionExtension_DefaultTextBox,
-          dictionary({{kSVTextFormatDescriptionRect_Top, number(1)}, {kSVTextFormatDescriptionRect_Left, number(1)},
-                      {kSVTextFormatDescriptionRect_Bottom, number(1)}})}}));
+    SVFormatDescriptionRef noRight =
+        textWith(dictionary({{kSVTextFormatDescriptionExtension_DefaultTextBox,
+                              dictionary({{kSVTextFormatDescriptionRect_Top, number(1)},
+                                          {kSVTextFormatDescriptionRect_Left, number(1)},
+                                          {kSVTextFormatDescriptionRect_Bottom, number(1)}})}}));
     SVFormatDescriptionRef notADictionary =
         textWith(dictionary({{kSVTextFormatDescriptionExtension_DefaultTextBox, number(3)}}));
     SVTextRect box = {};
-    EXPECT_EQ(SVTextFormatDescriptionGetDefaultTextBox(noRight, true, 0, &box), kSVFormatDescriptionError_ValueNotAvailable);
+    EXPECT_EQ(SVTextFormatDescriptionGetDefaultTextBox(noRight, true, 0, &box),
+              kSVFormatDescriptionError_ValueNotAvailable);
     EXPECT_EQ(SVTextFormatDescriptionGetDefaultTextBox(notADictionary, true, 0, &box),
               kSVFormatDescriptionError_ValueNotAvailable);
     CFRelease(noRight);
@@ -444,18 +487,18 @@ TEST(SVTextFormatDescriptionTest, DefaultTextBoxGeometry) {
 }
 
 TEST(SVTextFormatDescriptionTest, DefaultStyleAndFontNames) {
-    SVFormatDescriptionRef desc = textWith(dictionary(
-        {{kSVTextFormatDescriptionExtension_DefaultStyle,
-          dictionary({{kSVTextFormatDescriptionStyle_Font, number(3)},
-                      {kSVTextFormatDescriptionStyle_FontSize, number(24)},
-                      {kSVTextFormatDescriptionStyle_FontFace, number(7)},
-                      {kSVTextFormatDescriptionStyle_ForegroundColor,
-                       dictionary({{kSVTextFormatDescriptionColor_Red, number(255)},
-                                   {kSVTextFormatDescriptionColor_Green, number(128)},
-                                   {kSVTextFormatDescriptionColor_Blue, number(0)},
-                                   {kSVTextFormatDescriptionColor_Alpha, number(255)}})}})},
-         {kSVTextFormatDescriptionExtension_FontTable,
-          dictionary({{CFSTR("3"), CFRetain(CFSTR("Serif"))}, {CFSTR("5"), number(5)}})}}));
+    SVFormatDescriptionRef desc =
+        textWith(dictionary({{kSVTextFormatDescriptionExtension_DefaultStyle,
+                              dictionary({{kSVTextFormatDescriptionStyle_Font, number(3)},
+                                          {kSVTextFormatDescriptionStyle_FontSize, number(24)},
+                                          {kSVTextFormatDescriptionStyle_FontFace, number(7)},
+                                          {kSVTextFormatDescriptionStyle_ForegroundColor,
+                                           dictionary({{kSVTextFormatDescriptionColor_Red, number(255)},
+                                                       {kSVTextFormatDescriptionColor_Green, number(128)},
+                                                       {kSVTextFormatDescriptionColor_Blue, number(0)},
+                                                       {kSVTextFormatDescriptionColor_Alpha, number(255)}})}})},
+                             {kSVTextFormatDescriptionExtension_FontTable,
+                              dictionary({{CFSTR("3"), CFRetain(CFSTR("Serif"))}, {CFSTR("5"), number(5)}})}}));
     LogCapture capture(4);
     uint16_t font = 0;
     Boolean bold = true, italic = true, underline = true;
@@ -487,10 +530,10 @@ TEST(SVTextFormatDescriptionTest, DefaultStyleAndFontNames) {
 
     // No colour: the colour output is left alone; no style or font table:
     // not available.
-    SVFormatDescriptionRef plain = textWith(dictionary({{kSVTextFormatDescriptionExtension_DefaultStyle,
-                                                         dictionary({{kSVTextFormatDescriptionStyle_Font, number(1)},
-                                                                     {kSVTextFormatDescriptionStyle_FontSize,
-                                                                      number(12)}})}}));
+    SVFormatDescriptionRef plain =
+        textWith(dictionary({{kSVTextFormatDescriptionExtension_DefaultStyle,
+                              dictionary({{kSVTextFormatDescriptionStyle_Font, number(1)},
+                                          {kSVTextFormatDescriptionStyle_FontSize, number(12)}})}}));
     Float32 kept[4] = {1, 2, 3, 4};
     EXPECT_EQ(SVTextFormatDescriptionGetDefaultStyle(plain, &font, nullptr, nullptr, nullptr, &size, kept), 0);
     EXPECT_EQ(kept[3], 4.0f);
@@ -527,7 +570,8 @@ TEST(SVFormatDescriptionDeathTest, TextGateStopsForUnimplementedTextFormats) {
                            captions = create('clcp', 'c608');
     SVTextDisplayFlags flags;
     CFStringRef name;
-    EXPECT_DEATH(SVTextFormatDescriptionGetDisplayFlags(webVTT, &flags), stop("SVTextFormatDescriptionGetDisplayFlags"));
+    EXPECT_DEATH(SVTextFormatDescriptionGetDisplayFlags(webVTT, &flags),
+                 stop("SVTextFormatDescriptionGetDisplayFlags"));
     EXPECT_DEATH(SVTextFormatDescriptionGetJustification(qtText, nullptr, nullptr),
                  stop("SVTextFormatDescriptionGetJustification"));
     EXPECT_DEATH(SVTextFormatDescriptionGetFontName(captions, 1, &name), stop("SVTextFormatDescriptionGetFontName"));
@@ -542,18 +586,20 @@ TEST(SVFormatDescriptionDeathTest, EachUnimplementedGroupStops) {
     uint8_t bytes[64] = {};
     EXPECT_DEATH(SVMuxedFormatDescriptionCreate(nullptr, kSVMuxedStreamType_MPEG2Transport, nullptr, nullptr),
                  stop("SVMuxedFormatDescriptionCreate"));
-    EXPECT_DEATH(SVTimeCodeFormatDescriptionGetFrameDuration(nullptr), stop("SVTimeCodeFormatDescriptionGetFrameDuration"));
+    EXPECT_DEATH(SVTimeCodeFormatDescriptionGetFrameDuration(nullptr),
+                 stop("SVTimeCodeFormatDescriptionGetFrameDuration"));
     EXPECT_DEATH(SVMetadataFormatDescriptionGetIdentifiers(nullptr), stop("SVMetadataFormatDescriptionGetIdentifiers"));
     EXPECT_DEATH(SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionData(nullptr, bytes, 64, nullptr, nullptr),
                  stop("SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionData", bridge));
-    EXPECT_DEATH(SVSwapHostEndianImageDescriptionToBig(bytes, 64), stop("SVSwapHostEndianImageDescriptionToBig", bridge));
+    EXPECT_DEATH(SVSwapHostEndianImageDescriptionToBig(bytes, 64),
+                 stop("SVSwapHostEndianImageDescriptionToBig", bridge));
     EXPECT_DEATH(SVTextFormatDescriptionCopyAsBigEndianTextDescriptionBlockBuffer(nullptr, nullptr, nullptr, nullptr),
                  stop("SVTextFormatDescriptionCopyAsBigEndianTextDescriptionBlockBuffer", bridge));
     EXPECT_DEATH(SVSwapBigEndianClosedCaptionDescriptionToHost(bytes, 64),
                  stop("SVSwapBigEndianClosedCaptionDescriptionToHost", bridge));
-    EXPECT_DEATH(SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData(nullptr, bytes, 64, nullptr,
-                                                                                       nullptr),
-                 stop("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData", bridge));
+    EXPECT_DEATH(
+        SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData(nullptr, bytes, 64, nullptr, nullptr),
+        stop("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData", bridge));
     EXPECT_DEATH(SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer(nullptr, nullptr, nullptr,
                                                                                               nullptr),
                  stop("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer", bridge));

@@ -1,9 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
 // Metadata identifiers and the data type registry: splitting at the first
 // separator and its statuses, byte keys and non-ASCII text, building
 // identifiers from every key type, registration rules, the MOV type tables
 // with their log lines, concurrent registration, and the stops.
 #include <Sorvel/SVMetadata.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -22,7 +22,9 @@ std::string text(CFStringRef string) {
     return CFStringGetCString(string, buffer, sizeof buffer, kCFStringEncodingUTF8) ? buffer : "(not UTF-8)";
 }
 
-CFStringRef string(const char *utf8) { return CFStringCreateWithCString(nullptr, utf8, kCFStringEncodingUTF8); }
+CFStringRef string(const char *utf8) {
+    return CFStringCreateWithCString(nullptr, utf8, kCFStringEncodingUTF8);
+}
 
 CFArrayRef array(std::initializer_list<CFStringRef> values) {
     std::vector<const void *> items(values.begin(), values.end());
@@ -63,7 +65,8 @@ TEST(SVMetadataIdentifierTest, SplitsAtTheFirstSeparator) {
         CFRelease(identifier);
     }
     CFStringRef out = CFSTR("stale");
-    EXPECT_EQ(SVMetadataCreateKeyFromIdentifier(nullptr, nullptr, &out), kSVMetadataIdentifierError_RequiredParameterMissing);
+    EXPECT_EQ(SVMetadataCreateKeyFromIdentifier(nullptr, nullptr, &out),
+              kSVMetadataIdentifierError_RequiredParameterMissing);
     EXPECT_EQ(out, nullptr) << "cleared before the identifier is checked";
     EXPECT_EQ(SVMetadataCreateKeySpaceFromIdentifier(nullptr, CFSTR("a/b"), nullptr),
               kSVMetadataIdentifierError_RequiredParameterMissing);
@@ -154,10 +157,11 @@ TEST(SVMetadataConstantsTest, KeySpacesIdentifiersAndBaseTypes) {
         CFRelease(keySpace);
     }
 
-    const char *names[] = {"RawData", "UTF8",   "UTF16",  "GIF",      "JPEG",          "PNG",
-                           "BMP",     "Float32", "Float64", "SInt8",  "SInt16",        "SInt32",
-                           "SInt64",  "UInt8",  "UInt16", "UInt32",   "UInt64",        "PointF32",
-                           "DimensionsF32", "RectF32", "AffineTransformF64", "JSON", "PolygonF32", "PolylineF32"};
+    const char *names[] = {
+        "RawData", "UTF8",       "UTF16",      "GIF",      "JPEG",          "PNG",     "BMP",
+        "Float32", "Float64",    "SInt8",      "SInt16",   "SInt32",        "SInt64",  "UInt8",
+        "UInt16",  "UInt32",     "UInt64",     "PointF32", "DimensionsF32", "RectF32", "AffineTransformF64",
+        "JSON",    "PolygonF32", "PolylineF32"};
     CFArrayRef base = SVMetadataDataTypeRegistryGetBaseDataTypes();
     ASSERT_EQ(CFArrayGetCount(base), 24);
     EXPECT_EQ(CFArrayGetValueAtIndex(base, 0), kSVMetadataBaseDataType_RawData);
@@ -191,8 +195,8 @@ TEST(SVMetadataRegistryTest, RegistrationRules) {
          kSVMetadataDataTypeRegistryError_RequiredParameterMissing},
         {"missing list", SVMetadataDataTypeRegistryRegisterDataType(type, CFSTR("d"), nullptr),
          kSVMetadataDataTypeRegistryError_RequiredParameterMissing},
-        {"list of the wrong type", SVMetadataDataTypeRegistryRegisterDataType(type, CFSTR("d"),
-                                                                              reinterpret_cast<CFArrayRef>(type)),
+        {"list of the wrong type",
+         SVMetadataDataTypeRegistryRegisterDataType(type, CFSTR("d"), reinterpret_cast<CFArrayRef>(type)),
          kSVMetadataDataTypeRegistryError_RequiredParameterMissing},
         {"empty list", SVMetadataDataTypeRegistryRegisterDataType(type, CFSTR("d"), none),
          kSVMetadataDataTypeRegistryError_RequiresConformingBaseType},
@@ -227,9 +231,9 @@ TEST(SVMetadataRegistryTest, ConcurrentRegistrationsAndLookups) {
                 CFStringRef type = string(name);
                 // Every thread registers every type with an equal list, so
                 // each call either registers or replaces.
-                EXPECT_EQ(SVMetadataDataTypeRegistryRegisterDataType(type, t % 2 ? CFSTR("odd") : CFSTR("even"),
-                                                                     conforming),
-                          0);
+                EXPECT_EQ(
+                    SVMetadataDataTypeRegistryRegisterDataType(type, t % 2 ? CFSTR("odd") : CFSTR("even"), conforming),
+                    0);
                 CFStringRef description = SVMetadataDataTypeRegistryGetDataTypeDescription(type);
                 EXPECT_TRUE(description && (text(description) == "odd" || text(description) == "even"));
                 EXPECT_EQ(SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType(type),
@@ -247,16 +251,16 @@ TEST(SVMetadataMOVTest, TablesBothWaysWithTheirNotices) {
         CFStringRef type;
         uint32_t id;
     } pairs[] = {
-        {kSVMetadataBaseDataType_RawData, 0},   {kSVMetadataBaseDataType_UTF8, 1},
-        {kSVMetadataBaseDataType_UTF16, 2},     {kSVMetadataBaseDataType_JPEG, 13},
-        {kSVMetadataBaseDataType_PNG, 14},      {kSVMetadataBaseDataType_Float32, 23},
-        {kSVMetadataBaseDataType_Float64, 24},  {kSVMetadataBaseDataType_BMP, 27},
-        {kSVMetadataBaseDataType_SInt8, 65},    {kSVMetadataBaseDataType_SInt16, 66},
-        {kSVMetadataBaseDataType_SInt32, 67},   {kSVMetadataBaseDataType_PointF32, 70},
+        {kSVMetadataBaseDataType_RawData, 0},        {kSVMetadataBaseDataType_UTF8, 1},
+        {kSVMetadataBaseDataType_UTF16, 2},          {kSVMetadataBaseDataType_JPEG, 13},
+        {kSVMetadataBaseDataType_PNG, 14},           {kSVMetadataBaseDataType_Float32, 23},
+        {kSVMetadataBaseDataType_Float64, 24},       {kSVMetadataBaseDataType_BMP, 27},
+        {kSVMetadataBaseDataType_SInt8, 65},         {kSVMetadataBaseDataType_SInt16, 66},
+        {kSVMetadataBaseDataType_SInt32, 67},        {kSVMetadataBaseDataType_PointF32, 70},
         {kSVMetadataBaseDataType_DimensionsF32, 71}, {kSVMetadataBaseDataType_RectF32, 72},
-        {kSVMetadataBaseDataType_SInt64, 74},   {kSVMetadataBaseDataType_UInt8, 75},
-        {kSVMetadataBaseDataType_UInt16, 76},   {kSVMetadataBaseDataType_UInt32, 77},
-        {kSVMetadataBaseDataType_UInt64, 78},   {kSVMetadataBaseDataType_AffineTransformF64, 79},
+        {kSVMetadataBaseDataType_SInt64, 74},        {kSVMetadataBaseDataType_UInt8, 75},
+        {kSVMetadataBaseDataType_UInt16, 76},        {kSVMetadataBaseDataType_UInt32, 77},
+        {kSVMetadataBaseDataType_UInt64, 78},        {kSVMetadataBaseDataType_AffineTransformF64, 79},
     };
     LogCapture capture(4);
     for (const auto &p : pairs) {
@@ -311,9 +315,10 @@ TEST(SVMetadataDeathTest, UnsupportedRequestsStop) {
                  "SVMetadataDataTypeRegistryDataTypeConformsToDataType \\[Sorvel/Sources/SVMetadata:295\\] NOT YET "
                  "IMPLEMENTED");
     for (CFStringRef unregistered : {CFSTR("com.example.unregistered"), kSVMetadataBaseDataType_UTF8})
-        EXPECT_DEATH(SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType(unregistered),
-                     "SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType \\[Sorvel/Sources/SVMetadata:220\\] "
-                     "Data type in registry without a conforming base type");
+        EXPECT_DEATH(
+            SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType(unregistered),
+            "SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType \\[Sorvel/Sources/SVMetadata:220\\] "
+            "Data type in registry without a conforming base type");
     CFRelease(numberKey);
 }
 

@@ -1,8 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // SVVideoFormatDescriptionGetCodingInfo on descriptions built from the real
 // decoder configuration records, checked against the reference tools'
 // summaries and the record's own profile bytes; and the refusals.
 #include <Sorvel/SVFormatDescription.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,13 +48,15 @@ SVFormatDescriptionRef describeRecord(const std::vector<uint8_t> &r, bool hevc) 
             for (at += 3; units-- > 0;) take(at);
         }
         EXPECT_EQ(SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.size(), sets.data(), sizes.data(),
-                                                                      (r[21] & 3) + 1, nullptr, &desc), 0);
+                                                                      (r[21] & 3) + 1, nullptr, &desc),
+                  0);
     } else {
         size_t at = 6;
         for (unsigned n = r[5] & 0x1F; n-- > 0;) take(at);
         for (unsigned n = r[at++]; n-- > 0;) take(at);
         EXPECT_EQ(SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), sets.data(), sizes.data(),
-                                                                      (r[4] & 3) + 1, &desc), 0);
+                                                                      (r[4] & 3) + 1, &desc),
+                  0);
     }
     return desc;
 }
@@ -74,13 +76,21 @@ TEST_P(CodingInfoOfRealClips, AgreesWithReferenceAndRecord) {
     ASSERT_EQ(SVVideoFormatDescriptionGetCodingInfo(desc, &info), 0);
 
     const std::string profile = summaryValue(json, "profile");
-    const unsigned expectedProfile = hevc ? (profile == "Main" ? 1 : profile == "Main 10" ? 2 : 0)
-                                          : (profile == "Constrained Baseline" ? 66 : profile == "Main" ? 77
-                                             : profile == "High" ? 100 : profile == "High 10" ? 110 : 0);
+    const unsigned expectedProfile = hevc ? (profile == "Main"      ? 1
+                                             : profile == "Main 10" ? 2
+                                                                    : 0)
+                                          : (profile == "Constrained Baseline" ? 66
+                                             : profile == "Main"               ? 77
+                                             : profile == "High"               ? 100
+                                             : profile == "High 10"            ? 110
+                                                                               : 0);
     EXPECT_EQ(info.codecType, hevc ? kHVC1 : kAVC1);
     EXPECT_EQ(info.profile, expectedProfile) << profile;
-    const std::pair<const char *, int64_t> sizes[] = {{"level", info.level}, {"coded_width", info.codedWidth},
-        {"coded_height", info.codedHeight}, {"display_width", info.width}, {"display_height", info.height}};
+    const std::pair<const char *, int64_t> sizes[] = {{"level", info.level},
+                                                      {"coded_width", info.codedWidth},
+                                                      {"coded_height", info.codedHeight},
+                                                      {"display_width", info.width},
+                                                      {"display_height", info.height}};
     for (const auto &[key, value] : sizes) EXPECT_EQ(std::to_string(value), summaryValue(json, key)) << key;
     EXPECT_EQ(info.width, SVVideoFormatDescriptionGetDimensions(desc).width);
     EXPECT_EQ(info.height, SVVideoFormatDescriptionGetDimensions(desc).height);
@@ -108,18 +118,19 @@ TEST_P(CodingInfoOfRealClips, AgreesWithReferenceAndRecord) {
     CFRelease(desc);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    SVVideoFormatDescription, CodingInfoOfRealClips,
-    ::testing::Values("avc_baseline_176x144", "avc_baseline_176x144.len2", "avc_high10_1280x720_pq",
-                      "avc_high_480x270_sar37x20_smpte240m", "avc_high_642x362_sar40x33_smpte170m",
-                      "avc_high_720x576_tff_sar16x11", "avc_main_1920x1080_bt709", "avc_main_1920x1080_bt709.oob",
-                      "hevc_main10_640x360_hlg_full_chromaloc2", "hevc_main_1920x1080_bt709",
-                      "hevc_main_642x362_sar40x33_smpte170m_hvc1", "hevc_main_642x362_sar40x33_smpte170m_hvc1.oob"),
-    [](const ::testing::TestParamInfo<const char *> &info) {
-        std::string name = info.param;
-        std::replace(name.begin(), name.end(), '.', '_');
-        return name;
-    });
+INSTANTIATE_TEST_SUITE_P(SVVideoFormatDescription, CodingInfoOfRealClips,
+                         ::testing::Values("avc_baseline_176x144", "avc_baseline_176x144.len2",
+                                           "avc_high10_1280x720_pq", "avc_high_480x270_sar37x20_smpte240m",
+                                           "avc_high_642x362_sar40x33_smpte170m", "avc_high_720x576_tff_sar16x11",
+                                           "avc_main_1920x1080_bt709", "avc_main_1920x1080_bt709.oob",
+                                           "hevc_main10_640x360_hlg_full_chromaloc2", "hevc_main_1920x1080_bt709",
+                                           "hevc_main_642x362_sar40x33_smpte170m_hvc1",
+                                           "hevc_main_642x362_sar40x33_smpte170m_hvc1.oob"),
+                         [](const ::testing::TestParamInfo<const char *> &info) {
+                             std::string name = info.param;
+                             std::replace(name.begin(), name.end(), '.', '_');
+                             return name;
+                         });
 
 // A refusal: the status, *infoOut byte for byte as it was, and a log line
 // naming the call only where one is due.

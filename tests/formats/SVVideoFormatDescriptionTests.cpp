@@ -1,8 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // Video format descriptions built from the real streams of tests/data and
 // from hand-made parameter sets.
 #include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVNALUnit.h>
-
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "support/LogCapture.h"
-#include "support/TestData.h"
 #include "support/TestAllocator.h"
+#include "support/TestData.h"
 
 namespace {
 
@@ -34,7 +34,9 @@ std::string summaryValue(const std::string &json, const std::string &key) {
 std::vector<std::vector<uint8_t>> leadingParameterSets(const std::vector<uint8_t> &stream, bool hevc) {
     std::vector<std::vector<uint8_t>> sets;
     size_t i = 0;
-    auto isStart = [&](size_t k) { return k + 3 <= stream.size() && !stream[k] && !stream[k + 1] && stream[k + 2] == 1; };
+    auto isStart = [&](size_t k) {
+        return k + 3 <= stream.size() && !stream[k] && !stream[k + 1] && stream[k + 2] == 1;
+    };
     while (i < stream.size() && !isStart(i)) ++i;
     while (i + 3 < stream.size()) {
         size_t begin = i + 3, next = begin;
@@ -109,8 +111,9 @@ class RealStreams : public ::testing::TestWithParam<Clip> {};
 TEST_P(RealStreams, DescriptionReportsWhatTheReferenceSays) {
     const Clip clip = GetParam();
     const bool hevc = std::string(clip.stream).ends_with(".h265");
-    const std::string json(reinterpret_cast<const char *>(readFile(std::string("expected/") + clip.name + ".json").data()),
-                           readFile(std::string("expected/") + clip.name + ".json").size());
+    const std::string json(
+        reinterpret_cast<const char *>(readFile(std::string("expected/") + clip.name + ".json").data()),
+        readFile(std::string("expected/") + clip.name + ".json").size());
     const auto sets = leadingParameterSets(readFile(clip.stream), hevc);
     ASSERT_FALSE(sets.empty());
     std::vector<const uint8_t *> pointers;
@@ -118,11 +121,10 @@ TEST_P(RealStreams, DescriptionReportsWhatTheReferenceSays) {
     for (const auto &set : sets) pointers.push_back(set.data()), sizes.push_back(set.size());
     SVFormatDescriptionRef desc = nullptr;
     sorvel_test::LogCapture log;
-    const OSStatus status =
-        hevc ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(), 4,
-                                                                   nullptr, &desc)
-             : SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(), 4,
-                                                                   &desc);
+    const OSStatus status = hevc ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+                                       nullptr, sets.size(), pointers.data(), sizes.data(), 4, nullptr, &desc)
+                                 : SVVideoFormatDescriptionCreateFromH264ParameterSets(
+                                       nullptr, sets.size(), pointers.data(), sizes.data(), 4, &desc);
     ASSERT_EQ(status, 0);
     EXPECT_EQ(log.count(), 0u);
     EXPECT_EQ(SVFormatDescriptionGetMediaSubType(desc), hevc ? 0x68766331u : 0x61766331u);
@@ -133,10 +135,12 @@ TEST_P(RealStreams, DescriptionReportsWhatTheReferenceSays) {
     CFDictionaryRef aspect =
         static_cast<CFDictionaryRef>(SVFormatDescriptionGetExtension(desc, kCVImageBufferPixelAspectRatioKey));
     ASSERT_NE(aspect, nullptr);
-    EXPECT_EQ(std::to_string(numberValue(CFDictionaryGetValue(aspect, kCVImageBufferPixelAspectRatioHorizontalSpacingKey))),
-              summaryValue(json, "sar_num"));
-    EXPECT_EQ(std::to_string(numberValue(CFDictionaryGetValue(aspect, kCVImageBufferPixelAspectRatioVerticalSpacingKey))),
-              summaryValue(json, "sar_den"));
+    EXPECT_EQ(
+        std::to_string(numberValue(CFDictionaryGetValue(aspect, kCVImageBufferPixelAspectRatioHorizontalSpacingKey))),
+        summaryValue(json, "sar_num"));
+    EXPECT_EQ(
+        std::to_string(numberValue(CFDictionaryGetValue(aspect, kCVImageBufferPixelAspectRatioVerticalSpacingKey))),
+        summaryValue(json, "sar_den"));
     expectSameString(expectedPrimaries(summaryValue(json, "color_primaries")),
                      stringValue(desc, kCVImageBufferColorPrimariesKey), "primaries");
     expectSameString(expectedTransfer(summaryValue(json, "color_transfer")),
@@ -179,7 +183,8 @@ INSTANTIATE_TEST_SUITE_P(
     SVVideoFormatDescription, RealStreams,
     ::testing::Values(
         Clip{"avc_baseline_176x144", "media/avc_baseline_176x144.h264", "records/avc_baseline_176x144.avcC"},
-        Clip{"avc_main_1920x1080_bt709", "media/avc_main_1920x1080_bt709.h264", "records/avc_main_1920x1080_bt709.avcC"},
+        Clip{"avc_main_1920x1080_bt709", "media/avc_main_1920x1080_bt709.h264",
+             "records/avc_main_1920x1080_bt709.avcC"},
         Clip{"avc_high_642x362_sar40x33_smpte170m", "media/avc_high_642x362_sar40x33_smpte170m.h264",
              "records/avc_high_642x362_sar40x33_smpte170m.avcC"},
         Clip{"avc_high_720x576_tff_sar16x11", "media/avc_high_720x576_tff_sar16x11.h264",
@@ -187,7 +192,8 @@ INSTANTIATE_TEST_SUITE_P(
         Clip{"avc_high_480x270_sar37x20_smpte240m", "media/avc_high_480x270_sar37x20_smpte240m.h264",
              "records/avc_high_480x270_sar37x20_smpte240m.avcC"},
         Clip{"avc_high10_1280x720_pq", "media/avc_high10_1280x720_pq.h264", "records/avc_high10_1280x720_pq.avcC"},
-        Clip{"hevc_main_1920x1080_bt709", "media/hevc_main_1920x1080_bt709.h265", "records/hevc_main_1920x1080_bt709.hvcC"},
+        Clip{"hevc_main_1920x1080_bt709", "media/hevc_main_1920x1080_bt709.h265",
+             "records/hevc_main_1920x1080_bt709.hvcC"},
         Clip{"hevc_main_642x362_sar40x33_smpte170m_hvc1", "media/hevc_main_642x362_sar40x33_smpte170m_hvc1.h265",
              "records/hevc_main_642x362_sar40x33_smpte170m_hvc1.hvcC"},
         Clip{"hevc_main10_640x360_hlg_full_chromaloc2", "media/hevc_main10_640x360_hlg_full_chromaloc2.h265",
@@ -208,9 +214,9 @@ TEST_P(RecordRoundTrip, RecordSurvivesConversionBothWays) {
     CFMutableDataRef annexB = nullptr;
     int headerLength = 0;
     ASSERT_EQ(hevc ? _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(record.data(), record.size(),
-                                                                                           &headerLength, &annexB)
+                                                                                          &headerLength, &annexB)
                    : _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(record.data(), record.size(),
-                                                                                          &headerLength, &annexB),
+                                                                                         &headerLength, &annexB),
               0);
     std::vector<uint8_t> run(CFDataGetBytePtr(annexB), CFDataGetBytePtr(annexB) + CFDataGetLength(annexB));
     CFRelease(annexB);
@@ -224,10 +230,10 @@ TEST_P(RecordRoundTrip, RecordSurvivesConversionBothWays) {
         run = plain;
     }
     SVFormatDescriptionRef desc = nullptr;
-    ASSERT_EQ(hevc ? _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(nullptr, run.data(), run.size(),
-                                                                                         headerLength, &desc)
-                   : _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(nullptr, run.data(), run.size(),
-                                                                                         headerLength, &desc),
+    ASSERT_EQ(hevc ? _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
+                         nullptr, run.data(), run.size(), headerLength, &desc)
+                   : _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
+                         nullptr, run.data(), run.size(), headerLength, &desc),
               0);
     CFDictionaryRef atoms = static_cast<CFDictionaryRef>(
         SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms));
@@ -345,14 +351,15 @@ TEST(SVVideoFormatDescription, PresentationDimensionsApplyAspectAndAperture) {
     CFRelease(desc);
 
     // A clean aperture of 600 x 300 centred.
-    CFMutableDictionaryRef aperture = CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                                &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef aperture =
+        CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
     int32_t w = 600, h = 300;
-    CFNumberRef wn = CFNumberCreate(nullptr, kCFNumberSInt32Type, &w), hn = CFNumberCreate(nullptr, kCFNumberSInt32Type, &h);
+    CFNumberRef wn = CFNumberCreate(nullptr, kCFNumberSInt32Type, &w),
+                hn = CFNumberCreate(nullptr, kCFNumberSInt32Type, &h);
     CFDictionarySetValue(aperture, kCVImageBufferCleanApertureWidthKey, wn);
     CFDictionarySetValue(aperture, kCVImageBufferCleanApertureHeightKey, hn);
-    CFMutableDictionaryRef extensions = CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                                  &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef extensions =
+        CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
     CFDictionarySetValue(extensions, kCVImageBufferCleanApertureKey, aperture);
     ASSERT_EQ(SVVideoFormatDescriptionCreate(nullptr, 'avc1', 640, 360, extensions, &desc), 0);
     size = SVVideoFormatDescriptionGetPresentationDimensions(desc, false, true);
@@ -384,8 +391,9 @@ TEST(SVVideoFormatDescription, ImageBufferDescriptionsAndMatching) {
                         kCVImageBufferYCbCrMatrix_ITU_R_709_2));
     EXPECT_EQ(SVFormatDescriptionGetExtension(desc, CFSTR("NotCommon")), nullptr);
     int64_t bytesPerRow = 0;
-    CFNumberGetValue(static_cast<CFNumberRef>(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_BytesPerRow)),
-                     kCFNumberSInt64Type, &bytesPerRow);
+    CFNumberGetValue(
+        static_cast<CFNumberRef>(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_BytesPerRow)),
+        kCFNumberSInt64Type, &bytesPerRow);
     EXPECT_EQ(size_t(bytesPerRow), CVPixelBufferGetBytesPerRow(buffer));
     EXPECT_EQ(CFDictionaryGetCount(SVFormatDescriptionGetExtensions(desc)), 2);
 
@@ -407,10 +415,12 @@ TEST(SVVideoFormatDescription, ImageBufferDescriptionsAndMatching) {
     EXPECT_FALSE(SVVideoFormatDescriptionMatchesImageBuffer(desc, nullptr));
     SVFormatDescriptionRef other = nullptr;
     ASSERT_EQ(SVVideoFormatDescriptionCreate(nullptr, kCVPixelFormatType_32BGRA, 64, 47,
-                                             SVFormatDescriptionGetExtensions(desc), &other), 0);
+                                             SVFormatDescriptionGetExtensions(desc), &other),
+              0);
     EXPECT_FALSE(SVVideoFormatDescriptionMatchesImageBuffer(other, buffer));
     CFRelease(other);
-    ASSERT_EQ(SVVideoFormatDescriptionCreate(nullptr, 'avc1', 64, 48, SVFormatDescriptionGetExtensions(desc), &other), 0);
+    ASSERT_EQ(SVVideoFormatDescriptionCreate(nullptr, 'avc1', 64, 48, SVFormatDescriptionGetExtensions(desc), &other),
+              0);
     EXPECT_FALSE(SVVideoFormatDescriptionMatchesImageBuffer(other, buffer));
     CFRelease(other);
     CFRelease(desc);
@@ -433,8 +443,8 @@ TEST(SVVideoFormatDescription, H264HeaderLengthsAndArguments) {
     for (int length : {-1, 0, 5, 8}) {
         sorvel_test::LogCapture log;
         SVFormatDescriptionRef desc = nullptr;
-        EXPECT_EQ(SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, n, sets.pointers.data(), sets.sizes.data(),
-                                                                      length, &desc),
+        EXPECT_EQ(SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, n, sets.pointers.data(),
+                                                                      sets.sizes.data(), length, &desc),
                   kSVFormatDescriptionError_InvalidParameter);
         EXPECT_TRUE(log.contains("NALUnitHeaderLength " + std::to_string(length) + " invalid"));
         EXPECT_EQ(desc, nullptr);
@@ -457,10 +467,10 @@ TEST(SVVideoFormatDescription, H264HeaderLengthsAndArguments) {
                   kSVFormatDescriptionError_InvalidParameter);
         EXPECT_EQ(SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, 0, nullptr, nullptr, nullptr, nullptr),
                   kSVFormatDescriptionError_InvalidParameter);
-        const uint8_t *record = CFDataGetBytePtr(static_cast<CFDataRef>(CFDictionaryGetValue(
-            static_cast<CFDictionaryRef>(
-                SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms)),
-            CFSTR("avcC"))));
+        const uint8_t *record = CFDataGetBytePtr(static_cast<CFDataRef>(
+            CFDictionaryGetValue(static_cast<CFDictionaryRef>(SVFormatDescriptionGetExtension(
+                                     desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms)),
+                                 CFSTR("avcC"))));
         EXPECT_EQ(record[4] & 3, length - 1);
         CFRelease(desc);
     }
@@ -498,7 +508,8 @@ TEST(SVVideoFormatDescription, BadParameterSetListsAreRefused) {
     for (const Case &c : cases) {
         std::vector<const uint8_t *> pointers;
         std::vector<size_t> sizes;
-        for (const auto &set : c.list) pointers.push_back(set.empty() ? nullptr : set.data()), sizes.push_back(set.size());
+        for (const auto &set : c.list)
+            pointers.push_back(set.empty() ? nullptr : set.data()), sizes.push_back(set.size());
         sorvel_test::LogCapture log;
         SVFormatDescriptionRef desc = nullptr;
         EXPECT_EQ(SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, pointers.size(), pointers.data(),
@@ -522,21 +533,26 @@ TEST(SVVideoFormatDescription, ConcatenatedSetsGiveTheSameDescription) {
         }
         SVFormatDescriptionRef fromArrays = nullptr, fromRun = nullptr, shorter = nullptr;
         if (hevc) {
-            ASSERT_EQ(SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.pointers.size(),
-                                                                          sets.pointers.data(), sets.sizes.data(), 4,
-                                                                          nullptr, &fromArrays), 0);
+            ASSERT_EQ(
+                SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.pointers.size(), sets.pointers.data(),
+                                                                    sets.sizes.data(), 4, nullptr, &fromArrays),
+                0);
             ASSERT_EQ(_SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(nullptr, annexB.data(),
-                                                                                         annexB.size(), 4, &fromRun), 0);
+                                                                                          annexB.size(), 4, &fromRun),
+                      0);
             ASSERT_EQ(_SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(nullptr, annexB.data(),
-                                                                                         annexB.size(), 2, &shorter), 0);
+                                                                                          annexB.size(), 2, &shorter),
+                      0);
         } else {
-            ASSERT_EQ(SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.pointers.size(),
-                                                                          sets.pointers.data(), sets.sizes.data(), 4,
-                                                                          &fromArrays), 0);
+            ASSERT_EQ(SVVideoFormatDescriptionCreateFromH264ParameterSets(
+                          nullptr, sets.pointers.size(), sets.pointers.data(), sets.sizes.data(), 4, &fromArrays),
+                      0);
             ASSERT_EQ(_SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(nullptr, annexB.data(),
-                                                                                         annexB.size(), 4, &fromRun), 0);
+                                                                                          annexB.size(), 4, &fromRun),
+                      0);
             ASSERT_EQ(_SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(nullptr, annexB.data(),
-                                                                                         annexB.size(), 2, &shorter), 0);
+                                                                                          annexB.size(), 2, &shorter),
+                      0);
         }
         EXPECT_TRUE(CFEqual(fromArrays, fromRun));
         EXPECT_FALSE(CFEqual(fromArrays, shorter));  // header lengths 4 and 2 differ
@@ -570,10 +586,10 @@ TEST(SVVideoFormatDescription, HEVCRulesAndCallerExtensions) {
         EXPECT_TRUE(log.contains("Need at least one VPS, SPS and PPS"));
     }
     // Caller extensions win; the record joins the caller's atoms.
-    CFMutableDictionaryRef extensions = CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                                  &kCFTypeDictionaryValueCallBacks);
-    CFMutableDictionaryRef atoms = CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                             &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef extensions =
+        CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef atoms =
+        CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
     CFDictionarySetValue(atoms, CFSTR("pasp"), kCFBooleanTrue);
     CFDictionarySetValue(extensions, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms, atoms);
     CFDictionarySetValue(extensions, kCVImageBufferColorPrimariesKey, kCVImageBufferColorPrimaries_ITU_R_2020);
@@ -622,9 +638,8 @@ TEST(SVVideoFormatDescription, AllocationFailuresLeakNothing) {
                 hevc ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(allocator.get(), sets.pointers.size(),
                                                                            sets.pointers.data(), sets.sizes.data(), 4,
                                                                            nullptr, &desc)
-                     : SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator.get(), sets.pointers.size(),
-                                                                           sets.pointers.data(), sets.sizes.data(), 4,
-                                                                           &desc);
+                     : SVVideoFormatDescriptionCreateFromH264ParameterSets(
+                           allocator.get(), sets.pointers.size(), sets.pointers.data(), sets.sizes.data(), 4, &desc);
             if (status == 0) {
                 CFRelease(desc);
             } else {
@@ -653,11 +668,10 @@ TEST(SVVideoFormatDescription, RandomParameterSetsAreRefusedCleanly) {
         for (const auto &set : owned) pointers.push_back(set.data()), sizes.push_back(set.size());
         sorvel_test::LogCapture log(0);
         SVFormatDescriptionRef desc = nullptr;
-        const OSStatus status =
-            isHEVC ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, owned.size(), pointers.data(),
-                                                                         sizes.data(), 4, nullptr, &desc)
-                   : SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, owned.size(), pointers.data(),
-                                                                         sizes.data(), 4, &desc);
+        const OSStatus status = isHEVC ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+                                             nullptr, owned.size(), pointers.data(), sizes.data(), 4, nullptr, &desc)
+                                       : SVVideoFormatDescriptionCreateFromH264ParameterSets(
+                                             nullptr, owned.size(), pointers.data(), sizes.data(), 4, &desc);
         ASSERT_TRUE(status == 0 || status == kSVFormatDescriptionError_InvalidParameter) << status;
         if (desc) {
             EXPECT_GT(SVVideoFormatDescriptionGetDimensions(desc).width, 0);

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * An outside program built against an installed Sorvel: it sees only the
  * installed headers, libraries, CMake package and sorvel.pc. Exits 0 when
@@ -5,19 +6,17 @@
  */
 #include <CoreFoundation/CoreFoundation.h>
 #include <dispatch/dispatch.h>
-
 #include <stdio.h>
 #include <string.h>
 
 static int failures = 0;
 
-#define CHECK(cond)                                                          \
-    do {                                                                     \
-        if (!(cond)) {                                                       \
-            fprintf(stderr, "consumer: check failed at line %d: %s\n",       \
-                    __LINE__, #cond);                                        \
-            failures++;                                                      \
-        }                                                                    \
+#define CHECK(cond)                                                                      \
+    do {                                                                                 \
+        if (!(cond)) {                                                                   \
+            fprintf(stderr, "consumer: check failed at line %d: %s\n", __LINE__, #cond); \
+            failures++;                                                                  \
+        }                                                                                \
     } while (0)
 
 static int onceCount = 0;
@@ -27,8 +26,8 @@ static void countOnce(void *context) {
 }
 
 int main(void) {
-    CFMutableDictionaryRef dict = CFDictionaryCreateMutable(
-        kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef dict = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                            &kCFTypeDictionaryValueCallBacks);
     CHECK(dict != NULL);
     CHECK(CFGetRetainCount(dict) == 1);
 
@@ -56,8 +55,8 @@ int main(void) {
     CHECK(CFGetRetainCount(number) == baseCount + 2);
     CFRelease(number);
 
-    CFStringRef described = CFStringCreateWithFormat(kCFAllocatorDefault, NULL, CFSTR("%@ = %@ (%d)"),
-                                                     dynamicKey, number, 7);
+    CFStringRef described =
+        CFStringCreateWithFormat(kCFAllocatorDefault, NULL, CFSTR("%@ = %@ (%d)"), dynamicKey, number, 7);
     char buffer[64] = {0};
     CHECK(CFStringGetCString(described, buffer, (CFIndex)sizeof buffer, kCFStringEncodingUTF8));
     CHECK(strcmp(buffer, "Width = 1920 (7)") == 0);
@@ -75,8 +74,12 @@ int main(void) {
      * from the package; a global block still needs the runtime's isa symbol. */
     static dispatch_once_t blockOnce;
     static int blockCount = 0;
-    dispatch_once(&blockOnce, ^{ blockCount++; });
-    dispatch_once(&blockOnce, ^{ blockCount++; });
+    dispatch_once(&blockOnce, ^{
+      blockCount++;
+    });
+    dispatch_once(&blockOnce, ^{
+      blockCount++;
+    });
     CHECK(blockCount == 1);
 #elif defined(__clang__)
 #error "a clang client of Sorvel should be compiled with -fblocks"
@@ -87,7 +90,6 @@ int main(void) {
     CFRelease(number);
     CFRelease(dict);
 
-    if (failures == 0)
-        printf("consumer: all checks passed (\"%s\")\n", buffer);
+    if (failures == 0) printf("consumer: all checks passed (\"%s\")\n", buffer);
     return failures == 0 ? 0 : 1;
 }

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a Sorvel build into a temporary prefix, checks the installed
 # layout, then builds and runs tests/install/consumer.c twice against it:
 # as a CMake project using find_package(Sorvel), and with a plain compiler

@@ -1,8 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio-format service: statuses, plain and layered format lists, the
 // AudioSpecificConfig signalling in every cookie wrapping, bounded parsing
 // of truncated cookies, and the first decodable item of a list.
 #include <AudioToolbox/AudioFormat.h>
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -74,8 +74,14 @@ std::vector<uint8_t> esds(const std::vector<uint8_t> &asc, bool fullBox, bool at
     if (fullBox) out.insert(out.begin(), 4, 0);
     if (atom) {
         uint32_t size = static_cast<uint32_t>(out.size() + 8);
-        std::vector<uint8_t> header = {static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
-                                       static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size), 'e', 's', 'd', 's'};
+        std::vector<uint8_t> header = {static_cast<uint8_t>(size >> 24),
+                                       static_cast<uint8_t>(size >> 16),
+                                       static_cast<uint8_t>(size >> 8),
+                                       static_cast<uint8_t>(size),
+                                       'e',
+                                       's',
+                                       'd',
+                                       's'};
         out.insert(out.begin(), header.begin(), header.end());
     }
     return out;
@@ -187,7 +193,8 @@ TEST(AudioFormatTest, PlainFormatsListThemselvesWithTheirChannelTag) {
     const struct {
         UInt32 channels;
         AudioChannelLayoutTag tag;
-    } cases[] = {{1, kMono}, {2, kStereo}, {6, kAudioChannelLayoutTag_Unknown | 6}, {0, kAudioChannelLayoutTag_Unknown}};
+    } cases[] = {
+        {1, kMono}, {2, kStereo}, {6, kAudioChannelLayoutTag_Unknown | 6}, {0, kAudioChannelLayoutTag_Unknown}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.channels);
         AudioStreamBasicDescription pcm = asbdOf(kAudioFormatLinearPCM, 48000, c.channels);
@@ -211,15 +218,16 @@ TEST(AudioFormatTest, PlainFormatsListThemselvesWithTheirChannelTag) {
 TEST(AudioFormatTest, LayeredFormatsListEveryLayerDownToTheCore) {
     std::vector<AudioFormatListItem> items;
     ASSERT_EQ(formatList(asbdOf(kHEv2, 44100, 2), {}, items), 0);
-    expectLayers(items, {{kHEv2, 44100, 2, 2048, kStereo}, {kHE, 44100, 1, 2048, kMono}, {kAAC, 22050, 1, 1024, kMono}});
+    expectLayers(items,
+                 {{kHEv2, 44100, 2, 2048, kStereo}, {kHE, 44100, 1, 2048, kMono}, {kAAC, 22050, 1, 1024, kMono}});
     ASSERT_EQ(formatList(asbdOf(kHE, 48000, 2), {}, items), 0);
     expectLayers(items, {{kHE, 48000, 2, 2048, kStereo}, {kAAC, 24000, 2, 1024, kStereo}});
 
     // 'aac ' layered by its cookie, at the rates the configuration names,
     // whatever the description's own rate says.
     const std::vector<Layer> sbr = {{kHE, 48000, 2, 2048, kStereo}, {kAAC, 24000, 2, 1024, kStereo}};
-    const std::vector<Layer> ps = {{kHEv2, 48000, 2, 2048, kStereo}, {kHE, 48000, 1, 2048, kMono},
-                                   {kAAC, 24000, 1, 1024, kMono}};
+    const std::vector<Layer> ps = {
+        {kHEv2, 48000, 2, 2048, kStereo}, {kHE, 48000, 1, 2048, kMono}, {kAAC, 24000, 1, 1024, kMono}};
     const struct {
         const char *what;
         std::vector<uint8_t> cookie;
@@ -274,7 +282,8 @@ TEST(AudioFormatTest, ProgramConfigElementAndEscapesAreParsedThrough) {
 // description or a layered one.
 TEST(AudioFormatTest, TruncatedCookiesNeverReadPastTheirEnd) {
     const std::vector<uint8_t> cookies[] = {explicitSBR(29), backwardCompatible(true),
-                                            esds(backwardCompatible(true), true, true), esds(explicitSBR(5), false, false)};
+                                            esds(backwardCompatible(true), true, true),
+                                            esds(explicitSBR(5), false, false)};
     for (const auto &cookie : cookies) {
         for (size_t length = 0; length <= cookie.size(); ++length) {
             SCOPED_TRACE(length);
@@ -311,8 +320,10 @@ TEST(AudioFormatTest, FirstPlayableIsTheFirstDecodableItem) {
                                                  static_cast<UInt32>(c.list.size() * sizeof(AudioFormatListItem)),
                                                  c.list.data(), &size, &index);
         EXPECT_EQ(status, c.status);
-        if (status == 0) EXPECT_EQ(index, c.index);
-        else EXPECT_EQ(index, 99u) << "nothing is written on failure";
+        if (status == 0)
+            EXPECT_EQ(index, c.index);
+        else
+            EXPECT_EQ(index, 99u) << "nothing is written on failure";
     }
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio hardware layer: properties, the built-in device's 48 kHz
 // counter, registered devices that follow their reports (rate measurement,
 // discontinuities, rate scalars), registration rules, and reads racing an
@@ -83,7 +84,8 @@ TEST(AudioHardware, NothingRunsBeforeInitialisation) {
 
 TEST(AudioHardware, PropertiesAndTheBuiltInDevicesCounter) {
     ASSERT_EQ(_AudioHardwareInitialize(), 0);
-    constexpr UInt32 kDefault = kAudioHardwarePropertyDefaultOutputDevice, kActual = kAudioDevicePropertyActualSampleRate;
+    constexpr UInt32 kDefault = kAudioHardwarePropertyDefaultOutputDevice,
+                     kActual = kAudioDevicePropertyActualSampleRate;
     struct Case {
         AudioObjectID object;
         AudioObjectPropertySelector selector;
@@ -111,7 +113,8 @@ TEST(AudioHardware, PropertiesAndTheBuiltInDevicesCounter) {
         if (c.status != 0)
             EXPECT_TRUE(size == c.size && data[0] == 0xAB) << "nothing written on failure, case " << &c - cases;
         else
-            EXPECT_TRUE(c.selector == kDefault ? size == 4 && !memcmp(data, &kBuiltIn, 4) : size == 8 && !memcmp(data, &kRate, 8));
+            EXPECT_TRUE(c.selector == kDefault ? size == 4 && !memcmp(data, &kBuiltIn, 4)
+                                               : size == 8 && !memcmp(data, &kRate, 8));
     }
     AudioObjectPropertyAddress where = {kActual, kAudioObjectPropertyScopeGlobal, 0};
     UInt32 size = 8;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CFArray: ownership of values through every mutation, raw-pointer and
 // partial callback records, equality and ordering, the insert/delete/replace
 // primitive against a std::vector model, stable sorting and binary search,
@@ -24,7 +25,6 @@ long valueOf(const void *cf) {
     CFNumberGetValue(static_cast<CFNumberRef>(cf), kCFNumberLongType, &value);
     return value;
 }
-
 
 CFMutableArrayRef makeArray(const std::vector<const void *> &values, const CFArrayCallBacks *callBacks) {
     CFMutableArrayRef array = CFArrayCreateMutable(nullptr, 0, callBacks);
@@ -80,7 +80,9 @@ std::vector<const void *> gReleased;
 const void *retainPlusThousand(CFAllocatorRef, const void *value) {
     return raw(reinterpret_cast<uintptr_t>(value) + 1000);
 }
-void recordRelease(CFAllocatorRef, const void *value) { gReleased.push_back(value); }
+void recordRelease(CFAllocatorRef, const void *value) {
+    gReleased.push_back(value);
+}
 
 TEST(CFArray, PartiallyNullRecordsUseEachGivenCallbackOnly) {
     CFArrayCallBacks equalOnly = {0, nullptr, nullptr, nullptr, equalModTen};

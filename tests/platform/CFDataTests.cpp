@@ -1,9 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for data objects: copying and no-copy ownership (the bytes
 // deallocator runs exactly once, kCFAllocatorNull never frees), mutation at
 // the range boundaries, the capacity limit, equality and hashing,
 // description text, allocation failure and the fatal stops.
 #include <CoreFoundation/CoreFoundation.h>
-
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -25,7 +25,9 @@ std::string contents(CFDataRef data) {
                        static_cast<size_t>(CFDataGetLength(data)));
 }
 
-const UInt8 *bytesOf(const char *s) { return reinterpret_cast<const UInt8 *>(s); }
+const UInt8 *bytesOf(const char *s) {
+    return reinterpret_cast<const UInt8 *>(s);
+}
 
 CFMutableDataRef mutableWith(const char *s, CFAllocatorRef allocator = nullptr) {
     CFMutableDataRef data = CFDataCreateMutable(allocator, 0);
@@ -108,9 +110,9 @@ TEST(CFDataMutationTest, ReplaceAndDeleteAtEveryBoundary) {
         const char *replacement, *expected;
     };
     const Case cases[] = {
-        {{0, 0}, "ab", "ab012345"},   {{6, 0}, "ab", "012345ab"}, {{0, 6}, "xyz", "xyz"},  {{2, 2}, "abcd", "01abcd45"},
-        {{1, 4}, "x", "0x5"},         {{2, 3}, "abc", "01abc5"},  {{0, 6}, "", ""},        {{5, 1}, "", "01234"},
-        {{0, 1}, "", "12345"},        {{3, 0}, "", "012345"},     {{6, 0}, "", "012345"},  {{1, 4}, "", "05"},
+        {{0, 0}, "ab", "ab012345"}, {{6, 0}, "ab", "012345ab"}, {{0, 6}, "xyz", "xyz"}, {{2, 2}, "abcd", "01abcd45"},
+        {{1, 4}, "x", "0x5"},       {{2, 3}, "abc", "01abc5"},  {{0, 6}, "", ""},       {{5, 1}, "", "01234"},
+        {{0, 1}, "", "12345"},      {{3, 0}, "", "012345"},     {{6, 0}, "", "012345"}, {{1, 4}, "", "05"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(std::string(c.expected) + " from {" + std::to_string(c.range.location) + "," +
@@ -133,9 +135,12 @@ TEST(CFDataMutationTest, ReplaceAndDeleteAtEveryBoundary) {
 // even over bytes left stale by an earlier shrink.
 TEST(CFDataMutationTest, GrowingKeepsTheBytesAndZeroFills) {
     TestAllocator counting;
-    CFAllocatorContext context = {0, nullptr, nullptr, nullptr, nullptr,
-                                  [](CFIndex size, CFOptionFlags, void *) { return std::malloc(size_t(size)); },
-                                  nullptr, [](void *ptr, void *) { std::free(ptr); }, nullptr};
+    CFAllocatorContext context = {
+        0,       nullptr,
+        nullptr, nullptr,
+        nullptr, [](CFIndex size, CFOptionFlags, void *) { return std::malloc(size_t(size)); },
+        nullptr, [](void *ptr, void *) { std::free(ptr); },
+        nullptr};
     CFAllocatorRef noRealloc = CFAllocatorCreate(kCFAllocatorSystemDefault, &context);
     for (CFAllocatorRef allocator : {counting.get(), noRealloc}) {
         CFMutableDataRef data = mutableWith("0123456789abcdef", allocator);  // fills the first buffer exactly
@@ -192,15 +197,16 @@ TEST(CFDataEqualityTest, EqualBytesAreEqualAndHashAlike) {
     CFDataRef abd = CFDataCreate(nullptr, bytesOf("abd"), 3);
     EXPECT_FALSE(CFEqual(abc, abd));
     EXPECT_NE(CFHash(abc), CFHash(abd));
-    for (CFTypeRef cf : {CFTypeRef(a), CFTypeRef(b), CFTypeRef(empty1), CFTypeRef(empty2), CFTypeRef(abc),
-                         CFTypeRef(abd)})
+    for (CFTypeRef cf :
+         {CFTypeRef(a), CFTypeRef(b), CFTypeRef(empty1), CFTypeRef(empty2), CFTypeRef(abc), CFTypeRef(abd)})
         CFRelease(cf);
 }
 
 TEST(CFDataDescriptionTest, ShowsLengthAndBytes) {
     UInt8 bytes[30];
     for (int i = 0; i < 30; ++i) bytes[i] = static_cast<UInt8>(i + 1);
-    for (auto [length, hex] : {std::pair<CFIndex, const char *>{0, "0x"}, {3, "0x010203"},
+    for (auto [length, hex] : {std::pair<CFIndex, const char *>{0, "0x"},
+                               {3, "0x010203"},
                                {24, "0x0102030405060708090a0b0c0d0e0f101112131415161718"},
                                {30, "0x0102030405060708090a0b0c0d0e0f10 ... 1718191a1b1c1d1e"}}) {
         CFDataRef data = CFDataCreate(nullptr, bytes, length);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CFDictionary: ownership of keys and values through add/set/replace/remove,
 // raw-pointer and partial callback records, string-copying keys, deep
 // equality, growth with removals against a model, descriptions, allocation
@@ -20,7 +21,6 @@ namespace {
 
 using namespace sorvel_test;
 
-
 // A dictionary with the CFType callbacks holding key, value, key, value...
 CFMutableDictionaryRef makeDictionary(std::initializer_list<CFTypeRef> keysAndValues) {
     CFMutableDictionaryRef dict =
@@ -29,8 +29,12 @@ CFMutableDictionaryRef makeDictionary(std::initializer_list<CFTypeRef> keysAndVa
     return dict;
 }
 
-void removeValue(CFMutableDictionaryRef dict, const void *key, const void *) { CFDictionaryRemoveValue(dict, key); }
-void removeAll(CFMutableDictionaryRef dict, const void *, const void *) { CFDictionaryRemoveAllValues(dict); }
+void removeValue(CFMutableDictionaryRef dict, const void *key, const void *) {
+    CFDictionaryRemoveValue(dict, key);
+}
+void removeAll(CFMutableDictionaryRef dict, const void *, const void *) {
+    CFDictionaryRemoveAllValues(dict);
+}
 
 TEST(CFDictionary, AddSetReplaceRemoveBalanceRetains) {
     CFTypeRef key = number(1), equalKey = number(1), v1 = number(10), v2 = number(20);
@@ -78,7 +82,9 @@ TEST(CFDictionary, AddSetReplaceRemoveBalanceRetains) {
 Boolean equalModTen(const void *a, const void *b) {
     return reinterpret_cast<uintptr_t>(a) % 10 == reinterpret_cast<uintptr_t>(b) % 10;
 }
-CFHashCode hashModTen(const void *value) { return reinterpret_cast<uintptr_t>(value) % 10; }
+CFHashCode hashModTen(const void *value) {
+    return reinterpret_cast<uintptr_t>(value) % 10;
+}
 CFStringRef describeAsNumber(const void *value) {
     return CFStringCreateWithFormat(nullptr, nullptr, CFSTR("#%lu"),
                                     static_cast<unsigned long>(reinterpret_cast<uintptr_t>(value)));
@@ -172,9 +178,15 @@ TEST(CFDictionary, EqualityComparesNestedDictionariesDeeply) {
 // Interleaved sets, adds, replaces and removals checked against
 // std::unordered_map, with well spread, clustered and constant hashes; at the
 // end, listing and applying must both visit every entry, in the same order.
-CFHashCode hashLowBits(const void *value) { return reinterpret_cast<uintptr_t>(value) & 3; }
-CFHashCode hashConstant(const void *) { return 42; }
-Boolean equalAddress(const void *a, const void *b) { return a == b; }
+CFHashCode hashLowBits(const void *value) {
+    return reinterpret_cast<uintptr_t>(value) & 3;
+}
+CFHashCode hashConstant(const void *) {
+    return 42;
+}
+Boolean equalAddress(const void *a, const void *b) {
+    return a == b;
+}
 
 TEST(CFDictionary, GrowthWithRemovalsMatchesAMapModel) {
     struct Case {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for the local notification center: name and object filters,
 // delivery order, what reaches the callback, removal filters, re-entrant
 // use from inside callbacks (removing, adding, posting), allocation
@@ -5,7 +6,6 @@
 // under ThreadSanitizer.
 #include <CoreFoundation/CoreFoundation.h>
 #include <XPLog/XPLog.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -112,9 +112,9 @@ TEST_F(CFNotificationCenterTest, FiltersByNameAndObjectAndPassesThePostThrough) 
         Labels expected;
     };
     const Case cases[] = {
-        {CFSTR("N1"), nullptr, {"name", "any"}},     {posted, &objectX, {"name", "object", "both", "any"}},
-        {CFSTR("N1"), &objectY, {"name", "any"}},    {CFSTR("N2"), &objectX, {"object", "any"}},
-        {CFSTR("N2"), &objectY, {"any"}},            {CFSTR("n1"), nullptr, {"any"}},
+        {CFSTR("N1"), nullptr, {"name", "any"}},  {posted, &objectX, {"name", "object", "both", "any"}},
+        {CFSTR("N1"), &objectY, {"name", "any"}}, {CFSTR("N2"), &objectX, {"object", "any"}},
+        {CFSTR("N2"), &objectY, {"any"}},         {CFSTR("n1"), nullptr, {"any"}},
     };
     bool withOptions = false;
     for (const Case &c : cases) {
@@ -225,13 +225,21 @@ TEST_F(CFNotificationCenterTest, ReentrantPostsAndAdditions) {
     EXPECT_EQ(takeLabels(), (Labels{"outer", "inner", "after-outer"}));
 
     int depth = 0;
-    add(observer("echo", [&] { if (++depth < 4) post(CFSTR("Echo")); }), CFSTR("Echo"));
+    add(observer("echo",
+                 [&] {
+                     if (++depth < 4) post(CFSTR("Echo"));
+                 }),
+        CFSTR("Echo"));
     post(CFSTR("Echo"));
     EXPECT_EQ(takeLabels(), (Labels{"echo", "echo", "echo", "echo"}));
 
     Observer *newcomer = observer("newcomer");
     bool added = false;
-    add(observer("adder", [&] { if (!std::exchange(added, true)) add(newcomer, CFSTR("Grow")); }), CFSTR("Grow"));
+    add(observer("adder",
+                 [&] {
+                     if (!std::exchange(added, true)) add(newcomer, CFSTR("Grow"));
+                 }),
+        CFSTR("Grow"));
     post(CFSTR("Grow"));
     EXPECT_EQ(takeLabels(), (Labels{"adder"}));
     post(CFSTR("Grow"));

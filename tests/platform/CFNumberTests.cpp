@@ -1,9 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for numbers and booleans: the conversion rules of CFNumberGetValue
 // at every boundary, exact cross-type comparison, hashing consistent with
 // equality, type mapping, descriptions, immortal singletons and allocation
 // failure.
 #include <CoreFoundation/CoreFoundation.h>
-
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -37,15 +37,29 @@ std::string prefix(const char *className, CFTypeRef cf) {
 // Writes `integer` (integer types) or `real` (float types) to `out` as the C
 // type that `type` names.
 template <typename T>
-void put(void *out, T value) { std::memcpy(out, &value, sizeof value); }
+void put(void *out, T value) {
+    std::memcpy(out, &value, sizeof value);
+}
 void store(CFNumberType type, int64_t integer, double real, void *out) {
     switch (type) {
-    case kCFNumberSInt8Type: case kCFNumberCharType: return put(out, static_cast<int8_t>(integer));
-    case kCFNumberSInt16Type: case kCFNumberShortType: return put(out, static_cast<int16_t>(integer));
-    case kCFNumberSInt32Type: case kCFNumberIntType: return put(out, static_cast<int32_t>(integer));
-    case kCFNumberFloat32Type: case kCFNumberFloatType: return put(out, static_cast<float>(real));
-    case kCFNumberFloat64Type: case kCFNumberDoubleType: case kCFNumberCGFloatType: return put(out, real);
-    default: return put(out, integer);
+        case kCFNumberSInt8Type:
+        case kCFNumberCharType:
+            return put(out, static_cast<int8_t>(integer));
+        case kCFNumberSInt16Type:
+        case kCFNumberShortType:
+            return put(out, static_cast<int16_t>(integer));
+        case kCFNumberSInt32Type:
+        case kCFNumberIntType:
+            return put(out, static_cast<int32_t>(integer));
+        case kCFNumberFloat32Type:
+        case kCFNumberFloatType:
+            return put(out, static_cast<float>(real));
+        case kCFNumberFloat64Type:
+        case kCFNumberDoubleType:
+        case kCFNumberCGFloatType:
+            return put(out, real);
+        default:
+            return put(out, integer);
     }
 }
 
@@ -64,8 +78,12 @@ CFNumberRef make(const Operand &operand) {
 // Short names keep the tables one case per line.
 constexpr CFNumberType S8 = kCFNumberSInt8Type, S16 = kCFNumberSInt16Type, S32 = kCFNumberSInt32Type,
                        S64 = kCFNumberSInt64Type, F32 = kCFNumberFloat32Type, F64 = kCFNumberFloat64Type;
-constexpr Operand I(CFNumberType type, int64_t value) { return {type, value, 0}; }
-constexpr Operand R(CFNumberType type, double value) { return {type, 0, value}; }
+constexpr Operand I(CFNumberType type, int64_t value) {
+    return {type, value, 0};
+}
+constexpr Operand R(CFNumberType type, double value) {
+    return {type, 0, value};
+}
 constexpr CFComparisonResult LT = kCFCompareLessThan, EQ = kCFCompareEqualTo, GT = kCFCompareGreaterThan;
 
 void expectImmortal(CFTypeRef cf) {
@@ -152,8 +170,8 @@ TEST(CFNumberGetValueTest, ConvertsWithTheDocumentedRulesAndReportsLoss) {
 TEST(CFNumberGetValueTest, UnknownTypesAreRejected) {
     EXPECT_EQ(CFNumberCreate(nullptr, kCFNumberSInt32Type, nullptr), nullptr);
     CFNumberRef number = make(I(S32, 7));
-    for (CFNumberType type : {CFNumberType(0), CFNumberType(kCFNumberMaxType + 1), CFNumberType(-1),
-                              CFNumberType(1000)}) {
+    for (CFNumberType type :
+         {CFNumberType(0), CFNumberType(kCFNumberMaxType + 1), CFNumberType(-1), CFNumberType(1000)}) {
         int64_t slot = 0x5A5A5A5A5A5A5A5A;
         EXPECT_EQ(CFNumberCreate(nullptr, type, &slot), nullptr) << type;
         EXPECT_FALSE(CFNumberGetValue(number, type, &slot)) << type;
@@ -171,12 +189,21 @@ TEST(CFNumberTypeTest, CTypeNamesMapToTheirFixedSizeTypes) {
         bool isFloat;
     };
     const Case cases[] = {
-        {S8, S8, 1, false},      {S16, S16, 2, false},   {S32, S32, 4, false},   {S64, S64, 8, false},
-        {F32, F32, 4, true},     {F64, F64, 8, true},    {kCFNumberCharType, S8, 1, false},
-        {kCFNumberShortType, S16, 2, false},             {kCFNumberIntType, S32, 4, false},
-        {kCFNumberLongType, S64, 8, false},              {kCFNumberLongLongType, S64, 8, false},
-        {kCFNumberFloatType, F32, 4, true},              {kCFNumberDoubleType, F64, 8, true},
-        {kCFNumberCFIndexType, S64, 8, false},           {kCFNumberNSIntegerType, S64, 8, false},
+        {S8, S8, 1, false},
+        {S16, S16, 2, false},
+        {S32, S32, 4, false},
+        {S64, S64, 8, false},
+        {F32, F32, 4, true},
+        {F64, F64, 8, true},
+        {kCFNumberCharType, S8, 1, false},
+        {kCFNumberShortType, S16, 2, false},
+        {kCFNumberIntType, S32, 4, false},
+        {kCFNumberLongType, S64, 8, false},
+        {kCFNumberLongLongType, S64, 8, false},
+        {kCFNumberFloatType, F32, 4, true},
+        {kCFNumberDoubleType, F64, 8, true},
+        {kCFNumberCFIndexType, S64, 8, false},
+        {kCFNumberNSIntegerType, S64, 8, false},
         {kCFNumberCGFloatType, F64, 8, true},
     };
     for (const Case &c : cases) {
@@ -197,8 +224,8 @@ TEST(CFNumberTypeTest, SpecialNumbersAreImmortalFloat64Values) {
         CFNumberRef number;
         double value;
     };
-    for (const Case &c : {Case{kCFNumberPositiveInfinity, kInf}, Case{kCFNumberNegativeInfinity, -kInf},
-                          Case{kCFNumberNaN, kNaN}}) {
+    for (const Case &c :
+         {Case{kCFNumberPositiveInfinity, kInf}, Case{kCFNumberNegativeInfinity, -kInf}, Case{kCFNumberNaN, kNaN}}) {
         SCOPED_TRACE(c.value);
         EXPECT_EQ(CFGetTypeID(c.number), CFNumberGetTypeID());
         EXPECT_EQ(CFNumberGetType(c.number), kCFNumberFloat64Type);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The object runtime and allocators: registration, instance layout,
 // reference counting across threads, the polymorphic calls and their
 // defaults, allocator contexts and ownership, and the fatal stops for NULL.
@@ -42,14 +43,16 @@ void widgetFinalize(CFTypeRef cf) {
 Boolean widgetEqual(CFTypeRef a, CFTypeRef b) {
     return static_cast<const Widget *>(a)->payload[1] == static_cast<const Widget *>(b)->payload[1];
 }
-CFHashCode widgetHash(CFTypeRef cf) { return static_cast<CFHashCode>(static_cast<const Widget *>(cf)->payload[1]); }
+CFHashCode widgetHash(CFTypeRef cf) {
+    return static_cast<CFHashCode>(static_cast<const Widget *>(cf)->payload[1]);
+}
 CFStringRef widgetDebugDescription(CFTypeRef cf) {
     return CFStringCreateWithFormat(nullptr, nullptr, CFSTR("widget %lld"),
                                     static_cast<long long>(static_cast<const Widget *>(cf)->payload[1]));
 }
 
-const CFRuntimeClass kWidgetClass = {0,          "TestWidget", nullptr, nullptr, widgetFinalize,
-                                     widgetEqual, widgetHash,  nullptr, widgetDebugDescription};
+const CFRuntimeClass kWidgetClass = {
+    0, "TestWidget", nullptr, nullptr, widgetFinalize, widgetEqual, widgetHash, nullptr, widgetDebugDescription};
 const CFRuntimeClass kPlainClass = {0, "TestPlain", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 CFTypeID widgetTypeID() {
@@ -283,7 +286,9 @@ const void *countingRetain(const void *info) {
     static_cast<CountingInfo *>(const_cast<void *>(info))->retains++;
     return info;
 }
-void countingRelease(const void *info) { static_cast<CountingInfo *>(const_cast<void *>(info))->releases++; }
+void countingRelease(const void *info) {
+    static_cast<CountingInfo *>(const_cast<void *>(info))->releases++;
+}
 void *countingAllocate(CFIndex size, CFOptionFlags, void *info) {
     static_cast<CountingInfo *>(info)->allocations++;
     return malloc(static_cast<size_t>(size));
@@ -297,8 +302,8 @@ TEST(CFAllocator, ReleaseCallbackRunsWhenTheLastReferenceGoes) {
     for (bool selfAllocated : {false, true}) {
         SCOPED_TRACE(selfAllocated ? "kCFAllocatorUseContext" : "system default storage");
         CountingInfo info;
-        CFAllocatorContext context = {0,       &info,   countingRetain,     countingRelease, nullptr,
-                                      countingAllocate, nullptr, countingDeallocate, nullptr};
+        CFAllocatorContext context = {
+            0, &info, countingRetain, countingRelease, nullptr, countingAllocate, nullptr, countingDeallocate, nullptr};
         CFAllocatorRef allocator =
             CFAllocatorCreate(selfAllocated ? kCFAllocatorUseContext : kCFAllocatorSystemDefault, &context);
         ASSERT_NE(allocator, nullptr);
@@ -319,8 +324,8 @@ TEST(CFAllocator, ReleaseCallbackRunsWhenTheLastReferenceGoes) {
 
 TEST(CFAllocator, AllocateReallocateDeallocateFollowTheirRules) {
     CountingInfo info;
-    CFAllocatorContext context = {0,       &info,   nullptr,           nullptr, nullptr,
-                                  countingAllocate, nullptr, countingDeallocate, nullptr};
+    CFAllocatorContext context = {
+        0, &info, nullptr, nullptr, nullptr, countingAllocate, nullptr, countingDeallocate, nullptr};
     CFAllocatorRef noRealloc = CFAllocatorCreate(nullptr, &context);
     EXPECT_EQ(CFAllocatorAllocate(noRealloc, 0, 0), nullptr);
     EXPECT_EQ(CFAllocatorAllocate(noRealloc, -5, 0), nullptr);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CFSet: ownership of members through add/set/replace/remove, raw-pointer
 // records, string-copying members, constant vs created strings, equality,
 // growth with removals against a model, descriptions, allocation failure and
@@ -19,8 +20,9 @@ namespace {
 
 using namespace sorvel_test;
 
-
-void removeAll(CFMutableSetRef set, const void *) { CFSetRemoveAllValues(set); }
+void removeAll(CFMutableSetRef set, const void *) {
+    CFSetRemoveAllValues(set);
+}
 
 TEST(CFSet, AddSetReplaceRemoveBalanceRetains) {
     CFTypeRef first = number(1), equal = number(1);

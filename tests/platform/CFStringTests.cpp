@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Strings: non-ASCII text and surrogate pairs in lengths, indices and C-string
 // access; equality and hashing across every storage form; encodings (round
 // trips, malformed input, external representations and loss bytes);
@@ -5,7 +6,6 @@
 // comparison and search; mutation across the 8-bit/UTF-16 storage switch;
 // allocation failure; and the fatal stops.
 #include <CoreFoundation/CoreFoundation.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,7 +30,9 @@ constexpr CFStringEncoding kUTF8 = kCFStringEncodingUTF8, kUTF16 = kCFStringEnco
 template <typename T>
 struct Ref {  // owns one reference
     explicit Ref(T value = nullptr) : value(value) {}
-    ~Ref() { if (value) CFRelease(value); }
+    ~Ref() {
+        if (value) CFRelease(value);
+    }
     Ref(const Ref &) = delete;
     T get() const { return value; }
     operator T() const { return value; }
@@ -60,7 +62,9 @@ std::u16string unitsOf(CFStringRef string) {
     return units;
 }
 
-CFStringRef make(const char *text) { return CFStringCreateWithCString(nullptr, text, kUTF8); }
+CFStringRef make(const char *text) {
+    return CFStringCreateWithCString(nullptr, text, kUTF8);
+}
 
 CFStringRef makeUnits(const std::u16string &units) {
     return CFStringCreateWithCharacters(nullptr, reinterpret_cast<const UniChar *>(units.data()),
@@ -75,11 +79,18 @@ CFStringRef fromBytes(const std::vector<uint8_t> &bytes, CFStringEncoding encodi
 
 TEST(CFString, CreatedAndLiteralTextAgreeOnUnitsAndCStrings) {
     // Non-ASCII literals are emitted as UTF-16.
-    struct Case { const char *utf8; std::u16string units; CFStringRef literal; };
+    struct Case {
+        const char *utf8;
+        std::u16string units;
+        CFStringRef literal;
+    };
     const Case cases[] = {
-        {"", u"", CFSTR("")}, {"plain", u"plain", CFSTR("plain")},
+        {"", u"", CFSTR("")},
+        {"plain", u"plain", CFSTR("plain")},
         {"h\xC3\xA9llo", u"h\u00E9llo", CFSTR("h\u00E9llo")},
-        {"\xE2\x82\xAC" "100", u"\u20AC100", CFSTR("\u20AC100")},
+        {"\xE2\x82\xAC"
+         "100",
+         u"\u20AC100", CFSTR("\u20AC100")},
         {"\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E", u"\u65E5\u672C\u8A9E", CFSTR("\u65E5\u672C\u8A9E")},
         {"a\xF0\x9F\x98\x80z", u"a\U0001F600z", CFSTR("a\U0001F600z")},  // the emoji counts two units
     };
@@ -169,7 +180,10 @@ TEST(CFString, CopiesOfImmutableStringsAreTheStringItself) {
 }
 
 TEST(CFString, LoneSurrogatesFailUTF8AndShowReplaced) {
-    Ref<CFStringRef> high(makeUnits(u"a\xD800" "b\u00E9")), low(makeUnits(u"\xDC00x"));
+    Ref<CFStringRef> high(
+        makeUnits(u"a\xD800"
+                  "b\u00E9")),
+        low(makeUnits(u"\xDC00x"));
     char buffer[16];
     EXPECT_FALSE(CFStringGetCString(high, buffer, sizeof buffer, kUTF8));
     EXPECT_FALSE(CFStringGetCString(low, buffer, sizeof buffer, kUTF8));
@@ -177,7 +191,9 @@ TEST(CFString, LoneSurrogatesFailUTF8AndShowReplaced) {
     CFShow(high);
     CFShow(low);
     CFShow(nullptr);
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "a\xEF\xBF\xBD" "b\xC3\xA9\n\xEF\xBF\xBDx\n(null)\n");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "a\xEF\xBF\xBD"
+              "b\xC3\xA9\n\xEF\xBF\xBDx\n(null)\n");
 }
 
 // ---- Encodings ---------------------------------------------------------------
@@ -187,32 +203,55 @@ TEST(CFString, DecodingCreatesTextOrFails) {
     // bad continuation bytes, bytes the encoding lacks, odd lengths, refused
     // and unknown encodings.
     const std::pair<std::vector<uint8_t>, CFStringEncoding> malformed[] = {
-        {{0xC0, 0xAF}, kUTF8}, {{0xE0, 0x80, 0xAF}, kUTF8}, {{0xF0, 0x8F, 0xBF, 0xBF}, kUTF8},
-        {{0xED, 0xA0, 0x80}, kUTF8}, {{0xF4, 0x90, 0x80, 0x80}, kUTF8}, {{'a', 0xE2, 0x82}, kUTF8},
-        {{'a', 0x80}, kUTF8}, {{0xC3, 0x28}, kUTF8}, {{0xFF}, kUTF8}, {{'a', 0x80}, kCFStringEncodingASCII},
-        {{0x81}, kCFStringEncodingWindowsLatin1}, {{0x00, 'A', 0x00}, kUTF16BE}, {{0, 0, 0xD8, 0x00}, kUTF32BE},
-        {{0, 0x11, 0, 0}, kUTF32BE}, {{0, 0, 0}, kUTF32BE}, {{'a'}, kCFStringEncodingNextStepLatin}, {{'a'}, 0x7777},
+        {{0xC0, 0xAF}, kUTF8},
+        {{0xE0, 0x80, 0xAF}, kUTF8},
+        {{0xF0, 0x8F, 0xBF, 0xBF}, kUTF8},
+        {{0xED, 0xA0, 0x80}, kUTF8},
+        {{0xF4, 0x90, 0x80, 0x80}, kUTF8},
+        {{'a', 0xE2, 0x82}, kUTF8},
+        {{'a', 0x80}, kUTF8},
+        {{0xC3, 0x28}, kUTF8},
+        {{0xFF}, kUTF8},
+        {{'a', 0x80}, kCFStringEncodingASCII},
+        {{0x81}, kCFStringEncodingWindowsLatin1},
+        {{0x00, 'A', 0x00}, kUTF16BE},
+        {{0, 0, 0xD8, 0x00}, kUTF32BE},
+        {{0, 0x11, 0, 0}, kUTF32BE},
+        {{0, 0, 0}, kUTF32BE},
+        {{'a'}, kCFStringEncodingNextStepLatin},
+        {{'a'}, 0x7777},
     };
     for (const auto &[bytes, encoding] : malformed)
         EXPECT_EQ(take(fromBytes(bytes, encoding)), "<NULL>") << ::testing::PrintToString(bytes) << " in " << encoding;
 
-    struct Case { std::vector<uint8_t> bytes; CFStringEncoding encoding; bool external; std::u16string units; };
+    struct Case {
+        std::vector<uint8_t> bytes;
+        CFStringEncoding encoding;
+        bool external;
+        std::u16string units;
+    };
     const Case valid[] = {
-        {{0xC3, 0xA9}, kUTF8, false, u"\u00E9"}, {{0xF0, 0x9F, 0x98, 0x80}, kUTF8, false, u"\U0001F600"},
+        {{0xC3, 0xA9}, kUTF8, false, u"\u00E9"},
+        {{0xF0, 0x9F, 0x98, 0x80}, kUTF8, false, u"\U0001F600"},
         {{0xF4, 0x8F, 0xBF, 0xBF}, kUTF8, false, u"\U0010FFFF"},
-        {{0xEF, 0xBB, 0xBF, 'h', 'i'}, kUTF8, true, u"hi"},          // a mark is dropped from external text
-        {{0xEF, 0xBB, 0xBF, 'h'}, kUTF8, false, u"\uFEFFh"},         // and kept otherwise
+        {{0xEF, 0xBB, 0xBF, 'h', 'i'}, kUTF8, true, u"hi"},   // a mark is dropped from external text
+        {{0xEF, 0xBB, 0xBF, 'h'}, kUTF8, false, u"\uFEFFh"},  // and kept otherwise
         {{0xE9, 0xFF}, kCFStringEncodingISOLatin1, false, u"\u00E9\u00FF"},
         {{0x80, 0x9F, 0xE9}, kCFStringEncodingWindowsLatin1, false, u"\u20AC\u0178\u00E9"},
         {{0x80, 0xDB, 0xF0, 0xFF}, kCFStringEncodingMacRoman, false, u"\u00C4\u20AC\uF8FF\u02C7"},
-        {{0x00, 'A', 0x20, 0xAC}, kUTF16BE, false, u"A\u20AC"}, {{'A', 0x00, 0xAC, 0x20}, kUTF16LE, false, u"A\u20AC"},
-        {{0xFF, 0xFE, 'A', 0x00}, kUTF16, true, u"A"}, {{0xFE, 0xFF, 0x00, 'A'}, kUTF16, true, u"A"},
+        {{0x00, 'A', 0x20, 0xAC}, kUTF16BE, false, u"A\u20AC"},
+        {{'A', 0x00, 0xAC, 0x20}, kUTF16LE, false, u"A\u20AC"},
+        {{0xFF, 0xFE, 'A', 0x00}, kUTF16, true, u"A"},
+        {{0xFE, 0xFF, 0x00, 'A'}, kUTF16, true, u"A"},
         {{0x00, 'A', 0x00, 'B'}, kUTF16, true, u"AB"},  // external without a mark is big-endian
         {{0xD8, 0x3D, 0xDE, 0x00}, kUTF16BE, false, u"\U0001F600"},
         {{0xDC, 0x00, 0x00, 'x'}, kUTF16BE, false, u"\xDC00x"},  // a lone surrogate is kept
-        {{0, 0x01, 0xF6, 0x00}, kUTF32BE, false, u"\U0001F600"}, {{0xAC, 0x20, 0, 0}, kUTF32LE, false, u"\u20AC"},
+        {{0, 0x01, 0xF6, 0x00}, kUTF32BE, false, u"\U0001F600"},
+        {{0xAC, 0x20, 0, 0}, kUTF32LE, false, u"\u20AC"},
         {{0, 0, 0xFE, 0xFF, 0, 0, 0, 'A'}, kCFStringEncodingUTF32, true, u"A"},
-        {{'a', '\\', 'u', '2', '0', 'a', 'c', '\\', '3', '5', '1', '\\', '\\'}, kCFStringEncodingNonLossyASCII, false,
+        {{'a', '\\', 'u', '2', '0', 'a', 'c', '\\', '3', '5', '1', '\\', '\\'},
+         kCFStringEncodingNonLossyASCII,
+         false,
          u"a\u20AC\u00E9\\"},
     };
     for (const Case &c : valid) {
@@ -226,12 +265,17 @@ TEST(CFString, DecodingCreatesTextOrFails) {
 TEST(CFString, EveryEncodingRoundTripsWhatItCanRepresent) {
     CFStringRef wide = CFSTR("\u20AC\U0001F600");
     const std::pair<CFStringEncoding, CFStringRef> cases[] = {
-        {kUTF8, CFSTR("a\u00E9\u20AC\U0001F600")}, {kCFStringEncodingASCII, CFSTR("plain ASCII ~")},
+        {kUTF8, CFSTR("a\u00E9\u20AC\U0001F600")},
+        {kCFStringEncodingASCII, CFSTR("plain ASCII ~")},
         {kCFStringEncodingISOLatin1, CFSTR("\u00C0\u00E9\u00FF\u0080")},
         {kCFStringEncodingWindowsLatin1, CFSTR("\u20AC\u201C\u0178\u00E9")},
         {kCFStringEncodingMacRoman, CFSTR("\u00C4\u2020\u03C0\uF8FF\u02C7")},
         {kCFStringEncodingNonLossyASCII, CFSTR("a\\b\u00E9\u20AC")},
-        {kUTF16, wide}, {kUTF16BE, wide}, {kUTF16LE, wide}, {kCFStringEncodingUTF32, wide}, {kUTF32BE, wide},
+        {kUTF16, wide},
+        {kUTF16BE, wide},
+        {kUTF16LE, wide},
+        {kCFStringEncodingUTF32, wide},
+        {kUTF32BE, wide},
         {kUTF32LE, wide},
     };
     for (auto [encoding, text] : cases) {
@@ -258,9 +302,9 @@ TEST(CFString, EveryEncodingRoundTripsWhatItCanRepresent) {
         all.push_back(static_cast<uint8_t>(b));
         if (b != 0x81 && b != 0x8D && b != 0x8F && b != 0x90 && b != 0x9D) cp1252.push_back(static_cast<uint8_t>(b));
     }
-    for (auto [encoding, input] : {std::pair{kCFStringEncodingISOLatin1, all},
-                                   std::pair{kCFStringEncodingMacRoman, all},
-                                   std::pair{kCFStringEncodingWindowsLatin1, cp1252}}) {
+    for (auto [encoding, input] :
+         {std::pair{kCFStringEncodingISOLatin1, all}, std::pair{kCFStringEncodingMacRoman, all},
+          std::pair{kCFStringEncodingWindowsLatin1, cp1252}}) {
         Ref<CFStringRef> string(fromBytes(input, encoding));
         char out[256];
         ASSERT_TRUE(string && CFStringGetCString(string, out, sizeof out, encoding));
@@ -276,7 +320,9 @@ TEST(CFString, ExternalRepresentationMarksAndLossBytes) {
     };
     CFStringRef text = CFSTR("A\u20AC");
     const bool little = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
-    EXPECT_EQ(external(text, kUTF16), little ? std::string("\xFF\xFE" "A\0\xAC\x20", 6)
+    EXPECT_EQ(external(text, kUTF16), little ? std::string("\xFF\xFE"
+                                                           "A\0\xAC\x20",
+                                                           6)
                                              : std::string("\xFE\xFF\0A\x20\xAC", 6));
     EXPECT_EQ(external(text, kCFStringEncodingUTF32).size(), 12u);
     EXPECT_EQ(external(text, kUTF16BE), std::string("\0A\x20\xAC", 4));  // no mark in an explicit byte order
@@ -300,7 +346,7 @@ TEST(CFString, GetBytesStopsAtWholeCharacters) {
         return std::tuple(converted, used, std::string(reinterpret_cast<char *>(buffer), maxBytes ? used : 0));
     };
     using R = std::tuple<CFIndex, CFIndex, std::string>;
-    CFStringRef text = CFSTR("ab\U0001F600c");  // 5 units; the emoji is 4 UTF-8 bytes
+    CFStringRef text = CFSTR("ab\U0001F600c");                   // 5 units; the emoji is 4 UTF-8 bytes
     EXPECT_EQ(get(text, 5, kUTF8, 0, false, 5), R(2, 2, "ab"));  // the emoji does not fit and is not split
     EXPECT_EQ(get(text, 5, kUTF8, 0, false, 6), R(4, 6, "ab\xF0\x9F\x98\x80"));
     // A range ending between the surrogates leaves a lone high surrogate,
@@ -316,9 +362,15 @@ TEST(CFString, GetBytesStopsAtWholeCharacters) {
 
 TEST(CFString, MaximumSizeForEncoding) {
     const std::tuple<CFIndex, CFStringEncoding, CFIndex> cases[] = {
-        {10, kUTF8, 30}, {10, kUTF16, 20}, {10, kUTF16LE, 20}, {10, kUTF32BE, 40}, {10, kCFStringEncodingMacRoman, 10},
-        {0, kUTF8, 0}, {LONG_MAX, kCFStringEncodingASCII, LONG_MAX},
-        {LONG_MAX / 3 + 1, kUTF8, kCFNotFound}, {LONG_MAX / 4 + 1, kCFStringEncodingUTF32, kCFNotFound},  // overflow
+        {10, kUTF8, 30},
+        {10, kUTF16, 20},
+        {10, kUTF16LE, 20},
+        {10, kUTF32BE, 40},
+        {10, kCFStringEncodingMacRoman, 10},
+        {0, kUTF8, 0},
+        {LONG_MAX, kCFStringEncodingASCII, LONG_MAX},
+        {LONG_MAX / 3 + 1, kUTF8, kCFNotFound},
+        {LONG_MAX / 4 + 1, kCFStringEncodingUTF32, kCFNotFound},  // overflow
     };
     for (auto [length, encoding, size] : cases)
         EXPECT_EQ(CFStringGetMaximumSizeForEncoding(length, encoding), size) << length << " in " << encoding;
@@ -326,10 +378,10 @@ TEST(CFString, MaximumSizeForEncoding) {
 
 // ---- Formatting --------------------------------------------------------------
 
-#define EXPECT_LIKE_SNPRINTF(format, ...)                                  \
-    do {                                                                   \
-        char expected[512];                                                \
-        std::snprintf(expected, sizeof expected, format, __VA_ARGS__);     \
+#define EXPECT_LIKE_SNPRINTF(format, ...)                                        \
+    do {                                                                         \
+        char expected[512];                                                      \
+        std::snprintf(expected, sizeof expected, format, __VA_ARGS__);           \
         EXPECT_EQ(FORMAT(format, __VA_ARGS__), expected) << "format " << format; \
     } while (0)
 
@@ -379,18 +431,23 @@ TEST(CFStringFormat, UnicodeConversionsCountUTF16Units) {
     EXPECT_EQ(FORMAT("[%4s][%.2s][%.3s]", "\xC3\xA9", "a\xC3\xA9", "a\xC3\xA9"), "[   \xC3\xA9][a][a\xC3\xA9]");
     // The format itself may be non-ASCII; "l" makes %c and %s take UniChars.
     EXPECT_EQ(FORMAT("\u2192%d\u2190 %ls %lc", 5, units, 0x20AC),
-              "\xE2\x86\x92" "5\xE2\x86\x90 h\xC3\xA9\xE2\x82\xAC \xE2\x82\xAC");
+              "\xE2\x86\x92"
+              "5\xE2\x86\x90 h\xC3\xA9\xE2\x82\xAC \xE2\x82\xAC");
 }
 
 // %@ prefers the formatting description, then the debug one, then the
 // runtime's default "<ClassName 0x... [0x...]>".
-CFStringRef formattedDescription(CFTypeRef, CFDictionaryRef) { return CFSTR("formatted"); }
-CFStringRef debugDescription(CFTypeRef) { return CFSTR("debug"); }
+CFStringRef formattedDescription(CFTypeRef, CFDictionaryRef) {
+    return CFSTR("formatted");
+}
+CFStringRef debugDescription(CFTypeRef) {
+    return CFSTR("debug");
+}
 const CFRuntimeClass kBareClass = {0, "TestBareObject", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
-const CFRuntimeClass kDescribedClass = {
-    0, "TestDescribedObject", nullptr, nullptr, nullptr, nullptr, nullptr, formattedDescription, debugDescription};
-const CFRuntimeClass kDebugOnlyClass = {
-    0, "TestDebugOnlyObject", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, debugDescription};
+const CFRuntimeClass kDescribedClass = {0,       "TestDescribedObject", nullptr,         nullptr, nullptr, nullptr,
+                                        nullptr, formattedDescription,  debugDescription};
+const CFRuntimeClass kDebugOnlyClass = {0,       "TestDebugOnlyObject", nullptr, nullptr, nullptr, nullptr, nullptr,
+                                        nullptr, debugDescription};
 
 template <const CFRuntimeClass *cls>
 CFTypeRef createInstance() {
@@ -437,19 +494,28 @@ TEST(CFStringFormat, AppendFormatAndLongOutput) {
 // ---- Comparison and search -------------------------------------------------
 
 TEST(CFString, CompareTable) {
-    struct Case { CFStringRef a, b; CFStringCompareFlags options; CFComparisonResult expected; };
+    struct Case {
+        CFStringRef a, b;
+        CFStringCompareFlags options;
+        CFComparisonResult expected;
+    };
     const CFStringCompareFlags kCaseless = kCFCompareCaseInsensitive, kNumeric = kCFCompareNumerically;
     const CFComparisonResult kLess = kCFCompareLessThan, kEqual = kCFCompareEqualTo, kGreater = kCFCompareGreaterThan;
     const Case cases[] = {
-        {CFSTR("abc"), CFSTR("abc"), 0, kEqual}, {CFSTR("abc"), CFSTR("abd"), 0, kLess},
-        {CFSTR("abc"), CFSTR("ab"), 0, kGreater}, {CFSTR(""), CFSTR("a"), 0, kLess},
-        {CFSTR("ABC"), CFSTR("abc"), 0, kLess}, {CFSTR("ABC"), CFSTR("abc"), kCaseless, kEqual},
+        {CFSTR("abc"), CFSTR("abc"), 0, kEqual},
+        {CFSTR("abc"), CFSTR("abd"), 0, kLess},
+        {CFSTR("abc"), CFSTR("ab"), 0, kGreater},
+        {CFSTR(""), CFSTR("a"), 0, kLess},
+        {CFSTR("ABC"), CFSTR("abc"), 0, kLess},
+        {CFSTR("ABC"), CFSTR("abc"), kCaseless, kEqual},
         {CFSTR("\u00C9T\u00C9"), CFSTR("\u00E9t\u00E9"), kCaseless, kEqual},
         {CFSTR("\u00D7"), CFSTR("\u00F7"), kCaseless, kLess},  // not letters
         {CFSTR("z"), CFSTR("\u00E9"), 0, kLess},               // by UTF-16 unit
         {CFSTR("\u00E9"), CFSTR("e\u0301"), 0, kGreater},      // literal: no normalisation
-        {CFSTR("file10"), CFSTR("file9"), 0, kLess}, {CFSTR("file10"), CFSTR("file9"), kNumeric, kGreater},
-        {CFSTR("v2.10.1"), CFSTR("v2.9.7"), kNumeric, kGreater}, {CFSTR("a007b"), CFSTR("a7c"), kNumeric, kLess},
+        {CFSTR("file10"), CFSTR("file9"), 0, kLess},
+        {CFSTR("file10"), CFSTR("file9"), kNumeric, kGreater},
+        {CFSTR("v2.10.1"), CFSTR("v2.9.7"), kNumeric, kGreater},
+        {CFSTR("a007b"), CFSTR("a7c"), kNumeric, kLess},
         {CFSTR("File10"), CFSTR("file010"), kNumeric | kCaseless, kEqual},
         {CFSTR("abc"), CFSTR("ABC"), kCFCompareLocalized | kCFCompareNonliteral, kGreater},
     };
@@ -463,16 +529,26 @@ TEST(CFString, CompareTable) {
 }
 
 TEST(CFString, FindTable) {
-    struct Case { CFStringRef haystack, needle; CFStringCompareFlags options; CFIndex location; };
+    struct Case {
+        CFStringRef haystack, needle;
+        CFStringCompareFlags options;
+        CFIndex location;
+    };
     const CFStringCompareFlags kAnchored = kCFCompareAnchored, kBackwards = kCFCompareBackwards;
     CFStringRef abcabc = CFSTR("abcabc");
     const Case cases[] = {
-        {abcabc, CFSTR("bc"), 0, 1},           {abcabc, CFSTR("bc"), kBackwards, 4},
-        {abcabc, CFSTR("BC"), 0, kCFNotFound}, {abcabc, CFSTR("BC"), kCFCompareCaseInsensitive, 1},
-        {abcabc, CFSTR("abc"), kAnchored, 0},  {abcabc, CFSTR("bc"), kAnchored, kCFNotFound},
-        {abcabc, CFSTR("bc"), kAnchored | kBackwards, 4}, {abcabc, CFSTR("ab"), kAnchored | kBackwards, kCFNotFound},
-        {CFSTR("abc"), CFSTR(""), 0, kCFNotFound}, {CFSTR(""), CFSTR("a"), 0, kCFNotFound},
-        {CFSTR("ab"), CFSTR("abc"), 0, kCFNotFound}, {CFSTR("x\U0001F600y"), CFSTR("y"), 0, 3},
+        {abcabc, CFSTR("bc"), 0, 1},
+        {abcabc, CFSTR("bc"), kBackwards, 4},
+        {abcabc, CFSTR("BC"), 0, kCFNotFound},
+        {abcabc, CFSTR("BC"), kCFCompareCaseInsensitive, 1},
+        {abcabc, CFSTR("abc"), kAnchored, 0},
+        {abcabc, CFSTR("bc"), kAnchored, kCFNotFound},
+        {abcabc, CFSTR("bc"), kAnchored | kBackwards, 4},
+        {abcabc, CFSTR("ab"), kAnchored | kBackwards, kCFNotFound},
+        {CFSTR("abc"), CFSTR(""), 0, kCFNotFound},
+        {CFSTR(""), CFSTR("a"), 0, kCFNotFound},
+        {CFSTR("ab"), CFSTR("abc"), 0, kCFNotFound},
+        {CFSTR("x\U0001F600y"), CFSTR("y"), 0, 3},
         {CFSTR("x\U0001F600y\u00E9"), CFSTR("y\u00C9"), kCFCompareCaseInsensitive, 3},
     };
     for (const Case &c : cases) {
@@ -511,7 +587,7 @@ TEST(CFStringMutable, AppendSwitchesStorageOnlyWhenNeeded) {
     expected += "\xC3\xA9\xF0\x9F\x98\x80\xE2\x82\xAC";
     EXPECT_EQ(CFStringGetLength(m), 200 + 1 + 2 + 1);
     EXPECT_EQ(utf8(m), expected);
-    CFStringAppend(m, m);  // appending a string to itself doubles it
+    CFStringAppend(m, m);                     // appending a string to itself doubles it
     CFStringAppendCString(m, "\xFF", kUTF8);  // invalid UTF-8 leaves the string unchanged
     EXPECT_EQ(utf8(m), expected + expected);
 

@@ -1,10 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for buffer attachments: the two modes and moves between them, the
 // "none" answers, ownership of keys and values (a counting value type shows
 // every release), finalizers of displaced values calling back into the same
 // buffer, propagation, copies, and many threads on one buffer.
 #include <CoreVideo/CoreVideo.h>
 #include <dispatch/dispatch.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -35,8 +35,8 @@ void finalizeBearer(CFTypeRef cf) {
     __CVBufferFinalize(cf);
 }
 
-const CFRuntimeClass kBearerClass = {0, "TestBearer", nullptr, nullptr, finalizeBearer, nullptr, nullptr, nullptr,
-                                     nullptr};
+const CFRuntimeClass kBearerClass = {0,       "TestBearer", nullptr, nullptr, finalizeBearer,
+                                     nullptr, nullptr,      nullptr, nullptr};
 
 CFTypeID bearerTypeID() {
     static dispatch_once_t once;
@@ -72,8 +72,8 @@ void finalizeTracked(CFTypeRef cf) {
     }
 }
 
-const CFRuntimeClass kTrackedClass = {0, "TestTracked", nullptr, nullptr, finalizeTracked, nullptr, nullptr, nullptr,
-                                      nullptr};
+const CFRuntimeClass kTrackedClass = {0,       "TestTracked", nullptr, nullptr, finalizeTracked,
+                                      nullptr, nullptr,       nullptr, nullptr};
 
 CFTypeRef makeTracked(CVBufferRef reenter = nullptr) {
     static dispatch_once_t once;
@@ -97,7 +97,9 @@ protected:
     CVBufferRef buffer = nullptr;
 };
 
-CFNumberRef number(int value) { return CFNumberCreate(nullptr, kCFNumberIntType, &value); }
+CFNumberRef number(int value) {
+    return CFNumberCreate(nullptr, kCFNumberIntType, &value);
+}
 
 CFDictionaryRef dictionaryOf(std::initializer_list<std::pair<CFStringRef, CFTypeRef>> entries) {
     CFMutableDictionaryRef dictionary =
@@ -336,7 +338,8 @@ TEST_F(CVBufferTest, ManyThreadsOnOneBufferKeepItConsistent) {
         threads.emplace_back([&, t] {
             CFNumberRef mine = number(t);
             for (int i = 0; i < kRounds; ++i) {
-                CVAttachmentMode mode = (i & 1) ? kCVAttachmentMode_ShouldPropagate : kCVAttachmentMode_ShouldNotPropagate;
+                CVAttachmentMode mode =
+                    (i & 1) ? kCVAttachmentMode_ShouldPropagate : kCVAttachmentMode_ShouldNotPropagate;
                 CVBufferSetAttachment(buffer, keys[t], mine, mode);
                 CVAttachmentMode seen = 99;
                 if (CVBufferGetAttachment(buffer, keys[t], &seen) != mine || seen != mode) failures++;

@@ -1,10 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for pixel buffers, texture records and image-buffer geometry: plane
 // layouts of packed and planar formats against hand-computed sizes, row and
 // plane alignment, every creation status, allocation failure, caller-owned
 // bytes, base-address locking, attachments through the creation attributes,
 // and display rectangles from clean apertures and pixel aspect ratios.
 #include <CoreVideo/CoreVideo.h>
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -20,8 +20,12 @@ namespace {
 
 using sorvel_test::TestAllocator;
 
-CFNumberRef number(double value) { return CFNumberCreate(nullptr, kCFNumberDoubleType, &value); }
-CFNumberRef integer(int64_t value) { return CFNumberCreate(nullptr, kCFNumberSInt64Type, &value); }
+CFNumberRef number(double value) {
+    return CFNumberCreate(nullptr, kCFNumberDoubleType, &value);
+}
+CFNumberRef integer(int64_t value) {
+    return CFNumberCreate(nullptr, kCFNumberSInt64Type, &value);
+}
 
 CFDictionaryRef dictionaryOf(std::initializer_list<std::pair<CFStringRef, CFTypeRef>> entries) {
     CFMutableDictionaryRef dictionary =
@@ -45,8 +49,8 @@ CFDictionaryRef numbersDictionary(std::initializer_list<std::pair<CFStringRef, d
 CFDictionaryRef alignmentAttributes(int64_t rowAlignment, int64_t planeAlignment = 0) {
     CFNumberRef row = integer(rowAlignment);
     CFNumberRef plane = integer(planeAlignment);
-    CFDictionaryRef attributes = dictionaryOf(
-        {{kCVPixelBufferBytesPerRowAlignmentKey, row}, {kCVPixelBufferPlaneAlignmentKey, plane}});
+    CFDictionaryRef attributes =
+        dictionaryOf({{kCVPixelBufferBytesPerRowAlignmentKey, row}, {kCVPixelBufferPlaneAlignmentKey, plane}});
     CFRelease(row);
     CFRelease(plane);
     return attributes;
@@ -62,7 +66,7 @@ struct LayoutCase {
     const char *name;
     OSType format;
     size_t width, height;
-    int64_t rowAlignment;  // 0: default (64)
+    int64_t rowAlignment;                  // 0: default (64)
     std::vector<PlaneExpectation> planes;  // one entry for packed formats
     size_t dataSize;
     int64_t planeAlignment = 0;  // 0: default (64)
@@ -123,19 +127,32 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutCase{"L008_odd", kCVPixelFormatType_OneComponent8, 65, 1, 0, {{65, 1, 128, 0}}, 128},
         LayoutCase{"2vuy_odd_width", kCVPixelFormatType_422YpCbCr8, 3, 2, 1, {{3, 2, 8, 0}}, 16},
         LayoutCase{"yuvs", kCVPixelFormatType_422YpCbCr8_yuvs, 640, 480, 0, {{640, 480, 1280, 0}}, 1280 * 480},
-        LayoutCase{"420v_1080p", k420v, 1920, 1080, 0,
-                   {{1920, 1080, 1920, 0}, {960, 540, 1920, 1920 * 1080}}, 1920 * 1080 * 3 / 2},
+        LayoutCase{"420v_1080p",
+                   k420v,
+                   1920,
+                   1080,
+                   0,
+                   {{1920, 1080, 1920, 0}, {960, 540, 1920, 1920 * 1080}},
+                   1920 * 1080 * 3 / 2},
         LayoutCase{"420v_odd", k420v, 101, 51, 0, {{101, 51, 128, 0}, {51, 26, 128, 6528}}, 6528 + 128 * 26},
-        LayoutCase{"420f_odd_plane_padding", kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, 3, 3, 1,
-                   {{3, 3, 3, 0}, {2, 2, 4, 64}}, 72},
-        LayoutCase{"y420", kCVPixelFormatType_420YpCbCr8Planar, 16, 16, 0,
-                   {{16, 16, 64, 0}, {8, 8, 64, 1024}, {8, 8, 64, 1536}}, 2048},
-        LayoutCase{"x420", kCVPixelFormatType_420YpCbCr10BiPlanarVideoRange, 10, 4, 0,
-                   {{10, 4, 64, 0}, {5, 2, 64, 256}}, 384},
-        LayoutCase{"422v", kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange, 7, 3, 1,
-                   {{7, 3, 7, 0}, {4, 3, 8, 64}}, 88},
-        LayoutCase{"444f", kCVPixelFormatType_444YpCbCr8BiPlanarFullRange, 2, 2, 1,
-                   {{2, 2, 2, 0}, {2, 2, 4, 64}}, 72},
+        LayoutCase{"420f_odd_plane_padding",
+                   kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
+                   3,
+                   3,
+                   1,
+                   {{3, 3, 3, 0}, {2, 2, 4, 64}},
+                   72},
+        LayoutCase{"y420",
+                   kCVPixelFormatType_420YpCbCr8Planar,
+                   16,
+                   16,
+                   0,
+                   {{16, 16, 64, 0}, {8, 8, 64, 1024}, {8, 8, 64, 1536}},
+                   2048},
+        LayoutCase{
+            "x420", kCVPixelFormatType_420YpCbCr10BiPlanarVideoRange, 10, 4, 0, {{10, 4, 64, 0}, {5, 2, 64, 256}}, 384},
+        LayoutCase{"422v", kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange, 7, 3, 1, {{7, 3, 7, 0}, {4, 3, 8, 64}}, 88},
+        LayoutCase{"444f", kCVPixelFormatType_444YpCbCr8BiPlanarFullRange, 2, 2, 1, {{2, 2, 2, 0}, {2, 2, 4, 64}}, 72},
         LayoutCase{"420v_plane_align256", k420v, 3, 3, 1, {{3, 3, 3, 0}, {2, 2, 4, 256}}, 264, 256}),
     [](const ::testing::TestParamInfo<LayoutCase> &info) { return std::string(info.param.name); });
 
@@ -149,14 +166,30 @@ struct StatusCase {
     CVReturn status;
 };
 
-CFTypeRef noAttributes() { return nullptr; }
-CFTypeRef notADictionary() { return CFRetain(CFSTR("attributes")); }
-CFTypeRef negativeAlignment() { return alignmentAttributes(-16); }
-CFTypeRef hugeAlignment() { return alignmentAttributes(8192); }
-CFTypeRef planeAlignmentNotPowerOfTwo() { return alignmentAttributes(0, 48); }
-CFTypeRef alignmentNotANumber() { return dictionaryOf({{kCVPixelBufferBytesPerRowAlignmentKey, CFSTR("64")}}); }
-CFTypeRef attachmentsNotADictionary() { return dictionaryOf({{kCVBufferPropagatedAttachmentsKey, kCFBooleanTrue}}); }
-CFTypeRef ignoredKeys() { return dictionaryOf({{kCVPixelBufferWidthKey, kCFBooleanTrue}}); }
+CFTypeRef noAttributes() {
+    return nullptr;
+}
+CFTypeRef notADictionary() {
+    return CFRetain(CFSTR("attributes"));
+}
+CFTypeRef negativeAlignment() {
+    return alignmentAttributes(-16);
+}
+CFTypeRef hugeAlignment() {
+    return alignmentAttributes(8192);
+}
+CFTypeRef planeAlignmentNotPowerOfTwo() {
+    return alignmentAttributes(0, 48);
+}
+CFTypeRef alignmentNotANumber() {
+    return dictionaryOf({{kCVPixelBufferBytesPerRowAlignmentKey, CFSTR("64")}});
+}
+CFTypeRef attachmentsNotADictionary() {
+    return dictionaryOf({{kCVBufferPropagatedAttachmentsKey, kCFBooleanTrue}});
+}
+CFTypeRef ignoredKeys() {
+    return dictionaryOf({{kCVPixelBufferWidthKey, kCFBooleanTrue}});
+}
 
 class CVPixelBufferStatusTest : public ::testing::TestWithParam<StatusCase> {};
 
@@ -164,9 +197,9 @@ TEST_P(CVPixelBufferStatusTest, ReportsTheStatusAndClearsTheOutput) {
     const StatusCase &c = GetParam();
     CFTypeRef attributes = c.attributes();
     CVPixelBufferRef buffer = reinterpret_cast<CVPixelBufferRef>(0x1);
-    EXPECT_EQ(CVPixelBufferCreate(nullptr, c.width, c.height, c.format, static_cast<CFDictionaryRef>(attributes),
-                                  &buffer),
-              c.status);
+    EXPECT_EQ(
+        CVPixelBufferCreate(nullptr, c.width, c.height, c.format, static_cast<CFDictionaryRef>(attributes), &buffer),
+        c.status);
     if (c.status == kCVReturnSuccess) {
         EXPECT_NE(buffer, nullptr);
         CFRelease(buffer);
@@ -201,7 +234,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<StatusCase> &info) { return std::string(info.param.name); });
 
 TEST(CVPixelBufferCreateTest, NullOutputIsAnInvalidArgument) {
-    EXPECT_EQ(CVPixelBufferCreate(nullptr, 4, 4, kCVPixelFormatType_32BGRA, nullptr, nullptr), kCVReturnInvalidArgument);
+    EXPECT_EQ(CVPixelBufferCreate(nullptr, 4, 4, kCVPixelFormatType_32BGRA, nullptr, nullptr),
+              kCVReturnInvalidArgument);
 }
 
 TEST(CVPixelBufferCreateTest, AllocationFailuresLeaveNothingBehind) {
@@ -229,7 +263,8 @@ TEST(CVPixelBufferCreateTest, AttributesCarryAttachmentsInTheirModes) {
     CVPixelBufferRef buffer = nullptr;
     ASSERT_EQ(CVPixelBufferCreate(nullptr, 8, 8, kCVPixelFormatType_32BGRA, attributes, &buffer), kCVReturnSuccess);
     CVAttachmentMode mode = 99;
-    EXPECT_EQ(CVBufferGetAttachment(buffer, kCVImageBufferYCbCrMatrixKey, &mode), kCVImageBufferYCbCrMatrix_ITU_R_709_2);
+    EXPECT_EQ(CVBufferGetAttachment(buffer, kCVImageBufferYCbCrMatrixKey, &mode),
+              kCVImageBufferYCbCrMatrix_ITU_R_709_2);
     EXPECT_EQ(mode, kCVAttachmentMode_ShouldPropagate);
     EXPECT_EQ(CVBufferGetAttachment(buffer, CFSTR("local"), &mode), kCFBooleanTrue);
     EXPECT_EQ(mode, kCVAttachmentMode_ShouldNotPropagate);
@@ -298,8 +333,8 @@ TEST(CVPixelBufferWithBytesTest, RefusalsNeverCallTheReleaseCallback) {
     TestAllocator allocator;
     allocator.failAlways();
     CVPixelBufferRef buffer = nullptr;
-    EXPECT_EQ(CVPixelBufferCreateWithBytes(allocator.get(), 16, 2, kCVPixelFormatType_32BGRA, pixels, 64,
-                                           recordRelease, &record, nullptr, &buffer),
+    EXPECT_EQ(CVPixelBufferCreateWithBytes(allocator.get(), 16, 2, kCVPixelFormatType_32BGRA, pixels, 64, recordRelease,
+                                           &record, nullptr, &buffer),
               kCVReturnAllocationFailed);
     EXPECT_EQ(record.calls, 0);
 }
@@ -415,13 +450,14 @@ TEST_P(CVImageBufferDisplayRectTest, MatchesTheHandComputedRectangle) {
 INSTANTIATE_TEST_SUITE_P(
     Rects, CVImageBufferDisplayRectTest,
     ::testing::Values(
-        RectCase{"NoApertureIsTheWholePicture", 1920, 1080, {kNo, kNo, kNo, kNo}, {kNo, kNo}, true, {{0, 0}, {1920, 1080}}},
+        RectCase{
+            "NoApertureIsTheWholePicture", 1920, 1080, {kNo, kNo, kNo, kNo}, {kNo, kNo}, true, {{0, 0}, {1920, 1080}}},
         RectCase{"CentredAperture", 1920, 1080, {1888, 1062, 0, 0}, {kNo, kNo}, false, {{16, 9}, {1888, 1062}}},
         RectCase{"OffsetsTopLeft", 200, 100, {100, 50, 10, 5}, {kNo, kNo}, true, {{60, 30}, {100, 50}}},
         RectCase{"OffsetsBottomLeft", 200, 100, {100, 50, 10, 5}, {kNo, kNo}, false, {{60, 20}, {100, 50}}},
         RectCase{"MissingOffsetsAreZero", 200, 100, {100, 50, kNo, kNo}, {kNo, kNo}, true, {{50, 25}, {100, 50}}},
-        RectCase{"AspectRatioStretchesXAndWidth", 1440, 1080, {kNo, kNo, kNo, kNo}, {4, 3}, false,
-                 {{0, 0}, {1920, 1080}}},
+        RectCase{
+            "AspectRatioStretchesXAndWidth", 1440, 1080, {kNo, kNo, kNo, kNo}, {4, 3}, false, {{0, 0}, {1920, 1080}}},
         RectCase{"ApertureAndAspectRatio", 200, 100, {100, 50, 10, 5}, {4, 3}, true, {{80, 30}, {400.0 / 3, 50}}},
         RectCase{"NegativeWidthIgnoresAperture", 200, 100, {-100, 50, 0, 0}, {kNo, kNo}, true, {{0, 0}, {200, 100}}},
         RectCase{"MissingHeightIgnoresAperture", 200, 100, {100, kNo, 0, 0}, {kNo, kNo}, true, {{0, 0}, {200, 100}}},
@@ -443,8 +479,8 @@ TEST(CVImageBufferDisplayRectValuesTest, RationalsAndUnusableValues) {
                                               {kCVImageBufferCleanApertureHorizontalOffsetKey, offset}});
     expectRect(_CVImageBufferGetDisplayRect(720, 480, rationals, nullptr, true),
                CGRectMake((720 - 350.5) / 2 - 0.25, 0, 350.5, 480));
-    CFDictionaryRef zeroDenominator = dictionaryOf(
-        {{kCVImageBufferCleanApertureWidthKey, broken}, {kCVImageBufferCleanApertureHeightKey, height}});
+    CFDictionaryRef zeroDenominator =
+        dictionaryOf({{kCVImageBufferCleanApertureWidthKey, broken}, {kCVImageBufferCleanApertureHeightKey, height}});
     CFDictionaryRef textOffset = dictionaryOf({{kCVImageBufferCleanApertureWidthKey, width},
                                                {kCVImageBufferCleanApertureHeightKey, height},
                                                {kCVImageBufferCleanApertureVerticalOffsetKey, CFSTR("5")}});
@@ -522,34 +558,62 @@ TEST(CVImageBufferGeometryTest, NonImageBuffersAnswerZero) {
 
 TEST(CVImageBufferKeysTest, EveryKeysTextIsItsName) {
     const std::pair<CFStringRef, const char *> keys[] = {
-        NAMED(kCVImageBufferCleanApertureKey), NAMED(kCVImageBufferCleanApertureWidthKey),
-        NAMED(kCVImageBufferCleanApertureHeightKey), NAMED(kCVImageBufferCleanApertureHorizontalOffsetKey),
-        NAMED(kCVImageBufferCleanApertureVerticalOffsetKey), NAMED(kCVImageBufferPixelAspectRatioKey),
+        NAMED(kCVImageBufferCleanApertureKey),
+        NAMED(kCVImageBufferCleanApertureWidthKey),
+        NAMED(kCVImageBufferCleanApertureHeightKey),
+        NAMED(kCVImageBufferCleanApertureHorizontalOffsetKey),
+        NAMED(kCVImageBufferCleanApertureVerticalOffsetKey),
+        NAMED(kCVImageBufferPixelAspectRatioKey),
         NAMED(kCVImageBufferPixelAspectRatioHorizontalSpacingKey),
-        NAMED(kCVImageBufferPixelAspectRatioVerticalSpacingKey), NAMED(kCVImageBufferFieldCountKey),
-        NAMED(kCVImageBufferFieldDetailKey), NAMED(kCVImageBufferFieldDetailTemporalTopFirst),
-        NAMED(kCVImageBufferFieldDetailTemporalBottomFirst), NAMED(kCVImageBufferFieldDetailSpatialFirstLineEarly),
-        NAMED(kCVImageBufferFieldDetailSpatialFirstLineLate), NAMED(kCVImageBufferColorPrimariesKey),
-        NAMED(kCVImageBufferColorPrimaries_ITU_R_709_2), NAMED(kCVImageBufferColorPrimaries_EBU_3213),
-        NAMED(kCVImageBufferColorPrimaries_SMPTE_C), NAMED(kCVImageBufferColorPrimaries_P22),
-        NAMED(kCVImageBufferColorPrimaries_ITU_R_2020), NAMED(kCVImageBufferColorPrimaries_DCI_P3),
-        NAMED(kCVImageBufferColorPrimaries_P3_D65), NAMED(kCVImageBufferTransferFunctionKey),
-        NAMED(kCVImageBufferTransferFunction_ITU_R_709_2), NAMED(kCVImageBufferTransferFunction_SMPTE_240M_1995),
-        NAMED(kCVImageBufferTransferFunction_UseGamma), NAMED(kCVImageBufferTransferFunction_ITU_R_2020),
-        NAMED(kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ), NAMED(kCVImageBufferTransferFunction_ITU_R_2100_HLG),
-        NAMED(kCVImageBufferTransferFunction_SMPTE_ST_428_1), NAMED(kCVImageBufferTransferFunction_sRGB),
-        NAMED(kCVImageBufferTransferFunction_Linear), NAMED(kCVImageBufferYCbCrMatrixKey),
-        NAMED(kCVImageBufferYCbCrMatrix_ITU_R_709_2), NAMED(kCVImageBufferYCbCrMatrix_ITU_R_601_4),
-        NAMED(kCVImageBufferYCbCrMatrix_SMPTE_240M_1995), NAMED(kCVImageBufferYCbCrMatrix_ITU_R_2020),
-        NAMED(kCVImageBufferChromaLocationTopFieldKey), NAMED(kCVImageBufferChromaLocationBottomFieldKey),
-        NAMED(kCVImageBufferChromaLocation_Left), NAMED(kCVImageBufferChromaLocation_Center),
-        NAMED(kCVImageBufferChromaLocation_TopLeft), NAMED(kCVImageBufferChromaLocation_Top),
-        NAMED(kCVImageBufferChromaLocation_BottomLeft), NAMED(kCVImageBufferChromaLocation_Bottom),
-        NAMED(kCVImageBufferChromaLocation_DV420), NAMED(kCVImageBufferGammaLevelKey),
-        NAMED(kCVImageBufferICCProfileKey), NAMED(kCVPixelBufferPixelFormatTypeKey), NAMED(kCVPixelBufferWidthKey),
-        NAMED(kCVPixelBufferHeightKey), NAMED(kCVPixelBufferBytesPerRowAlignmentKey),
-        NAMED(kCVPixelBufferPlaneAlignmentKey), NAMED(kCVPixelBufferOpenGLESCompatibilityKey),
-        NAMED(kCVPixelBufferIOSurfacePropertiesKey), NAMED(kCVBufferPropagatedAttachmentsKey),
+        NAMED(kCVImageBufferPixelAspectRatioVerticalSpacingKey),
+        NAMED(kCVImageBufferFieldCountKey),
+        NAMED(kCVImageBufferFieldDetailKey),
+        NAMED(kCVImageBufferFieldDetailTemporalTopFirst),
+        NAMED(kCVImageBufferFieldDetailTemporalBottomFirst),
+        NAMED(kCVImageBufferFieldDetailSpatialFirstLineEarly),
+        NAMED(kCVImageBufferFieldDetailSpatialFirstLineLate),
+        NAMED(kCVImageBufferColorPrimariesKey),
+        NAMED(kCVImageBufferColorPrimaries_ITU_R_709_2),
+        NAMED(kCVImageBufferColorPrimaries_EBU_3213),
+        NAMED(kCVImageBufferColorPrimaries_SMPTE_C),
+        NAMED(kCVImageBufferColorPrimaries_P22),
+        NAMED(kCVImageBufferColorPrimaries_ITU_R_2020),
+        NAMED(kCVImageBufferColorPrimaries_DCI_P3),
+        NAMED(kCVImageBufferColorPrimaries_P3_D65),
+        NAMED(kCVImageBufferTransferFunctionKey),
+        NAMED(kCVImageBufferTransferFunction_ITU_R_709_2),
+        NAMED(kCVImageBufferTransferFunction_SMPTE_240M_1995),
+        NAMED(kCVImageBufferTransferFunction_UseGamma),
+        NAMED(kCVImageBufferTransferFunction_ITU_R_2020),
+        NAMED(kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ),
+        NAMED(kCVImageBufferTransferFunction_ITU_R_2100_HLG),
+        NAMED(kCVImageBufferTransferFunction_SMPTE_ST_428_1),
+        NAMED(kCVImageBufferTransferFunction_sRGB),
+        NAMED(kCVImageBufferTransferFunction_Linear),
+        NAMED(kCVImageBufferYCbCrMatrixKey),
+        NAMED(kCVImageBufferYCbCrMatrix_ITU_R_709_2),
+        NAMED(kCVImageBufferYCbCrMatrix_ITU_R_601_4),
+        NAMED(kCVImageBufferYCbCrMatrix_SMPTE_240M_1995),
+        NAMED(kCVImageBufferYCbCrMatrix_ITU_R_2020),
+        NAMED(kCVImageBufferChromaLocationTopFieldKey),
+        NAMED(kCVImageBufferChromaLocationBottomFieldKey),
+        NAMED(kCVImageBufferChromaLocation_Left),
+        NAMED(kCVImageBufferChromaLocation_Center),
+        NAMED(kCVImageBufferChromaLocation_TopLeft),
+        NAMED(kCVImageBufferChromaLocation_Top),
+        NAMED(kCVImageBufferChromaLocation_BottomLeft),
+        NAMED(kCVImageBufferChromaLocation_Bottom),
+        NAMED(kCVImageBufferChromaLocation_DV420),
+        NAMED(kCVImageBufferGammaLevelKey),
+        NAMED(kCVImageBufferICCProfileKey),
+        NAMED(kCVPixelBufferPixelFormatTypeKey),
+        NAMED(kCVPixelBufferWidthKey),
+        NAMED(kCVPixelBufferHeightKey),
+        NAMED(kCVPixelBufferBytesPerRowAlignmentKey),
+        NAMED(kCVPixelBufferPlaneAlignmentKey),
+        NAMED(kCVPixelBufferOpenGLESCompatibilityKey),
+        NAMED(kCVPixelBufferIOSurfacePropertiesKey),
+        NAMED(kCVBufferPropagatedAttachmentsKey),
         NAMED(kCVBufferNonPropagatedAttachmentsKey),
     };
     for (const auto &[key, name] : keys) {

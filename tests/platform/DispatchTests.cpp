@@ -1,8 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for one-time initialisation: exactly one run, every caller returning
 // only after it completed and seeing its writes, the block form, and the
 // fatal stop on recursive use.
 #include <dispatch/dispatch.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,13 +15,11 @@ namespace {
 
 constexpr dispatch_once_t kCompleted = ~static_cast<dispatch_once_t>(0);
 
-void countCall(void *context)
-{
+void countCall(void *context) {
     ++*static_cast<int *>(context);
 }
 
-TEST(DispatchOnceTest, RunsTheFunctionOnceWithItsContext)
-{
+TEST(DispatchOnceTest, RunsTheFunctionOnceWithItsContext) {
     static dispatch_once_t predicate;
     int calls = 0;
     dispatch_once_f(&predicate, &calls, countCall);
@@ -34,8 +32,7 @@ TEST(DispatchOnceTest, RunsTheFunctionOnceWithItsContext)
 
 // An initialiser commonly initialises something else on the way; only use of
 // its own predicate is recursion.
-TEST(DispatchOnceTest, FunctionMayInitialiseAnotherPredicate)
-{
+TEST(DispatchOnceTest, FunctionMayInitialiseAnotherPredicate) {
     static dispatch_once_t outer;
     static dispatch_once_t inner;
     static int innerCalls;
@@ -48,12 +45,11 @@ TEST(DispatchOnceTest, FunctionMayInitialiseAnotherPredicate)
 
 struct Initialisation {
     std::atomic<int> runs{0};
-    int payload = 0; // plain on purpose: visibility must come from dispatch_once_f
+    int payload = 0;  // plain on purpose: visibility must come from dispatch_once_f
     bool finished = false;
 };
 
-void slowInitialise(void *context)
-{
+void slowInitialise(void *context) {
     auto *state = static_cast<Initialisation *>(context);
     state->runs.fetch_add(1);
     // Long enough for the other callers to arrive while this runs.
@@ -62,8 +58,7 @@ void slowInitialise(void *context)
     state->finished = true;
 }
 
-TEST(DispatchOnceTest, ConcurrentFirstCallersWaitForTheSingleRun)
-{
+TEST(DispatchOnceTest, ConcurrentFirstCallersWaitForTheSingleRun) {
     constexpr int kThreads = 8;
     constexpr int kRounds = 10;
     for (int round = 0; round < kRounds; ++round) {
@@ -76,19 +71,16 @@ TEST(DispatchOnceTest, ConcurrentFirstCallersWaitForTheSingleRun)
             threads.emplace_back([&] {
                 start.arrive_and_wait();
                 dispatch_once_f(&predicate, &state, slowInitialise);
-                if (!state.finished || state.payload != 42)
-                    sawIncomplete.fetch_add(1);
+                if (!state.finished || state.payload != 42) sawIncomplete.fetch_add(1);
             });
-        for (std::thread &thread : threads)
-            thread.join();
+        for (std::thread &thread : threads) thread.join();
         EXPECT_EQ(state.runs.load(), 1) << "round " << round;
         EXPECT_EQ(sawIncomplete.load(), 0) << "round " << round;
         EXPECT_EQ(predicate, kCompleted);
     }
 }
 
-TEST(DispatchOnceTest, BlockFormRunsOnce)
-{
+TEST(DispatchOnceTest, BlockFormRunsOnce) {
     static dispatch_once_t predicate;
     __block int calls = 0;
     for (int i = 0; i < 3; ++i)
@@ -101,22 +93,19 @@ TEST(DispatchOnceTest, BlockFormRunsOnce)
 
 dispatch_once_t gRecursivePredicate;
 
-void recurse(void *)
-{
+void recurse(void *) {
     dispatch_once_f(&gRecursivePredicate, nullptr, recurse);
 }
 
-TEST(DispatchOnceTest, RecursiveUseIsAFatalStop)
-{
+TEST(DispatchOnceTest, RecursiveUseIsAFatalStop) {
     EXPECT_DEATH(dispatch_once_f(&gRecursivePredicate, nullptr, recurse), "dispatch_once_f .*recursively");
 }
 
-TEST(DispatchOnceTest, MissingArgumentsAreFatalStops)
-{
+TEST(DispatchOnceTest, MissingArgumentsAreFatalStops) {
     static dispatch_once_t predicate;
     EXPECT_DEATH(dispatch_once_f(nullptr, nullptr, countCall), "dispatch_once_f .*NULL predicate");
     EXPECT_DEATH(dispatch_once_f(&predicate, nullptr, nullptr), "dispatch_once_f .*NULL function");
     EXPECT_DEATH(dispatch_once(&predicate, nullptr), "dispatch_once .*NULL block");
 }
 
-} // namespace
+}  // namespace

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Annex B sample writer: length-prefixed 'avc1'/'hvc1' samples against
 // FFmpeg's mp4toannexb output for real clips, parameter sets on sync
 // samples, skipped unit types, and its failures.
@@ -42,11 +43,10 @@ SVRetained<SVFormatDescriptionRef> descriptionFromSets(bool hevc, const Units &s
         sizes.push_back(set.size());
     }
     SVFormatDescriptionRef desc = nullptr;
-    OSStatus status =
-        hevc ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
-                                                                   headerLength, nullptr, &desc)
-             : SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
-                                                                   headerLength, &desc);
+    OSStatus status = hevc ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+                                 nullptr, sets.size(), pointers.data(), sizes.data(), headerLength, nullptr, &desc)
+                           : SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), pointers.data(),
+                                                                                 sizes.data(), headerLength, &desc);
     EXPECT_EQ(status, 0);
     return SVRetained<SVFormatDescriptionRef>(desc);
 }
@@ -131,8 +131,8 @@ std::vector<Access> accessUnits(const std::string &clip) {
         const size_t syncAt = json.find("\"sync\":", at) + 7;
         const bool sync = json.compare(json.find_first_not_of(' ', syncAt), 4, "true") == 0;
         EXPECT_LE(offset + size, mp4.size());
-        units.push_back({Bytes(mp4.begin() + static_cast<long>(offset), mp4.begin() + static_cast<long>(offset + size)),
-                         sync});
+        units.push_back(
+            {Bytes(mp4.begin() + static_cast<long>(offset), mp4.begin() + static_cast<long>(offset + size)), sync});
     }
     return units;
 }
@@ -200,8 +200,7 @@ TEST(SVAnnexBSampleWriter, SyncSamplesGetTheParameterSetsAndSkippedTypesAreDropp
     ASSERT_EQ(sets.size(), 2u);
     auto desc = descriptionFromSets(false, sets, 4);
     // SEI (6), an empty unit, an IDR slice (5), a filler (12).
-    const Bytes sample = {0, 0, 0, 2, 0x06, 0x05, 0, 0, 0, 0, 0, 0, 0, 3, 0x65, 0x88, 0x80,
-                          0, 0, 0, 2, 0x0C, 0xFF};
+    const Bytes sample = {0, 0, 0, 2, 0x06, 0x05, 0, 0, 0, 0, 0, 0, 0, 3, 0x65, 0x88, 0x80, 0, 0, 0, 2, 0x0C, 0xFF};
     Bytes sets0;
     for (const Bytes &set : sets) {
         sets0.insert(sets0.end(), {0, 0, 0, 1});
@@ -262,9 +261,9 @@ TEST(SVAnnexBSampleWriter, BadArgumentsAndFailures) {
 
     // A sample buffer without data.
     SVSampleBufferRef noData = nullptr;
-    ASSERT_EQ(SVSampleBufferCreate(nullptr, nullptr, false, nullptr, nullptr, avc.get(), 0, 0, nullptr, 0, nullptr,
-                                   &noData),
-              0);
+    ASSERT_EQ(
+        SVSampleBufferCreate(nullptr, nullptr, false, nullptr, nullptr, avc.get(), 0, 0, nullptr, 0, nullptr, &noData),
+        0);
     SVRetained<SVSampleBufferRef> ownedNoData(noData);
     LogCapture capture(4);
     Encoded empty = encode(noData, 1);
@@ -313,8 +312,8 @@ TEST(SVAnnexBSampleWriter, TheVideoSampleWriterEncodesAVCAndHEVC) {
         EXPECT_EQ(packet, encode(sbuf.get(), mode).bytes);
         // The sample itself carries VPS, SPS, PPS and SEI; mode 1 repeats the
         // description's sets in front.
-        EXPECT_EQ(flexible(packet).count, _SVEnumerateNALUnits(aus[0].bytes.data(), aus[0].bytes.size(), 4, nullptr) +
-                                              (mode == 1 ? 4 : 0));
+        EXPECT_EQ(flexible(packet).count,
+                  _SVEnumerateNALUnits(aus[0].bytes.data(), aus[0].bytes.size(), 4, nullptr) + (mode == 1 ? 4 : 0));
     }
 }
 

@@ -1,12 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for the generic attachment calls: the exact log line of each call
 // for a target of the wrong kind (and that nothing happens then), the three
 // accepted kinds, propagation between kinds, copies that are NULL rather
 // than empty, and the text of every exported key.
+#include <CoreVideo/CoreVideo.h>
 #include <Sorvel/SVAttachment.h>
 #include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVSampleBuffer.h>
-
-#include <CoreVideo/CoreVideo.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -85,7 +85,9 @@ const std::vector<RefusalCase> &refusals() {
         {"SVRemoveAttachment", 90, "SVRemoveAttachment" TARGET_TEXT,
          [](CFTypeRef t, CFTypeRef) -> CFTypeRef { return SVRemoveAttachment(t, CFSTR("k")), nullptr; }},
         {"SVSetAttachment", 101, "SVSetAttachment" TARGET_TEXT,
-         [](CFTypeRef t, CFTypeRef) -> CFTypeRef { return SVSetAttachment(t, CFSTR("k"), kCFBooleanTrue, 1), nullptr; }},
+         [](CFTypeRef t, CFTypeRef) -> CFTypeRef {
+             return SVSetAttachment(t, CFSTR("k"), kCFBooleanTrue, 1), nullptr;
+         }},
         {"SVSetAttachments", 112, "SVSetAttachments" TARGET_TEXT,
          [](CFTypeRef t, CFTypeRef) -> CFTypeRef { return SVSetAttachments(t, entries, 1), nullptr; }},
     };
@@ -244,32 +246,43 @@ TEST(SVAttachmentModeTest, ModesAreCoreVideos) {
 
 TEST(SVAttachmentKeysTest, EveryKeysTextIsItsName) {
     const std::pair<CFStringRef, const char *> keys[] = {
-        NAMED(kSVSampleAttachmentKey_NotSync), NAMED(kSVSampleAttachmentKey_PartialSync),
-        NAMED(kSVSampleAttachmentKey_HasRedundantCoding), NAMED(kSVSampleAttachmentKey_IsDependedOnByOthers),
-        NAMED(kSVSampleAttachmentKey_DependsOnOthers), NAMED(kSVSampleAttachmentKey_EarlierDisplayTimesAllowed),
-        NAMED(kSVSampleAttachmentKey_DisplayImmediately), NAMED(kSVSampleAttachmentKey_DoNotDisplay),
+        NAMED(kSVSampleAttachmentKey_NotSync),
+        NAMED(kSVSampleAttachmentKey_PartialSync),
+        NAMED(kSVSampleAttachmentKey_HasRedundantCoding),
+        NAMED(kSVSampleAttachmentKey_IsDependedOnByOthers),
+        NAMED(kSVSampleAttachmentKey_DependsOnOthers),
+        NAMED(kSVSampleAttachmentKey_EarlierDisplayTimesAllowed),
+        NAMED(kSVSampleAttachmentKey_DisplayImmediately),
+        NAMED(kSVSampleAttachmentKey_DoNotDisplay),
         NAMED(kSVSampleBufferAttachmentKey_ResetDecoderBeforeDecoding),
         NAMED(kSVSampleBufferAttachmentKey_DrainAfterDecoding),
         NAMED(kSVSampleBufferAttachmentKey_PostNotificationWhenConsumed),
-        NAMED(kSVSampleBufferAttachmentKey_ResumeOutput), NAMED(kSVSampleBufferAttachmentKey_TransitionID),
+        NAMED(kSVSampleBufferAttachmentKey_ResumeOutput),
+        NAMED(kSVSampleBufferAttachmentKey_TransitionID),
         NAMED(kSVSampleBufferAttachmentKey_TrimDurationAtStart),
-        NAMED(kSVSampleBufferAttachmentKey_TrimDurationAtEnd), NAMED(kSVSampleBufferAttachmentKey_SpeedMultiplier),
+        NAMED(kSVSampleBufferAttachmentKey_TrimDurationAtEnd),
+        NAMED(kSVSampleBufferAttachmentKey_SpeedMultiplier),
         NAMED(kSVSampleBufferAttachmentKey_Reverse),
         NAMED(kSVSampleBufferAttachmentKey_FillDiscontinuitiesWithSilence),
-        NAMED(kSVSampleBufferAttachmentKey_EmptyMedia), NAMED(kSVSampleBufferAttachmentKey_PermanentEmptyMedia),
+        NAMED(kSVSampleBufferAttachmentKey_EmptyMedia),
+        NAMED(kSVSampleBufferAttachmentKey_PermanentEmptyMedia),
         NAMED(kSVSampleBufferAttachmentKey_DisplayEmptyMediaImmediately),
         NAMED(kSVSampleBufferAttachmentKey_EndsPreviousSampleDuration),
         NAMED(kSVSampleBufferAttachmentKey_SampleReferenceURL),
         NAMED(kSVSampleBufferAttachmentKey_SampleReferenceByteOffset),
         NAMED(kSVSampleBufferAttachmentKey_GradualDecoderRefresh),
         NAMED(kSVSampleBufferAttachmentKey_DroppedFrameReason),
-        NAMED(kSVSampleBufferAttachmentKey_DroppedFrameReasonInfo), NAMED(kSVSampleBufferAttachmentKey_ForceKeyFrame),
+        NAMED(kSVSampleBufferAttachmentKey_DroppedFrameReasonInfo),
+        NAMED(kSVSampleBufferAttachmentKey_ForceKeyFrame),
         NAMED(kSVSampleBufferAttachmentKey_StillImageLensStabilizationInfo),
-        NAMED(kSVSampleBufferDroppedFrameReason_FrameWasLate), NAMED(kSVSampleBufferDroppedFrameReason_OutOfBuffers),
+        NAMED(kSVSampleBufferDroppedFrameReason_FrameWasLate),
+        NAMED(kSVSampleBufferDroppedFrameReason_OutOfBuffers),
         NAMED(kSVSampleBufferDroppedFrameReason_Discontinuity),
         NAMED(kSVSampleBufferDroppedFrameReasonInfo_CameraModeSwitch),
-        NAMED(kSVSampleBufferLensStabilizationInfo_Active), NAMED(kSVSampleBufferLensStabilizationInfo_Off),
-        NAMED(kSVSampleBufferNotification_DataBecameReady), NAMED(kSVSampleBufferNotification_DataFailed),
+        NAMED(kSVSampleBufferLensStabilizationInfo_Active),
+        NAMED(kSVSampleBufferLensStabilizationInfo_Off),
+        NAMED(kSVSampleBufferNotification_DataBecameReady),
+        NAMED(kSVSampleBufferNotification_DataFailed),
         NAMED(kSVSampleBufferNotificationParameter_OSStatus),
         NAMED(kSVSampleBufferConduitNotification_InhibitOutputUntil),
         NAMED(kSVSampleBufferConduitNotification_ResetOutput),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests for the buffer queue: creation statuses, arrival and sorted order
 // (equal keys keep arrival order), capacity, end of data, ownership (a
 // counting buffer type shows every release), every trigger condition and
@@ -6,7 +7,6 @@
 // sample-buffer callback records and a producer/consumer stress run.
 #include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVSampleBuffer.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -41,14 +41,15 @@ struct OpaqueTestBuffer {
 
 std::atomic<int> gLiveBuffers{0};
 
-void testBufferFinalize(CFTypeRef) { gLiveBuffers--; }
+void testBufferFinalize(CFTypeRef) {
+    gLiveBuffers--;
+}
 
-const CFRuntimeClass kTestBufferClass = {0, "TestQueueBuffer", nullptr, nullptr, testBufferFinalize,
-                                         nullptr, nullptr, nullptr, nullptr};
+const CFRuntimeClass kTestBufferClass = {0,       "TestQueueBuffer", nullptr, nullptr, testBufferFinalize,
+                                         nullptr, nullptr,           nullptr, nullptr};
 constinit sorvel::SVRuntimeClass<OpaqueTestBuffer> gTestBufferClass{kTestBufferClass};
 
-OpaqueTestBuffer *makeBuffer(int64_t pts, int64_t duration = 1, bool ready = true, size_t size = 10,
-                             int64_t dts = -2) {
+OpaqueTestBuffer *makeBuffer(int64_t pts, int64_t duration = 1, bool ready = true, size_t size = 10, int64_t dts = -2) {
     OpaqueTestBuffer *buffer = gTestBufferClass.create(nullptr);
     buffer->pts = pts;
     buffer->dts = dts == -2 ? pts : dts;
@@ -59,22 +60,35 @@ OpaqueTestBuffer *makeBuffer(int64_t pts, int64_t duration = 1, bool ready = tru
     return buffer;
 }
 
-const OpaqueTestBuffer *fields(SVBufferRef buffer) { return static_cast<const OpaqueTestBuffer *>(buffer); }
+const OpaqueTestBuffer *fields(SVBufferRef buffer) {
+    return static_cast<const OpaqueTestBuffer *>(buffer);
+}
 
-SVTime tenths(int64_t value) { return value < 0 ? kSVTimeInvalid : SVTimeMake(value, 10); }
-SVTime getPTS(SVBufferRef b, void *) { return tenths(fields(b)->pts); }
-SVTime getDTS(SVBufferRef b, void *) { return tenths(fields(b)->dts); }
-SVTime getDuration(SVBufferRef b, void *) { return tenths(fields(b)->duration); }
-Boolean isReady(SVBufferRef b, void *) { return b != nullptr && fields(b)->ready; }
-size_t getSize(SVBufferRef b, void *) { return fields(b)->size; }
+SVTime tenths(int64_t value) {
+    return value < 0 ? kSVTimeInvalid : SVTimeMake(value, 10);
+}
+SVTime getPTS(SVBufferRef b, void *) {
+    return tenths(fields(b)->pts);
+}
+SVTime getDTS(SVBufferRef b, void *) {
+    return tenths(fields(b)->dts);
+}
+SVTime getDuration(SVBufferRef b, void *) {
+    return tenths(fields(b)->duration);
+}
+Boolean isReady(SVBufferRef b, void *) {
+    return b != nullptr && fields(b)->ready;
+}
+size_t getSize(SVBufferRef b, void *) {
+    return fields(b)->size;
+}
 CFComparisonResult comparePTS(SVBufferRef a, SVBufferRef b, void *) {
     return SVTimeCompare(getPTS(a, nullptr), getPTS(b, nullptr));
 }
 
 const SVBufferCallbacks kUnsorted = {0, nullptr, getDTS, getPTS, getDuration, isReady, nullptr, nullptr, getSize};
 const SVBufferCallbacks kSorted = {0, nullptr, getDTS, getPTS, getDuration, isReady, comparePTS, nullptr, getSize};
-const SVBufferCallbacks kDurationOnly = {0, nullptr, nullptr, nullptr, getDuration, nullptr, nullptr, nullptr,
-                                         nullptr};
+const SVBufferCallbacks kDurationOnly = {0, nullptr, nullptr, nullptr, getDuration, nullptr, nullptr, nullptr, nullptr};
 
 SVBufferQueueRef makeQueue(const SVBufferCallbacks &callbacks = kUnsorted, int32_t capacity = 0) {
     SVBufferQueueRef queue = nullptr;
@@ -177,14 +191,13 @@ TEST_P(SVBufferQueueOrderTest, DequeuesInTheQueuesOrder) {
     EXPECT_EQ(gLiveBuffers.load(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Orders, SVBufferQueueOrderTest,
-    ::testing::Values(OrderCase{"UnsortedKeepsArrival", false, {3, 1, 2}, {3, 1, 2}},
-                      OrderCase{"SortedAscending", true, {3, 1, 2, 0, 5, 4}, {0, 1, 2, 3, 4, 5}},
-                      OrderCase{"SortedNewHead", true, {5, 6, 1}, {1, 5, 6}},
-                      OrderCase{"SortedMiddle", true, {1, 9, 4, 7}, {1, 4, 7, 9}},
-                      OrderCase{"SortedAlreadyInOrder", true, {1, 2, 3}, {1, 2, 3}}),
-    [](const ::testing::TestParamInfo<OrderCase> &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Orders, SVBufferQueueOrderTest,
+                         ::testing::Values(OrderCase{"UnsortedKeepsArrival", false, {3, 1, 2}, {3, 1, 2}},
+                                           OrderCase{"SortedAscending", true, {3, 1, 2, 0, 5, 4}, {0, 1, 2, 3, 4, 5}},
+                                           OrderCase{"SortedNewHead", true, {5, 6, 1}, {1, 5, 6}},
+                                           OrderCase{"SortedMiddle", true, {1, 9, 4, 7}, {1, 4, 7, 9}},
+                                           OrderCase{"SortedAlreadyInOrder", true, {1, 2, 3}, {1, 2, 3}}),
+                         [](const ::testing::TestParamInfo<OrderCase> &info) { return std::string(info.param.name); });
 
 TEST_F(SVBufferQueueTest, SortedQueueKeepsArrivalOrderAmongEquals) {
     SVBufferQueueRef queue = makeQueue(kSorted);
@@ -269,8 +282,8 @@ TEST_F(SVBufferQueueTest, TheQueueOwnsWhatItHolds) {
     for (int i = 0; i < 3; ++i) enqueueNew(queue, i);
     EXPECT_EQ(gLiveBuffers.load(), 3);
     SVBufferQueueTriggerToken token;
-    SVBufferQueueInstallTriggerWithIntegerThreshold(queue, [](void *, SVBufferQueueTriggerToken) {}, nullptr, 11, 0,
-                                                    &token);
+    SVBufferQueueInstallTriggerWithIntegerThreshold(
+        queue, [](void *, SVBufferQueueTriggerToken) {}, nullptr, 11, 0, &token);
     LogCapture log;
     CFRelease(queue);
     EXPECT_EQ(gLiveBuffers.load(), 0) << "finalize releases what is left";
@@ -537,10 +550,10 @@ TEST_F(SVBufferQueueTest, InstallRefusesTriggersThatCannotWork) {
     };
     int index = 0;
     for (const auto &c : cases) {
-        OSStatus status = c.threshold < 0
-                              ? SVBufferQueueInstallTrigger(c.queue, c.callback, nullptr, c.condition, c.time, c.tokenOut)
-                              : SVBufferQueueInstallTriggerWithIntegerThreshold(c.queue, c.callback, nullptr,
-                                                                                c.condition, c.threshold, c.tokenOut);
+        OSStatus status =
+            c.threshold < 0 ? SVBufferQueueInstallTrigger(c.queue, c.callback, nullptr, c.condition, c.time, c.tokenOut)
+                            : SVBufferQueueInstallTriggerWithIntegerThreshold(c.queue, c.callback, nullptr, c.condition,
+                                                                              c.threshold, c.tokenOut);
         EXPECT_EQ(status, c.status) << "case " << index++;
     }
     CFRelease(bare);
@@ -593,23 +606,22 @@ TEST_F(SVBufferQueueTest, ChangesFromATriggerCallbackAreRefused) {
     SVItemCount countSeen = -1;
     bool polledHolds = false;
     Reentry reentry{[&] {
-                        OpaqueTestBuffer *extra = makeBuffer(99);
-                        statuses.push_back(SVBufferQueueEnqueue(queue, extra));
-                        CFRelease(extra);
-                        dequeued = SVBufferQueueDequeueAndRetain(queue);
-                        statuses.push_back(SVBufferQueueReset(queue));
-                        statuses.push_back(SVBufferQueueResetWithCallback(
-                            queue, [](SVBufferRef, void *) {}, nullptr));
-                        statuses.push_back(SVBufferQueueMarkEndOfData(queue));
-                        statuses.push_back(SVBufferQueueSetValidationCallback(queue, nullptr, nullptr));
-                        SVBufferQueueTriggerToken token;
-                        statuses.push_back(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, nullptr, nullptr, 11,
-                                                                                           0, &token));
-                        statuses.push_back(SVBufferQueueRemoveTrigger(queue, polled));
-                        // Reading is fine.
-                        countSeen = SVBufferQueueGetBufferCount(queue);
-                        polledHolds = SVBufferQueueTestTrigger(queue, polled);
-                    }};
+        OpaqueTestBuffer *extra = makeBuffer(99);
+        statuses.push_back(SVBufferQueueEnqueue(queue, extra));
+        CFRelease(extra);
+        dequeued = SVBufferQueueDequeueAndRetain(queue);
+        statuses.push_back(SVBufferQueueReset(queue));
+        statuses.push_back(SVBufferQueueResetWithCallback(
+            queue, [](SVBufferRef, void *) {}, nullptr));
+        statuses.push_back(SVBufferQueueMarkEndOfData(queue));
+        statuses.push_back(SVBufferQueueSetValidationCallback(queue, nullptr, nullptr));
+        SVBufferQueueTriggerToken token;
+        statuses.push_back(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, nullptr, nullptr, 11, 0, &token));
+        statuses.push_back(SVBufferQueueRemoveTrigger(queue, polled));
+        // Reading is fine.
+        countSeen = SVBufferQueueGetBufferCount(queue);
+        polledHolds = SVBufferQueueTestTrigger(queue, polled);
+    }};
     SVBufferQueueTriggerToken token = nullptr;
     ASSERT_EQ(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, Reentry::callback, &reentry, 11, 0, &token), 0);
     LogCapture log;
@@ -673,7 +685,9 @@ TEST_F(SVBufferQueueTest, AQueueReleasedInsideATriggerCallbackLivesUntilTheCallR
         if (path == kDequeue || path == kReset) ASSERT_EQ(enqueueNew(queue, 1), 0);
         const SVBufferQueueTriggerCondition conditions[] = {11, 10, 9, 10};  // hold after the path's change
         int secondRan = 0;
-        auto releaseQueue = [](void *refcon, SVBufferQueueTriggerToken) { CFRelease(static_cast<SVBufferQueueRef>(refcon)); };
+        auto releaseQueue = [](void *refcon, SVBufferQueueTriggerToken) {
+            CFRelease(static_cast<SVBufferQueueRef>(refcon));
+        };
         auto second = [](void *refcon, SVBufferQueueTriggerToken) { ++*static_cast<int *>(refcon); };
         SVBufferQueueTriggerToken token;
         LogCapture log;
@@ -801,9 +815,9 @@ TEST_F(SVBufferQueueTest, ProducerAndConsumerLoseNothingAndKeepOutputOrder) {
     constexpr int32_t kCapacity = 32;
     constexpr int32_t kReorderDepth = 4;
     SVBufferQueueRef queue = nullptr;
-    ASSERT_EQ(SVBufferQueueCreate(nullptr, kCapacity, SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS(),
-                                  &queue),
-              0);
+    ASSERT_EQ(
+        SVBufferQueueCreate(nullptr, kCapacity, SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS(), &queue),
+        0);
     Wakeup consumerWake, producerWake;
     SVBufferQueueTriggerToken tokens[4];
     ASSERT_EQ(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, Wakeup::fire, &consumerWake,

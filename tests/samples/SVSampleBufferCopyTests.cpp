@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: copies, range copies and their byte offsets, iteration,
 // and the video-sample byte writer with its log lines.
 

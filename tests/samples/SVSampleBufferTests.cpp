@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: creation rules, buffer-wide timing, description text,
 // readiness chains, failure, invalidation and the per-sample attachments
 // array.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample buffers: output timing with trims, reverse and speed, the output
 // presentation override, and the timing and size array getters.
 

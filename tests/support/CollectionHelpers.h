@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers shared by the collection tests: values that are numbers from a
 // counting allocator (equal and hashed by value), so a leak or a double
 // release shows up as a wrong live count, and small conveniences for
@@ -20,8 +21,12 @@ inline TestAllocator &numbers() {
     return allocator;
 }
 // Numbers made by number() and not yet freed.
-inline long live() { return numbers().outstanding(); }
-inline CFTypeRef number(long value) { return CFNumberCreate(numbers().get(), kCFNumberLongType, &value); }
+inline long live() {
+    return numbers().outstanding();
+}
+inline CFTypeRef number(long value) {
+    return CFNumberCreate(numbers().get(), kCFNumberLongType, &value);
+}
 inline void release(std::initializer_list<CFTypeRef> objects) {
     for (CFTypeRef cf : objects) CFRelease(cf);
 }
@@ -39,7 +44,9 @@ inline CFMutableStringRef makeString(const char *cString) {
     return string;
 }
 // A pointer-sized value for collections with NULL callbacks; never dereferenced.
-inline const void *raw(uintptr_t n) { return reinterpret_cast<const void *>(n); }
+inline const void *raw(uintptr_t n) {
+    return reinterpret_cast<const void *>(n);
+}
 
 }  // namespace sorvel_test
 

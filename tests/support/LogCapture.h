@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Captures XPLog lines for a test's lifetime: installs a sink, records every
 // emitted line, and restores the previous threshold and standard error when
 // it goes out of scope.
@@ -56,8 +57,7 @@ public:
     }
 
 private:
-    static void sink(int level, const char *function, const char *path, int line, const char *message,
-                     void *context) {
+    static void sink(int level, const char *function, const char *path, int line, const char *message, void *context) {
         auto *self = static_cast<LogCapture *>(context);
         std::lock_guard<std::mutex> guard(self->lock_);
         self->lines_.push_back({level, function ? function : "", path ? path : "", line, message ? message : ""});

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A CFAllocator for tests that counts what passes through it and fails on
 // demand, so allocation-failure paths and ownership can be checked.
 #ifndef SORVEL_TESTS_SUPPORT_TESTALLOCATOR_H
@@ -13,7 +14,7 @@ namespace sorvel_test {
 class TestAllocator {
 public:
     TestAllocator() {
-        CFAllocatorContext context = {0,       this,     retainInfo, releaseInfo, nullptr,
+        CFAllocatorContext context = {0,        this,       retainInfo, releaseInfo, nullptr,
                                       allocate, reallocate, deallocate, nullptr};
         allocator_ = CFAllocatorCreate(kCFAllocatorSystemDefault, &context);
     }

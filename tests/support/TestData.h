@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The real streams under tests/data/: reading a file and the clip lists.
 #ifndef SORVEL_TESTS_SUPPORT_TESTDATA_H
 #define SORVEL_TESTS_SUPPORT_TESTDATA_H

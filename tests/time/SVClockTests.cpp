@@ -1,14 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clocks: the host time clock and its fatal misuse, clocks over a block
 // (ownership, invalidation), the host-time conversions, and audio clocks on
 // the built-in device and on a registered device whose crystal runs off its
 // nominal rate, which a timebase on the audio clock shows as drift against
 // one on the host clock.
 
+#include <CoreAudio/AudioHardware.h>
 #include <Sorvel/SVClock.h>
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTimebase.h>
-
-#include <CoreAudio/AudioHardware.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -30,7 +30,9 @@ void expectTime(SVTime time, int64_t value, int32_t timescale, uint32_t flags = 
     EXPECT_EQ(memcmp(&time, &expected, sizeof time), 0)
         << time.value << "/" << time.timescale << " flags " << time.flags << " epoch " << time.epoch;
 }
-void expectInvalid(SVTime time) { expectTime(time, 0, 0, 0); }
+void expectInvalid(SVTime time) {
+    expectTime(time, 0, 0, 0);
+}
 
 void expectOneLogLine(const LogCapture &log, const char *function, const char *path) {
     ASSERT_EQ(log.count(), 1u);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Synchronisation queries over clocks whose time the test sets: conversions
 // along a chain of rates 2, 0.5 and -1 (exact, with round trips over random
 // times), the nearest shared ancestor, stopped timebases, sources without a
@@ -5,7 +6,6 @@
 // are neither clocks nor timebases.
 
 #include <Sorvel/SVSync.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -50,7 +50,9 @@ Timebase timebase(CFTypeRef master, double rate, SVTime time, SVTime masterTime)
     return Timebase(made);
 }
 
-SVTime seconds(int64_t value) { return SVTimeMake(value, 1); }
+SVTime seconds(int64_t value) {
+    return SVTimeMake(value, 1);
+}
 std::string describe(SVTime t) {
     return std::to_string(t.value) + "/" + std::to_string(t.timescale) + " flags " + std::to_string(t.flags);
 }
@@ -58,7 +60,9 @@ void expectEqual(SVTime time, SVTime expected) {
     EXPECT_TRUE(SVTIME_IS_NUMERIC(time) && SVTimeCompare(time, expected) == 0)
         << describe(time) << " is not " << describe(expected);
 }
-void expectInvalid(SVTime time) { EXPECT_TRUE(time.flags == 0 && time.timescale == 0) << describe(time); }
+void expectInvalid(SVTime time) {
+    EXPECT_TRUE(time.flags == 0 && time.timescale == 0) << describe(time);
+}
 
 // clock -> a (rate 2) -> b (rate 0.5) -> c (rate -1): a = 10 + 2 (clock - 1),
 // b = 100 + 0.5 (a - 12) = 98 + clock, c = 100 - b = 2 - clock (seconds).
@@ -73,7 +77,8 @@ TEST(SVSync, ConvertsUpAndDownAChainExactly) {
     Chain chain;
     CFTypeRef clock = chain.clock.get(), a = chain.a.get(), b = chain.b.get(), c = chain.c.get();
     // One instant on every timeline: clock 3 s, a 14 s, b 101 s, c -1 s.
-    std::pair<CFTypeRef, SVTime> points[] = {{clock, seconds(3)}, {a, seconds(14)}, {b, seconds(101)}, {c, seconds(-1)}};
+    std::pair<CFTypeRef, SVTime> points[] = {
+        {clock, seconds(3)}, {a, seconds(14)}, {b, seconds(101)}, {c, seconds(-1)}};
     for (auto [from, fromTime] : points)
         for (auto [to, toTime] : points) expectEqual(SVSyncConvertTime(fromTime, from, to), toTime);
     // Round trips over random times up to a year either side.
@@ -106,8 +111,11 @@ TEST(SVSync, RateTwoAndRateZeroOnTheHostClock) {
     struct Case {
         CFTypeRef of, relativeTo;
         double rate;  // NaN: a stopped divisor
-    } cases[] = {{twice.get(), host, 2.0}, {host, twice.get(), 0.5}, {stopped.get(), host, 0.0},
-                 {host, stopped.get(), NAN}, {twice.get(), stopped.get(), NAN}};
+    } cases[] = {{twice.get(), host, 2.0},
+                 {host, twice.get(), 0.5},
+                 {stopped.get(), host, 0.0},
+                 {host, stopped.get(), NAN},
+                 {twice.get(), stopped.get(), NAN}};
     for (const Case &k : cases) {
         double rate = SVSyncGetRelativeRate(k.of, k.relativeTo);
         EXPECT_TRUE(rate == k.rate || (std::isnan(k.rate) && std::isnan(rate))) << rate;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time ranges and mappings: the all-zero results and where they differ from
 // kSVTimeRangeZero, containment at both ends, clamping, the mapping of times
 // and durations, and the dictionary and text forms.

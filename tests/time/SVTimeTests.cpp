@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time values: exact values, flags and epochs, the deliberate oddities, the
 // fatal division by zero, and properties over random inputs checked against
 // exact 128-bit arithmetic and against the rules computed step by step.
@@ -12,8 +13,8 @@
 #include <string>
 #include <utility>
 
-#include "time/SVTimeInternal.h"
 #include "support/TestAllocator.h"
+#include "time/SVTimeInternal.h"
 
 bool operator==(const SVTime &a, const SVTime &b) {
     return a.value == b.value && a.timescale == b.timescale && a.flags == b.flags && a.epoch == b.epoch;

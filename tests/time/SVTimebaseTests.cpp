@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timebases over clocks whose time the test sets: creation and ownership,
 // stops, jumps, anchors and their normal form, a chain of rates 2, 0.5 and
 // -1 checked exactly, the master reads of each call, the notification rules
@@ -7,7 +8,6 @@
 
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTimebase.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -21,9 +21,9 @@
 #include <utility>
 #include <vector>
 
-#include "time/SVTimebaseInternal.h"
 #include "support/LogCapture.h"
 #include "support/TestAllocator.h"
+#include "time/SVTimebaseInternal.h"
 
 namespace {
 
@@ -70,8 +70,12 @@ Timebase onTimebase(SVTimebaseRef master) {
     return Timebase(timebase);
 }
 
-SVTime ms(int64_t value) { return SVTimeMake(value, 1000); }
-SVTime seconds(int64_t value) { return SVTimeMake(value, 1); }
+SVTime ms(int64_t value) {
+    return SVTimeMake(value, 1000);
+}
+SVTime seconds(int64_t value) {
+    return SVTimeMake(value, 1);
+}
 
 std::string describe(SVTime t) {
     return std::to_string(t.value) + "/" + std::to_string(t.timescale) + " flags " + std::to_string(t.flags);
@@ -81,7 +85,9 @@ void expectEqual(SVTime time, SVTime expected) {
     EXPECT_TRUE(SVTIME_IS_NUMERIC(time) && SVTimeCompare(time, expected) == 0)
         << describe(time) << " is not " << describe(expected);
 }
-void expectInvalid(SVTime time) { EXPECT_TRUE(time.flags == 0 && time.timescale == 0) << describe(time); }
+void expectInvalid(SVTime time) {
+    EXPECT_TRUE(time.flags == 0 && time.timescale == 0) << describe(time);
+}
 
 // Records the timebase notifications of the local center: 'r' (effective
 // rate changed) or 'j' (time jumped) with the object, running `hook` in each.
@@ -117,8 +123,10 @@ TEST(SVTimebase, NewTimebaseStandsStillAtZeroAndRetainsItsMaster) {
         EXPECT_EQ(SVTimebaseGetUltimateMasterClock(timebase), clock.get());
     }
     EXPECT_EQ(CFGetTypeID(parent.get()), SVTimebaseGetTypeID());
-    EXPECT_TRUE(SVTimebaseGetMaster(parent.get()) == clock.get() && SVTimebaseGetMasterClock(parent.get()) == clock.get());
-    EXPECT_TRUE(SVTimebaseGetMaster(child.get()) == parent.get() && SVTimebaseGetMasterTimebase(child.get()) == parent.get());
+    EXPECT_TRUE(SVTimebaseGetMaster(parent.get()) == clock.get() &&
+                SVTimebaseGetMasterClock(parent.get()) == clock.get());
+    EXPECT_TRUE(SVTimebaseGetMaster(child.get()) == parent.get() &&
+                SVTimebaseGetMasterTimebase(child.get()) == parent.get());
     EXPECT_TRUE(!SVTimebaseGetMasterTimebase(parent.get()) && !SVTimebaseGetMasterClock(child.get()));
     // The master anchor is the master's time at creation.
     expectEqual(readState(parent.get()).masterAnchor, ms(5000));
@@ -225,8 +233,8 @@ TEST(SVTimebase, ReadsOfTheMasterPerCall) {
         EXPECT_EQ(clock.reads() - before, cases[i].second) << "case " << i;
     }
     ManualClock ticking(100, true);
-    Timebase moving = onClock(ticking.get());            // read at 100
-    ASSERT_EQ(SVTimebaseSetRate(moving.get(), 1.0), 0);  // time 0 read at 101, anchored at 102
+    Timebase moving = onClock(ticking.get());             // read at 100
+    ASSERT_EQ(SVTimebaseSetRate(moving.get(), 1.0), 0);   // time 0 read at 101, anchored at 102
     expectEqual(SVTimebaseGetTime(moving.get()), ms(1));  // read at 103
 }
 
@@ -247,16 +255,19 @@ TEST(SVTimebase, NotificationRules) {
         std::function<void()> action;
         std::vector<Recorder::Post> expected;
     } steps[] = {
-        {"starts under a stopped master", [&] {
+        {"starts under a stopped master",
+         [&] {
              SVTimebaseSetRate(c, 1.0);
              SVTimebaseSetRate(g, 1.0);
-         }, {}},
+         },
+         {}},
         {"master starts: re-posted down", [&] { SVTimebaseSetRate(m, 1.0); }, {{'r', m}, {'r', c}, {'r', g}}},
         {"the same rate again", [&] { SVTimebaseSetRate(m, 1.0); }, {}},
         {"master jumps", [&] { SVTimebaseSetTime(m, seconds(5)); }, {{'j', m}, {'j', c}, {'j', g}}},
         {"running: a jump to where it is", [&] { SVTimebaseSetTime(g, SVTimebaseGetTime(g)); }, {{'j', g}}},
         {"running: the same anchors",
-         [&] { SVTimebaseSetAnchorTime(c, seconds(0), readState(c).masterAnchor); }, {{'j', c}, {'j', g}}},
+         [&] { SVTimebaseSetAnchorTime(c, seconds(0), readState(c).masterAnchor); },
+         {{'j', c}, {'j', g}}},
         {"child stops", [&] { SVTimebaseSetRate(c, 0.0); }, {{'r', c}, {'r', g}}},
         {"a stopped child re-posts nothing", [&] { SVTimebaseSetRate(m, 2.0); }, {{'r', m}}},
         {"nor does its child", [&] { SVTimebaseSetTime(m, seconds(1)); }, {{'j', m}}},
@@ -268,7 +279,8 @@ TEST(SVTimebase, NotificationRules) {
          [&] { SVTimebaseSetRateAndAnchorTime(c, 1.0, seconds(0), seconds(0)); },
          {{'r', c}, {'r', g}, {'j', c}, {'j', g}}},
         {"rate and anchor, same rate",
-         [&] { SVTimebaseSetRateAndAnchorTime(c, 1.0, seconds(0), seconds(0)); }, {{'j', c}, {'j', g}}},
+         [&] { SVTimebaseSetRateAndAnchorTime(c, 1.0, seconds(0), seconds(0)); },
+         {{'j', c}, {'j', g}}},
     };
     for (const Step &step : steps) {
         step.action();
@@ -309,15 +321,20 @@ TEST(SVTimebase, MisuseReturnsStatusesAndLogs) {
     failing.failAlways();
     constexpr OSStatus kMissing = kSVTimebaseError_MissingRequiredParameter;
     std::tuple<const char *, std::function<OSStatus()>, OSStatus> cases[] = {
-        {"SVTimebaseCreateWithMasterClock", [&] { return SVTimebaseCreateWithMasterClock(nullptr, nullptr, &out); }, kMissing},
-        {"SVTimebaseCreateWithMasterTimebase", [&] { return SVTimebaseCreateWithMasterTimebase(nullptr, nullptr, &out); }, kMissing},
+        {"SVTimebaseCreateWithMasterClock", [&] { return SVTimebaseCreateWithMasterClock(nullptr, nullptr, &out); },
+         kMissing},
         {"SVTimebaseCreateWithMasterTimebase",
-         [&] { return SVTimebaseCreateWithMasterTimebase(failing.get(), tb.get(), &out); }, kSVTimebaseError_AllocationFailed},
-        {"SVTimebaseCreateWithMasterClock", [&] { return SVTimebaseCreateWithMasterClock(nullptr, clock.get(), nullptr); }, kMissing},
+         [&] { return SVTimebaseCreateWithMasterTimebase(nullptr, nullptr, &out); }, kMissing},
+        {"SVTimebaseCreateWithMasterTimebase",
+         [&] { return SVTimebaseCreateWithMasterTimebase(failing.get(), tb.get(), &out); },
+         kSVTimebaseError_AllocationFailed},
+        {"SVTimebaseCreateWithMasterClock",
+         [&] { return SVTimebaseCreateWithMasterClock(nullptr, clock.get(), nullptr); }, kMissing},
         {"SVTimebaseGetTimeAndRate", [&] { return SVTimebaseGetTimeAndRate(nullptr, nullptr, nullptr); }, kMissing},
         {"SVTimebaseSetRate", [&] { return SVTimebaseSetRate(notATimebase, 1.0); }, kMissing},
         {"SVTimebaseSetTime", [&] { return SVTimebaseSetTime(nullptr, kSVTimeZero); }, kMissing},
-        {"SVTimebaseSetAnchorTime", [&] { return SVTimebaseSetAnchorTime(nullptr, kSVTimeZero, kSVTimeZero); }, kMissing},
+        {"SVTimebaseSetAnchorTime", [&] { return SVTimebaseSetAnchorTime(nullptr, kSVTimeZero, kSVTimeZero); },
+         kMissing},
         {"SVTimebaseSetRateAndAnchorTime",
          [&] { return SVTimebaseSetRateAndAnchorTime(notATimebase, 1.0, kSVTimeZero, kSVTimeZero); }, kMissing},
     };

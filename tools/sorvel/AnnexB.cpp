@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `sorvel annexb`: the video stream as an Annex B elementary stream.
 //
 // Every sample goes through _SVSampleBufferOutputVideoSampleAsBytes.  The
@@ -6,16 +7,15 @@
 // sample that brings no SPS of its own, for HEVC before the first IRAP
 // picture of every sample.  Samples read from Annex B sources already carry
 // their parameter sets and are written as they are.
-#include "Commands.h"
-#include "MediaSource.h"
-
 #include <Sorvel/SVNALUnit.h>
-
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "Commands.h"
+#include "MediaSource.h"
 
 namespace sorvel::tool {
 namespace {
@@ -106,12 +106,15 @@ int runAnnexB(const AnnexBOptions &options) {
                 Ref<SVSampleBufferRef> head = piece(buffer, 0, static_cast<size_t>(point), false);
                 status = head ? writeSample(head.get(), 0, packet) : kSVFormatDescriptionError_AllocationFailed;
             }
-            Ref<SVSampleBufferRef> rest = piece(buffer, static_cast<size_t>(point), total - static_cast<size_t>(point), true);
-            if (status == 0) status = rest ? writeSample(rest.get(), 1, packet) : kSVFormatDescriptionError_AllocationFailed;
+            Ref<SVSampleBufferRef> rest =
+                piece(buffer, static_cast<size_t>(point), total - static_cast<size_t>(point), true);
+            if (status == 0)
+                status = rest ? writeSample(rest.get(), 1, packet) : kSVFormatDescriptionError_AllocationFailed;
         }
         if (status != 0) {
-            result = reportError({kExitFailure, format("sample %lld could not be converted (status %d)",
-                                                       static_cast<long long>(sample.index), static_cast<int>(status))});
+            result =
+                reportError({kExitFailure, format("sample %lld could not be converted (status %d)",
+                                                  static_cast<long long>(sample.index), static_cast<int>(status))});
             break;
         }
         if (!packet.empty() && fwrite(packet.data(), 1, packet.size(), out) != packet.size()) {
@@ -125,7 +128,8 @@ int runAnnexB(const AnnexBOptions &options) {
         result = reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
     if (result != kExitOK) return result;
     for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
-    fprintf(toStdout ? stderr : stdout, "Wrote %lld samples, %llu bytes of %s Annex B to %s (parameter sets inserted %lld times)\n",
+    fprintf(toStdout ? stderr : stdout,
+            "Wrote %lld samples, %llu bytes of %s Annex B to %s (parameter sets inserted %lld times)\n",
             static_cast<long long>(samples), static_cast<unsigned long long>(bytes), codec == 'avc1' ? "H.264" : "HEVC",
             toStdout ? "standard output" : options.output.c_str(), static_cast<long long>(insertions));
     if (source->problem()) return reportError(*source->problem());

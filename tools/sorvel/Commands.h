@@ -1,11 +1,12 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The subcommands of `sorvel` and their options.
 #ifndef SORVEL_TOOLS_SORVEL_COMMANDS_H
 #define SORVEL_TOOLS_SORVEL_COMMANDS_H
 
-#include "Tool.h"
-
 #include <cmath>
 #include <string>
+
+#include "Tool.h"
 
 namespace sorvel::tool {
 

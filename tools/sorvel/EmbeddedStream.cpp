@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo stream that every subcommand reads when no file is named: three
 // seconds of 320x180 H.264 High with B-frames and stereo AAC, in MP4.  It is
 // assembled into the program's read-only data so the tool needs no files.
@@ -8,7 +9,8 @@ __asm__(
     ".balign 16\n"
     ".globl sorvel_embedded_stream_begin\n"
     "sorvel_embedded_stream_begin:\n"
-    ".incbin \"" SORVEL_EMBEDDED_STREAM "\"\n"
+    ".incbin \"" SORVEL_EMBEDDED_STREAM
+    "\"\n"
     ".globl sorvel_embedded_stream_end\n"
     "sorvel_embedded_stream_end:\n"
     ".previous\n");

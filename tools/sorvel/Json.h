@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A small streaming JSON writer for the tool's --json output: objects,
 // arrays, strings with escapes, integers and doubles (non-finite as null).
 #ifndef SORVEL_TOOLS_SORVEL_JSON_H
@@ -12,7 +13,7 @@
 namespace sorvel::tool {
 
 class JsonWriter {
-  public:
+public:
     explicit JsonWriter(FILE *out) : out_(out) {}
 
     void beginObject(const char *key = nullptr) { open(key, '{'); }
@@ -54,7 +55,7 @@ class JsonWriter {
     }
     void finish() { fputc('\n', out_); }
 
-  private:
+private:
     void open(const char *key, char bracket) {
         prefix(key);
         fputc(bracket, out_);
@@ -89,11 +90,21 @@ class JsonWriter {
         fputc('"', out_);
         for (unsigned char c : text) {
             switch (c) {
-                case '"': fputs("\\\"", out_); break;
-                case '\\': fputs("\\\\", out_); break;
-                case '\n': fputs("\\n", out_); break;
-                case '\t': fputs("\\t", out_); break;
-                case '\r': fputs("\\r", out_); break;
+                case '"':
+                    fputs("\\\"", out_);
+                    break;
+                case '\\':
+                    fputs("\\\\", out_);
+                    break;
+                case '\n':
+                    fputs("\\n", out_);
+                    break;
+                case '\t':
+                    fputs("\\t", out_);
+                    break;
+                case '\r':
+                    fputs("\\r", out_);
+                    break;
                 default:
                     if (c < 0x20)
                         fprintf(out_, "\\u%04x", c);

@@ -1,9 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "MediaSource.h"
 
-#include "EmbeddedStream.h"
-
 #include <Sorvel/SVNALUnit.h>
-
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -11,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+
+#include "EmbeddedStream.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -64,11 +64,19 @@ int64_t seekMemory(void *opaque, int64_t offset, int whence) {
     auto *input = static_cast<MemoryInput *>(opaque);
     int64_t base = 0;
     switch (whence & ~AVSEEK_FORCE) {
-        case AVSEEK_SIZE: return static_cast<int64_t>(input->size);
-        case SEEK_SET: base = 0; break;
-        case SEEK_CUR: base = static_cast<int64_t>(input->position); break;
-        case SEEK_END: base = static_cast<int64_t>(input->size); break;
-        default: return AVERROR(EINVAL);
+        case AVSEEK_SIZE:
+            return static_cast<int64_t>(input->size);
+        case SEEK_SET:
+            base = 0;
+            break;
+        case SEEK_CUR:
+            base = static_cast<int64_t>(input->position);
+            break;
+        case SEEK_END:
+            base = static_cast<int64_t>(input->size);
+            break;
+        default:
+            return AVERROR(EINVAL);
     }
     const int64_t target = base + offset;
     if (target < 0 || target > static_cast<int64_t>(input->size)) return AVERROR(EINVAL);
@@ -210,7 +218,8 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
         auto *input = new MemoryInput{data, size, 0};
         constexpr int kBufferSize = 16384;
         auto *buffer = static_cast<unsigned char *>(av_malloc(kBufferSize));
-        memory_io_ = buffer ? avio_alloc_context(buffer, kBufferSize, 0, input, readMemory, nullptr, seekMemory) : nullptr;
+        memory_io_ =
+            buffer ? avio_alloc_context(buffer, kBufferSize, 0, input, readMemory, nullptr, seekMemory) : nullptr;
         format_context_ = avformat_alloc_context();
         if (!memory_io_ || !format_context_) {
             if (!memory_io_) delete input;
@@ -251,7 +260,8 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
     }
     status = avformat_find_stream_info(format_context_, nullptr);
     if (status < 0) {
-        error = {kExitCannotOpen, format("%s: cannot read the streams: %s", name_.c_str(), libraryError(status).c_str())};
+        error = {kExitCannotOpen,
+                 format("%s: cannot read the streams: %s", name_.c_str(), libraryError(status).c_str())};
         return false;
     }
     return true;
@@ -276,7 +286,9 @@ int64_t MediaSource::secondsToTicks(double seconds) const {
     return static_cast<int64_t>(std::llround(seconds * timescale_ / static_cast<double>(tickNumerator_)));
 }
 
-int64_t MediaSource::declaredFrameCount() const { return format_context_->streams[videoIndex_]->nb_frames; }
+int64_t MediaSource::declaredFrameCount() const {
+    return format_context_->streams[videoIndex_]->nb_frames;
+}
 
 void MediaSource::warn(std::string message) {
     // One line per distinct complaint is enough.
@@ -311,8 +323,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     timescale_ = stream->time_base.den;
     tickNumerator_ = stream->time_base.num;
     const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
-    if (rate.num > 0 && rate.den > 0)
-        defaultDuration_ = av_rescale_q(1, av_inv_q(rate), stream->time_base);
+    if (rate.num > 0 && rate.den > 0) defaultDuration_ = av_rescale_q(1, av_inv_q(rate), stream->time_base);
 
     const uint8_t *extra = parameters->extradata;
     const size_t extraSize = parameters->extradata ? static_cast<size_t>(parameters->extradata_size) : 0;
@@ -323,7 +334,7 @@ bool MediaSource::describeVideo(ToolError &error) {
         int32_t headerLength = 4;
         Ref<CFMutableDataRef> annexB;
         status = _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(extra, extraSize, &headerLength,
-                                                                                    annexB.out());
+                                                                                     annexB.out());
         if (status == 0) {
             nalUnitHeaderLength_ = headerLength;
             status = _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
@@ -348,9 +359,8 @@ bool MediaSource::describeVideo(ToolError &error) {
         return true;
     }
     if (status != 0 || !description) {
-        error = {kExitTruncated,
-                 format("%s: the %s decoder configuration record is damaged (status %d)", name_.c_str(),
-                        codec_ == 'avc1' ? "avcC" : "hvcC", static_cast<int>(status))};
+        error = {kExitTruncated, format("%s: the %s decoder configuration record is damaged (status %d)", name_.c_str(),
+                                        codec_ == 'avc1' ? "avcC" : "hvcC", static_cast<int>(status))};
         return false;
     }
     format_ = description;
@@ -377,12 +387,24 @@ void MediaSource::describeAudio() {
                 asbd.mFormatFlags = p->profile >= 0 ? static_cast<UInt32>(p->profile + 1) : kMPEG4Object_AAC_LC;
                 if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1024;
                 break;
-            case AV_CODEC_ID_MP3: asbd.mFormatID = kAudioFormatMPEGLayer3; break;
-            case AV_CODEC_ID_MP2: asbd.mFormatID = kAudioFormatMPEGLayer2; break;
-            case AV_CODEC_ID_AC3: asbd.mFormatID = kAudioFormatAC3; break;
-            case AV_CODEC_ID_EAC3: asbd.mFormatID = kAudioFormatEnhancedAC3; break;
-            case AV_CODEC_ID_OPUS: asbd.mFormatID = kAudioFormatOpus; break;
-            case AV_CODEC_ID_FLAC: asbd.mFormatID = kAudioFormatFLAC; break;
+            case AV_CODEC_ID_MP3:
+                asbd.mFormatID = kAudioFormatMPEGLayer3;
+                break;
+            case AV_CODEC_ID_MP2:
+                asbd.mFormatID = kAudioFormatMPEGLayer2;
+                break;
+            case AV_CODEC_ID_AC3:
+                asbd.mFormatID = kAudioFormatAC3;
+                break;
+            case AV_CODEC_ID_EAC3:
+                asbd.mFormatID = kAudioFormatEnhancedAC3;
+                break;
+            case AV_CODEC_ID_OPUS:
+                asbd.mFormatID = kAudioFormatOpus;
+                break;
+            case AV_CODEC_ID_FLAC:
+                asbd.mFormatID = kAudioFormatFLAC;
+                break;
             case AV_CODEC_ID_PCM_S16LE:
             case AV_CODEC_ID_PCM_S16BE:
             case AV_CODEC_ID_PCM_S24LE:
@@ -400,16 +422,26 @@ void MediaSource::describeAudio() {
                 asbd.mFramesPerPacket = 1;
                 asbd.mBytesPerFrame = asbd.mBytesPerPacket = asbd.mChannelsPerFrame * static_cast<UInt32>(bits) / 8;
                 break;
-            default: break;
+            default:
+                break;
         }
         if (asbd.mFormatID != 0) {
             AudioChannelLayout layout = {};
             switch (asbd.mChannelsPerFrame) {
-                case 1: layout.mChannelLayoutTag = kAudioChannelLayoutTag_Mono; break;
-                case 2: layout.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo; break;
-                case 6: layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_5_1_A; break;
-                case 8: layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_7_1_A; break;
-                default: layout.mChannelLayoutTag = kAudioChannelLayoutTag_DiscreteInOrder | asbd.mChannelsPerFrame;
+                case 1:
+                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_Mono;
+                    break;
+                case 2:
+                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo;
+                    break;
+                case 6:
+                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_5_1_A;
+                    break;
+                case 8:
+                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_7_1_A;
+                    break;
+                default:
+                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_DiscreteInOrder | asbd.mChannelsPerFrame;
             }
             const size_t cookieSize = p->extradata ? static_cast<size_t>(p->extradata_size) : 0;
             SVAudioFormatDescriptionCreate(nullptr, &asbd, offsetof(AudioChannelLayout, mChannelDescriptions), &layout,
@@ -424,8 +456,8 @@ void MediaSource::describeAudio() {
 // In-band parameter sets of a sync sample (or Annex B extradata) replace
 // the description when they differ from it; SEI units never count.
 void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
-    std::vector<Unit> units = lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_)
-                                                         : annexBUnits(data, size);
+    std::vector<Unit> units =
+        lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_) : annexBUnits(data, size);
     std::vector<Unit> sets;
     bool sps = false, pps = false, vps = codec_ == 'avc1';
     for (const Unit &unit : units) {
@@ -462,7 +494,8 @@ void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
     Ref<SVFormatDescriptionRef> description;
     const OSStatus status = describe(codec_, sets, nalUnitHeaderLength_, description.out());
     if (status != 0) {
-        warn(format("in-band parameter sets that the library rejects (status %d) were ignored", static_cast<int>(status)));
+        warn(format("in-band parameter sets that the library rejects (status %d) were ignored",
+                    static_cast<int>(status)));
         return;
     }
     if (format_) ++formatChanges_;
@@ -500,9 +533,8 @@ bool MediaSource::next(VideoSample &sample) {
         }
         if (packet_->size <= 0) continue;
         if (packet_->flags & AV_PKT_FLAG_CORRUPT)
-            problem_ = ToolError{kExitTruncated,
-                                 format("%s: sample %lld is incomplete: the file ends inside it", name_.c_str(),
-                                        static_cast<long long>(nextIndex_))};
+            problem_ = ToolError{kExitTruncated, format("%s: sample %lld is incomplete: the file ends inside it",
+                                                        name_.c_str(), static_cast<long long>(nextIndex_))};
         if (makeSample(packet_, sample)) return true;
         if (problem_) return false;
     }
@@ -524,9 +556,9 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
         AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr;
         if (owner) {
             const SVBlockBufferCustomBlockSource source = {0, nullptr, releasePacketBuffer, owner};
-            status = SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, static_cast<size_t>(packet->size),
-                                                        nullptr, &source, 0, static_cast<size_t>(packet->size), 0,
-                                                        block.out());
+            status =
+                SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, static_cast<size_t>(packet->size), nullptr,
+                                                   &source, 0, static_cast<size_t>(packet->size), 0, block.out());
             if (status != 0) av_buffer_unref(&owner);
         } else {
             status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, static_cast<size_t>(packet->size), nullptr,
@@ -561,7 +593,8 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
         if (status != 0) free(bytes);
     }
     if (status != 0) {
-        problem_ = ToolError{kExitFailure, format("could not make a block buffer (status %d)", static_cast<int>(status))};
+        problem_ =
+            ToolError{kExitFailure, format("could not make a block buffer (status %d)", static_cast<int>(status))};
         return false;
     }
 
@@ -592,14 +625,16 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
     Ref<SVSampleBufferRef> buffer;
     status = SVSampleBufferCreateReady(nullptr, block.get(), format_.get(), 1, 1, &timing, 1, &size, buffer.out());
     if (status != 0) {
-        problem_ = ToolError{kExitFailure, format("could not make a sample buffer (status %d)", static_cast<int>(status))};
+        problem_ =
+            ToolError{kExitFailure, format("could not make a sample buffer (status %d)", static_cast<int>(status))};
         return false;
     }
     CFArrayRef attachments = SVSampleBufferGetSampleAttachmentsArray(buffer.get(), true);
     if (attachments && CFArrayGetCount(attachments) > 0) {
         auto dictionary = (CFMutableDictionaryRef)CFArrayGetValueAtIndex(attachments, 0);
         if (!sync) CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_NotSync, kCFBooleanTrue);
-        CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_DependsOnOthers, sync ? kCFBooleanFalse : kCFBooleanTrue);
+        CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_DependsOnOthers,
+                             sync ? kCFBooleanFalse : kCFBooleanTrue);
     }
     sample.buffer = buffer;
     sample.index = nextIndex_++;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Reads a media file (or the embedded demo stream) with libavformat and
 // turns its video packets into Sorvel sample buffers: one format description
 // per set of parameter sets, one block buffer and one sample buffer per
@@ -7,12 +8,12 @@
 #ifndef SORVEL_TOOLS_SORVEL_MEDIASOURCE_H
 #define SORVEL_TOOLS_SORVEL_MEDIASOURCE_H
 
-#include "Tool.h"
-
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "Tool.h"
 
 struct AVFormatContext;
 struct AVIOContext;
@@ -32,9 +33,9 @@ struct AudioTrack {
 
 struct VideoSample {
     Ref<SVSampleBufferRef> buffer;
-    int64_t index = 0;        // decode order, from 0
-    int64_t pts = 0;          // stream ticks
-    int64_t dts = 0;          // the presentation time when the container has no decode times
+    int64_t index = 0;  // decode order, from 0
+    int64_t pts = 0;    // stream ticks
+    int64_t dts = 0;    // the presentation time when the container has no decode times
     int64_t duration = 0;
     size_t size = 0;
     bool sync = false;
@@ -42,7 +43,7 @@ struct VideoSample {
 };
 
 class MediaSource {
-  public:
+public:
     // An empty path opens the demo stream compiled into the program.
     static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error);
     ~MediaSource();
@@ -84,7 +85,7 @@ class MediaSource {
     int formatChanges() const { return formatChanges_; }
     const std::vector<std::string> &warnings() const { return warnings_; }
 
-  private:
+private:
     MediaSource() = default;
     bool openInput(const std::string &path, ToolError &error);
     bool describeVideo(ToolError &error);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `sorvel play`: real-time playback without a decoder.
 //
 // A reader thread turns packets into sample buffers and enqueues them into a
@@ -11,9 +12,6 @@
 // pictures at a time from the end, each sample carrying the reverse
 // attachment so that its output presentation time is its end; the queue
 // then sorts latest first.
-#include "Commands.h"
-#include "MediaSource.h"
-
 #include <pthread.h>
 #include <sched.h>
 #include <time.h>
@@ -27,7 +25,9 @@
 #include <mutex>
 #include <thread>
 
+#include "Commands.h"
 #include "Json.h"
+#include "MediaSource.h"
 
 namespace sorvel::tool {
 namespace {
@@ -65,7 +65,9 @@ CFComparisonResult laterFirst(SVBufferRef a, SVBufferRef b, void *) {
     return order < 0 ? kCFCompareLessThan : order > 0 ? kCFCompareGreaterThan : kCFCompareEqualTo;
 }
 
-uint64_t hostNow() { return SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock())); }
+uint64_t hostNow() {
+    return SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock()));
+}
 
 void sleepUntil(uint64_t host) {
     timespec when = {static_cast<time_t>(host / 1000000000u), static_cast<long>(host % 1000000000u)};
@@ -84,7 +86,7 @@ struct Window {
 };
 
 class Reader {
-  public:
+public:
     Reader(MediaSource &source, SVBufferQueueRef queue, Flow &flow, const Window &window, bool seekFirst)
         : source_(source), queue_(queue), flow_(flow), window_(window), seekFirst_(seekFirst) {}
 
@@ -101,7 +103,7 @@ class Reader {
         flow_.changed.notify_all();
     }
 
-  private:
+private:
     // Waits for room; false when playback is over.
     bool waitForRoom() {
         std::unique_lock<std::mutex> lock(flow_.mutex);
@@ -135,7 +137,8 @@ class Reader {
             const int64_t second = source_.secondsToTicks(1.0);
             for (int64_t back = 0;; back = back ? back * 2 : second) {
                 if (!source_.seekToSyncBefore(target - back)) {
-                    fail({kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
+                    fail(
+                        {kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
                     return;
                 }
                 have = false;
@@ -184,9 +187,8 @@ class Reader {
             const int64_t nextSync = g + 1 < groups.size() ? groups[g + 1].syncDts : INT64_MAX;
             std::vector<Ref<SVSampleBufferRef>> group;
             if (!readGroup(groups[g].syncDts, nextSync, group)) {
-                fail({kExitUnsupported,
-                      format("%s: playing backwards needs an input that can seek to its sync samples",
-                             source_.name().c_str())});
+                fail({kExitUnsupported, format("%s: playing backwards needs an input that can seek to its sync samples",
+                                               source_.name().c_str())});
                 return;
             }
             // A group goes in whole: its last picture is shown first.
@@ -283,14 +285,16 @@ int runPlay(const PlayOptions &options) {
     if (reverse) callbacks.compare = laterFirst;
     Ref<SVBufferQueueRef> queue;
     OSStatus status = SVBufferQueueCreate(nullptr, 0, &callbacks, queue.out());
-    if (status != 0) return reportError({kExitFailure, format("cannot make a buffer queue (status %d)", static_cast<int>(status))});
+    if (status != 0)
+        return reportError({kExitFailure, format("cannot make a buffer queue (status %d)", static_cast<int>(status))});
 
     // Keep about half a second of playing time queued, at least half a
     // second of media.
     const double high = std::max(0.5, 0.5 * std::fabs(options.rate));
     Flow flow;
     SVBufferQueueTriggerToken fillToken = nullptr, drainToken = nullptr;
-    SVBufferQueueInstallTrigger(queue.get(), queueFilled, &flow, kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
+    SVBufferQueueInstallTrigger(queue.get(), queueFilled, &flow,
+                                kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
                                 SVTimeMakeWithSeconds(high, 1000000), &fillToken);
     SVBufferQueueInstallTrigger(queue.get(), queueDrained, &flow, kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
                                 SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken);
@@ -305,7 +309,8 @@ int runPlay(const PlayOptions &options) {
     }
     if (!reverse && std::isnan(options.start)) {
         // Without --start playing begins with the earliest picture queued.
-        const SVTime first = SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)SVBufferQueueGetHead(queue.get()));
+        const SVTime first =
+            SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)SVBufferQueueGetHead(queue.get()));
         if (SVTIME_IS_NUMERIC(first)) {
             window.start = seconds(first);
             if (!std::isnan(options.duration)) window.end = window.start + options.duration;
@@ -353,8 +358,8 @@ int runPlay(const PlayOptions &options) {
         SVTime due = SVSampleBufferGetOutputPresentationTimeStamp(head);
         const SVTime windowStart = SVTimeMakeWithSeconds(window.start, 1000000000);
         if (reverse ? SVTimeCompare(due, windowStart) > 0 : SVTimeCompare(due, windowStart) < 0) due = windowStart;
-        const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(
-            SVTimeConvertScale(SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
+        const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
+            SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
         // Sleep in short steps so that an earlier picture arriving in the
         // meantime is noticed, then spin through the last millisecond.
         uint64_t now = hostNow();
@@ -383,8 +388,9 @@ int runPlay(const PlayOptions &options) {
         CFRelease(taken);
         const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(takenDue)) / 1e6;
         ++report.shown;
-        report.reached = reverse ? (std::isnan(report.reached) ? pts : std::min(report.reached, pts))
-                                 : (std::isnan(report.reached) ? pts + duration : std::max(report.reached, pts + duration));
+        report.reached = reverse
+                             ? (std::isnan(report.reached) ? pts : std::min(report.reached, pts))
+                             : (std::isnan(report.reached) ? pts + duration : std::max(report.reached, pts + duration));
         report.errorSum += std::fabs(errorMs);
         if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
         if (errorMs > kLateMilliseconds) ++report.late;
@@ -419,8 +425,8 @@ int runPlay(const PlayOptions &options) {
         json.endObject();
         json.finish();
     } else {
-        printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", source->name().c_str(), options.rate,
-               window.start, shownEnd, report.wall);
+        printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", source->name().c_str(),
+               options.rate, window.start, shownEnd, report.wall);
         printf("  Samples shown   %lld (%lld outside the window skipped)\n", static_cast<long long>(report.shown),
                static_cast<long long>(report.skipped));
         printf("  Late samples    %lld (more than %.0f ms after their time)\n", static_cast<long long>(report.late),

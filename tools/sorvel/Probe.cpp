@@ -1,15 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
 // `sorvel probe`: what the library makes of a file's video (and audio)
 // streams, as text or JSON.
-#include "Commands.h"
-#include "Json.h"
-#include "MediaSource.h"
-
 #include <Sorvel/SVNALUnit.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
+
+#include "Commands.h"
+#include "Json.h"
+#include "MediaSource.h"
 
 namespace sorvel::tool {
 namespace {
@@ -45,7 +46,8 @@ void readSampleRow(SVSampleBufferRef buffer, Row &row) {
     }
 }
 
-void countNALUnits(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, std::map<unsigned, int64_t> &counts) {
+void countNALUnits(SVSampleBufferRef buffer, FourCharCode codec, int headerLength,
+                   std::map<unsigned, int64_t> &counts) {
     SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
     char *bytes = nullptr;
     size_t contiguous = 0, total = 0;
@@ -75,15 +77,24 @@ int reorderDepth(const std::vector<Row> &rows) {
 std::string profileName(const SVVideoCodingInfo &info) {
     if (info.codecType == 'avc1') {
         switch (info.profile) {
-            case 66: return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
-            case 77: return "Main";
-            case 88: return "Extended";
-            case 100: return "High";
-            case 110: return (info.constraintFlags & 0x10) ? "High 10 Intra" : "High 10";
-            case 122: return (info.constraintFlags & 0x10) ? "High 4:2:2 Intra" : "High 4:2:2";
-            case 244: return (info.constraintFlags & 0x10) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
-            case 44: return "CAVLC 4:4:4";
-            default: return format("profile_idc %u", info.profile);
+            case 66:
+                return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
+            case 77:
+                return "Main";
+            case 88:
+                return "Extended";
+            case 100:
+                return "High";
+            case 110:
+                return (info.constraintFlags & 0x10) ? "High 10 Intra" : "High 10";
+            case 122:
+                return (info.constraintFlags & 0x10) ? "High 4:2:2 Intra" : "High 4:2:2";
+            case 244:
+                return (info.constraintFlags & 0x10) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
+            case 44:
+                return "CAVLC 4:4:4";
+            default:
+                return format("profile_idc %u", info.profile);
         }
     }
     unsigned profile = info.profile;
@@ -91,12 +102,18 @@ std::string profileName(const SVVideoCodingInfo &info) {
     for (unsigned j = 1; profile == 0 && j < 32; ++j)
         if (info.profileCompatibility & (1u << (31 - j))) profile = j;
     switch (profile) {
-        case 1: return "Main";
-        case 2: return "Main 10";
-        case 3: return "Main Still Picture";
-        case 4: return "Rext";
-        case 9: return "SCC";
-        default: return format("general_profile_idc %u", info.profile);
+        case 1:
+            return "Main";
+        case 2:
+            return "Main 10";
+        case 3:
+            return "Main Still Picture";
+        case 4:
+            return "Rext";
+        case 9:
+            return "SCC";
+        default:
+            return format("general_profile_idc %u", info.profile);
     }
 }
 
@@ -111,11 +128,16 @@ std::string levelName(const SVVideoCodingInfo &info) {
 
 const char *chromaName(uint32_t chromaFormat) {
     switch (chromaFormat) {
-        case 0: return "4:0:0";
-        case 1: return "4:2:0";
-        case 2: return "4:2:2";
-        case 3: return "4:4:4";
-        default: return "?";
+        case 0:
+            return "4:0:0";
+        case 1:
+            return "4:2:0";
+        case 2:
+            return "4:2:2";
+        case 3:
+            return "4:4:4";
+        default:
+            return "?";
     }
 }
 
@@ -177,10 +199,14 @@ std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, Four
 
 std::string channelLayoutName(AudioChannelLayoutTag tag) {
     switch (tag) {
-        case kAudioChannelLayoutTag_Mono: return "Mono";
-        case kAudioChannelLayoutTag_Stereo: return "Stereo";
-        case kAudioChannelLayoutTag_MPEG_5_1_A: return "MPEG 5.1 A";
-        case kAudioChannelLayoutTag_MPEG_7_1_A: return "MPEG 7.1 A";
+        case kAudioChannelLayoutTag_Mono:
+            return "Mono";
+        case kAudioChannelLayoutTag_Stereo:
+            return "Stereo";
+        case kAudioChannelLayoutTag_MPEG_5_1_A:
+            return "MPEG 5.1 A";
+        case kAudioChannelLayoutTag_MPEG_7_1_A:
+            return "MPEG 7.1 A";
         default:
             if ((tag & 0xFFFF0000u) == kAudioChannelLayoutTag_DiscreteInOrder)
                 return format("%u discrete channels", tag & 0xFFFF);
@@ -203,7 +229,8 @@ int runProbe(const ProbeOptions &options) {
     Ref<SVFormatDescriptionRef> description;
     VideoSample sample;
     while (source->next(sample)) {
-        if (!description) description = Ref<SVFormatDescriptionRef>::retain(SVSampleBufferGetFormatDescription(sample.buffer.get()));
+        if (!description)
+            description = Ref<SVFormatDescriptionRef>::retain(SVSampleBufferGetFormatDescription(sample.buffer.get()));
         Row row;
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
@@ -211,7 +238,8 @@ int runProbe(const ProbeOptions &options) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
         }
-        const double pts = seconds(row.pts), end = pts + (std::isnan(seconds(row.duration)) ? 0 : seconds(row.duration));
+        const double pts = seconds(row.pts),
+                     end = pts + (std::isnan(seconds(row.duration)) ? 0 : seconds(row.duration));
         if (std::isnan(summary.start) || pts < summary.start) summary.start = pts;
         if (std::isnan(summary.end) || end > summary.end) summary.end = end;
         summary.bytes += row.size;
@@ -234,7 +262,8 @@ int runProbe(const ProbeOptions &options) {
     const CGSize presentation = SVVideoFormatDescriptionGetPresentationDimensions(description.get(), true, false);
     int64_t sarH = 1, sarV = 1;
     pixelAspectRatio(description.get(), sarH, sarV);
-    const bool fullRange = SVFormatDescriptionGetExtension(description.get(), kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
+    const bool fullRange = SVFormatDescriptionGetExtension(
+                               description.get(), kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
     const int64_t fieldCount = extensionInteger(description.get(), kCVImageBufferFieldCountKey, 1);
     const std::string fieldDetail = extensionText(description.get(), kCVImageBufferFieldDetailKey);
     int storedHeaderLength = 0;
@@ -278,7 +307,8 @@ int runProbe(const ProbeOptions &options) {
         json.integer("height", dimensions.height);
         json.number("presentation_width", presentation.width);
         json.number("presentation_height", presentation.height);
-        json.string("pixel_aspect_ratio", format("%lld:%lld", static_cast<long long>(sarH), static_cast<long long>(sarV)));
+        json.string("pixel_aspect_ratio",
+                    format("%lld:%lld", static_cast<long long>(sarH), static_cast<long long>(sarV)));
         json.string("color_primaries", colourPrimaries);
         json.string("transfer_function", transfer);
         json.string("ycbcr_matrix", matrix);
@@ -340,9 +370,11 @@ int runProbe(const ProbeOptions &options) {
             json.string("codec", track.codecName);
             json.integer("packet_count", track.packetCount);
             json.number("duration", track.endSeconds - track.startSeconds);
-            if (const AudioStreamBasicDescription *asbd = SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
+            if (const AudioStreamBasicDescription *asbd =
+                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
                 size_t layoutSize = 0, cookieSize = 0;
-                const AudioChannelLayout *layout = SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
+                const AudioChannelLayout *layout =
+                    SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
                 SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
                 json.string("format_id", fourCC(asbd->mFormatID));
                 json.number("sample_rate", asbd->mSampleRate);
@@ -411,29 +443,34 @@ int runProbe(const ProbeOptions &options) {
         if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
         for (const AudioTrack &track : source->audioTracks()) {
             printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
-            if (const AudioStreamBasicDescription *asbd = SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
+            if (const AudioStreamBasicDescription *asbd =
+                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
                 size_t layoutSize = 0, cookieSize = 0;
-                const AudioChannelLayout *layout = SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
+                const AudioChannelLayout *layout =
+                    SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
                 SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                printf(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes", fourCC(asbd->mFormatID).c_str(),
-                       asbd->mSampleRate, asbd->mChannelsPerFrame,
-                       layout ? channelLayoutName(layout->mChannelLayoutTag).c_str() : "no layout", asbd->mFramesPerPacket,
-                       cookieSize);
+                printf(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes",
+                       fourCC(asbd->mFormatID).c_str(), asbd->mSampleRate, asbd->mChannelsPerFrame,
+                       layout ? channelLayoutName(layout->mChannelLayoutTag).c_str() : "no layout",
+                       asbd->mFramesPerPacket, cookieSize);
             } else {
                 printf(" (no stream description for this codec)");
             }
-            printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount), track.endSeconds - track.startSeconds);
+            printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount),
+                   track.endSeconds - track.startSeconds);
         }
         if (options.samples) {
             printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)",
                    "size", "sync");
             for (size_t i = 0; i < summary.rows.size(); ++i) {
                 const Row &row = summary.rows[i];
-                const std::string dts = SVTIME_IS_NUMERIC(row.dts) ? format("%lld", static_cast<long long>(row.dts.value)) : "N/A";
+                const std::string dts =
+                    SVTIME_IS_NUMERIC(row.dts) ? format("%lld", static_cast<long long>(row.dts.value)) : "N/A";
                 const std::string dtsTime = SVTIME_IS_NUMERIC(row.dts) ? format("%.6f", seconds(row.dts)) : "N/A";
-                printf("%8zu %12s %12lld %9lld %12s %12.6f %9zu %5s\n", i, dts.c_str(), static_cast<long long>(row.pts.value),
-                       static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0), dtsTime.c_str(),
-                       seconds(row.pts), row.size, row.sync ? "yes" : "");
+                printf("%8zu %12s %12lld %9lld %12s %12.6f %9zu %5s\n", i, dts.c_str(),
+                       static_cast<long long>(row.pts.value),
+                       static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0),
+                       dtsTime.c_str(), seconds(row.pts), row.size, row.sync ? "yes" : "");
             }
         }
         for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());

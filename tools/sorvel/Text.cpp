@@ -1,9 +1,10 @@
-#include "Tool.h"
-
+// SPDX-License-Identifier: Apache-2.0
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+#include "Tool.h"
 
 namespace sorvel::tool {
 
@@ -41,9 +42,7 @@ std::string format(const char *fmt, ...) {
 }
 
 double seconds(SVTime time) {
-    if (!SVTIME_IS_NUMERIC(time) ||
-        time.timescale <= 0)
-        return NAN;
+    if (!SVTIME_IS_NUMERIC(time) || time.timescale <= 0) return NAN;
     return static_cast<double>(time.value) / time.timescale;
 }
 
@@ -53,22 +52,35 @@ unsigned nalUnitType(FourCharCode codec, uint8_t firstByte) {
 
 const char *nalUnitTypeName(FourCharCode codec, unsigned type) {
     if (codec == 'avc1') {
-        static const char *const names[32] = {
-            "UNSPEC0", "SLICE", "DPA", "DPB", "DPC", "IDR", "SEI", "SPS", "PPS", "AUD", "END_SEQUENCE",
-            "END_STREAM", "FILLER", "SPS_EXT", "PREFIX", "SUBSET_SPS", "DPS", "RSV17", "RSV18", "AUXILIARY_SLICE",
-            "EXTEN_SLICE", "DEPTH_EXTEN_SLICE", "RSV22", "RSV23", "UNSPEC24", "UNSPEC25", "UNSPEC26", "UNSPEC27",
-            "UNSPEC28", "UNSPEC29", "UNSPEC30", "UNSPEC31"};
+        static const char *const names[32] = {"UNSPEC0",      "SLICE",
+                                              "DPA",          "DPB",
+                                              "DPC",          "IDR",
+                                              "SEI",          "SPS",
+                                              "PPS",          "AUD",
+                                              "END_SEQUENCE", "END_STREAM",
+                                              "FILLER",       "SPS_EXT",
+                                              "PREFIX",       "SUBSET_SPS",
+                                              "DPS",          "RSV17",
+                                              "RSV18",        "AUXILIARY_SLICE",
+                                              "EXTEN_SLICE",  "DEPTH_EXTEN_SLICE",
+                                              "RSV22",        "RSV23",
+                                              "UNSPEC24",     "UNSPEC25",
+                                              "UNSPEC26",     "UNSPEC27",
+                                              "UNSPEC28",     "UNSPEC29",
+                                              "UNSPEC30",     "UNSPEC31"};
         return names[type & 31];
     }
     static const char *const names[64] = {
-        "TRAIL_N", "TRAIL_R", "TSA_N", "TSA_R", "STSA_N", "STSA_R", "RADL_N", "RADL_R", "RASL_N", "RASL_R",
-        "RSV_VCL_N10", "RSV_VCL_R11", "RSV_VCL_N12", "RSV_VCL_R13", "RSV_VCL_N14", "RSV_VCL_R15", "BLA_W_LP",
-        "BLA_W_RADL", "BLA_N_LP", "IDR_W_RADL", "IDR_N_LP", "CRA", "RSV_IRAP_22", "RSV_IRAP_23", "RSV_VCL24",
-        "RSV_VCL25", "RSV_VCL26", "RSV_VCL27", "RSV_VCL28", "RSV_VCL29", "RSV_VCL30", "RSV_VCL31", "VPS", "SPS",
-        "PPS", "AUD", "EOS", "EOB", "FD", "SEI_PREFIX", "SEI_SUFFIX", "RSV_NVCL41", "RSV_NVCL42", "RSV_NVCL43",
-        "RSV_NVCL44", "RSV_NVCL45", "RSV_NVCL46", "RSV_NVCL47", "UNSPEC48", "UNSPEC49", "UNSPEC50", "UNSPEC51",
-        "UNSPEC52", "UNSPEC53", "UNSPEC54", "UNSPEC55", "UNSPEC56", "UNSPEC57", "UNSPEC58", "UNSPEC59", "UNSPEC60",
-        "UNSPEC61", "UNSPEC62", "UNSPEC63"};
+        "TRAIL_N",     "TRAIL_R",     "TSA_N",       "TSA_R",       "STSA_N",      "STSA_R",      "RADL_N",
+        "RADL_R",      "RASL_N",      "RASL_R",      "RSV_VCL_N10", "RSV_VCL_R11", "RSV_VCL_N12", "RSV_VCL_R13",
+        "RSV_VCL_N14", "RSV_VCL_R15", "BLA_W_LP",    "BLA_W_RADL",  "BLA_N_LP",    "IDR_W_RADL",  "IDR_N_LP",
+        "CRA",         "RSV_IRAP_22", "RSV_IRAP_23", "RSV_VCL24",   "RSV_VCL25",   "RSV_VCL26",   "RSV_VCL27",
+        "RSV_VCL28",   "RSV_VCL29",   "RSV_VCL30",   "RSV_VCL31",   "VPS",         "SPS",         "PPS",
+        "AUD",         "EOS",         "EOB",         "FD",          "SEI_PREFIX",  "SEI_SUFFIX",  "RSV_NVCL41",
+        "RSV_NVCL42",  "RSV_NVCL43",  "RSV_NVCL44",  "RSV_NVCL45",  "RSV_NVCL46",  "RSV_NVCL47",  "UNSPEC48",
+        "UNSPEC49",    "UNSPEC50",    "UNSPEC51",    "UNSPEC52",    "UNSPEC53",    "UNSPEC54",    "UNSPEC55",
+        "UNSPEC56",    "UNSPEC57",    "UNSPEC58",    "UNSPEC59",    "UNSPEC60",    "UNSPEC61",    "UNSPEC62",
+        "UNSPEC63"};
     return names[type & 63];
 }
 

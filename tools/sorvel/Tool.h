@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared pieces of the `sorvel` command: exit codes, the error type every
 // subcommand reports through, and an owning reference for runtime objects.
 #ifndef SORVEL_TOOLS_SORVEL_TOOL_H
@@ -16,12 +17,12 @@ namespace sorvel::tool {
 // Exit statuses, stable so that scripts can tell failures apart.
 enum ExitCode : int {
     kExitOK = 0,
-    kExitFailure = 1,       // an output could not be written, or the library refused something
-    kExitUsage = 2,         // bad command line
-    kExitCannotOpen = 3,    // missing, unreadable, or not a media file
-    kExitNoVideo = 4,       // the file has no video stream
-    kExitUnsupported = 5,   // the video is not H.264 or HEVC, or cannot be played as asked
-    kExitTruncated = 6,     // the file ends early or holds damaged samples
+    kExitFailure = 1,      // an output could not be written, or the library refused something
+    kExitUsage = 2,        // bad command line
+    kExitCannotOpen = 3,   // missing, unreadable, or not a media file
+    kExitNoVideo = 4,      // the file has no video stream
+    kExitUnsupported = 5,  // the video is not H.264 or HEVC, or cannot be played as asked
+    kExitTruncated = 6,    // the file ends early or holds damaged samples
 };
 
 struct ToolError {
@@ -32,7 +33,7 @@ struct ToolError {
 // Owns one reference to a runtime object; releases it when it goes.
 template <typename T>
 class Ref {
-  public:
+public:
     Ref() = default;
     explicit Ref(T object) noexcept : object_(object) {}
     Ref(const Ref &other) noexcept : object_(other.object_) {
@@ -57,7 +58,7 @@ class Ref {
     }
     explicit operator bool() const noexcept { return object_ != nullptr; }
 
-  private:
+private:
     T object_ = nullptr;
 };
 

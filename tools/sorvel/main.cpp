@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
 // sorvel: probe, convert and play H.264/HEVC media through the Sorvel
 // library.  See `sorvel --help`.
-#include "Commands.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "Commands.h"
 
 namespace sorvel::tool {
 
@@ -79,7 +80,8 @@ int main(int argc, char **argv) {
         } else if (argument == "--start" && command == "play") {
             if (!value(play.start) || play.start < 0) return usage("--start needs a number of seconds, 0 or more");
         } else if (argument == "--duration" && command == "play") {
-            if (!value(play.duration) || play.duration <= 0) return usage("--duration needs a positive number of seconds");
+            if (!value(play.duration) || play.duration <= 0)
+                return usage("--duration needs a positive number of seconds");
         } else if (argument == "--no-progress" && command == "play") {
             play.progress = false;
         } else if (argument == "-h" || argument == "--help") {

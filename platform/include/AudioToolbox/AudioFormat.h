@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The audio-format service: questions about audio formats that need no
  * codec instance.  Two properties are answered:

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The audio hardware layer: audio objects, their properties, and the current
  * time of an output device's sample clock.
@@ -80,11 +81,7 @@ typedef struct AudioObjectPropertyAddress {
 } AudioObjectPropertyAddress;
 
 /* Objects. */
-enum {
-    kAudioObjectUnknown = 0,
-    kAudioObjectSystemObject = 1,
-    kAudioHardwareBuiltInOutputDevice = 2
-};
+enum { kAudioObjectUnknown = 0, kAudioObjectSystemObject = 1, kAudioHardwareBuiltInOutputDevice = 2 };
 
 /* Scopes and elements.  Every property here lives in the global scope; a
  * device's properties may also be addressed in the output scope.  The only
@@ -114,14 +111,14 @@ enum {
 /* Statuses. */
 enum {
     kAudioHardwareNoError = 0,
-    kAudioHardwareNotRunningError = 0x73746F70,           /* 'stop' */
-    kAudioHardwareUnspecifiedError = 0x77686174,          /* 'what' */
-    kAudioHardwareUnknownPropertyError = 0x77686F3F,      /* 'who?' */
-    kAudioHardwareBadPropertySizeError = 0x2173697A,      /* '!siz' */
-    kAudioHardwareIllegalOperationError = 0x6E6F7065,     /* 'nope' */
-    kAudioHardwareBadObjectError = 0x216F626A,            /* '!obj' */
-    kAudioHardwareBadDeviceError = 0x21646576,            /* '!dev' */
-    kAudioHardwareUnsupportedOperationError = 0x756E6F70  /* 'unop' */
+    kAudioHardwareNotRunningError = 0x73746F70,          /* 'stop' */
+    kAudioHardwareUnspecifiedError = 0x77686174,         /* 'what' */
+    kAudioHardwareUnknownPropertyError = 0x77686F3F,     /* 'who?' */
+    kAudioHardwareBadPropertySizeError = 0x2173697A,     /* '!siz' */
+    kAudioHardwareIllegalOperationError = 0x6E6F7065,    /* 'nope' */
+    kAudioHardwareBadObjectError = 0x216F626A,           /* '!obj' */
+    kAudioHardwareBadDeviceError = 0x21646576,           /* '!dev' */
+    kAudioHardwareUnsupportedOperationError = 0x756E6F70 /* 'unop' */
 };
 
 /* How many devices may be registered at once. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The CoreAudio value types: stream descriptions, channel layouts, format-list
  * items, time stamps, and the format identifiers, flags and layout tags that go
@@ -54,43 +55,43 @@ typedef struct AudioStreamPacketDescription {
 
 /* Format identifiers (mFormatID). */
 enum {
-    kAudioFormatLinearPCM = 0x6C70636D,          /* 'lpcm' */
-    kAudioFormatAC3 = 0x61632D33,                /* 'ac-3' */
-    kAudioFormat60958AC3 = 0x63616333,           /* 'cac3' */
-    kAudioFormatMPEG4AAC = 0x61616320,           /* 'aac ' */
-    kAudioFormatMPEG4CELP = 0x63656C70,          /* 'celp' */
-    kAudioFormatMPEG4HVXC = 0x68767863,          /* 'hvxc' */
-    kAudioFormatMPEG4TwinVQ = 0x74777671,        /* 'twvq' */
-    kAudioFormatMACE3 = 0x4D414333,              /* 'MAC3' */
-    kAudioFormatMACE6 = 0x4D414336,              /* 'MAC6' */
-    kAudioFormatULaw = 0x756C6177,               /* 'ulaw' */
-    kAudioFormatALaw = 0x616C6177,               /* 'alaw' */
-    kAudioFormatQDesign = 0x51444D43,            /* 'QDMC' */
-    kAudioFormatQDesign2 = 0x51444D32,           /* 'QDM2' */
-    kAudioFormatQUALCOMM = 0x51636C70,           /* 'Qclp' */
-    kAudioFormatMPEGLayer1 = 0x2E6D7031,         /* '.mp1' */
-    kAudioFormatMPEGLayer2 = 0x2E6D7032,         /* '.mp2' */
-    kAudioFormatMPEGLayer3 = 0x2E6D7033,         /* '.mp3' */
-    kAudioFormatTimeCode = 0x74696D65,           /* 'time' */
-    kAudioFormatMIDIStream = 0x6D696469,         /* 'midi' */
+    kAudioFormatLinearPCM = 0x6C70636D,            /* 'lpcm' */
+    kAudioFormatAC3 = 0x61632D33,                  /* 'ac-3' */
+    kAudioFormat60958AC3 = 0x63616333,             /* 'cac3' */
+    kAudioFormatMPEG4AAC = 0x61616320,             /* 'aac ' */
+    kAudioFormatMPEG4CELP = 0x63656C70,            /* 'celp' */
+    kAudioFormatMPEG4HVXC = 0x68767863,            /* 'hvxc' */
+    kAudioFormatMPEG4TwinVQ = 0x74777671,          /* 'twvq' */
+    kAudioFormatMACE3 = 0x4D414333,                /* 'MAC3' */
+    kAudioFormatMACE6 = 0x4D414336,                /* 'MAC6' */
+    kAudioFormatULaw = 0x756C6177,                 /* 'ulaw' */
+    kAudioFormatALaw = 0x616C6177,                 /* 'alaw' */
+    kAudioFormatQDesign = 0x51444D43,              /* 'QDMC' */
+    kAudioFormatQDesign2 = 0x51444D32,             /* 'QDM2' */
+    kAudioFormatQUALCOMM = 0x51636C70,             /* 'Qclp' */
+    kAudioFormatMPEGLayer1 = 0x2E6D7031,           /* '.mp1' */
+    kAudioFormatMPEGLayer2 = 0x2E6D7032,           /* '.mp2' */
+    kAudioFormatMPEGLayer3 = 0x2E6D7033,           /* '.mp3' */
+    kAudioFormatTimeCode = 0x74696D65,             /* 'time' */
+    kAudioFormatMIDIStream = 0x6D696469,           /* 'midi' */
     kAudioFormatParameterValueStream = 0x61707673, /* 'apvs' */
-    kAudioFormatMPEG4AAC_HE = 0x61616368,        /* 'aach': AAC with spectral band replication */
-    kAudioFormatMPEG4AAC_LD = 0x6161636C,        /* 'aacl' */
-    kAudioFormatMPEG4AAC_ELD = 0x61616365,       /* 'aace' */
-    kAudioFormatMPEG4AAC_ELD_SBR = 0x61616366,   /* 'aacf' */
-    kAudioFormatMPEG4AAC_ELD_V2 = 0x61616367,    /* 'aacg' */
-    kAudioFormatMPEG4AAC_HE_V2 = 0x61616370,     /* 'aacp': HE-AAC with parametric stereo */
-    kAudioFormatMPEG4AAC_Spatial = 0x61616373,   /* 'aacs' */
-    kAudioFormatAMR = 0x73616D72,                /* 'samr' */
-    kAudioFormatAMR_WB = 0x73617762,             /* 'sawb' */
-    kAudioFormatAudible = 0x41554442,            /* 'AUDB' */
-    kAudioFormatiLBC = 0x696C6263,               /* 'ilbc' */
+    kAudioFormatMPEG4AAC_HE = 0x61616368,          /* 'aach': AAC with spectral band replication */
+    kAudioFormatMPEG4AAC_LD = 0x6161636C,          /* 'aacl' */
+    kAudioFormatMPEG4AAC_ELD = 0x61616365,         /* 'aace' */
+    kAudioFormatMPEG4AAC_ELD_SBR = 0x61616366,     /* 'aacf' */
+    kAudioFormatMPEG4AAC_ELD_V2 = 0x61616367,      /* 'aacg' */
+    kAudioFormatMPEG4AAC_HE_V2 = 0x61616370,       /* 'aacp': HE-AAC with parametric stereo */
+    kAudioFormatMPEG4AAC_Spatial = 0x61616373,     /* 'aacs' */
+    kAudioFormatAMR = 0x73616D72,                  /* 'samr' */
+    kAudioFormatAMR_WB = 0x73617762,               /* 'sawb' */
+    kAudioFormatAudible = 0x41554442,              /* 'AUDB' */
+    kAudioFormatiLBC = 0x696C6263,                 /* 'ilbc' */
     kAudioFormatDVIIntelIMA = 0x6D730011,
     kAudioFormatMicrosoftGSM = 0x6D730031,
-    kAudioFormatAES3 = 0x61657333,               /* 'aes3' */
-    kAudioFormatEnhancedAC3 = 0x65632D33,        /* 'ec-3' */
-    kAudioFormatFLAC = 0x666C6163,               /* 'flac' */
-    kAudioFormatOpus = 0x6F707573                /* 'opus' */
+    kAudioFormatAES3 = 0x61657333,        /* 'aes3' */
+    kAudioFormatEnhancedAC3 = 0x65632D33, /* 'ec-3' */
+    kAudioFormatFLAC = 0x666C6163,        /* 'flac' */
+    kAudioFormatOpus = 0x6F707573         /* 'opus' */
 };
 
 /* Format flags (mFormatFlags).  The linear PCM flags also apply to
@@ -221,7 +222,7 @@ enum {
 
 /* Layout tags: the high 16 bits name the layout, the low 16 bits give its
  * channel count. */
-#define AudioChannelLayoutTag_GetNumberOfChannels(layoutTag) ((UInt32)((layoutTag) & 0x0000FFFFu))
+#define AudioChannelLayoutTag_GetNumberOfChannels(layoutTag) ((UInt32)((layoutTag)&0x0000FFFFu))
 
 enum {
     kAudioChannelLayoutTag_UseChannelDescriptions = (0u << 16) | 0,
@@ -313,11 +314,7 @@ enum {
 };
 
 typedef UInt32 SMPTETimeFlags;
-enum {
-    kSMPTETimeUnknown = 0,
-    kSMPTETimeValid = 1u << 0,
-    kSMPTETimeRunning = 1u << 1
-};
+enum { kSMPTETimeUnknown = 0, kSMPTETimeValid = 1u << 0, kSMPTETimeRunning = 1u << 1 };
 
 typedef struct SMPTETime {
     SInt16 mSubframes;

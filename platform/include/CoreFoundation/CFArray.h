@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Ordered collections of values.
  *
@@ -69,8 +70,7 @@ CF_EXPORT void CFArrayExchangeValuesAtIndices(CFMutableArrayRef theArray, CFInde
 /* Stable sort of `range`. */
 CF_EXPORT void CFArraySortValues(CFMutableArrayRef theArray, CFRange range, CFComparatorFunction comparator,
                                  void *context) CF_NOEXCEPT;
-CF_EXPORT void CFArrayAppendArray(CFMutableArrayRef theArray, CFArrayRef otherArray,
-                                  CFRange otherRange) CF_NOEXCEPT;
+CF_EXPORT void CFArrayAppendArray(CFMutableArrayRef theArray, CFArrayRef otherArray, CFRange otherRange) CF_NOEXCEPT;
 
 CF_EXTERN_C_END
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Base types of the CoreFoundation subset: integer and status types, the
  * polymorphic object calls every object type shares, and allocators.
@@ -84,11 +85,7 @@ typedef const struct __CFNull *CFNullRef;
 enum { kCFNotFound = -1 };
 
 typedef CFIndex CFComparisonResult;
-enum {
-    kCFCompareLessThan = -1,
-    kCFCompareEqualTo = 0,
-    kCFCompareGreaterThan = 1
-};
+enum { kCFCompareLessThan = -1, kCFCompareEqualTo = 0, kCFCompareGreaterThan = 1 };
 
 typedef CFComparisonResult (*CFComparatorFunction)(const void *val1, const void *val2, void *context);
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Immutable and mutable byte buffers.  Two data objects are equal when
  * their bytes are.  A mutable data object must not be mutated from two

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Hash tables from keys to values, with constant-time lookup.
  *
@@ -53,9 +54,9 @@ CF_EXPORT CFDictionaryRef CFDictionaryCreate(CFAllocatorRef allocator, const voi
                                              const CFDictionaryValueCallBacks *valueCallBacks) CF_NOEXCEPT;
 CF_EXPORT CFDictionaryRef CFDictionaryCreateCopy(CFAllocatorRef allocator, CFDictionaryRef theDict) CF_NOEXCEPT;
 /* capacity 0 means unlimited; otherwise the count may never exceed it. */
-CF_EXPORT CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFIndex capacity,
-                                                           const CFDictionaryKeyCallBacks *keyCallBacks,
-                                                           const CFDictionaryValueCallBacks *valueCallBacks) CF_NOEXCEPT;
+CF_EXPORT CFMutableDictionaryRef
+CFDictionaryCreateMutable(CFAllocatorRef allocator, CFIndex capacity, const CFDictionaryKeyCallBacks *keyCallBacks,
+                          const CFDictionaryValueCallBacks *valueCallBacks) CF_NOEXCEPT;
 CF_EXPORT CFMutableDictionaryRef CFDictionaryCreateMutableCopy(CFAllocatorRef allocator, CFIndex capacity,
                                                                CFDictionaryRef theDict) CF_NOEXCEPT;
 
@@ -77,8 +78,7 @@ CF_EXPORT void CFDictionaryApplyFunction(CFDictionaryRef theDict, CFDictionaryAp
  * either. */
 CF_EXPORT void CFDictionaryAddValue(CFMutableDictionaryRef theDict, const void *key, const void *value) CF_NOEXCEPT;
 CF_EXPORT void CFDictionarySetValue(CFMutableDictionaryRef theDict, const void *key, const void *value) CF_NOEXCEPT;
-CF_EXPORT void CFDictionaryReplaceValue(CFMutableDictionaryRef theDict, const void *key,
-                                        const void *value) CF_NOEXCEPT;
+CF_EXPORT void CFDictionaryReplaceValue(CFMutableDictionaryRef theDict, const void *key, const void *value) CF_NOEXCEPT;
 CF_EXPORT void CFDictionaryRemoveValue(CFMutableDictionaryRef theDict, const void *key) CF_NOEXCEPT;
 CF_EXPORT void CFDictionaryRemoveAllValues(CFMutableDictionaryRef theDict) CF_NOEXCEPT;
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The local notification center: observers register for a name and/or an
  * object (NULL matches any) and are called synchronously, on the posting
@@ -31,10 +32,7 @@ enum {
     CFNotificationSuspensionBehaviorDeliverImmediately = 4
 };
 
-enum {
-    kCFNotificationDeliverImmediately = (1UL << 0),
-    kCFNotificationPostToAllSessions = (1UL << 1)
-};
+enum { kCFNotificationDeliverImmediately = (1UL << 0), kCFNotificationPostToAllSessions = (1UL << 1) };
 
 CF_EXPORT CFTypeID CFNotificationCenterGetTypeID(void) CF_NOEXCEPT;
 CF_EXPORT CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) CF_NOEXCEPT;
@@ -43,8 +41,7 @@ CF_EXPORT CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) CF_NO
  * never retained) filter the posts delivered; NULL matches any.  The same
  * observer may register several times with different filters. */
 CF_EXPORT void CFNotificationCenterAddObserver(CFNotificationCenterRef center, const void *observer,
-                                               CFNotificationCallback callBack, CFStringRef name,
-                                               const void *object,
+                                               CFNotificationCallback callBack, CFStringRef name, const void *object,
                                                CFNotificationSuspensionBehavior suspensionBehavior) CF_NOEXCEPT;
 /* Removes `observer`'s registrations that match `name` and `object` (NULL
  * matches any registration). */
@@ -57,9 +54,8 @@ CF_EXPORT void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef c
 CF_EXPORT void CFNotificationCenterPostNotification(CFNotificationCenterRef center, CFNotificationName name,
                                                     const void *object, CFDictionaryRef userInfo,
                                                     Boolean deliverImmediately) CF_NOEXCEPT;
-CF_EXPORT void CFNotificationCenterPostNotificationWithOptions(CFNotificationCenterRef center,
-                                                               CFNotificationName name, const void *object,
-                                                               CFDictionaryRef userInfo,
+CF_EXPORT void CFNotificationCenterPostNotificationWithOptions(CFNotificationCenterRef center, CFNotificationName name,
+                                                               const void *object, CFDictionaryRef userInfo,
                                                                CFOptionFlags options) CF_NOEXCEPT;
 
 CF_EXTERN_C_END

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Numbers and booleans.
  *
@@ -58,16 +59,14 @@ CF_EXPORT const CFNumberRef kCFNumberNaN;
 
 CF_EXPORT CFTypeID CFNumberGetTypeID(void) CF_NOEXCEPT;
 /* NULL for an unknown type or a NULL valuePtr. */
-CF_EXPORT CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType,
-                                     const void *valuePtr) CF_NOEXCEPT;
+CF_EXPORT CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType, const void *valuePtr) CF_NOEXCEPT;
 /* The type the number was created with (kCFNumberSInt..., Float32 or Float64
  * after mapping C type names to their fixed-size counterparts). */
 CF_EXPORT CFNumberType CFNumberGetType(CFNumberRef number) CF_NOEXCEPT;
 CF_EXPORT CFIndex CFNumberGetByteSize(CFNumberRef number) CF_NOEXCEPT;
 CF_EXPORT Boolean CFNumberIsFloatType(CFNumberRef number) CF_NOEXCEPT;
 CF_EXPORT Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void *valuePtr) CF_NOEXCEPT;
-CF_EXPORT CFComparisonResult CFNumberCompare(CFNumberRef number, CFNumberRef otherNumber,
-                                             void *context) CF_NOEXCEPT;
+CF_EXPORT CFComparisonResult CFNumberCompare(CFNumberRef number, CFNumberRef otherNumber, void *context) CF_NOEXCEPT;
 
 CF_EXTERN_C_END
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The object runtime: how a type registers itself and creates instances.
  *

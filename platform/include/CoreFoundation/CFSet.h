@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Unordered collections of distinct values, as hash tables.  Callback
  * records work as for dictionaries' keys; kCFTypeSetCallBacks treats values

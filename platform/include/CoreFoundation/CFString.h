@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Immutable and mutable Unicode strings.
  *
@@ -69,20 +70,18 @@ CF_EXPORT CFTypeID CFStringGetTypeID(void) CF_NOEXCEPT;
 CF_EXPORT CFStringRef CFStringCreateWithCString(CFAllocatorRef alloc, const char *cStr,
                                                 CFStringEncoding encoding) CF_NOEXCEPT;
 CF_EXPORT CFStringRef CFStringCreateWithBytes(CFAllocatorRef alloc, const UInt8 *bytes, CFIndex numBytes,
-                                              CFStringEncoding encoding,
-                                              Boolean isExternalRepresentation) CF_NOEXCEPT;
+                                              CFStringEncoding encoding, Boolean isExternalRepresentation) CF_NOEXCEPT;
 CF_EXPORT CFStringRef CFStringCreateWithCharacters(CFAllocatorRef alloc, const UniChar *chars,
                                                    CFIndex numChars) CF_NOEXCEPT;
 CF_EXPORT CFStringRef CFStringCreateCopy(CFAllocatorRef alloc, CFStringRef theString) CF_NOEXCEPT;
-CF_EXPORT CFStringRef CFStringCreateWithSubstring(CFAllocatorRef alloc, CFStringRef str,
-                                                  CFRange range) CF_NOEXCEPT;
+CF_EXPORT CFStringRef CFStringCreateWithSubstring(CFAllocatorRef alloc, CFStringRef str, CFRange range) CF_NOEXCEPT;
 
 /* printf-style formatting with every printf conversion, plus %@ for any
  * object: its formatting description when its type has one, else its
  * debug description (CFCopyDescription); a string prints its own text and
  * NULL prints "(null)".  Positional arguments (%1$d) are supported. */
-CF_EXPORT CFStringRef CFStringCreateWithFormat(CFAllocatorRef alloc, CFDictionaryRef formatOptions,
-                                               CFStringRef format, ...) CF_NOEXCEPT CF_FORMAT_FUNCTION(3, 4);
+CF_EXPORT CFStringRef CFStringCreateWithFormat(CFAllocatorRef alloc, CFDictionaryRef formatOptions, CFStringRef format,
+                                               ...) CF_NOEXCEPT CF_FORMAT_FUNCTION(3, 4);
 CF_EXPORT CFStringRef CFStringCreateWithFormatAndArguments(CFAllocatorRef alloc, CFDictionaryRef formatOptions,
                                                            CFStringRef format, va_list arguments) CF_NOEXCEPT
     CF_FORMAT_FUNCTION(3, 0);
@@ -109,9 +108,9 @@ CF_EXPORT const char *CFStringGetCStringPtr(CFStringRef theString, CFStringEncod
  * buffer is NULL).  Characters that `encoding` cannot represent become
  * `lossByte`, or stop the conversion when lossByte is 0.  Returns the
  * number of UTF-16 units converted; *usedBufLen receives the bytes used. */
-CF_EXPORT CFIndex CFStringGetBytes(CFStringRef theString, CFRange range, CFStringEncoding encoding,
-                                   UInt8 lossByte, Boolean isExternalRepresentation, UInt8 *buffer,
-                                   CFIndex maxBufLen, CFIndex *usedBufLen) CF_NOEXCEPT;
+CF_EXPORT CFIndex CFStringGetBytes(CFStringRef theString, CFRange range, CFStringEncoding encoding, UInt8 lossByte,
+                                   Boolean isExternalRepresentation, UInt8 *buffer, CFIndex maxBufLen,
+                                   CFIndex *usedBufLen) CF_NOEXCEPT;
 
 /* Bytes needed at most for `length` UTF-16 units in `encoding`, terminator
  * not included; kCFNotFound on overflow. */
@@ -146,8 +145,8 @@ CF_EXPORT void CFStringAppendCharacters(CFMutableStringRef theString, const UniC
                                         CFIndex numChars) CF_NOEXCEPT;
 CF_EXPORT void CFStringAppendCString(CFMutableStringRef theString, const char *cStr,
                                      CFStringEncoding encoding) CF_NOEXCEPT;
-CF_EXPORT void CFStringAppendFormat(CFMutableStringRef theString, CFDictionaryRef formatOptions,
-                                    CFStringRef format, ...) CF_NOEXCEPT CF_FORMAT_FUNCTION(3, 4);
+CF_EXPORT void CFStringAppendFormat(CFMutableStringRef theString, CFDictionaryRef formatOptions, CFStringRef format,
+                                    ...) CF_NOEXCEPT CF_FORMAT_FUNCTION(3, 4);
 CF_EXPORT void CFStringAppendFormatAndArguments(CFMutableStringRef theString, CFDictionaryRef formatOptions,
                                                 CFStringRef format, va_list arguments) CF_NOEXCEPT
     CF_FORMAT_FUNCTION(3, 0);

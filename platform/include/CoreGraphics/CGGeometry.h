@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Plane geometry: points, sizes and rectangles of CGFloat (a 64-bit float).
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Buffer attachments: key-value pairs hung on a buffer, each set either to
  * propagate (copied by CVBufferPropagateAttachments) or not.
@@ -50,10 +51,7 @@ CF_EXPORT const CFStringRef kCVBufferPropagatedAttachmentsKey;
 CF_EXPORT const CFStringRef kCVBufferNonPropagatedAttachmentsKey;
 
 typedef uint32_t CVAttachmentMode;
-enum {
-    kCVAttachmentMode_ShouldNotPropagate = 0,
-    kCVAttachmentMode_ShouldPropagate = 1
-};
+enum { kCVAttachmentMode_ShouldNotPropagate = 0, kCVAttachmentMode_ShouldPropagate = 1 };
 
 /* Private to the attachment functions; lay it out in your object, never
  * touch its fields. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Image buffers: buffers that hold one picture (pixel buffers, textures),
  * their geometry and the attachment keys that describe how the picture is

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * OpenGL ES textures as image buffers.
  *
@@ -36,9 +37,8 @@ CF_EXPORT Boolean CVOpenGLESTextureIsFlipped(CVOpenGLESTextureRef image) CF_NOEX
  * aperture (CVImageBufferGetCleanRect), t counted from the texture's first
  * row, swapped top for bottom when the texture is flipped.  Each output may
  * be NULL; all are left alone for a NULL texture. */
-CF_EXPORT void CVOpenGLESTextureGetCleanTexCoords(CVOpenGLESTextureRef image, float lowerLeft[2],
-                                                  float lowerRight[2], float upperRight[2],
-                                                  float upperLeft[2]) CF_NOEXCEPT;
+CF_EXPORT void CVOpenGLESTextureGetCleanTexCoords(CVOpenGLESTextureRef image, float lowerLeft[2], float lowerRight[2],
+                                                  float upperRight[2], float upperLeft[2]) CF_NOEXCEPT;
 
 CF_EXTERN_C_END
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Pixel buffers: image buffers whose pixels live in main memory.
  *
@@ -32,42 +33,42 @@ enum {
     kCVPixelFormatType_16BE555 = 0x00000010,      /* [2] */
     kCVPixelFormatType_24RGB = 0x00000018,        /* [3] */
     kCVPixelFormatType_32ARGB = 0x00000020,       /* [4] */
-    kCVPixelFormatType_16LE555 = 0x4C353535, /* [2], 'L555' */
-    kCVPixelFormatType_16LE565 = 0x4C353635, /* [2], 'L565' */
-    kCVPixelFormatType_24BGR = 0x32344247, /* [3], '24BG' */
-    kCVPixelFormatType_32BGRA = 0x42475241, /* [4], 'BGRA' */
-    kCVPixelFormatType_32ABGR = 0x41424752, /* [4], 'ABGR' */
-    kCVPixelFormatType_32RGBA = 0x52474241, /* [4], 'RGBA' */
-    kCVPixelFormatType_48RGB = 0x62343872, /* [6], 'b48r' */
-    kCVPixelFormatType_64ARGB = 0x62363461, /* [8], 'b64a' */
-    kCVPixelFormatType_64RGBAHalf = 0x52476841, /* [8], 'RGhA' */
+    kCVPixelFormatType_16LE555 = 0x4C353535,      /* [2], 'L555' */
+    kCVPixelFormatType_16LE565 = 0x4C353635,      /* [2], 'L565' */
+    kCVPixelFormatType_24BGR = 0x32344247,        /* [3], '24BG' */
+    kCVPixelFormatType_32BGRA = 0x42475241,       /* [4], 'BGRA' */
+    kCVPixelFormatType_32ABGR = 0x41424752,       /* [4], 'ABGR' */
+    kCVPixelFormatType_32RGBA = 0x52474241,       /* [4], 'RGBA' */
+    kCVPixelFormatType_48RGB = 0x62343872,        /* [6], 'b48r' */
+    kCVPixelFormatType_64ARGB = 0x62363461,       /* [8], 'b64a' */
+    kCVPixelFormatType_64RGBAHalf = 0x52476841,   /* [8], 'RGhA' */
     kCVPixelFormatType_128RGBAFloat = 0x52476641, /* [16], 'RGfA' */
     /* packed one- and two-component */
-    kCVPixelFormatType_OneComponent8 = 0x4C303038, /* [1], 'L008' */
-    kCVPixelFormatType_OneComponent16 = 0x4C303136, /* [2], 'L016' */
-    kCVPixelFormatType_OneComponent16Half = 0x4C303068, /* [2], 'L00h' */
+    kCVPixelFormatType_OneComponent8 = 0x4C303038,       /* [1], 'L008' */
+    kCVPixelFormatType_OneComponent16 = 0x4C303136,      /* [2], 'L016' */
+    kCVPixelFormatType_OneComponent16Half = 0x4C303068,  /* [2], 'L00h' */
     kCVPixelFormatType_OneComponent32Float = 0x4C303066, /* [4], 'L00f' */
-    kCVPixelFormatType_TwoComponent8 = 0x32433038, /* [2], '2C08' */
-    kCVPixelFormatType_16Gray = 0x62313667, /* [2], 'b16g' */
-    kCVPixelFormatType_DepthFloat32 = 0x66646570, /* [4], 'fdep' */
+    kCVPixelFormatType_TwoComponent8 = 0x32433038,       /* [2], '2C08' */
+    kCVPixelFormatType_16Gray = 0x62313667,              /* [2], 'b16g' */
+    kCVPixelFormatType_DepthFloat32 = 0x66646570,        /* [4], 'fdep' */
     /* packed 4:2:2 Y'CbCr: 4 bytes per pair of pixels (odd widths round up) */
-    kCVPixelFormatType_422YpCbCr8 = 0x32767579, /* Cb Y0 Cr Y1, '2vuy' */
+    kCVPixelFormatType_422YpCbCr8 = 0x32767579,      /* Cb Y0 Cr Y1, '2vuy' */
     kCVPixelFormatType_422YpCbCr8_yuvs = 0x79757673, /* Y0 Cb Y1 Cr, 'yuvs' */
     /* planar: Y (w x h, 1 byte), Cb and Cr (ceil(w/2) x ceil(h/2), 1 byte each) */
-    kCVPixelFormatType_420YpCbCr8Planar = 0x79343230, /* 'y420' */
+    kCVPixelFormatType_420YpCbCr8Planar = 0x79343230,          /* 'y420' */
     kCVPixelFormatType_420YpCbCr8PlanarFullRange = 0x66343230, /* 'f420' */
     /* bi-planar: Y (w x h, 1 byte), CbCr (ceil(w/2) x ceil(h/2), 2 bytes) */
     kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange = 0x34323076, /* '420v' */
-    kCVPixelFormatType_420YpCbCr8BiPlanarFullRange = 0x34323066, /* '420f' */
+    kCVPixelFormatType_420YpCbCr8BiPlanarFullRange = 0x34323066,  /* '420f' */
     /* bi-planar 10-bit in 16-bit words: Y 2 bytes, CbCr 4 bytes per sample pair */
     kCVPixelFormatType_420YpCbCr10BiPlanarVideoRange = 0x78343230, /* 'x420' */
-    kCVPixelFormatType_420YpCbCr10BiPlanarFullRange = 0x78663230, /* 'xf20' */
+    kCVPixelFormatType_420YpCbCr10BiPlanarFullRange = 0x78663230,  /* 'xf20' */
     /* bi-planar 4:2:2: CbCr plane ceil(w/2) x h, 2 bytes */
     kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange = 0x34323276, /* '422v' */
-    kCVPixelFormatType_422YpCbCr8BiPlanarFullRange = 0x34323266, /* '422f' */
+    kCVPixelFormatType_422YpCbCr8BiPlanarFullRange = 0x34323266,  /* '422f' */
     /* bi-planar 4:4:4: CbCr plane w x h, 2 bytes */
     kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange = 0x34343476, /* '444v' */
-    kCVPixelFormatType_444YpCbCr8BiPlanarFullRange = 0x34343466 /* '444f' */
+    kCVPixelFormatType_444YpCbCr8BiPlanarFullRange = 0x34343466   /* '444f' */
 };
 
 typedef uint64_t CVPixelBufferLockFlags;
@@ -123,8 +124,8 @@ typedef void (*CVPixelBufferReleaseBytesCallback)(void *releaseRefCon, const voi
  * below the minimum, and kCVReturnInvalidPixelFormat for planar formats. */
 CF_EXPORT CVReturn CVPixelBufferCreateWithBytes(CFAllocatorRef allocator, size_t width, size_t height,
                                                 OSType pixelFormatType, void *baseAddress, size_t bytesPerRow,
-                                                CVPixelBufferReleaseBytesCallback releaseCallback,
-                                                void *releaseRefCon, CFDictionaryRef pixelBufferAttributes,
+                                                CVPixelBufferReleaseBytesCallback releaseCallback, void *releaseRefCon,
+                                                CFDictionaryRef pixelBufferAttributes,
                                                 CVPixelBufferRef *pixelBufferOut) CF_NOEXCEPT;
 
 /* Lock and unlock the base address for CPU access.  Locks nest: each lock

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * CoreVideo's status codes.  Every fallible CoreVideo call returns one:
  * kCVReturnSuccess (0) or a negative code from the block -6660...-6699.
@@ -13,12 +14,12 @@ typedef int32_t CVReturn;
 enum {
     kCVReturnSuccess = 0,
     kCVReturnFirst = -6660,
-    kCVReturnError = kCVReturnFirst,          /* a failure with no code of its own */
-    kCVReturnInvalidArgument = -6661,         /* a required argument is NULL or out of range */
-    kCVReturnAllocationFailed = -6662,        /* memory could not be allocated */
-    kCVReturnUnsupported = -6663,             /* the operation is not supported by this object */
-    kCVReturnInvalidPixelFormat = -6680,      /* unknown pixel format, or one the call cannot take */
-    kCVReturnInvalidSize = -6681,             /* dimensions whose buffer cannot be represented */
+    kCVReturnError = kCVReturnFirst,               /* a failure with no code of its own */
+    kCVReturnInvalidArgument = -6661,              /* a required argument is NULL or out of range */
+    kCVReturnAllocationFailed = -6662,             /* memory could not be allocated */
+    kCVReturnUnsupported = -6663,                  /* the operation is not supported by this object */
+    kCVReturnInvalidPixelFormat = -6680,           /* unknown pixel format, or one the call cannot take */
+    kCVReturnInvalidSize = -6681,                  /* dimensions whose buffer cannot be represented */
     kCVReturnInvalidPixelBufferAttributes = -6682, /* an attribute of the wrong type or value */
     kCVReturnPixelBufferNotOpenGLCompatible = -6683,
     kCVReturnPixelBufferNotMetalCompatible = -6684,

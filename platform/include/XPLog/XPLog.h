@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * XPLog: leveled logging, fatal stops and mutexes for Sorvel's platform layer.
  *
@@ -48,16 +49,16 @@ typedef struct XPLogModule {
 /* Decides and caches `module`'s threshold; returns 1 when a message of
  * `level` is to be emitted, 0 otherwise.  `module` may be NULL (nothing is
  * cached).  Many threads may determine one record at the same moment. */
-XP_EXPORT int XPLogDetermineLogLevel(int level, XPLogModule *module, const char *sourcePath,
-                                     const char *functionName, int line) XP_NOEXCEPT;
+XP_EXPORT int XPLogDetermineLogLevel(int level, XPLogModule *module, const char *sourcePath, const char *functionName,
+                                     int line) XP_NOEXCEPT;
 
 /* Emits one printf-style message as "LEVEL function [sourcePath:line] message"
  * on standard error (one write, so lines from several threads do not mix),
  * or hands it to the installed sink.  The message is never truncated.  NULL
  * function or source path read as "".  The caller has already applied the
  * level gate. */
-XP_EXPORT void XPLogS(int level, XPLogModule *module, const char *functionName, const char *sourcePath,
-                      int line, const char *format, ...) XP_NOEXCEPT __attribute__((format(printf, 6, 7)));
+XP_EXPORT void XPLogS(int level, XPLogModule *module, const char *functionName, const char *sourcePath, int line,
+                      const char *format, ...) XP_NOEXCEPT __attribute__((format(printf, 6, 7)));
 
 /* Emits `message` unconditionally, to standard error and to any sink.  Used
  * only just before a fatal abort. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The part of the dispatch library that Sorvel uses: one-time initialisation.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // End-to-end tests of the `sorvel` command.  Each case runs the built program
 // as a child process and judges its exit status, standard error and output
 // against references made by independent tools (tests/data/expected, the
