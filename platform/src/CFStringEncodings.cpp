@@ -66,8 +66,8 @@ Kind kindOf(CFStringEncoding encoding) {
 
 constexpr bool kHostIsBigEndian = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__;
 
-// Bytes 0x80...0xFF of Mac OS Roman (0xDB is the euro sign, 0xF0 the
-// private-use Apple logo).
+// Bytes 0x80...0xFF of Mac OS Roman (0xDB is the euro sign, 0xF0 maps to
+// the private-use code point U+F8FF).
 constexpr UniChar kMacRoman[128] = {
     0x00C4, 0x00C5, 0x00C7, 0x00C9, 0x00D1, 0x00D6, 0x00DC, 0x00E1,  // 0x80
     0x00E0, 0x00E2, 0x00E4, 0x00E3, 0x00E5, 0x00E7, 0x00E9, 0x00E8,  // 0x88
