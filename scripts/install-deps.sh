@@ -20,9 +20,15 @@ declare -A why=(
     [libavformat-dev]="FFmpeg's demuxers, which the sorvel tool reads files with"
     [clang-format]="the format check (make format-check)"
     [git]="the format check lists the tracked files"
+    [libavcodec-dev]="FFmpeg's decoders, which sorvel play decodes the sound with"
+    [libpulse-dev]="the PulseAudio client library, which sorvel play plays the sound through"
+    [pulseaudio]="the audio server (with a null sink) that the lip-sync tests play to"
+    [pulseaudio-utils]="pactl, with which the tests' audio server is checked and stopped"
+    [ffmpeg]="makes the clips with a beep every second for the end-to-end lip-sync test"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
     clang-format git)
+wanted+=(libavcodec-dev libpulse-dev pulseaudio pulseaudio-utils ffmpeg)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.
