@@ -28,6 +28,7 @@
 #include "Commands.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "audio/SoundSession.h"
 
 namespace sorvel::tool {
 namespace {
@@ -253,6 +254,18 @@ void drawProgress(double position, const Window &window, const Report &report) {
 int runPlay(const PlayOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
+    audio::AudioMode audioMode = audio::AudioMode::Auto;
+    audio::parseAudioMode(options.audio, audioMode);
+    if (!source && error.code == kExitNoVideo && audioMode != audio::AudioMode::None) {
+        // Sound without pictures: play the sound and report it.
+        std::string soundError;
+        const int status = audio::playSoundOnly(
+            audioMode, options.file, options.file.empty() ? "(embedded demo stream)" : options.file, options.rate,
+            options.start, options.duration, options.json, soundError);
+        if (status < 0) return reportError({kExitNoVideo, soundError});
+        if (status > 0) return reportError({kExitFailure, soundError});
+        return kExitOK;
+    }
     if (!source) return reportError(error);
     const bool reverse = options.rate < 0;
 
@@ -299,6 +312,14 @@ int runPlay(const PlayOptions &options) {
     SVBufferQueueInstallTrigger(queue.get(), queueDrained, &flow, kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
                                 SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken);
 
+    // The sound fills its output while the pictures preroll, and plays once
+    // they are ready.
+    audio::SoundSummary sound;
+    std::string soundError;
+    std::unique_ptr<audio::SoundSession> session =
+        audio::SoundSession::start(audioMode, options.file, options.rate, window.start, window.end, sound, soundError);
+    if (!session && !soundError.empty()) return reportError({kExitFailure, "sound: " + soundError});
+
     Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
 
@@ -319,10 +340,27 @@ int runPlay(const PlayOptions &options) {
 
     SVClockRef host = SVClockGetHostTimeClock();
     Ref<SVTimebaseRef> timebase;
-    SVTimebaseCreateWithMasterClock(nullptr, host, timebase.out());
-    const uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
-    SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
-                                   SVClockMakeHostTimeFromSystemUnits(startHost));
+    if (session && (!session->go(soundError) || !session->waitUntilPlaying(5.0, soundError))) {
+        // The sound never started: carry on by the host clock.
+        fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", soundError.c_str());
+        session->finish({}, sound);
+        sound.state = "failed";
+        sound.reason = soundError;
+        session.reset();
+    }
+    uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
+    if (session) {
+        // The pictures follow the sound: the timebase reads the presentation
+        // time of the sound leaving the device.
+        SVTimebaseCreateWithMasterClock(nullptr, session->clock(), timebase.out());
+        session->anchor(timebase.get());
+        startHost = hostNow();
+    } else {
+        SVTimebaseCreateWithMasterClock(nullptr, host, timebase.out());
+        SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
+                                       SVClockMakeHostTimeFromSystemUnits(startHost));
+    }
+    std::vector<audio::PictureShown> pictures;
 
     // Presentation is the one thing here that must not wait for the
     // scheduler: ask for a real-time priority and carry on without it when
@@ -385,6 +423,11 @@ int runPlay(const PlayOptions &options) {
             takenDue = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
                 SVSyncConvertTime(takenTime, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
         }
+        // The picture that straddles the start is presented from the start.
+        SVTime shownTime = SVSampleBufferGetOutputPresentationTimeStamp(taken);
+        if (reverse ? SVTimeCompare(shownTime, windowStart) > 0 : SVTimeCompare(shownTime, windowStart) < 0)
+            shownTime = windowStart;
+        pictures.push_back({seconds(shownTime), takenHost});
         CFRelease(taken);
         const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(takenDue)) / 1e6;
         ++report.shown;
@@ -394,6 +437,15 @@ int runPlay(const PlayOptions &options) {
         report.errorSum += std::fabs(errorMs);
         if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
         if (errorMs > kLateMilliseconds) ++report.late;
+    }
+    if (session) {
+        // Sound that outlasts the pictures plays to its end.
+        while (!session->soundDone() && session->problem().empty())
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        session->finish(pictures, sound);
+        if (sound.state == "failed")
+            fprintf(stderr, "sorvel: the sound failed (%s)%s\n", sound.reason.c_str(),
+                    audioMode == audio::AudioMode::Pulse ? "" : "; the pictures went on by the last clock reading");
     }
     const uint64_t endHost = hostNow();
     if (raised) pthread_setschedparam(pthread_self(), oldPolicy, &oldParameters);
@@ -422,6 +474,7 @@ int runPlay(const PlayOptions &options) {
         json.number("mean_error_ms", mean);
         json.number("worst_error_ms", report.worst);
         json.number("wall_seconds", report.wall);
+        audio::writeSoundJson(json, sound, pictures);
         json.endObject();
         json.finish();
     } else {
@@ -433,11 +486,14 @@ int runPlay(const PlayOptions &options) {
                kLateMilliseconds);
         printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
         if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+        audio::printSoundSummary(sound);
     }
     fflush(stdout);
     SVBufferQueueRemoveTrigger(queue.get(), fillToken);
     SVBufferQueueRemoveTrigger(queue.get(), drainToken);
     if (flow.readerError) return reportError(*flow.readerError);
+    if (sound.state == "failed" && audioMode == audio::AudioMode::Pulse)
+        return reportError({kExitFailure, "sound: " + sound.reason});
     return kExitOK;
 }
 

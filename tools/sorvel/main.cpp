@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "audio/SoundSession.h"
 
 namespace sorvel::tool {
 
@@ -22,7 +23,8 @@ namespace {
 constexpr const char kUsage[] =
     "usage: sorvel probe  [FILE] [--json] [--samples]\n"
     "       sorvel annexb [IN] OUT\n"
-    "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
+    "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--audio auto|pulse|none]\n"
+    "                     [--json] [--no-progress]\n"
     "\n"
     "Reads MP4, Matroska, MPEG-TS or raw H.264/HEVC with libavformat and does everything else\n"
     "with the Sorvel library.  Without FILE (or IN) the demo stream built into sorvel is used.\n"
@@ -30,8 +32,9 @@ constexpr const char kUsage[] =
     "  probe    the video stream's format description, timing, sync samples, reordering and\n"
     "           NAL units; audio stream descriptions.  --samples adds a per-sample table.\n"
     "  annexb   writes the video as an Annex B elementary stream (OUT may be - for stdout).\n"
-    "  play     plays the samples in real time against a timebase on the host clock, without\n"
-    "           decoding: R is the rate (negative plays backwards), T and D are in seconds.\n"
+    "  play     plays the pictures in real time without decoding them, timed on the sound that\n"
+    "           a PulseAudio server plays (--audio auto, at rate 1) or on the host clock: R is\n"
+    "           the rate (negative plays backwards), T and D are in seconds.\n"
     "\n"
     "Exit status: 0 done, 1 failure, 2 bad command line, 3 cannot open the file, 4 no video\n"
     "stream, 5 unsupported video, 6 truncated or damaged file.\n";
@@ -64,6 +67,7 @@ int main(int argc, char **argv) {
     std::vector<std::string> positional;
     ProbeOptions probe;
     PlayOptions play;
+    audio::AudioMode mode;
     for (int i = 2; i < argc; ++i) {
         const std::string argument = argv[i];
         auto value = [&](double &out) {
@@ -82,6 +86,10 @@ int main(int argc, char **argv) {
         } else if (argument == "--duration" && command == "play") {
             if (!value(play.duration) || play.duration <= 0)
                 return usage("--duration needs a positive number of seconds");
+        } else if (argument == "--audio" && command == "play") {
+            if (i + 1 >= argc || !audio::parseAudioMode(argv[i + 1], mode))
+                return usage("--audio needs auto, pulse or none");
+            play.audio = argv[++i];
         } else if (argument == "--no-progress" && command == "play") {
             play.progress = false;
         } else if (argument == "-h" || argument == "--help") {

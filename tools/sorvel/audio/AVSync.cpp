@@ -95,6 +95,11 @@ std::optional<double> DeviceLine::measuredRatePpm(double nominalRate, double set
     return (slope / nominalPerNano - 1) * 1e6;
 }
 
+double avOffsetMilliseconds(const DeviceLine &line, double sampleRate, double origin, double pts, uint64_t shownHost) {
+    const double soundHost = line.hostTimeOfSample((pts - origin) * sampleRate, sampleRate);
+    return (static_cast<double>(shownHost) - soundHost) / 1e6;
+}
+
 OSStatus DeviceReporter::report(const StreamTiming &timing) {
     const double sample = sampleLeavingDevice(timing, bytesPerFrame_, sampleRate_);
     AudioTimeStamp stamp = {};

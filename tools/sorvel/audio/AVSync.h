@@ -80,6 +80,13 @@ private:
     std::vector<Point> points_;
 };
 
+// The A/V offset in milliseconds of a picture of presentation time `pts`
+// shown at host time `shownHost`: that host time minus the host time at which
+// the sound of the same presentation time left the device, read off the
+// device's reported `line` of a stream whose sample 0 has presentation time
+// `origin`.  Positive: the picture came after its sound.  NaN without a line.
+double avOffsetMilliseconds(const DeviceLine &line, double sampleRate, double origin, double pts, uint64_t shownHost);
+
 // Turns stream timings into reports on a registered device and keeps the
 // line they draw.  Reports only while the stream plays; a stalled or corked
 // stream reports once with rate scalar 0, so that the device's counter

@@ -35,7 +35,8 @@ AudioPlayer::~AudioPlayer() {
     if (format_) CFRelease(format_);
 }
 
-bool AudioPlayer::start(PulseOutput &output, double startSeconds, double endSeconds, std::string &error) {
+bool AudioPlayer::start(PulseOutput &output, double startSeconds, double endSeconds, double leadSeconds, bool held,
+                        std::string &error) {
     const int rate = decoder_->sampleRate();
     OSStatus status = 0;
     format_ = makePcmFormat(rate, decoder_->channels(), status);
@@ -50,11 +51,13 @@ bool AudioPlayer::start(PulseOutput &output, double startSeconds, double endSeco
     }
     if (!output.open(rate, decoder_->speakers(), kOutputBufferSeconds, error)) return false;
     output_ = &output;
-    origin_ = std::isfinite(startSeconds) ? startSeconds : 0;
+    if (held) output.hold();
+    const double start = std::isfinite(startSeconds) ? startSeconds : 0;
+    origin_ = start - leadSeconds;
     end_ = endSeconds;
     startFrame_ = static_cast<int64_t>(std::llround(origin_ * rate));
     // A seek that fails leaves the reader at the start; trimming copes.
-    if (origin_ > 0) decoder_->seek(origin_);
+    if (start > 0) decoder_->seek(start);
     decoding_ = std::thread([this] { decodeLoop(); });
     writing_ = std::thread([this] { writeLoop(); });
     return true;
@@ -107,8 +110,9 @@ void AudioPlayer::decodeLoop() {
         if (first > next) {
             std::vector<float> silence(static_cast<size_t>(std::min<int64_t>(first - next, rate / 10)) *
                                        static_cast<size_t>(channels));
-            while (next < std::min(first, stopFrame)) {
-                const int64_t count = std::min<int64_t>({first - next, stopFrame - next, rate / 10});
+            const int64_t silenceEnd = std::min(first, stopFrame);
+            while (next < silenceEnd) {
+                const int64_t count = std::min<int64_t>(silenceEnd - next, rate / 10);
                 if (!enqueue(silence.data(), count, next)) break;
                 next += count;
             }

@@ -6,10 +6,11 @@
 // writing thread dequeues the buffers and writes their bytes to the playback
 // stream.
 //
-// The stream's sample 0 is the presentation time `start` exactly: sound
-// before it is cut off, and silence fills in when the sound begins later, so
-// a timebase anchored at (start, sample 0) of the device's clock reads the
-// presentation time of the sound leaving the device.  After the sound ends
+// The stream's sample 0 is a presentation time chosen by the caller (the
+// window's start, less a lead-in): sound before it is cut off, and silence
+// fills in when the sound begins later, so a timebase anchored at (that
+// time, sample 0) of the device's clock reads the presentation time of the
+// sound leaving the device.  After the sound ends
 // the writer keeps writing silence until stop(), so that the device's clock
 // runs on for pictures that outlast the sound.
 #ifndef SORVEL_TOOLS_SORVEL_AUDIO_AUDIOPLAYER_H
@@ -44,8 +45,14 @@ public:
 
     // Opens the playback stream on `output` and starts both threads; plays
     // the sound from `startSeconds` up to `endSeconds` (infinite: to its
-    // end).  False with `error` set when the server refuses the format.
-    bool start(PulseOutput &output, double startSeconds, double endSeconds, std::string &error);
+    // end), preceded by `leadSeconds` of silence (so that the stream's
+    // sample 0 is startSeconds - leadSeconds).  With `held` the stream fills
+    // and waits for go().  False with `error` set when the server refuses
+    // the format.
+    bool start(PulseOutput &output, double startSeconds, double endSeconds, double leadSeconds, bool held,
+               std::string &error);
+    // Lets a held stream play.
+    bool go(std::string &error) { return output_->start(error); }
     // Waits until the device reports that the sound plays, at most
     // `timeoutSeconds`; false on timeout or failure.
     bool waitForClock(double timeoutSeconds);

@@ -289,8 +289,15 @@ void PulseOutput::reportTimingLocked() {
     if (reporter_->started()) clockRunning_.store(true);
 }
 
+void PulseOutput::hold() {
+    pa_threaded_mainloop_lock(loop_);
+    held_ = true;
+    pa_threaded_mainloop_unlock(loop_);
+}
+
 bool PulseOutput::start(std::string &error) {
     pa_threaded_mainloop_lock(loop_);
+    held_ = false;
     bool done = false;
     if (!corked_) {
         done = true;
@@ -315,7 +322,7 @@ bool PulseOutput::write(const float *samples, int64_t frames, std::string &error
         auto hasRoom = [&] {
             room = pa_stream_writable_size(stream_);
             if (room == static_cast<size_t>(-1)) room = 0;
-            if (room == 0 && corked_) {
+            if (room == 0 && corked_ && !held_) {
                 if (pa_operation *operation = pa_stream_cork(stream_, 0, nullptr, nullptr))
                     pa_operation_unref(operation);
                 corked_ = false;
@@ -323,6 +330,8 @@ bool PulseOutput::write(const float *samples, int64_t frames, std::string &error
             return room > 0;
         };
         if (!waitLocked(stallSeconds, hasRoom)) {
+            // A held stream waits for start() as long as it takes.
+            if (held_ && corked_ && failure_.empty() && !interrupted_.load()) continue;
             ok = false;
             if (!failure_.empty())
                 error = failure_;
@@ -383,6 +392,13 @@ DeviceLine PulseOutput::line() const {
 int64_t PulseOutput::reports() const {
     pa_threaded_mainloop_lock(loop_);
     const int64_t count = reporter_ ? reporter_->reports() : 0;
+    pa_threaded_mainloop_unlock(loop_);
+    return count;
+}
+
+int64_t PulseOutput::stalls() const {
+    pa_threaded_mainloop_lock(loop_);
+    const int64_t count = reporter_ ? reporter_->stalls() : 0;
     pa_threaded_mainloop_unlock(loop_);
     return count;
 }

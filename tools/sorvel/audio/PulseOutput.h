@@ -54,6 +54,9 @@ public:
     // away, the stream failed, no room came for `stallSeconds`, or
     // interrupt() was called; `error` says which (empty after interrupt()).
     bool write(const float *samples, int64_t frames, std::string &error, double stallSeconds = 5.0);
+    // The stream starts by itself once its buffer is full, unless held: a
+    // held stream fills its buffer and waits, corked, for start().
+    void hold();
     // Starts (uncorks) the stream: the server plays once its buffer is full.
     bool start(std::string &error);
     // Waits until everything written has played, at most `timeoutSeconds`.
@@ -72,6 +75,8 @@ public:
     // main loop's lock.
     DeviceLine line() const;
     int64_t reports() const;
+    // Times the stream stopped moving while playing (see DeviceReporter).
+    int64_t stalls() const;
     // The first failure seen by the main loop (the server went away, the
     // stream failed), empty while all is well.
     std::string failure() const;
@@ -98,6 +103,7 @@ private:
     int64_t framesWritten_ = 0;
     bool timingPending_ = false;
     bool corked_ = true;
+    bool held_ = false;
     bool connected_ = false;
     std::atomic<int64_t> underruns_{0};
     std::atomic<bool> clockRunning_{false};
