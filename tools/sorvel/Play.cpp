@@ -341,12 +341,21 @@ int runPlay(const PlayOptions &options) {
     SVClockRef host = SVClockGetHostTimeClock();
     Ref<SVTimebaseRef> timebase;
     if (session && (!session->go(soundError) || !session->waitUntilPlaying(5.0, soundError))) {
-        // The sound never started: carry on by the host clock.
-        fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", soundError.c_str());
         session->finish({}, sound);
         sound.state = "failed";
         sound.reason = soundError;
         session.reset();
+        if (audioMode == audio::AudioMode::Pulse) {
+            {
+                std::lock_guard<std::mutex> lock(flow.mutex);
+                flow.stop = true;
+            }
+            flow.changed.notify_all();
+            readerThread.join();
+            return reportError({kExitFailure, "sound: " + soundError});
+        }
+        // The sound never started: carry on by the host clock.
+        fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", soundError.c_str());
     }
     uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
     if (session) {

@@ -8,9 +8,11 @@ namespace sorvel::tool::audio {
 namespace {
 
 constexpr double kNanosPerSecond = 1e9;
-// Neighbouring reports whose rate is further than this from nominal do not
-// belong to one stretch of steady playing (a stall, a restart).
+// A rate scalar further than this from 1 is a disturbance, not a crystal.
 constexpr double kSteadyDeviation = 0.05;
+// A timing this far (seconds of samples) from the fitted line does not
+// continue the stream.
+constexpr double kRestartSeconds = 0.02;
 
 }  // namespace
 
@@ -63,9 +65,9 @@ std::optional<double> DeviceLine::measuredRatePpm(double nominalRate, double set
         }
     };
     for (size_t i = 1; i < points_.size(); ++i) {
-        const double rate =
-            (points_[i].sample - points_[i - 1].sample) / static_cast<double>(points_[i].host - points_[i - 1].host);
-        if (std::fabs(rate / nominalPerNano - 1) > kSteadyDeviation) {
+        const double advance = points_[i].sample - points_[i - 1].sample;
+        const double expected = static_cast<double>(points_[i].host - points_[i - 1].host) * nominalPerNano;
+        if (advance == 0 || std::fabs(advance - expected) > kRestartSeconds * nominalRate) {
             consider(i);
             begin = i;
         }
@@ -100,10 +102,55 @@ double avOffsetMilliseconds(const DeviceLine &line, double sampleRate, double or
     return (static_cast<double>(shownHost) - soundHost) / 1e6;
 }
 
+bool DeviceReporter::fit(uint64_t host, double &sample, double &slope) const {
+    if (window_.size() < 3 || window_.back().host - window_.front().host < 100'000'000) return false;
+    const DeviceLine::Point &origin = window_.front();
+    // Least squares over the timings whose residual is at most `limit`
+    // samples (all of them at first).
+    double a = 0, b = 0;  // sample - origin.sample = a + b * (host - origin.host)
+    auto solve = [&](double limit) {
+        double sx = 0, sy = 0, sxx = 0, sxy = 0, n = 0;
+        for (const DeviceLine::Point &point : window_) {
+            const double x = static_cast<double>(point.host - origin.host), y = point.sample - origin.sample;
+            if (std::fabs(y - (a + b * x)) > limit) continue;
+            sx += x;
+            sy += y;
+            sxx += x * x;
+            sxy += x * y;
+            n += 1;
+        }
+        const double denominator = n * sxx - sx * sx;
+        if (n < 3 || !(denominator > 0)) return false;
+        b = (n * sxy - sx * sy) / denominator;
+        a = (sy - b * sx) / n;
+        return true;
+    };
+    if (!solve(INFINITY)) return false;
+    // Stamps that came late pull the line; fit again without the timings far
+    // off it (more than three times the typical residual, and 0.1 ms).
+    std::vector<double> residuals;
+    residuals.reserve(window_.size());
+    for (const DeviceLine::Point &point : window_)
+        residuals.push_back(
+            std::fabs(point.sample - origin.sample - (a + b * static_cast<double>(point.host - origin.host))));
+    std::nth_element(residuals.begin(), residuals.begin() + static_cast<std::ptrdiff_t>(residuals.size() / 2),
+                     residuals.end());
+    const double typical = residuals[residuals.size() / 2];
+    const double saveA = a, saveB = b;
+    if (!solve(std::max(3 * typical, 1e-4 * sampleRate_))) {
+        a = saveA;
+        b = saveB;
+    }
+    slope = b;
+    sample = origin.sample + a + b * static_cast<double>(static_cast<int64_t>(host - origin.host));
+    return true;
+}
+
 OSStatus DeviceReporter::report(const StreamTiming &timing) {
-    const double sample = sampleLeavingDevice(timing, bytesPerFrame_, sampleRate_);
+    const double raw = sampleLeavingDevice(timing, bytesPerFrame_, sampleRate_);
+    if (!std::isfinite(raw)) return kAudio_ParamError;
     AudioTimeStamp stamp = {};
-    stamp.mSampleTime = sample;
+    stamp.mSampleTime = raw;
     stamp.mHostTime = timing.hostTime;
     stamp.mFlags = kAudioTimeStampSampleHostTimeValid;
     if (!timing.playing) {
@@ -112,11 +159,38 @@ OSStatus DeviceReporter::report(const StreamTiming &timing) {
         if (!started_ || standing_) return 0;
         standing_ = true;
         ++stalls_;
+        window_.clear();
         // Where it stands: no further than the line already reached.
-        if (!line_.empty()) stamp.mSampleTime = std::max(sample, line_.points().back().sample);
+        if (!line_.empty()) stamp.mSampleTime = std::max(raw, line_.points().back().sample);
         stamp.mRateScalar = 0;
         stamp.mFlags |= kAudioTimeStampRateScalarValid;
     } else {
+        double fitted = 0, slope = 0;
+        if (!window_.empty()) {
+            const DeviceLine::Point &last = window_.back();
+            double expected = last.sample + static_cast<double>(static_cast<int64_t>(timing.hostTime - last.host)) *
+                                                sampleRate_ / kNanosPerSecond;
+            if (fit(timing.hostTime, fitted, slope)) expected = fitted;
+            if (timing.hostTime <= last.host || std::fabs(raw - expected) > kRestartSeconds * sampleRate_) {
+                window_.clear();
+                ++restarts_;
+            }
+        }
+        window_.push_back({raw, timing.hostTime});
+        const auto span = static_cast<uint64_t>(windowSeconds_ * kNanosPerSecond);
+        size_t drop = 0;
+        while (drop + 1 < window_.size() && timing.hostTime - window_[drop].host > span) ++drop;
+        window_.erase(window_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(drop));
+        if (fit(timing.hostTime, fitted, slope)) {
+            stamp.mSampleTime = fitted;
+            const double scalar = slope * kNanosPerSecond / sampleRate_;
+            if (std::fabs(scalar - 1) < kSteadyDeviation) {
+                stamp.mRateScalar = scalar;
+                stamp.mFlags |= kAudioTimeStampRateScalarValid;
+            }
+        }
+        // The stream never plays a sample twice.
+        if (!line_.empty() && !standing_) stamp.mSampleTime = std::max(stamp.mSampleTime, line_.points().back().sample);
         started_ = true;
         standing_ = false;
     }

@@ -91,10 +91,18 @@ double avOffsetMilliseconds(const DeviceLine &line, double sampleRate, double or
 // line they draw.  Reports only while the stream plays; a stalled or corked
 // stream reports once with rate scalar 0, so that the device's counter
 // stands still instead of running on from its last report.
+//
+// A server's time stamps jitter: now and then one is a millisecond or two
+// off, and the device's clock would jump with it.  So the reporter reports
+// the least-squares line through the timings of the last `windowSeconds`
+// (evaluated at the newest one, with its slope as the rate scalar) rather
+// than each timing itself.  A timing further than 20 ms from that line does
+// not continue the stream (an underrun, a restart): the window starts again
+// from it.
 class DeviceReporter {
 public:
-    DeviceReporter(AudioDeviceID device, uint32_t bytesPerFrame, double sampleRate)
-        : device_(device), bytesPerFrame_(bytesPerFrame), sampleRate_(sampleRate) {}
+    DeviceReporter(AudioDeviceID device, uint32_t bytesPerFrame, double sampleRate, double windowSeconds = 1.0)
+        : device_(device), bytesPerFrame_(bytesPerFrame), sampleRate_(sampleRate), windowSeconds_(windowSeconds) {}
 
     // Reports one timing; the status of AudioDeviceReportTime, or 0 when
     // nothing needed reporting.
@@ -102,16 +110,24 @@ public:
 
     const DeviceLine &line() const { return line_; }
     int64_t reports() const { return reports_; }
-    int64_t stalls() const { return stalls_; }  // times the stream stopped moving
-    bool started() const { return started_; }   // a playing report was made
+    int64_t stalls() const { return stalls_; }      // times the stream stopped moving
+    int64_t restarts() const { return restarts_; }  // timings that did not continue the line
+    bool started() const { return started_; }       // a playing report was made
 
 private:
+    // The fitted sample at `host` and the slope (samples per nanosecond);
+    // false below three timings or 100 ms.
+    bool fit(uint64_t host, double &sample, double &slope) const;
+
     AudioDeviceID device_;
     uint32_t bytesPerFrame_;
     double sampleRate_;
+    double windowSeconds_;
     DeviceLine line_;
+    std::vector<DeviceLine::Point> window_;  // raw timings since the last restart
     int64_t reports_ = 0;
     int64_t stalls_ = 0;
+    int64_t restarts_ = 0;
     bool started_ = false;
     bool standing_ = false;
 };

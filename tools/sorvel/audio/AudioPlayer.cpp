@@ -127,7 +127,7 @@ void AudioPlayer::decodeLoop() {
     if (!decoder_->problem().empty())
         fail(decoder_->problem());
     else if (!decodedAny)
-        fail("the " + decoder_->codecName() + " audio holds no sound that can be decoded");
+        fail("the " + decoder_->codecName() + " audio cannot be decoded: not one packet of it decodes");
     SVBufferQueueMarkEndOfData(queue_);
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -268,9 +268,10 @@ void printSoundSummary(const SoundSummary &summary) {
                summary.reason.empty() ? "" : ": ", summary.reason.c_str());
         if (summary.state != "failed") return;
     } else {
-        printf("  Sound           %s, %d Hz, %d channels, through %s\n", summary.codec.c_str(), summary.sampleRate,
-               summary.channels, summary.server.c_str());
+        printf("  Sound           %s, %d Hz, %d channel%s, through %s\n", summary.codec.c_str(), summary.sampleRate,
+               summary.channels, summary.channels == 1 ? "" : "s", summary.server.c_str());
     }
+    if (summary.reports == 0) return;  // the device never reported
     if (summary.ratePpm)
         printf("  Device rate     %+.1f ppm against the host clock\n", *summary.ratePpm);
     else

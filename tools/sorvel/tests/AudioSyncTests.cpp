@@ -200,6 +200,38 @@ TEST_F(RegisteredDevice, StalledStreamStopsTheClockOnceAndResumes) {
     for (size_t i = 1; i < points.size(); ++i) EXPECT_GE(points[i].sample, points[i - 1].sample);
 }
 
+TEST_F(RegisteredDevice, JitteryTimingsAreSmoothedAndJumpsRestartTheLine) {
+    const uint64_t now = AudioGetCurrentHostTime();
+    SimulatedDevice simulated{0, now - 4'000'000'000};
+    DeviceReporter reporter(device_, kFrameBytes, kRate);
+    // Every seventh answer is stamped 2 ms late, as a busy server's are.
+    uint64_t host = simulated.start;
+    double worstReported = 0;
+    for (int i = 0; i < 200; ++i, host += 10'000'000) {
+        StreamTiming timing = simulated.timing(host);
+        if (i % 7 == 3) timing.hostTime += 2'000'000;
+        ASSERT_EQ(reporter.report(timing), 0);
+        if (i >= 20) {
+            const auto &last = reporter.line().points().back();
+            worstReported = std::max(worstReported, std::fabs(last.sample - simulated.playing(last.host)));
+        }
+    }
+    EXPECT_LT(worstReported, 0.1 * kRate / 1000) << "within 0.1 ms, where single answers are 2 ms off";
+    EXPECT_EQ(reporter.restarts(), 0);
+
+    // The stream jumps 100 ms ahead (a server that dropped data): the line
+    // follows at once instead of averaging the jump away.
+    const double jump = 0.1 * kRate;
+    for (int i = 0; i < 5; ++i, host += 10'000'000) {
+        StreamTiming timing = simulated.timing(host);
+        timing.readIndexBytes += static_cast<int64_t>(jump) * kFrameBytes;
+        ASSERT_EQ(reporter.report(timing), 0);
+    }
+    EXPECT_EQ(reporter.restarts(), 1);
+    const auto &last = reporter.line().points().back();
+    EXPECT_NEAR(last.sample, simulated.playing(last.host) + jump, 2);
+}
+
 TEST(DeviceReporter, UnregisteredDeviceIsRefusedAndNothingIsKept) {
     AudioDeviceID device = kAudioObjectUnknown;
     ASSERT_EQ(AudioHardwareRegisterOutputDevice(kRate, &device), 0);
