@@ -194,25 +194,6 @@ TEST(SVAudioSampleBufferCreate, WholeRateTimescaleAndDescriptionNameTheFormat) {
     EXPECT_NEAR(SVTimeGetSeconds(SVSampleBufferGetDuration(oddBuffer.get())), 1024 / 22050.5, 1e-9);
 }
 
-TEST(SVAudioSampleBufferCreate, WithoutDataLaterReadyAndCallbackKept) {
-    auto format = audioFormat(pcm16Stereo());
-    static int calls;
-    calls = 0;
-    auto callback = [](SVSampleBufferRef, void *) -> OSStatus {
-        calls++;
-        return 0;
-    };
-    SVSampleBufferRef sbuf = nullptr;
-    ASSERT_EQ(SVAudioSampleBufferCreateWithPacketDescriptions(nullptr, nullptr, false, callback, nullptr, format.get(),
-                                                              16, SVTimeMake(0, 1), nullptr, &sbuf),
-              0);
-    Sample owned(sbuf);
-    EXPECT_FALSE(SVSampleBufferDataIsReady(sbuf));
-    EXPECT_EQ(SVSampleBufferMakeDataReady(sbuf), 0);
-    EXPECT_EQ(calls, 1);
-    EXPECT_TRUE(SVSampleBufferDataIsReady(sbuf));
-}
-
 TEST(SVAudioSampleBufferCreate, RefusesBadInputWithALogLine) {
     auto video = [] {
         SVFormatDescriptionRef desc = nullptr;
