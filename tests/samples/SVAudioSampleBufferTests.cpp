@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -907,6 +908,109 @@ TEST(SVAudioSampleBufferQueue, OrdersAudioBuffersByOutputTime) {
             SVSampleBufferGetPresentationTimeStamp(static_cast<SVSampleBufferRef>(const_cast<void *>(head.get()))),
             expected, 44100);
     }
+}
+
+// Random formats, packet descriptions and data lengths: creation either
+// refuses them with an audio status or makes a buffer whose every packet
+// splits off with its own bytes and time, and whose bytes read back whole.
+TEST(SVAudioSampleBufferRandom, EveryAcceptedBufferSplitsConsistently) {
+    std::mt19937 random(20261125);
+    auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    LogCapture quiet(0);
+    int accepted = 0;
+    for (int round = 0; round < 1500; round++) {
+        const double rates[] = {44100, 48000, 8000, 0, 22050.5};
+        const uint32_t channels = 1 + static_cast<uint32_t>(pick(6));
+        AudioStreamBasicDescription asbd;
+        switch (pick(4)) {
+            case 0:
+                asbd = {rates[pick(5)], kAudioFormatLinearPCM, 0, 2 * channels, 1, 2 * channels, channels, 16, 0};
+                break;
+            case 1:
+                asbd = {rates[pick(5)], kAudioFormatLinearPCM, kNonInterleavedFloat, 4, 1, 4, channels, 32, 0};
+                break;
+            case 2:
+                asbd = aac(rates[pick(5)]);
+                break;
+            default:
+                asbd = opus();
+                break;
+        }
+        auto format = audioFormat(asbd);
+        const SVItemCount packets = pick(6);
+        std::vector<AudioStreamPacketDescription> descriptions;
+        int64_t offset = 0;
+        for (SVItemCount i = 0; i < packets && asbd.mFormatID != kAudioFormatLinearPCM; i++) {
+            offset += pick(4) == 0 ? pick(5) - 2 : 0;  // gaps, and now and then an overlap
+            const uint32_t size = static_cast<uint32_t>(pick(40));
+            descriptions.push_back({offset, static_cast<uint32_t>(pick(3) * 480), size});
+            offset += size;
+        }
+        size_t length = asbd.mFormatID == kAudioFormatLinearPCM
+                            ? static_cast<size_t>(packets) * 2 * channels * (asbd.mBitsPerChannel / 16)
+                            : static_cast<size_t>(offset < 0 ? 0 : offset);
+        length += pick(5) == 0 ? pick(3) : 0;
+        Block data;
+        if (length) data = patternData(length);
+        SVSampleBufferRef sbuf = nullptr;
+        OSStatus status = SVAudioSampleBufferCreateReadyWithPacketDescriptions(
+            nullptr, data.get(), format.get(), packets, SVTimeMake(0, 1),
+            descriptions.empty() ? nullptr : descriptions.data(), &sbuf);
+        if (status != 0) {
+            EXPECT_TRUE(status == kSVSampleBufferError_InvalidAudioData ||
+                        status == kSVSampleBufferError_RequiredParameterMissing)
+                << status;
+            EXPECT_EQ(sbuf, nullptr);
+            continue;
+        }
+        accepted++;
+        Sample owned(sbuf);
+        if (!data) continue;  // empty packets: a buffer without data
+        const std::vector<uint8_t> all = bytesOf(data.get());
+        // Every packet on its own, at the sum of the packets before it.
+        double expectedStart = 0;
+        for (SVItemCount i = 0; i < packets; i++) {
+            SVSampleBufferRef one = nullptr;
+            ASSERT_EQ(SVSampleBufferCopySampleBufferForRange(nullptr, sbuf, CFRangeMake(i, 1), &one), 0);
+            Sample ownedOne(one);
+            EXPECT_NEAR(SVTimeGetSeconds(SVSampleBufferGetPresentationTimeStamp(one)), expectedStart, 1e-8);
+            expectedStart += SVTimeGetSeconds(SVSampleBufferGetDuration(one));
+            size_t listSize = 0;
+            SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(one, &listSize, nullptr, 0, nullptr, nullptr, 0,
+                                                                    nullptr);
+            std::vector<uint8_t> storage(listSize);
+            auto *list = reinterpret_cast<AudioBufferList *>(storage.data());
+            SVBlockBufferRef holder = nullptr;
+            status = SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(
+                one, nullptr, list, listSize, nullptr, nullptr,
+                kSVSampleBufferFlag_AudioBufferList_Assure16ByteAlignment, &holder);
+            if (SVSampleBufferGetDataBuffer(one)) {
+                ASSERT_EQ(status, 0);
+                Block ownedHolder(holder);
+                for (uint32_t b = 0; b < list->mNumberBuffers; b++)
+                    EXPECT_EQ(reinterpret_cast<uintptr_t>(list->mBuffers[b].mData) % 16, 0u);
+            }
+        }
+        EXPECT_NEAR(expectedStart, SVTimeGetSeconds(SVSampleBufferGetDuration(sbuf)), 1e-8);
+        // The whole buffer's bytes read back through a copied list.
+        size_t listSize = 0;
+        SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(sbuf, &listSize, nullptr, 0, nullptr, nullptr, 0,
+                                                                nullptr);
+        std::vector<uint8_t> storage(listSize);
+        auto *list = reinterpret_cast<AudioBufferList *>(storage.data());
+        SVBlockBufferRef holder = nullptr;
+        ASSERT_EQ(SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(sbuf, nullptr, list, listSize, nullptr,
+                                                                          nullptr, 0, &holder),
+                  0);
+        Block ownedHolder(holder);
+        std::vector<uint8_t> joined;
+        for (uint32_t b = 0; b < list->mNumberBuffers; b++) {
+            auto *bytes = static_cast<uint8_t *>(list->mBuffers[b].mData);
+            joined.insert(joined.end(), bytes, bytes + list->mBuffers[b].mDataByteSize);
+        }
+        EXPECT_EQ(joined, all);
+    }
+    EXPECT_GT(accepted, 100);
 }
 
 }  // namespace
