@@ -161,18 +161,22 @@ void AudioPlayer::writeLoop() {
         std::string error;
         bool written;
         if (buffer) {
-            SVBlockBufferRef block = SVSampleBufferGetDataBuffer(buffer);
-            char *bytes = nullptr;
-            size_t length = 0;
-            const OSStatus status = SVBlockBufferGetDataPointer(block, 0, &length, nullptr, &bytes);
+            // Interleaved PCM: one buffer of every channel, in place.
+            AudioBufferList list;
+            SVBlockBufferRef keeper = nullptr;
+            const OSStatus status = SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(
+                buffer, nullptr, &list, sizeof list, nullptr, nullptr, 0, &keeper);
             const int64_t frames = SVSampleBufferGetNumSamples(buffer);
-            if (status != 0 || length < static_cast<size_t>(frames) * sizeof(float) * static_cast<size_t>(channels)) {
-                CFRelease(buffer);
+            CFRelease(buffer);
+            if (status != 0 || list.mNumberBuffers != 1 ||
+                list.mBuffers[0].mDataByteSize <
+                    static_cast<size_t>(frames) * sizeof(float) * static_cast<size_t>(channels)) {
+                if (keeper) CFRelease(keeper);
                 fail("a sound buffer's bytes cannot be read (status " + std::to_string(status) + ")");
                 return;
             }
-            written = output_->write(reinterpret_cast<const float *>(bytes), frames, error);
-            CFRelease(buffer);
+            written = output_->write(static_cast<const float *>(list.mBuffers[0].mData), frames, error);
+            CFRelease(keeper);
         } else {
             // The sound has ended: silence keeps the device's clock running.
             written = output_->write(silence.data(), silenceFrames, error);

@@ -21,19 +21,17 @@ SVFormatDescriptionRef makePcmFormat(int sampleRate, int channels, OSStatus &sta
 
 SVSampleBufferRef makePcmSampleBuffer(SVFormatDescriptionRef format, const float *samples, int64_t frames, int channels,
                                       int64_t firstFrame, int sampleRate, OSStatus &status) {
-    const size_t frameBytes = sizeof(float) * static_cast<size_t>(channels);
-    const size_t length = static_cast<size_t>(frames) * frameBytes;
+    const size_t length = static_cast<size_t>(frames) * sizeof(float) * static_cast<size_t>(channels);
     SVBlockBufferRef block = nullptr;
     status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, length, nullptr, nullptr, 0, length,
                                                 kSVBlockBufferAssureMemoryNowFlag, &block);
     if (status != 0) return nullptr;
     status = SVBlockBufferReplaceDataBytes(samples, block, 0, length);
     SVSampleBufferRef buffer = nullptr;
-    if (status == 0) {
-        // One timing entry for all frames: a frame lasts one sample period.
-        SVSampleTimingInfo timing = {SVTimeMake(1, sampleRate), SVTimeMake(firstFrame, sampleRate), kSVTimeInvalid};
-        status = SVSampleBufferCreateReady(nullptr, block, format, frames, 1, &timing, 1, &frameBytes, &buffer);
-    }
+    // Linear PCM: a packet is a frame, and the timing follows from the format.
+    if (status == 0)
+        status = SVAudioSampleBufferCreateReadyWithPacketDescriptions(
+            nullptr, block, format, frames, SVTimeMake(firstFrame, sampleRate), nullptr, &buffer);
     CFRelease(block);
     return status == 0 ? buffer : nullptr;
 }
