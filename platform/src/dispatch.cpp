@@ -272,8 +272,13 @@ struct Item {
 struct SyncTurn {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
-    int state = 0;  // 0 waiting, 1 the caller's turn, 2 the caller is done
+    int state = 0;       // 0 waiting, 1 the caller's turn, 2 the caller is done
+    int references = 2;  // the caller and the drain: the last one frees it
 };
+
+void releaseTurn(SyncTurn *turn) {
+    if (__atomic_sub_fetch(&turn->references, 1, __ATOMIC_ACQ_REL) == 0) delete turn;
+}
 
 struct Queue : Object {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
@@ -305,6 +310,7 @@ void runSyncTurn(SyncTurn *turn) {
     pthread_cond_broadcast(&turn->changed);
     while (turn->state != 2) pthread_cond_wait(&turn->changed, &turn->lock);
     pthread_mutex_unlock(&turn->lock);
+    releaseTurn(turn);
 }
 
 void drainQueue(void *context) {
@@ -820,7 +826,7 @@ void dispatch_sync_f(dispatch_queue_t queue, void *context, dispatch_function_t 
                  "BUG: dispatch_sync onto the queue \"%s\" that runs the caller would deadlock", q->label);
         fatal("dispatch_sync", __LINE__, message);
     }
-    SyncTurn turn;
+    SyncTurn *turn = nullptr;
     bool inline_ = false;
     {
         Locked locked(&q->lock);
@@ -828,14 +834,15 @@ void dispatch_sync_f(dispatch_queue_t queue, void *context, dispatch_function_t 
             q->active = true;  // the caller is the queue's drain for this item
             inline_ = true;
         } else {
-            q->items.push_back({nullptr, nullptr, &turn});
+            turn = new SyncTurn;
+            q->items.push_back({nullptr, nullptr, turn});
             scheduleDrainLocked(q);
         }
     }
     if (!inline_) {
-        pthread_mutex_lock(&turn.lock);
-        while (turn.state != 1) pthread_cond_wait(&turn.changed, &turn.lock);
-        pthread_mutex_unlock(&turn.lock);
+        pthread_mutex_lock(&turn->lock);
+        while (turn->state != 1) pthread_cond_wait(&turn->changed, &turn->lock);
+        pthread_mutex_unlock(&turn->lock);
     }
     tCurrentQueue = q;
     work(context);
@@ -846,10 +853,11 @@ void dispatch_sync_f(dispatch_queue_t queue, void *context, dispatch_function_t 
         scheduleDrainLocked(q);
         return;
     }
-    pthread_mutex_lock(&turn.lock);
-    turn.state = 2;
-    pthread_cond_broadcast(&turn.changed);
-    pthread_mutex_unlock(&turn.lock);
+    pthread_mutex_lock(&turn->lock);
+    turn->state = 2;
+    pthread_cond_broadcast(&turn->changed);
+    pthread_mutex_unlock(&turn->lock);
+    releaseTurn(turn);
 }
 
 void dispatch_sync(dispatch_queue_t queue, dispatch_block_t block) noexcept {
