@@ -95,7 +95,8 @@ void post(CFStringRef name, const void *timebase) noexcept {
 
 // A child re-posts its master's notifications as its own while it runs.
 void masterDidPost(CFNotificationCenterRef, void *observer, CFNotificationName name, const void *, CFDictionaryRef) {
-    const auto *child = static_cast<const OpaqueSVTimebase *>(observer);
+    auto *child = static_cast<OpaqueSVTimebase *>(observer);
+    sorvel::timebase::masterChanged(child);
     if (sorvel::timebase::readRate(child) != 0.0) post(name, child);
 }
 
@@ -103,6 +104,7 @@ void timebaseFinalize(CFTypeRef cf) noexcept {
     OpaqueSVTimebase *timebase = asTimebase(cf);
     if (timebase->observesMaster)
         CFNotificationCenterRemoveEveryObserver(CFNotificationCenterGetLocalCenter(), timebase);
+    sorvel::timebase::destroyTimers(timebase);
     if (timebase->master != nullptr) CFRelease(timebase->master);
     XPMutexFree(timebase->timerMutex);
     XPMutexFree(timebase->stateMutex);
@@ -128,6 +130,8 @@ OSStatus createTimebase(CFAllocatorRef allocator, CFTypeRef master, SVTimebaseRe
     timebase->masterKind = sorvel::sync::kindOf(master);
     timebase->observesMaster = false;
     timebase->sequence = 0;
+    timebase->timers = nullptr;
+    timebase->settingRateOnly = 0;
     timebase->timerMutex = XPMutexCreateNR();
     timebase->stateMutex = XPMutexCreateNR();
     // Stopped at 0 from the master's time now.
@@ -263,6 +267,7 @@ OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRate", __LINE__);
     setRate(checkedTimebase, rate, true);
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
@@ -270,6 +275,7 @@ OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetTime", __LINE__);
     setAnchor(checkedTimebase, time, masterTime(checkedTimebase));
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
@@ -277,6 +283,7 @@ OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SV
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetAnchorTime", __LINE__);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
@@ -284,8 +291,13 @@ OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SV
                                         SVTime immediateMasterTime) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRateAndAnchorTime", __LINE__);
+    // Children hear the rate before the anchors are set; they wait for the
+    // jump that follows, and this timebase re-arms once, at the end.
+    __atomic_add_fetch(&checkedTimebase->settingRateOnly, 1, __ATOMIC_RELEASE);
     setRate(checkedTimebase, rate, false);
+    __atomic_sub_fetch(&checkedTimebase->settingRateOnly, 1, __ATOMIC_RELEASE);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
