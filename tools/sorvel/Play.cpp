@@ -262,7 +262,7 @@ int runPlay(const PlayOptions &options) {
         const int status = audio::playSoundOnly(
             audioMode, options.file, options.file.empty() ? "(embedded demo stream)" : options.file, options.rate,
             options.start, options.duration, options.json, soundError);
-        if (status < 0) return reportError({kExitNoVideo, soundError});
+        if (status < 0) return reportError({kExitNoVideo, error.message + "; " + soundError});
         if (status > 0) return reportError({kExitFailure, soundError});
         return kExitOK;
     }

@@ -63,7 +63,8 @@ SoundSession::~SoundSession() {
 }
 
 std::unique_ptr<SoundSession> SoundSession::start(AudioMode mode, const std::string &file, double rate, double start,
-                                                  double end, SoundSummary &summary, std::string &error) {
+                                                  double end, SoundSummary &summary, std::string &error,
+                                                  bool announce) {
     summary = SoundSummary();
     summary.mode = mode;
     if (mode == AudioMode::None) {
@@ -81,7 +82,7 @@ std::unique_ptr<SoundSession> SoundSession::start(AudioMode mode, const std::str
         summary.reason = std::move(reason);
         if (mode == AudioMode::Pulse)
             error = summary.reason;
-        else
+        else if (announce)
             fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", summary.reason.c_str());
         return nullptr;
     };
@@ -179,7 +180,7 @@ SoundSession::SoundSession(std::unique_ptr<Parts> parts) : parts_(std::move(part
 SoundSession::~SoundSession() = default;
 
 std::unique_ptr<SoundSession> SoundSession::start(AudioMode mode, const std::string &, double, double, double,
-                                                  SoundSummary &summary, std::string &error) {
+                                                  SoundSummary &summary, std::string &error, bool) {
     summary = SoundSummary();
     summary.mode = mode;
     if (mode == AudioMode::None) {
@@ -219,12 +220,12 @@ int playSoundOnly(AudioMode mode, const std::string &file, const std::string &na
     const double from = std::isnan(start) ? 0 : start;
     const double to = std::isnan(duration) ? INFINITY : from + duration;
     if (rate != 1.0) {
-        error = "no video stream, and sound is played at rate 1 only";
+        error = "sound is played at rate 1 only";
         return -1;
     }
-    std::unique_ptr<SoundSession> session = SoundSession::start(mode, file, rate, from, to, summary, error);
+    std::unique_ptr<SoundSession> session = SoundSession::start(mode, file, rate, from, to, summary, error, false);
     if (!session) {
-        if (error.empty()) error = "no video stream, and no sound played: " + summary.reason;
+        error = "no sound: " + summary.reason;
         return -1;
     }
     const auto began = std::chrono::steady_clock::now();

@@ -65,9 +65,11 @@ class SoundSession {
 public:
     // Starts the sound of `file` for the window [start, end) at `rate`.
     // Returns null when no sound is played: `summary` says why, and
-    // `error` is set when that ends the run (--audio pulse).
+    // `error` is set when that ends the run (--audio pulse).  With
+    // `announce`, --audio auto says on standard error why there is no sound.
     static std::unique_ptr<SoundSession> start(AudioMode mode, const std::string &file, double rate, double start,
-                                               double end, SoundSummary &summary, std::string &error);
+                                               double end, SoundSummary &summary, std::string &error,
+                                               bool announce = true);
     ~SoundSession();
     SoundSession(const SoundSession &) = delete;
     SoundSession &operator=(const SoundSession &) = delete;
@@ -103,7 +105,7 @@ private:
 
 // Plays the sound of a file that has no pictures, at rate 1 from `start`
 // for `duration` seconds (NaN: to the end), and reports it; returns the exit
-// status, or -1 with `error` set when there is no sound to play either.
+// status, or -1 with `error` saying why there is no sound to play either.
 int playSoundOnly(AudioMode mode, const std::string &file, const std::string &name, double rate, double start,
                   double duration, bool json, std::string &error);
 
