@@ -653,4 +653,13 @@ bool MediaSource::seekToSyncBefore(int64_t pts) {
     return true;
 }
 
+bool MediaSource::rewind() {
+    if (av_seek_frame(format_context_, -1, 0, AVSEEK_FLAG_BYTE) < 0 &&
+        av_seek_frame(format_context_, videoIndex_, declaredStartTicks(), AVSEEK_FLAG_BACKWARD) < 0)
+        return false;
+    lastDts_ = INT64_MIN;
+    lastDuration_ = 0;
+    return true;
+}
+
 }  // namespace sorvel::tool

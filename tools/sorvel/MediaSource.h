@@ -79,6 +79,9 @@ public:
     // Positions the reader so that next() returns the sync sample at or
     // before `pts` (stream ticks) first.  False when the input cannot seek.
     bool seekToSyncBefore(int64_t pts);
+    // Positions the reader at the first byte of the input.  False when the
+    // input cannot seek.
+    bool rewind();
     const std::optional<ToolError> &problem() const { return problem_; }
     // Samples skipped because no parameter sets had been seen yet.
     int64_t samplesWithoutFormat() const { return samplesWithoutFormat_; }

@@ -126,33 +126,83 @@ private:
         if (!flow_.readerError) flow_.readerError = std::move(error);
     }
 
+    // Positions the source so that the sync sample at or before the start
+    // comes first.  Inputs without an index may land later than asked, even
+    // after the last sync sample: step back further until that sync sample
+    // comes first.  Inputs that cannot seek at all (raw elementary streams)
+    // are read forward from the start instead.  False when the stream holds
+    // no sync sample at or before the start at all; `sample` is then unset.
+    bool reachStart(VideoSample &sample) {
+        const int64_t target = source_.secondsToTicks(window_.start);
+        const int64_t second = source_.secondsToTicks(1.0);
+        bool have = false;
+        for (int64_t back = 0; back <= 64 * second; back = back ? back * 2 : second) {
+            // A failed seek may leave the reader anywhere: start over.
+            if (!source_.seekToSyncBefore(target - back)) return source_.rewind() && readForwardTo(target, sample);
+            have = false;
+            while (source_.next(sample))
+                if (sample.sync) {
+                    have = true;
+                    break;
+                }
+            if (have && sample.pts <= target) return true;
+        }
+        // Stepping back never reached a sync sample before the start: start
+        // from the beginning of the stream.
+        return source_.rewind() && readForwardTo(target, sample);
+    }
+
+    // Reads from where the source stands and keeps only the group of
+    // pictures that starts with the last sync sample at or before `target`;
+    // the samples after its first wait in `pending_`.
+    bool readForwardTo(int64_t target, VideoSample &sample) {
+        std::vector<VideoSample> group;
+        VideoSample read;
+        bool beyond = false;  // `read` is a sync sample past the target
+        while (source_.next(read)) {
+            if (read.sync && read.pts > target) {
+                beyond = true;
+                break;
+            }
+            if (read.sync) group.clear();
+            if (read.sync || !group.empty()) group.push_back(read);
+        }
+        if (beyond) group.push_back(read);
+        if (group.empty()) return false;
+        sample = group.front();
+        pending_.assign(group.begin() + 1, group.end());
+        pendingNext_ = 0;
+        return true;
+    }
+
+    bool nextSample(VideoSample &sample) {
+        if (pendingNext_ < pending_.size()) {
+            sample = pending_[pendingNext_++];
+            return true;
+        }
+        pending_.clear();
+        pendingNext_ = 0;
+        return source_.next(sample);
+    }
+
     void runForwards() {
         VideoSample sample;
         bool have = false;
         if (seekFirst_) {
-            // Decoding starts at the sync sample at or before the start;
-            // inputs without an index may land later than asked, so step
-            // back further until that sync sample comes first.
-            const int64_t target = source_.secondsToTicks(window_.start);
-            const int64_t second = source_.secondsToTicks(1.0);
-            for (int64_t back = 0;; back = back ? back * 2 : second) {
-                if (!source_.seekToSyncBefore(target - back)) {
-                    fail(
-                        {kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
-                    return;
-                }
-                have = false;
-                while (source_.next(sample))
-                    if (sample.sync) {
-                        have = true;
-                        break;
-                    }
-                if (!have || sample.pts <= target || back > 64 * second) break;
+            have = reachStart(sample);
+            if (source_.problem()) {
+                fail(*source_.problem());
+                return;
+            }
+            if (!have) {
+                fail({kExitUnsupported,
+                      format("%s: no sync sample to start at %.3f s", source_.name().c_str(), window_.start)});
+                return;
             }
         }
         // Reordered pictures can follow a late decode time by a second at most.
         const double stopAfter = window_.end + 1.0;
-        while (have || source_.next(sample)) {
+        while (have || nextSample(sample)) {
             have = false;
             if (source_.ticksToSeconds(sample.dts) > stopAfter) break;
             if (!waitForRoom() || !enqueue(sample.buffer.get())) return;
@@ -227,6 +277,9 @@ private:
     Flow &flow_;
     Window window_;
     bool seekFirst_;
+    // Samples read ahead while looking for the start, not yet enqueued.
+    std::vector<VideoSample> pending_;
+    size_t pendingNext_ = 0;
 };
 
 struct Report {
