@@ -94,6 +94,14 @@ struct Unit {
     size_t size;
 };
 
+// A parameter set as its payload: trailing zero bytes belong to the byte
+// stream (or were kept by a muxer), never to the unit, whose payload ends
+// with a stop bit.
+Unit payload(const uint8_t *data, size_t size) {
+    while (size > 1 && data[size - 1] == 0) --size;
+    return {data, size};
+}
+
 // Units of an Annex B run, without start codes.
 std::vector<Unit> annexBUnits(const uint8_t *data, size_t size) {
     std::vector<Unit> units;
@@ -464,10 +472,7 @@ void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
         if (unit.size == 0) continue;
         const unsigned type = nalUnitType(codec_, unit.data[0]);
         if (!isParameterSet(codec_, type)) continue;
-        // Trailing zero bytes belong to the byte stream, not to the unit.
-        size_t length = unit.size;
-        while (length > 1 && unit.data[length - 1] == 0) --length;
-        sets.push_back({unit.data, length});
+        sets.push_back(payload(unit.data, unit.size));
         sps |= type == 7 || type == 33;
         pps |= type == 8 || type == 34;
         vps |= type == 32;
@@ -484,7 +489,7 @@ void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
             size_t setSize = 0;
             if (getter(format_.get(), i, &set, &setSize, nullptr, nullptr) == 0 && setSize &&
                 isParameterSet(codec_, nalUnitType(codec_, set[0])))
-                current.push_back({set, setSize});
+                current.push_back(payload(set, setSize));
         }
         bool same = current.size() == sets.size();
         for (size_t i = 0; same && i < sets.size(); ++i)

@@ -634,4 +634,28 @@ TEST(SorvelPlay, WindowsAnywhereInTheStream) {
     }
 }
 
+// Parameter sets are compared as payloads: a muxer's trailing zero byte in
+// the configuration record is no format change, a new SPS is.
+TEST(SorvelProbe, FormatChangesAreRealOnes) {
+    const struct {
+        std::string file;
+        long long changes;
+        long long ppsSize;
+    } cases[] = {
+        {kMade + "/remuxed_raw.mp4", 0, 7},  // the record's PPS ends with a zero byte
+        {kMade + "/real_change.mp4", 1, 6},  // High then Main profile, one file
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel({"probe", c.file, "--json"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["format_changes"].integer(), c.changes);
+        long long pps = -1;
+        for (const Json &set : video["parameter_sets"].items)
+            if (set["type"].text == "PPS") pps = set["size"].integer();
+        EXPECT_EQ(pps, c.ppsSize) << r.out;
+    }
+}
+
 }  // namespace
