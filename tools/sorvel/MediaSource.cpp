@@ -279,6 +279,13 @@ std::string MediaSource::containerName() const {
     return format_context_ && format_context_->iformat ? format_context_->iformat->name : "";
 }
 
+const char *MediaSource::decodeTimeSource() const {
+    if (timesCounted_) return "counted";
+    // Matroska (and WebM) store presentation times only.
+    if (containerName().find("matroska") != std::string::npos) return "derived";
+    return "stored";
+}
+
 double MediaSource::declaredDuration() const {
     const AVStream *stream = format_context_->streams[videoIndex_];
     if (stream->duration > 0) return stream->duration * av_q2d(stream->time_base);
@@ -614,6 +621,7 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
     if (sample.timestampsGuessed) {
         dts = lastDts_ == INT64_MIN ? 0 : lastDts_ + lastDuration_;
         pts = dts;
+        timesCounted_ = true;
         warn("the container gives no time stamps: they are counted from the frame rate in decode order");
     } else if (!hasDts) {
         dts = pts;

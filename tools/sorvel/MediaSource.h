@@ -63,6 +63,12 @@ public:
     // configuration record and samples as length-prefixed units (MP4,
     // Matroska); false for Annex B framing (MPEG-TS, raw streams).
     bool lengthPrefixedSource() const { return lengthPrefixed_; }
+    // Where the samples' decode times come from: "stored" (the container
+    // keeps them: MP4, MPEG-TS), "derived" (Matroska keeps none: libavformat
+    // derives them from presentation times once it knows the reordering
+    // delay, so the first samples have none), "counted" (raw streams: from
+    // the frame rate, in decode order).
+    const char *decodeTimeSource() const;
     // The container's duration of the video stream in seconds, or NaN.
     double declaredDuration() const;
     int64_t declaredFrameCount() const;
@@ -115,6 +121,7 @@ private:
     int64_t defaultDuration_ = 0;
     int64_t samplesWithoutFormat_ = 0;
     int formatChanges_ = 0;
+    bool timesCounted_ = false;
     std::optional<ToolError> problem_;
     std::vector<std::string> warnings_;
 };

@@ -339,6 +339,7 @@ int runProbe(const ProbeOptions &options) {
         json.integer("reorder_depth", summary.reorderDepth);
         json.integer("presentation_delay", presentationDelay);
         json.integer("format_changes", source->formatChanges());
+        json.string("decode_times", source->decodeTimeSource());
         json.beginObject("nal_units");
         for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
         json.endObject();
@@ -436,6 +437,8 @@ int runProbe(const ProbeOptions &options) {
         printf("\n");
         printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
                static_cast<long long>(presentationDelay));
+        if (std::string(source->decodeTimeSource()) != "stored")
+            printf("  Decode times %s\n", source->decodeTimeSource());
         printf("  NAL units  ");
         for (const auto &[type, count] : summary.nalUnits)
             printf(" %s %lld", nalUnitTypeName(codec, type), static_cast<long long>(count));

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -655,6 +656,38 @@ TEST(SorvelProbe, FormatChangesAreRealOnes) {
         for (const Json &set : video["parameter_sets"].items)
             if (set["type"].text == "PPS") pps = set["size"].integer();
         EXPECT_EQ(pps, c.ppsSize) << r.out;
+    }
+}
+
+// Every sample's decode time is what `decode_times` says: stored ones for
+// every sample, derived ones missing only before the first derived one.
+TEST(SorvelProbe, DecodeTimesAreWhatTheReportSays) {
+    const struct {
+        std::string file, source;
+        long long missing;
+    } cases[] = {
+        {kData + "/tool/h264_ntsc.ts", "stored", 0},
+        {kData + "/tool/h264_bframes.mkv", "derived", 2},
+        {kMade + "/raw.h264", "counted", 0},
+        {kDemo, "stored", 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel({"probe", c.file, "--json", "--samples"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["decode_times"].text, c.source);
+        long long missing = 0, previous = LLONG_MIN;
+        for (const Json &sample : video["samples"].items) {
+            if (sample["dts"].kind == Json::Null) {
+                EXPECT_EQ(previous, LLONG_MIN) << "a missing decode time after a known one";
+                ++missing;
+                continue;
+            }
+            EXPECT_GT(sample["dts"].integer(), previous) << "decode times rise in decode order";
+            previous = sample["dts"].integer();
+        }
+        EXPECT_EQ(missing, c.missing);
     }
 }
 
