@@ -40,6 +40,8 @@ struct Flow {
     std::condition_variable changed;
     bool full = false;
     bool stop = false;
+    uint64_t enqueued = 0;     // samples enqueued so far: the player's wake-up signal
+    int64_t groupsQueued = 0;  // backwards: groups of pictures enqueued whole
     bool readerDone = false;
     std::optional<ToolError> readerError;
 };
@@ -69,10 +71,15 @@ uint64_t hostNow() {
     return SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock()));
 }
 
-void sleepUntil(uint64_t host) {
-    timespec when = {static_cast<time_t>(host / 1000000000u), static_cast<long>(host % 1000000000u)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr) == EINTR) {
-    }
+// Waits until host time `host` (CLOCK_MONOTONIC nanoseconds, the clock of
+// std::chrono::steady_clock here) or until a sample is enqueued.  Progress
+// is redrawn at least every 100 ms.
+void waitForChange(Flow &flow, uint64_t host) {
+    const auto until = std::chrono::steady_clock::time_point(
+        std::chrono::nanoseconds(std::min<uint64_t>(host, hostNow() + 100000000)));
+    std::unique_lock<std::mutex> lock(flow.mutex);
+    const uint64_t seen = flow.enqueued;
+    flow.changed.wait_until(lock, until, [&] { return flow.enqueued != seen || flow.stop; });
 }
 
 struct Window {
@@ -116,6 +123,10 @@ private:
         if (status != 0) {
             fail({kExitFailure, format("the buffer queue refused a sample (status %d)", static_cast<int>(status))});
             return false;
+        }
+        {
+            std::lock_guard<std::mutex> lock(flow_.mutex);
+            ++flow_.enqueued;
         }
         flow_.changed.notify_all();
         return true;
@@ -245,6 +256,11 @@ private:
             if (!waitForRoom()) return;
             for (const Ref<SVSampleBufferRef> &buffer : group)
                 if (!enqueue(buffer.get())) return;
+            {
+                std::lock_guard<std::mutex> lock(flow_.mutex);
+                ++flow_.groupsQueued;
+            }
+            flow_.changed.notify_all();
         }
     }
 
@@ -355,10 +371,12 @@ int runPlay(const PlayOptions &options) {
     Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
 
-    // Preroll: start the clock once the queue is full or the file is read.
+    // Preroll: start the clock once the queue is full and holds what is due
+    // first, or once the file is read.  Backwards, a group goes in in decode
+    // order, so what is due first (its last picture) may come last.
     {
         std::unique_lock<std::mutex> lock(flow.mutex);
-        flow.changed.wait(lock, [&] { return flow.full || flow.readerDone; });
+        flow.changed.wait(lock, [&] { return (flow.full && (!reverse || flow.groupsQueued > 0)) || flow.readerDone; });
     }
     if (!reverse && std::isnan(options.start)) {
         // Without --start playing begins with the earliest picture queued.
@@ -413,11 +431,12 @@ int runPlay(const PlayOptions &options) {
         if (reverse ? SVTimeCompare(due, windowStart) > 0 : SVTimeCompare(due, windowStart) < 0) due = windowStart;
         const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
             SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
-        // Sleep in short steps so that an earlier picture arriving in the
-        // meantime is noticed, then spin through the last millisecond.
+        // Sleep until the last millisecond before the moment, but wake when
+        // the queue changes: an earlier picture may have become the head.
+        // Then spin through the last millisecond.
         uint64_t now = hostNow();
         if (now + 1000000 < dueHost) {
-            sleepUntil(std::min(dueHost - 1000000, now + 20000000));
+            waitForChange(flow, dueHost - 1000000);
             if (progress && hostNow() - lastDraw > 100000000) {
                 lastDraw = hostNow();
                 drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window, report);
