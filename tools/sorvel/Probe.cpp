@@ -30,8 +30,44 @@ struct VideoSummary {
     int64_t minPts = INT64_MAX, minDts = INT64_MAX;
     double start = NAN, end = NAN;
     uint64_t bytes = 0;
-    std::map<int64_t, int64_t> durations;  // ticks -> count, for the frame rate
+    std::map<int64_t, int64_t> durations;   // ticks -> count, for the frame rate
+    int64_t topFirst = 0, bottomFirst = 0;  // samples that state their field order
 };
+
+// Tallies the field order a sample states (H.264 only: the parameter sets
+// do not carry it, the samples may).
+void countFieldOrder(SVSampleBufferRef buffer, VideoSummary &summary) {
+    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
+    char *bytes = nullptr;
+    size_t contiguous = 0, total = 0;
+    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
+    CFStringRef order = SVVideoFormatDescriptionGetH264FieldDetailOfSample(
+        SVSampleBufferGetFormatDescription(buffer), reinterpret_cast<const uint8_t *>(bytes), total);
+    if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalTopFirst)) ++summary.topFirst;
+    if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalBottomFirst)) ++summary.bottomFirst;
+}
+
+// The field order in words, and in the two-letter form of libavformat's
+// field_order ("tt", "bb"); empty when progressive or when nothing says.
+// The description's own field detail wins over what the samples state; of
+// those, the order most samples state.
+struct FieldOrder {
+    std::string words, code;
+};
+FieldOrder fieldOrder(SVFormatDescriptionRef description, int64_t fieldCount, const VideoSummary &summary) {
+    if (fieldCount < 2) return {"progressive", "progressive"};
+    CFTypeRef detail = SVFormatDescriptionGetExtension(description, kCVImageBufferFieldDetailKey);
+    if (!detail && (summary.topFirst || summary.bottomFirst))
+        detail = summary.topFirst >= summary.bottomFirst ? kCVImageBufferFieldDetailTemporalTopFirst
+                                                         : kCVImageBufferFieldDetailTemporalBottomFirst;
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailTemporalTopFirst)) return {"top field first", "tt"};
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailTemporalBottomFirst)) return {"bottom field first", "bb"};
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailSpatialFirstLineEarly))
+        return {"first line early (interleaved)", "tb"};
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailSpatialFirstLineLate))
+        return {"first line late (interleaved)", "bt"};
+    return {"", ""};
+}
 
 void readSampleRow(SVSampleBufferRef buffer, Row &row) {
     row.dts = SVSampleBufferGetDecodeTimeStamp(buffer);
@@ -234,6 +270,7 @@ int runProbe(const ProbeOptions &options) {
         Row row;
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
+        if (codec == 'avc1') countFieldOrder(sample.buffer.get(), summary);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -265,7 +302,7 @@ int runProbe(const ProbeOptions &options) {
     const bool fullRange = SVFormatDescriptionGetExtension(
                                description.get(), kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
     const int64_t fieldCount = extensionInteger(description.get(), kCVImageBufferFieldCountKey, 1);
-    const std::string fieldDetail = extensionText(description.get(), kCVImageBufferFieldDetailKey);
+    const FieldOrder fields = fieldOrder(description.get(), fieldCount, summary);
     int storedHeaderLength = 0;
     const std::vector<ParameterSet> sets = parameterSets(description.get(), codec, &storedHeaderLength);
     const double duration = summary.rows.empty() ? 0 : summary.end - summary.start;
@@ -315,7 +352,8 @@ int runProbe(const ProbeOptions &options) {
         json.boolean("full_range", fullRange);
         json.string("chroma_location", chromaTop);
         json.integer("field_count", fieldCount);
-        json.string("field_detail", fieldDetail);
+        json.string("field_detail", fieldCount > 1 ? fields.words : "");
+        json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
         json.integer("nal_unit_header_length", storedHeaderLength);
         json.beginArray("parameter_sets");
         for (const ParameterSet &set : sets) {
@@ -418,7 +456,8 @@ int runProbe(const ProbeOptions &options) {
                orUnspecified(transfer).c_str(), orUnspecified(matrix).c_str(), fullRange ? "full" : "video");
         printf("  Chroma      %s\n", orUnspecified(chromaTop).c_str());
         if (fieldCount > 1)
-            printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount), orUnspecified(fieldDetail).c_str());
+            printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount),
+                   fields.words.empty() ? "order not stated" : fields.words.c_str());
         else
             printf("  Fields      progressive\n");
         printf("  NAL length  %d bytes\n", storedHeaderLength);

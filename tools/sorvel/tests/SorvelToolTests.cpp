@@ -697,19 +697,46 @@ TEST(SorvelProbe, DecodeTimesAreWhatTheReportSays) {
 // machine may wake the player late now and then.
 TEST(SorvelPlay, LongGroupsBackwardsAreOnTime) {
     std::vector<long long> late;
-    std::vector<double> mean;
+    std::vector<double> worst;
     for (int run = 0; run < 3; ++run) {
         const Outcome r = sorvel({"play", kMade + "/long_gop_60fps.mp4", "--rate", "-2", "--json", "--no-progress"});
         expectExit(r, 0);
         const Json report = parseJson(r.out);
         EXPECT_EQ(report["samples_shown"].integer(), 360);
         late.push_back(report["late_samples"].integer());
-        mean.push_back(report["mean_error_ms"].number);
+        worst.push_back(std::fabs(report["worst_error_ms"].number));
     }
     std::sort(late.begin(), late.end());
-    std::sort(mean.begin(), mean.end());
-    EXPECT_EQ(late[1], 0) << "late samples in most runs";
-    EXPECT_LT(mean[1], 1.0);
+    std::sort(worst.begin(), worst.end());
+    // A clock started mid-group shows two or three pictures 15 ms late or
+    // more on every run; a loaded machine may add one late wake-up.
+    EXPECT_LE(late[1], 1) << "late samples in most runs";
+    EXPECT_LT(worst[1], 10.0);
+}
+
+// The field order is what the stream states, not a default.
+TEST(SorvelProbe, FieldOrderIsWhatTheStreamSays) {
+    const struct {
+        std::string file;
+        long long fields;
+        const char *detail, *order;
+    } cases[] = {
+        {kMade + "/mbaff_bff.mp4", 2, "bottom field first", "bb"},
+        {kMade + "/mbaff_bff.ts", 2, "bottom field first", "bb"},
+        {kMade + "/mbaff_tff.mp4", 2, "top field first", "tt"},
+        {kMade + "/raw.h264", 1, "", "progressive"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel({"probe", c.file, "--json"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["field_count"].integer(), c.fields);
+        EXPECT_EQ(video["field_detail"].text, c.detail);
+        EXPECT_EQ(video["field_order"].text, c.order);
+    }
+    const Outcome text = sorvel({"probe", kMade + "/mbaff_bff.mp4"});
+    EXPECT_NE(text.out.find("Fields      2 (bottom field first)"), std::string::npos) << text.out;
 }
 
 }  // namespace
