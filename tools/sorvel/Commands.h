@@ -17,8 +17,9 @@ struct ProbeOptions {
 };
 
 struct AnnexBOptions {
-    std::string input;   // empty: the embedded stream
-    std::string output;  // "-": standard output
+    std::string input;       // empty: the embedded stream
+    std::string output;      // "-": standard output
+    bool overwrite = false;  // replace an existing output file
 };
 
 struct PlayOptions {

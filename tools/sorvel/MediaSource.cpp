@@ -248,7 +248,7 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
             error = {kExitCannotOpen, format("%s: is a directory", path.c_str())};
             return false;
         }
-        if (info.st_size == 0) {
+        if (S_ISREG(info.st_mode) && info.st_size == 0) {
             error = {kExitCannotOpen, format("%s: the file is empty", path.c_str())};
             return false;
         }

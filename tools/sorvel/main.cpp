@@ -21,7 +21,7 @@ namespace {
 
 constexpr const char kUsage[] =
     "usage: sorvel probe  [FILE] [--json] [--samples]\n"
-    "       sorvel annexb [IN] OUT\n"
+    "       sorvel annexb [-y] [IN] OUT\n"
     "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
     "\n"
     "Reads MP4, Matroska, MPEG-TS or raw H.264/HEVC with libavformat and does everything else\n"
@@ -30,6 +30,7 @@ constexpr const char kUsage[] =
     "  probe    the video stream's format description, timing, sync samples, reordering and\n"
     "           NAL units; audio stream descriptions.  --samples adds a per-sample table.\n"
     "  annexb   writes the video as an Annex B elementary stream (OUT may be - for stdout).\n"
+    "           OUT is never the input, and an existing OUT is replaced only with -y.\n"
     "  play     plays the samples in real time against a timebase on the host clock, without\n"
     "           decoding: R is the rate (negative plays backwards), T and D are in seconds.\n"
     "\n"
@@ -64,6 +65,7 @@ int main(int argc, char **argv) {
     std::vector<std::string> positional;
     ProbeOptions probe;
     PlayOptions play;
+    AnnexBOptions annexB;
     for (int i = 2; i < argc; ++i) {
         const std::string argument = argv[i];
         auto value = [&](double &out) {
@@ -82,6 +84,8 @@ int main(int argc, char **argv) {
         } else if (argument == "--duration" && command == "play") {
             if (!value(play.duration) || play.duration <= 0)
                 return usage("--duration needs a positive number of seconds");
+        } else if ((argument == "-y" || argument == "--overwrite") && command == "annexb") {
+            annexB.overwrite = true;
         } else if (argument == "--no-progress" && command == "play") {
             play.progress = false;
         } else if (argument == "-h" || argument == "--help") {
@@ -99,7 +103,7 @@ int main(int argc, char **argv) {
         return runProbe(probe);
     }
     if (command == "annexb") {
-        AnnexBOptions options;
+        AnnexBOptions &options = annexB;
         if (positional.size() == 2) {
             options.input = positional[0];
             options.output = positional[1];

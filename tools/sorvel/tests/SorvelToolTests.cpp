@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -737,6 +738,107 @@ TEST(SorvelProbe, FieldOrderIsWhatTheStreamSays) {
     }
     const Outcome text = sorvel({"probe", kMade + "/mbaff_bff.mp4"});
     EXPECT_NE(text.out.find("Fields      2 (bottom field first)"), std::string::npos) << text.out;
+}
+
+// annexb never writes over its input, nor over an existing file unless
+// asked, and leaves nothing behind when it fails.
+std::vector<std::string> entries(const fs::path &dir) {
+    std::vector<std::string> names;
+    for (const auto &entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(SorvelAnnexB, NeverOverwritesWhatItWasNotAskedTo) {
+    const TempDir dir;
+    const std::string demo = readFile(kDemo);
+    const std::string in = dir.file("in.mp4", demo), other = dir.file("other.h264", "keep me");
+    fs::create_hard_link(in, dir.path / "hard.mp4");
+    fs::create_symlink("in.mp4", dir.path / "soft.mp4");
+    fs::create_directory(dir.path / "sub");
+    const std::string hard = (dir.path / "hard.mp4").string(), soft = (dir.path / "soft.mp4").string();
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        const char *message;
+    } cases[] = {
+        {{"annexb", in}, 2, "to convert it, name an output too"},
+        {{"annexb", in, in}, 2, "is the input file"},
+        {{"annexb", "-y", in, in}, 2, "is the input file"},
+        {{"annexb", "-y", in, hard}, 2, "is the input file"},
+        {{"annexb", "--overwrite", in, soft}, 2, "is the input file"},
+        {{"annexb", soft, in}, 2, "is the input file"},
+        {{"annexb", in, other}, 1, "exists; -y (--overwrite) replaces it"},
+        {{"annexb", in, (dir.path / "sub").string()}, 1, "is a directory"},
+        {{"annexb", (dir.path / "missing.mp4").string(), (dir.path / "new.h264").string()}, 3, "No such file"},
+        {{"annexb", dir.file("noise.bin", noise(7)), (dir.path / "new.h264").string()}, 3, "not a media file"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(joined(c.args));
+        const Outcome r = sorvel(c.args);
+        expectExit(r, c.code);
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        EXPECT_TRUE(readFile(in) == demo) << "the input was changed";
+        EXPECT_EQ(readFile(other), "keep me");
+        EXPECT_EQ(entries(dir.path),
+                  (std::vector<std::string>{"hard.mp4", "in.mp4", "noise.bin", "other.h264", "soft.mp4", "sub"}))
+            << "a new or temporary file was left";
+    }
+    // Asked to, it replaces the file, with the permissions a new file gets.
+    const Outcome r = sorvel({"annexb", "-y", in, other});
+    expectExit(r, 0);
+    const std::string converted = readFile(other);
+    EXPECT_GT(converted.size(), 30000u);
+    EXPECT_EQ(converted.substr(0, 4), std::string("\0\0\0\1", 4));
+    struct stat info = {};
+    ASSERT_EQ(stat(other.c_str(), &info), 0);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(info.st_mode & 0777, 0666 & ~mask);
+    // "-" still writes to a pipe.
+    const Outcome piped = sorvel({"annexb", in, "-"});
+    expectExit(piped, 0);
+    EXPECT_TRUE(piped.out == converted);
+}
+
+// Killed while it waits for more input, annexb leaves neither the output
+// nor its temporary file.
+TEST(SorvelAnnexB, InterruptedRunLeavesNothing) {
+    const TempDir dir;
+    const std::string fifo = (dir.path / "in.h264").string(), out = (dir.path / "out.h264").string();
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::vector<char *> argv{const_cast<char *>(kTool.c_str()), const_cast<char *>("annexb"),
+                             const_cast<char *>(fifo.c_str()), const_cast<char *>(out.c_str()), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    const std::string raw = readFile(kMade + "/raw.h264");
+    // Opening a FIFO without a reader fails with ENXIO: wait for the tool.
+    int writer = -1;
+    for (int i = 0; i < 1000 && writer < 0; ++i)
+        if ((writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK)) < 0) usleep(10000);
+    if (writer < 0) kill(pid, SIGKILL);
+    ASSERT_GE(writer, 0) << "the tool never opened its input";
+    fcntl(writer, F_SETFL, 0);
+    ASSERT_EQ(write(writer, raw.data(), raw.size() / 2), static_cast<ssize_t>(raw.size() / 2));
+    // The temporary file shows that writing has begun.
+    bool started = false;
+    for (int i = 0; i < 500 && !started; ++i) {
+        started = entries(dir.path).size() > 1;
+        if (!started) usleep(10000);
+    }
+    EXPECT_TRUE(started);
+    usleep(200000);
+    kill(pid, SIGTERM);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(writer);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    EXPECT_EQ(entries(dir.path), std::vector<std::string>{"in.h264"});
 }
 
 }  // namespace
