@@ -72,6 +72,8 @@ public:
     // The container's duration of the video stream in seconds, or NaN.
     double declaredDuration() const;
     int64_t declaredFrameCount() const;
+    // One frame at the stream's declared frame rate, in ticks (0 when unknown).
+    int64_t defaultFrameTicks() const { return defaultDuration_; }
     // The container's first presentation time of the video, in ticks (0 when unknown).
     int64_t declaredStartTicks() const;
     // Seconds of a tick count.

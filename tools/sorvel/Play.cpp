@@ -303,7 +303,14 @@ struct Report {
     double errorSum = 0, worst = 0;  // milliseconds, positive = late
     double wall = 0;
     double reached = NAN;  // the far edge of the last picture shown
+    int64_t gaps = 0;      // jumps in presentation time that were skipped
+    double gapSeconds = 0;
 };
+
+// A jump in presentation time between pictures shown one after the other
+// that is far beyond the frame duration is a damaged or restarted time line,
+// not a pause to wait out: players move on.
+constexpr double kGapFrames = 30, kGapMinimumSeconds = 1.0;
 
 void drawProgress(double position, const Window &window, const Report &report) {
     const double span = std::fabs(window.end - window.start);
@@ -406,6 +413,8 @@ int runPlay(const PlayOptions &options) {
     const bool raised = pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == 0;
 
     const bool progress = options.progress && isatty(STDERR_FILENO);
+    const double frameSeconds = source->ticksToSeconds(source->defaultFrameTicks());
+    SVSampleBufferRef gapChecked = nullptr;  // only compared, never dereferenced
     Report report;
     uint64_t lastDraw = 0;
     for (;;) {
@@ -424,6 +433,18 @@ int runPlay(const PlayOptions &options) {
             CFRelease(SVBufferQueueDequeueAndRetain(queue.get()));
             ++report.skipped;
             continue;
+        }
+        // Across a gap the timebase is moved on so that the picture is due now.
+        if (!std::isnan(report.reached) && head != gapChecked) {
+            gapChecked = head;  // checked once, however often the loop comes back to it
+            const double jump = reverse ? report.reached - (pts + duration) : pts - report.reached;
+            if (jump > std::max(kGapMinimumSeconds, kGapFrames * std::max(duration, frameSeconds))) {
+                ++report.gaps;
+                report.gapSeconds += jump;
+                SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate,
+                                               SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
+                                               SVClockMakeHostTimeFromSystemUnits(hostNow()));
+            }
         }
         // The picture that straddles the start is due at once.
         SVTime due = SVSampleBufferGetOutputPresentationTimeStamp(head);
@@ -494,6 +515,8 @@ int runPlay(const PlayOptions &options) {
         json.number("mean_error_ms", mean);
         json.number("worst_error_ms", report.worst);
         json.number("wall_seconds", report.wall);
+        json.integer("time_gaps", report.gaps);
+        json.number("time_gap_seconds", report.gapSeconds);
         json.endObject();
         json.finish();
     } else {
@@ -505,6 +528,9 @@ int runPlay(const PlayOptions &options) {
                kLateMilliseconds);
         printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
         if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+        if (report.gaps)
+            printf("  Time gaps       %lld skipped (%.3f s of presentation time)\n",
+                   static_cast<long long>(report.gaps), report.gapSeconds);
     }
     fflush(stdout);
     SVBufferQueueRemoveTrigger(queue.get(), fillToken);

@@ -841,4 +841,33 @@ TEST(SorvelAnnexB, InterruptedRunLeavesNothing) {
     EXPECT_EQ(entries(dir.path), std::vector<std::string>{"in.h264"});
 }
 
+// A time line that jumps two hours is reported and moved past, not waited
+// out; ordinary frame steps are no gap.
+TEST(SorvelPlay, TimeGapsAreSkippedAndReported) {
+    const struct {
+        std::string file, rate;
+        long long shown, gaps;
+        double gapSeconds, span;
+    } cases[] = {
+        {kMade + "/time_jump.ts", "2", 30, 1, 7200.0, 1.2},
+        {kMade + "/time_jump.ts", "-2", 30, 1, 7200.0, 1.2},
+        {kMade + "/raw.h264", "8", 50, 0, 0.0, 2.0},
+        {kMade + "/long_gop_60fps.mp4", "-8", 360, 0, 0.0, 6.0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file + " at rate " + c.rate);
+        const Outcome r = sorvel({"play", c.file, "--rate", c.rate, "--json", "--no-progress"});
+        expectExit(r, 0);
+        const Json report = parseJson(r.out);
+        EXPECT_EQ(report["samples_shown"].integer(), c.shown);
+        EXPECT_EQ(report["time_gaps"].integer(), c.gaps);
+        EXPECT_NEAR(report["time_gap_seconds"].number, c.gapSeconds, 0.05);
+        const double span = c.span / std::fabs(atof(c.rate.c_str()));
+        EXPECT_LT(report["wall_seconds"].number, span + 1.0);
+        EXPECT_LT(r.seconds, span + 10.0);
+    }
+    const Outcome text = sorvel({"play", kMade + "/time_jump.ts", "--rate", "4", "--no-progress"});
+    EXPECT_NE(text.out.find("Time gaps       1 skipped (7200.000 s"), std::string::npos) << text.out;
+}
+
 }  // namespace
