@@ -21,6 +21,7 @@
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <mutex>
 #include <thread>
@@ -31,6 +32,28 @@
 
 namespace sorvel::tool {
 namespace {
+
+// Ctrl-C (or SIGTERM) ends playing; the report still comes out.
+std::atomic<bool> gInterrupted{false};
+
+void interrupt(int) {
+    gInterrupted = true;
+}
+
+struct StopOnInterrupt {
+    struct sigaction previous[2] = {};
+    StopOnInterrupt() {
+        struct sigaction action = {};
+        action.sa_handler = interrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &previous[0]);
+        sigaction(SIGTERM, &action, &previous[1]);
+    }
+    ~StopOnInterrupt() {
+        sigaction(SIGINT, &previous[0], nullptr);
+        sigaction(SIGTERM, &previous[1], nullptr);
+    }
+};
 
 // A sample taken more than this after its moment counts as late.
 constexpr double kLateMilliseconds = 2.0;
@@ -378,12 +401,16 @@ int runPlay(const PlayOptions &options) {
     Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
 
+    StopOnInterrupt stopOnInterrupt;
     // Preroll: start the clock once the queue is full and holds what is due
     // first, or once the file is read.  Backwards, a group goes in in decode
     // order, so what is due first (its last picture) may come last.
     {
         std::unique_lock<std::mutex> lock(flow.mutex);
-        flow.changed.wait(lock, [&] { return (flow.full && (!reverse || flow.groupsQueued > 0)) || flow.readerDone; });
+        while (!flow.changed.wait_for(lock, std::chrono::milliseconds(50), [&] {
+            return (flow.full && (!reverse || flow.groupsQueued > 0)) || flow.readerDone;
+        }))
+            if (gInterrupted) break;
     }
     if (!reverse && std::isnan(options.start)) {
         // Without --start playing begins with the earliest picture queued.
@@ -418,6 +445,7 @@ int runPlay(const PlayOptions &options) {
     Report report;
     uint64_t lastDraw = 0;
     for (;;) {
+        if (gInterrupted) break;
         SVSampleBufferRef head = (SVSampleBufferRef)SVBufferQueueGetHead(queue.get());
         if (!head) {
             if (SVBufferQueueIsAtEndOfData(queue.get()) || SVBufferQueueContainsEndOfData(queue.get())) break;
@@ -516,9 +544,11 @@ int runPlay(const PlayOptions &options) {
         json.number("worst_error_ms", report.worst);
         json.number("wall_seconds", report.wall);
         json.integer("time_gaps", report.gaps);
+        json.boolean("interrupted", gInterrupted);
         json.number("time_gap_seconds", report.gapSeconds);
         json.endObject();
         json.finish();
+        reportErrorsAsJson(false);
     } else {
         printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", source->name().c_str(),
                options.rate, window.start, shownEnd, report.wall);
@@ -528,6 +558,7 @@ int runPlay(const PlayOptions &options) {
                kLateMilliseconds);
         printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
         if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+        if (gInterrupted) printf("  Interrupted     playing stopped early\n");
         if (report.gaps)
             printf("  Time gaps       %lld skipped (%.3f s of presentation time)\n",
                    static_cast<long long>(report.gaps), report.gapSeconds);
@@ -536,7 +567,7 @@ int runPlay(const PlayOptions &options) {
     SVBufferQueueRemoveTrigger(queue.get(), fillToken);
     SVBufferQueueRemoveTrigger(queue.get(), drainToken);
     if (flow.readerError) return reportError(*flow.readerError);
-    return kExitOK;
+    return gInterrupted ? kExitInterrupted : kExitOK;
 }
 
 }  // namespace sorvel::tool

@@ -437,6 +437,7 @@ int runProbe(const ProbeOptions &options) {
         json.endArray();
         json.endObject();
         json.finish();
+        reportErrorsAsJson(false);  // the report is out; a failure after it is told on stderr only
     } else {
         printf("File          %s (%s)\n", source->name().c_str(), source->containerName().c_str());
         printf("Video         %s '%s'", codec == 'avc1' ? "H.264" : "HEVC",

@@ -17,12 +17,13 @@ namespace sorvel::tool {
 // Exit statuses, stable so that scripts can tell failures apart.
 enum ExitCode : int {
     kExitOK = 0,
-    kExitFailure = 1,      // an output could not be written, or the library refused something
-    kExitUsage = 2,        // bad command line
-    kExitCannotOpen = 3,   // missing, unreadable, or not a media file
-    kExitNoVideo = 4,      // the file has no video stream
-    kExitUnsupported = 5,  // the video is not H.264 or HEVC, or cannot be played as asked
-    kExitTruncated = 6,    // the file ends early or holds damaged samples
+    kExitFailure = 1,        // an output could not be written, or the library refused something
+    kExitUsage = 2,          // bad command line
+    kExitCannotOpen = 3,     // missing, unreadable, or not a media file
+    kExitNoVideo = 4,        // the file has no video stream
+    kExitUnsupported = 5,    // the video is not H.264 or HEVC, or cannot be played as asked
+    kExitTruncated = 6,      // the file ends early or holds damaged samples
+    kExitInterrupted = 130,  // play stopped by Ctrl-C or SIGTERM, after its report (128 + SIGINT)
 };
 
 struct ToolError {

@@ -369,7 +369,7 @@ TEST_P(ClipTest, AnnexBCarriesTheReferenceUnits) {
     // The encoder's own elementary stream, read raw, comes out unit for unit.
     const std::string raw = kData + "/media/" + clip + extension;
     if (!fs::exists(raw)) return;  // the .len2/.oob variants share their base clip's stream
-    const Outcome again = sorvel({"annexb", raw, output});
+    const Outcome again = sorvel({"annexb", "-y", raw, output});
     expectExit(again, 0);
     expectSameUnits(annexBUnits(readFile(output)), annexBUnits(readFile(raw)));
 }
@@ -868,6 +868,63 @@ TEST(SorvelPlay, TimeGapsAreSkippedAndReported) {
     }
     const Outcome text = sorvel({"play", kMade + "/time_jump.ts", "--rate", "4", "--no-progress"});
     EXPECT_NE(text.out.find("Time gaps       1 skipped (7200.000 s"), std::string::npos) << text.out;
+}
+
+// What users of other media tools expect: a version, help per command, and
+// failures as JSON when JSON was asked for.
+TEST(SorvelUsage, VersionHelpAndJsonErrors) {
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        const char *out;
+    } cases[] = {
+        {{"--version"}, 0, "sorvel 0."},
+        {{"probe", "--help"}, 0, "usage: sorvel probe [FILE]"},
+        {{"help", "annexb"}, 0, "-y, --overwrite"},
+        {{"play", "-h"}, 0, "Ctrl-C stops and still reports"},
+        {{"probe", "/nonexistent/x.mp4", "--json"}, 3, "\"message\": \"/nonexistent/x.mp4: No such file"},
+        {{"play", kData + "/tool/audio_only.m4a", "--json"}, 4, "\"code\": 4"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(joined(c.args));
+        const Outcome r = sorvel(c.args);
+        expectExit(r, c.code);
+        EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out;
+        if (c.code != 0) EXPECT_EQ(parseJson(r.out)["error"]["code"].integer(), c.code);
+    }
+}
+
+// Ctrl-C ends play early, with its report and the conventional status.
+TEST(SorvelPlay, InterruptStillReports) {
+    int outPipe[2];
+    ASSERT_EQ(pipe2(outPipe, O_CLOEXEC), 0);
+    const std::string file = kMade + "/long_gop_60fps.mp4";
+    std::vector<char *> argv{const_cast<char *>(kTool.c_str()),   const_cast<char *>("play"),
+                             const_cast<char *>(file.c_str()),    const_cast<char *>("--json"),
+                             const_cast<char *>("--no-progress"), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    usleep(1500000);  // six seconds of media: well inside
+    kill(pid, SIGINT);
+    std::string out;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(outPipe[0], buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<size_t>(n));
+    close(outPipe[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status)) << "killed instead of stopping";
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    const Json report = parseJson(out);
+    EXPECT_TRUE(report["interrupted"].boolean());
+    EXPECT_GT(report["samples_shown"].integer(), 0);
+    EXPECT_LT(report["samples_shown"].integer(), 360);
 }
 
 }  // namespace
