@@ -434,6 +434,14 @@ SV_EXPORT OSStatus SVTextFormatDescriptionGetFontName(SVTextFormatDescriptionRef
 
 typedef FourCharCode SVVideoCodecType;
 
+/* The codec four-character codes of H.264 and HEVC video descriptions
+ * ('avc1', 'hvc1': length-prefixed NAL units with a decoder configuration
+ * record). */
+enum {
+    kSVVideoCodecType_H264 = 0x61766331, /* 'avc1' */
+    kSVVideoCodecType_HEVC = 0x68766331  /* 'hvc1' */
+};
+
 typedef struct {
     int32_t width;
     int32_t height;

@@ -29,10 +29,10 @@ long insertionPoint(const uint8_t *data, size_t size, FourCharCode codec, int he
     _SVEnumerateNALUnits(data, size, headerLength, ^int(const uint8_t *unit, size_t length) {
       if (point >= 0 || length <= static_cast<size_t>(headerLength)) return 0;
       const unsigned type = nalUnitType(codec, unit[headerLength]);
-      if (codec == 'avc1') {
-          if (type == 7) sawSPS = true;
-          if (type == 5 && sync && !sawSPS) point = unit - data;
-      } else if (type >= 16 && type <= 23) {
+      if (codec == kSVVideoCodecType_H264) {
+          if (type == kH264NAL_SPS) sawSPS = true;
+          if (type == kH264NAL_IDRSlice && sync && !sawSPS) point = unit - data;
+      } else if (type >= kHEVCNAL_FirstIRAP && type <= kHEVCNAL_LastIRAP) {
           point = unit - data;
       }
       return 0;
@@ -137,8 +137,9 @@ int runAnnexB(const AnnexBOptions &options) {
     for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
     fprintf(toStdout ? stderr : stdout,
             "Wrote %lld samples, %llu bytes of %s Annex B to %s (parameter sets inserted %lld times)\n",
-            static_cast<long long>(samples), static_cast<unsigned long long>(bytes), codec == 'avc1' ? "H.264" : "HEVC",
-            toStdout ? "standard output" : options.output.c_str(), static_cast<long long>(insertions));
+            static_cast<long long>(samples), static_cast<unsigned long long>(bytes),
+            codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC", toStdout ? "standard output" : options.output.c_str(),
+            static_cast<long long>(insertions));
     if (source->problem()) return reportError(*source->problem());
     return kExitOK;
 }

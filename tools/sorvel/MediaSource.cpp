@@ -85,8 +85,8 @@ int64_t seekMemory(void *opaque, int64_t offset, int whence) {
 }
 
 bool isParameterSet(FourCharCode codec, unsigned type) {
-    if (codec == 'avc1') return type == 7 || type == 8;
-    return type == 32 || type == 33 || type == 34;
+    if (codec == kSVVideoCodecType_H264) return type == kH264NAL_SPS || type == kH264NAL_PPS;
+    return type == kHEVCNAL_VPS || type == kHEVCNAL_SPS || type == kHEVCNAL_PPS;
 }
 
 struct Unit {
@@ -162,7 +162,7 @@ OSStatus describe(FourCharCode codec, const std::vector<Unit> &sets, int headerL
         pointers.push_back(set.data);
         sizes.push_back(set.size);
     }
-    if (codec == 'avc1')
+    if (codec == kSVVideoCodecType_H264)
         return SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
                                                                    headerLength, out);
     return SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
@@ -321,9 +321,9 @@ bool MediaSource::describeVideo(ToolError &error) {
     const AVStream *stream = format_context_->streams[videoIndex_];
     const AVCodecParameters *parameters = stream->codecpar;
     if (parameters->codec_id == AV_CODEC_ID_H264) {
-        codec_ = 'avc1';
+        codec_ = kSVVideoCodecType_H264;
     } else if (parameters->codec_id == AV_CODEC_ID_HEVC) {
-        codec_ = 'hvc1';
+        codec_ = kSVVideoCodecType_HEVC;
     } else {
         error = {kExitUnsupported, format("%s: the video is %s; sorvel reads H.264 and HEVC video", name_.c_str(),
                                           avcodec_get_name(parameters->codec_id))};
@@ -345,7 +345,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     lengthPrefixed_ = extraSize >= 7 && extra[0] == 1;
     Ref<SVFormatDescriptionRef> description;
     OSStatus status = 0;
-    if (lengthPrefixed_ && codec_ == 'avc1') {
+    if (lengthPrefixed_ && codec_ == kSVVideoCodecType_H264) {
         int32_t headerLength = 4;
         Ref<CFMutableDataRef> annexB;
         status = _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(extra, extraSize, &headerLength,
@@ -375,7 +375,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     }
     if (status != 0 || !description) {
         error = {kExitTruncated, format("%s: the %s decoder configuration record is damaged (status %d)", name_.c_str(),
-                                        codec_ == 'avc1' ? "avcC" : "hvcC", static_cast<int>(status))};
+                                        codec_ == kSVVideoCodecType_H264 ? "avcC" : "hvcC", static_cast<int>(status))};
         return false;
     }
     format_ = description;
@@ -474,21 +474,21 @@ void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
     std::vector<Unit> units =
         lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_) : annexBUnits(data, size);
     std::vector<Unit> sets;
-    bool sps = false, pps = false, vps = codec_ == 'avc1';
+    bool sps = false, pps = false, vps = codec_ == kSVVideoCodecType_H264;
     for (const Unit &unit : units) {
         if (unit.size == 0) continue;
         const unsigned type = nalUnitType(codec_, unit.data[0]);
         if (!isParameterSet(codec_, type)) continue;
         sets.push_back(payload(unit.data, unit.size));
-        sps |= type == 7 || type == 33;
-        pps |= type == 8 || type == 34;
-        vps |= type == 32;
+        sps |= type == (codec_ == kSVVideoCodecType_H264 ? kH264NAL_SPS : kHEVCNAL_SPS);
+        pps |= type == (codec_ == kSVVideoCodecType_H264 ? kH264NAL_PPS : kHEVCNAL_PPS);
+        vps |= type == kHEVCNAL_VPS;
     }
     if (!sps || !pps || !vps) return;
     if (format_) {
         size_t count = 0;
-        auto getter = codec_ == 'avc1' ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
-                                       : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
+        auto getter = codec_ == kSVVideoCodecType_H264 ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
+                                                       : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
         getter(format_.get(), 0, nullptr, nullptr, &count, nullptr);
         std::vector<Unit> current;
         for (size_t i = 0; i < count; ++i) {

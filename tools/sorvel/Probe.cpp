@@ -111,7 +111,7 @@ int reorderDepth(const std::vector<Row> &rows) {
 }
 
 std::string profileName(const SVVideoCodingInfo &info) {
-    if (info.codecType == 'avc1') {
+    if (info.codecType == kSVVideoCodecType_H264) {
         switch (info.profile) {
             case 66:
                 return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
@@ -154,7 +154,7 @@ std::string profileName(const SVVideoCodingInfo &info) {
 }
 
 std::string levelName(const SVVideoCodingInfo &info) {
-    if (info.codecType == 'avc1') {
+    if (info.codecType == kSVVideoCodecType_H264) {
         if (info.level == 11 && (info.constraintFlags & 0x10) && info.profile <= 88) return "1b";
         return format("%u.%u", info.level / 10, info.level % 10);
     }
@@ -216,8 +216,8 @@ struct ParameterSet {
 };
 
 std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, FourCharCode codec, int *headerLength) {
-    auto getter = codec == 'avc1' ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
-                                  : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
+    auto getter = codec == kSVVideoCodecType_H264 ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
+                                                  : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
     size_t count = 0;
     *headerLength = 0;
     getter(description, 0, nullptr, nullptr, &count, headerLength);
@@ -270,7 +270,7 @@ int runProbe(const ProbeOptions &options) {
         Row row;
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
-        if (codec == 'avc1') countFieldOrder(sample.buffer.get(), summary);
+        if (codec == kSVVideoCodecType_H264) countFieldOrder(sample.buffer.get(), summary);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -290,7 +290,7 @@ int runProbe(const ProbeOptions &options) {
     if (!description) {
         return reportError({source->problem() ? source->problem()->code : kExitTruncated,
                             format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
-                                   codec == 'avc1' ? "H.264" : "HEVC")});
+                                   codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC")});
     }
 
     SVVideoCodingInfo info = {};
@@ -318,7 +318,7 @@ int runProbe(const ProbeOptions &options) {
     const std::string transfer = extensionText(description.get(), kCVImageBufferTransferFunctionKey);
     const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
-    const char *codecName = codec == 'avc1' ? "h264" : "hevc";
+    const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
 
     if (options.json) {
         JsonWriter json(stdout);
@@ -333,7 +333,7 @@ int runProbe(const ProbeOptions &options) {
             json.integer("profile_idc", info.profile);
             json.integer("level", info.level);
             json.string("level_name", levelName(info));
-            if (codec == 'hvc1') json.string("tier", info.tier ? "High" : "Main");
+            if (codec == kSVVideoCodecType_HEVC) json.string("tier", info.tier ? "High" : "Main");
             json.string("chroma_format", chromaName(info.chromaFormat));
             json.integer("bit_depth_luma", info.bitDepthLuma);
             json.integer("bit_depth_chroma", info.bitDepthChroma);
@@ -440,11 +440,11 @@ int runProbe(const ProbeOptions &options) {
         reportErrorsAsJson(false);  // the report is out; a failure after it is told on stderr only
     } else {
         printf("File          %s (%s)\n", source->name().c_str(), source->containerName().c_str());
-        printf("Video         %s '%s'", codec == 'avc1' ? "H.264" : "HEVC",
+        printf("Video         %s '%s'", codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC",
                fourCC(SVFormatDescriptionGetMediaSubType(description.get())).c_str());
         if (haveInfo) {
             printf(", %s profile, level %s", profileName(info).c_str(), levelName(info).c_str());
-            if (codec == 'hvc1') printf(" (%s tier)", info.tier ? "High" : "Main");
+            if (codec == kSVVideoCodecType_HEVC) printf(" (%s tier)", info.tier ? "High" : "Main");
             printf(", %u-bit %s", info.bitDepthLuma, chromaName(info.chromaFormat));
         }
         printf("\n");

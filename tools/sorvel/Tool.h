@@ -63,6 +63,12 @@ private:
     T object_ = nullptr;
 };
 
+// NAL unit types the tool looks for.
+constexpr unsigned kH264NAL_IDRSlice = 5, kH264NAL_SEI = 6, kH264NAL_SPS = 7, kH264NAL_PPS = 8;
+constexpr unsigned kHEVCNAL_FirstIRAP = 16,  // BLA_W_LP
+    kHEVCNAL_LastIRAP = 23,                  // RSV_IRAP_VCL23
+    kHEVCNAL_VPS = 32, kHEVCNAL_SPS = 33, kHEVCNAL_PPS = 34;
+
 // "avc1" for 'avc1'; unprintable bytes become '.'.
 std::string fourCC(FourCharCode code);
 // The text of a CFString (UTF-8), "" for NULL or a non-string.
