@@ -286,6 +286,32 @@ const char *MediaSource::decodeTimeSource() const {
     return "stored";
 }
 
+std::string MediaSource::frameRateFraction() const {
+    const AVStream *stream = format_context_->streams[videoIndex_];
+    const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
+    if (rate.num <= 0 || rate.den <= 0) return "";
+    return format("%d/%d", rate.num, rate.den);
+}
+
+double MediaSource::containerDuration() const {
+    return format_context_->duration > 0 ? static_cast<double>(format_context_->duration) / AV_TIME_BASE : NAN;
+}
+
+int64_t MediaSource::containerBitRate() const {
+    return format_context_->bit_rate > 0 ? format_context_->bit_rate : 0;
+}
+
+int64_t MediaSource::containerSize() const {
+    if (memory_io_) {
+        size_t size = 0;
+        embeddedStream(size);
+        return static_cast<int64_t>(size);
+    }
+    if (!format_context_->pb) return -1;
+    const int64_t size = avio_size(format_context_->pb);
+    return size >= 0 ? size : -1;
+}
+
 double MediaSource::declaredDuration() const {
     const AVStream *stream = format_context_->streams[videoIndex_];
     if (stream->duration > 0) return stream->duration * av_q2d(stream->time_base);

@@ -72,6 +72,17 @@ public:
     // The container's duration of the video stream in seconds, or NaN.
     double declaredDuration() const;
     int64_t declaredFrameCount() const;
+    // The video stream's index among the file's streams.
+    int videoStreamIndex() const { return videoIndex_; }
+    // The declared average frame rate as an exact fraction ("30000/1001"),
+    // "" when the container does not say.
+    std::string frameRateFraction() const;
+    // The container's own duration (seconds, NaN when unknown), overall bit
+    // rate (bits per second, 0 when unknown) and size in bytes (-1 when
+    // unknown, as for the embedded stream's memory or a pipe).
+    double containerDuration() const;
+    int64_t containerBitRate() const;
+    int64_t containerSize() const;
     // One frame at the stream's declared frame rate, in ticks (0 when unknown).
     int64_t defaultFrameTicks() const { return defaultDuration_; }
     // The container's first presentation time of the video, in ticks (0 when unknown).

@@ -335,8 +335,9 @@ struct Report {
 // not a pause to wait out: players move on.
 constexpr double kGapFrames = 30, kGapMinimumSeconds = 1.0;
 
-void drawProgress(double position, const Window &window, const Report &report) {
-    const double span = std::fabs(window.end - window.start);
+// `end`: the far edge of the window, or of the stream when the window is open.
+void drawProgress(double position, const Window &window, double end, const Report &report) {
+    const double span = std::fabs(end - window.start);
     const double done = span > 0 ? std::clamp(std::fabs(position - window.start) / span, 0.0, 1.0) : 1.0;
     char bar[41];
     const int filled = static_cast<int>(done * 40);
@@ -488,7 +489,8 @@ int runPlay(const PlayOptions &options) {
             waitForChange(flow, dueHost - 1000000);
             if (progress && hostNow() - lastDraw > 100000000) {
                 lastDraw = hostNow();
-                drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window, report);
+                drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window,
+                             std::isinf(window.end) ? streamEnd : window.end, report);
             }
             continue;
         }

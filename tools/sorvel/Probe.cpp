@@ -15,6 +15,9 @@
 namespace sorvel::tool {
 namespace {
 
+// Raised when a field changes meaning or goes away; new fields do not raise it.
+constexpr int kProbeSchemaVersion = 2;
+
 struct Row {
     SVTime dts, pts, duration;
     size_t size;
@@ -323,9 +326,16 @@ int runProbe(const ProbeOptions &options) {
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();
+        json.integer("schema_version", kProbeSchemaVersion);
         json.string("file", source->name());
         json.string("container", source->containerName());
+        json.beginObject("format");
+        json.number("duration", source->containerDuration());
+        json.integer("bit_rate", source->containerBitRate());
+        json.integer("size", source->containerSize());
+        json.endObject();
         json.beginObject("video");
+        json.integer("stream_index", source->videoStreamIndex());
         json.string("codec", codecName);
         json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(description.get())));
         if (haveInfo) {
@@ -369,6 +379,7 @@ int runProbe(const ProbeOptions &options) {
         json.number("start_time", summary.start);
         json.number("duration", duration);
         json.number("frame_rate", frameRate);
+        json.string("frame_rate_fraction", source->frameRateFraction());
         json.integer("total_size", static_cast<long long>(summary.bytes));
         json.integer("sync_sample_count", summary.syncCount);
         json.beginArray("sync_samples");

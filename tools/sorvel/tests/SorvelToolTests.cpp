@@ -927,4 +927,38 @@ TEST(SorvelPlay, InterruptStillReports) {
     EXPECT_LT(report["samples_shown"].integer(), 360);
 }
 
+// The container's own figures and the exact frame rate, as ffprobe users
+// expect them; a raw stream has no container duration or bit rate.
+TEST(SorvelProbe, ContainerFiguresAndExactFrameRate) {
+    const struct {
+        std::string file;
+        long long size;
+        double duration;  // NaN: none
+        const char *rate;
+        int streamIndex;
+    } cases[] = {
+        {"", static_cast<long long>(fs::file_size(kDemo)), 3.0, "25/1", 0},
+        {kDemo, static_cast<long long>(fs::file_size(kDemo)), 3.0, "25/1", 0},
+        {kData + "/tool/h264_ntsc.ts", static_cast<long long>(fs::file_size(kData + "/tool/h264_ntsc.ts")), NAN,
+         "30000/1001", -1},
+        {kMade + "/raw.h264", static_cast<long long>(fs::file_size(kMade + "/raw.h264")), NAN, "25/1", 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel(c.file.empty() ? std::vector<std::string>{"probe", "--json"}
+                                                : std::vector<std::string>{"probe", c.file, "--json"});
+        expectExit(r, 0);
+        const Json probe = parseJson(r.out);
+        EXPECT_EQ(probe["schema_version"].integer(), 2);
+        EXPECT_EQ(probe["format"]["size"].integer(), c.size);
+        if (std::isnan(c.duration))
+            EXPECT_TRUE(probe["format"]["duration"].kind == Json::Null || probe["format"]["duration"].number > 0);
+        else
+            EXPECT_NEAR(probe["format"]["duration"].number, c.duration, 0.05);
+        EXPECT_EQ(probe["video"]["frame_rate_fraction"].text, c.rate);
+        if (c.streamIndex >= 0) EXPECT_EQ(probe["video"]["stream_index"].integer(), c.streamIndex);
+        EXPECT_EQ(probe["video"]["stream_index"].kind, Json::Number);
+    }
+}
+
 }  // namespace
