@@ -709,6 +709,13 @@ TEST(SorvelPlay, LongGroupsBackwardsAreOnTime) {
     }
     std::sort(late.begin(), late.end());
     std::sort(worst.begin(), worst.end());
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    // Instrumented builds run several times slower beside other tests:
+    // their timing says nothing about the player's.
+    GTEST_SKIP() << "timing is not judged in sanitizer builds; median late " << late[1];
+#endif
+#endif
     // A clock started mid-group shows two or three pictures 15 ms late or
     // more on every run; a loaded machine may add one late wake-up.
     EXPECT_LE(late[1], 1) << "late samples in most runs";
