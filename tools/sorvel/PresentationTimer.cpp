@@ -4,6 +4,13 @@
 #include <utility>
 
 namespace sorvel::tool {
+namespace {
+
+// A handler that runs this much before the deadline it finds belongs to an
+// earlier arming.
+constexpr uint64_t kStaleNanoseconds = 500000;
+
+}  // namespace
 
 std::unique_ptr<PresentationTimer> PresentationTimer::create(SVTimebaseRef timebase, std::string &error) {
     std::unique_ptr<PresentationTimer> timer(new PresentationTimer());
@@ -43,14 +50,18 @@ void PresentationTimer::fired(void *context) {
     const uint64_t now = SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock()));
     SVTime deadline = kSVTimeInvalid;
     SVTimebaseGetTimerDispatchSourceDeadline(self->timebase_, self->source_, &deadline);
+    const uint64_t deadlineHost =
+        SVTIME_IS_NUMERIC(deadline)
+            ? static_cast<uint64_t>(SVTimeConvertScale(deadline, 1000000000, kSVTimeRoundingMethod_Default).value)
+            : now;
+    // A firing of an earlier arming, delivered after the player armed the
+    // timer anew, runs before the new deadline: it is not this arming's.
+    if (now + kStaleNanoseconds < deadlineHost) return;
     {
         std::lock_guard<std::mutex> lock(self->mutex_);
         self->fired_ = true;
         self->firing_.handlerHost = now;
-        self->firing_.deadlineHost =
-            SVTIME_IS_NUMERIC(deadline)
-                ? static_cast<uint64_t>(SVTimeConvertScale(deadline, 1000000000, kSVTimeRoundingMethod_Default).value)
-                : now;
+        self->firing_.deadlineHost = deadlineHost;
     }
     self->changed_.notify_all();
 }

@@ -33,7 +33,9 @@ public:
     PresentationTimer &operator=(const PresentationTimer &) = delete;
 
     // Arms the timer for `fireTime` on the timebase's timeline, replacing
-    // any earlier arming and forgetting a firing not yet waited for.
+    // any earlier arming and forgetting a firing not yet waited for (a
+    // firing of the earlier arming that arrives late, before the new
+    // deadline, is ignored).
     OSStatus arm(SVTime fireTime);
 
     enum class Outcome { Fired, Woken, TimedOut };
