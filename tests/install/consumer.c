@@ -81,8 +81,8 @@ int main(void) {
       blockCount++;
     });
     CHECK(blockCount == 1);
-#elif defined(__clang__)
-#error "a clang client of Sorvel should be compiled with -fblocks"
+#elif defined(SORVEL_CONSUMER_EXPECT_BLOCKS)
+#error "sorvel-blocks.pc should have turned blocks on"
 #endif
 
     CFRelease(described);

@@ -58,25 +58,54 @@ if [[ -n $sanitize ]]; then
     flags=("-fsanitize=$sanitize" -fsanitize-link-c++-runtime -lstdc++)
 fi
 
-step "find_package(Sorvel) consumer"
-CC=$cc cmake -S "$consumer_dir" -B "$prefix/consumer-cmake" -G Ninja \
-    -DCMAKE_MAKE_PROGRAM="$ninja" \
-    -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_C_FLAGS="${cflags[*]:-}" \
-    -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/consumer-cmake.log" 2>&1 \
-    || { cat "$prefix/consumer-cmake.log"; fail "configuring the consumer failed"; }
-cmake --build "$prefix/consumer-cmake" >"$prefix/consumer-build.log" 2>&1 \
-    || { cat "$prefix/consumer-build.log"; fail "building the consumer failed"; }
-"$prefix/consumer-cmake/consumer"
+# Each client compiler: the clang that built the library, and GCC (C and
+# C++) when it is installed. A sanitized library is only usable from the
+# compiler whose sanitizer runtime it was built against, so sanitizer runs
+# test clang alone.
+compilers=("$cc")
+if [[ -z $sanitize ]] && command -v gcc >/dev/null && command -v g++ >/dev/null; then
+    compilers+=(gcc)
+fi
+cxx_of() { case $1 in *clang*) echo "${1/clang/clang++}" ;; *gcc*) echo "${1/gcc/g++}" ;; *) echo c++ ;; esac; }
 
-step "pkg-config consumer"
-export PKG_CONFIG_PATH="$libdir/pkgconfig"
-pc_flags=$(pkg-config --cflags --libs sorvel)
-echo "pkg-config --cflags --libs sorvel: $pc_flags"
-# shellcheck disable=SC2086  # pc_flags is a list of words
-"$cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$consumer_dir/consumer.c" -o "$prefix/consumer-pc" \
-    $pc_flags -Wl,-rpath,"$libdir"
-"$prefix/consumer-pc"
+for client_cc in "${compilers[@]}"; do
+    client_cxx=$(cxx_of "$client_cc")
+    tag=$(basename "$client_cc")
+    step "find_package(Sorvel) consumer, C and C++, $client_cc / $client_cxx"
+    CC=$client_cc CXX=$client_cxx cmake -S "$consumer_dir" -B "$prefix/consumer-cmake-$tag" -G Ninja \
+        -DCMAKE_MAKE_PROGRAM="$ninja" \
+        -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_BUILD_TYPE=Debug \
+        -DCMAKE_C_FLAGS="${cflags[*]:-}" \
+        -DCMAKE_CXX_FLAGS="${cflags[*]:-}" \
+        -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/consumer-cmake.log" 2>&1 \
+        || { cat "$prefix/consumer-cmake.log"; fail "configuring the consumer with $client_cc failed"; }
+    cmake --build "$prefix/consumer-cmake-$tag" >"$prefix/consumer-build.log" 2>&1 \
+        || { cat "$prefix/consumer-build.log"; fail "building the consumer with $client_cc failed"; }
+    "$prefix/consumer-cmake-$tag/consumer"
+    "$prefix/consumer-cmake-$tag/consumer_cxx"
+
+    step "pkg-config consumer, C and C++, $client_cc / $client_cxx"
+    export PKG_CONFIG_PATH="$libdir/pkgconfig"
+    pc_flags=$(pkg-config --cflags --libs sorvel)
+    echo "pkg-config --cflags --libs sorvel: $pc_flags"
+    [[ $pc_flags != *-fblocks* ]] || fail "sorvel.pc must stay compiler-neutral"
+    # shellcheck disable=SC2086  # pc_flags is a list of words
+    "$client_cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$consumer_dir/consumer.c" -o "$prefix/consumer-pc" \
+        $pc_flags -Wl,-rpath,"$libdir"
+    "$prefix/consumer-pc"
+    # shellcheck disable=SC2086
+    "$client_cxx" -std=c++17 -Wall -Wextra -Werror "${flags[@]}" -x c++ "$consumer_dir/consumer.c" -x none \
+        -o "$prefix/consumer-pc-cxx" $pc_flags -Wl,-rpath,"$libdir"
+    "$prefix/consumer-pc-cxx"
+    if [[ $client_cc == *clang* ]]; then
+        blocks_flags=$(pkg-config --cflags --libs sorvel-blocks)
+        echo "pkg-config --cflags --libs sorvel-blocks: $blocks_flags"
+        # shellcheck disable=SC2086
+        "$client_cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" -DSORVEL_CONSUMER_EXPECT_BLOCKS=1 \
+            "$consumer_dir/consumer.c" -o "$prefix/consumer-pc-blocks" $blocks_flags -Wl,-rpath,"$libdir"
+        "$prefix/consumer-pc-blocks"
+    fi
+done
 
 step "install test passed"
