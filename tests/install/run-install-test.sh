@@ -108,4 +108,12 @@ for client_cc in "${compilers[@]}"; do
     fi
 done
 
+step "beside another library that exports dispatch_once"
+echo 'OTHER_DISPATCH_1 { global: dispatch_*; local: *; };' >"$prefix/other.map"
+"$cc" -shared -fPIC "${cflags[@]}" -Wl,--version-script="$prefix/other.map" "$consumer_dir/other_dispatch.c" \
+    -o "$prefix/libother_dispatch.so"
+# Preloaded, it comes first in the process's symbol search order: every
+# unversioned reference to dispatch_once would bind to it.
+LD_PRELOAD="$prefix/libother_dispatch.so" "$prefix/consumer-pc"
+
 step "install test passed"
