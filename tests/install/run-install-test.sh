@@ -13,6 +13,7 @@ consumer_dir=$2
 cc=$3
 ninja=$4
 sanitize=${5:-}
+examples_dir=$(cd "$consumer_dir/../../examples" && pwd)
 
 prefix=$(mktemp -d /tmp/sorvel-install-XXXXXX)
 trap 'rm -rf "$prefix"' EXIT
@@ -106,6 +107,29 @@ for client_cc in "${compilers[@]}"; do
             "$consumer_dir/consumer.c" -o "$prefix/consumer-pc-blocks" $blocks_flags -Wl,-rpath,"$libdir"
         "$prefix/consumer-pc-blocks"
     fi
+
+    step "examples through find_package(Sorvel) and through pkg-config, $client_cc / $client_cxx"
+    CC=$client_cc CXX=$client_cxx cmake -S "$examples_dir" -B "$prefix/examples-$tag" -G Ninja \
+        -DCMAKE_MAKE_PROGRAM="$ninja" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug \
+        -DSORVEL_EXAMPLE_MP4="$examples_dir/../tests/data/media/avc_baseline_176x144.mp4" \
+        -DCMAKE_C_FLAGS="${cflags[*]:-}" -DCMAKE_CXX_FLAGS="${cflags[*]:-}" \
+        -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/examples.log" 2>&1 \
+        || { cat "$prefix/examples.log"; fail "configuring the examples with $client_cc failed"; }
+    cmake --build "$prefix/examples-$tag" >"$prefix/examples.log" 2>&1 \
+        || { cat "$prefix/examples.log"; fail "building the examples with $client_cc failed"; }
+    (cd "$prefix/examples-$tag" && ctest --output-on-failure >"$prefix/examples.log" 2>&1) \
+        || { cat "$prefix/examples.log"; fail "running the examples built with $client_cc failed"; }
+    for example in "$examples_dir"/*.c; do
+        name=$(basename "$example" .c)
+        [[ $name == runtime_tour ]] && continue
+        # shellcheck disable=SC2086
+        "$client_cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$example" -o "$prefix/$name-pc" $pc_flags \
+            -Wl,-rpath,"$libdir" || fail "$name does not build with $client_cc through pkg-config"
+        # shellcheck disable=SC2086
+        "$client_cxx" -std=c++17 -Wall -Wextra -Werror "${flags[@]}" -x c++ "$example" -x none \
+            -o "$prefix/$name-pc-cxx" $pc_flags -Wl,-rpath,"$libdir" \
+            || fail "$name does not build with $client_cxx through pkg-config"
+    done
 done
 
 step "beside another library that exports dispatch_once"
