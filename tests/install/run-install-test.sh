@@ -44,6 +44,14 @@ for lib in Sorvel SorvelPlatform; do
     [[ $soname == lib$lib.so.* ]] || fail "lib$lib has SONAME '$soname'"
     [[ -L $libdir/$soname ]] || fail "no $soname symlink"
 done
+# Every defined export carries the library's own version node.
+for pair in Sorvel:SORVEL_0 SorvelPlatform:SORVEL_PLATFORM_0; do
+    lib=${pair%%:*} node=${pair#*:}
+    nodes=$(objdump -T "$libdir/lib$lib.so" | awk '$2 == "g" && $4 != "*UND*" { print $(NF - 1) }' | sort -u)
+    [[ $nodes == "$node" ]] || fail "lib$lib exports under version nodes '$nodes', not $node alone"
+done
+expect "$prefix/include/Sorvel/SVVersion.h"
+expect "$libdir/pkgconfig/sorvel-blocks.pc"
 expect "$libdir/cmake/Sorvel/SorvelConfigVersion.cmake"
 expect "$libdir/cmake/Sorvel/SorvelTargets.cmake"
 expect "$libdir/pkgconfig/sorvel.pc"
