@@ -23,12 +23,13 @@ declare -A why=(
     [gcc]="GCC clients: the header test and the install test build with GCC too"
     [g++]="GCC C++ clients of the installed library (install test)"
     [doxygen]="make docs: the API reference from the headers"
+    [python3]="make docs: the input filter that reads the headers' plain comments"
     [debhelper]="CI builds the Debian packages (debian/)"
     [dpkg-dev]="dpkg-buildpackage, for the Debian packages"
     [lintian]="CI checks the Debian packages"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
-    clang-format git gcc g++ doxygen debhelper dpkg-dev lintian)
+    clang-format git gcc g++ doxygen python3 debhelper dpkg-dev lintian)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.
