@@ -7,7 +7,7 @@ SHELL := /bin/bash
 #   make demo                             build and run the examples
 #   make bench                            build and run the benchmarks
 #   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
-#   make tsan-check                       the threaded test families under ThreadSanitizer
+#   make tsan-check                       the unit tests under ThreadSanitizer (build-tsan/)
 #   make mutate-check                     mutated test clips through the sorvel tool under ASan+UBSan
 #   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
 #   make format                           apply .clang-format to every C/C++ file
@@ -99,7 +99,7 @@ fuzz: deps
 		test $${PIPESTATUS[0]} -eq 0 || exit 1; \
 	done
 
-# The test families with threads under ThreadSanitizer, in build-tsan/ (only
+# The unit tests (death tests aside) under ThreadSanitizer, in build-tsan/ (only
 # the two test programs are built).
 tsan-check:
 	$(MAKE) configure SANITIZE=thread

@@ -19,7 +19,7 @@
 # BUILD_DIR/mutate/failures.txt with each one's log beside it.
 #
 # Environment: MUTATIONS (per source, default 22), TIME_LIMIT (seconds per
-# command, default 20), JOBS (parallel runs, default 2), SEED (default 1).
+# command, default 20), JOBS (parallel runs, default 3: most of a run is loading libraries), SEED (default 1).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,7 +27,7 @@ build=${1:-build-asan-ubsan}
 tool=$build/tools/sorvel/sorvel
 mutations=${MUTATIONS:-22}
 limit=${TIME_LIMIT:-20}
-jobs=${JOBS:-2}
+jobs=${JOBS:-3}
 seed=${SEED:-1}
 work=$build/mutate
 media=tests/data/media
