@@ -30,6 +30,10 @@ declare -A why=(
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
     clang-format git gcc g++ doxygen python3 debhelper dpkg-dev lintian)
+# make mutate-check: its corpus is made from the test clips at run time.
+why[zzuf]="the seeded byte mutator behind make mutate-check"
+why[ffmpeg]="make mutate-check remuxes test clips to Matroska and MPEG-TS"
+wanted+=(zzuf ffmpeg)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.
