@@ -7,7 +7,10 @@ SHELL := /bin/bash
 #   make demo                             build and run the examples
 #   make bench                            build and run the benchmarks
 #   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
+#   make tsan-check                       the unit tests under ThreadSanitizer (build-tsan/)
+#   make mutate-check                     mutated test clips through the sorvel tool under ASan+UBSan
 #   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
+#   make docs                             API reference from the headers (build/docs/html/), warnings fail
 #   make format                           apply .clang-format to every C/C++ file
 #   make format-check                     fail when a file differs from .clang-format
 #   make clean                            remove the build folders this file makes
@@ -42,7 +45,8 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
-.PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check
+.PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check docs
+.PHONY: tsan-check mutate-check
 
 all: build
 
@@ -95,6 +99,25 @@ fuzz: deps
 			-artifact_prefix=build-fuzz/ build-fuzz/corpus/$$name 2>&1 | grep -E "^(stat::number_of_executed_units|==|SUMMARY|Done)" ; \
 		test $${PIPESTATUS[0]} -eq 0 || exit 1; \
 	done
+
+# The generated <Sorvel/SVVersion.h> is documented too, so configure first.
+docs: configure
+	rm -rf $(BUILD_DIR)/docs && mkdir -p $(BUILD_DIR)/docs
+	SORVEL_DOCS_OUTPUT=$(BUILD_DIR)/docs SORVEL_DOCS_GENERATED=$(BUILD_DIR)/include doxygen docs/Doxyfile
+	@echo "API reference: $(BUILD_DIR)/docs/html/index.html"
+# The unit tests (death tests aside) under ThreadSanitizer, in build-tsan/ (only
+# the two test programs are built).
+tsan-check:
+	$(MAKE) configure SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS) --target platform_tests sorvel_tests
+	@scripts/tsan-check.sh build-tsan
+
+# A seeded corpus of mutated clips from tests/data through sorvel probe,
+# annexb and play, in build-asan-ubsan/; see scripts/mutate-check.sh.
+mutate-check:
+	$(MAKE) configure SANITIZE=address,undefined
+	cmake --build build-asan-ubsan -j $(JOBS) --target sorvel
+	@scripts/mutate-check.sh build-asan-ubsan
 
 format: deps
 	@scripts/check-format.sh --fix

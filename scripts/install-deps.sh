@@ -20,15 +20,26 @@ declare -A why=(
     [libavformat-dev]="FFmpeg's demuxers, which the sorvel tool reads files with"
     [clang-format]="the format check (make format-check)"
     [git]="the format check lists the tracked files"
-    [libavcodec-dev]="FFmpeg's decoders, which sorvel play decodes the sound with"
-    [libpulse-dev]="the PulseAudio client library, which sorvel play plays the sound through"
-    [pulseaudio]="the audio server (with a null sink) that the lip-sync tests play to"
-    [pulseaudio-utils]="pactl, with which the tests' audio server is checked and stopped"
-    [ffmpeg]="makes the clips with a beep every second for the end-to-end lip-sync test"
+    [gcc]="GCC clients: the header test and the install test build with GCC too"
+    [g++]="GCC C++ clients of the installed library (install test)"
+    [doxygen]="make docs: the API reference from the headers"
+    [python3]="make docs: the input filter that reads the headers' plain comments"
+    [debhelper]="CI builds the Debian packages (debian/)"
+    [dpkg-dev]="dpkg-buildpackage, for the Debian packages"
+    [lintian]="CI checks the Debian packages"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
-    clang-format git)
-wanted+=(libavcodec-dev libpulse-dev pulseaudio pulseaudio-utils ffmpeg)
+    clang-format git gcc g++ doxygen python3 debhelper dpkg-dev lintian)
+# make mutate-check: its corpus is made from the test clips at run time.
+why[zzuf]="the seeded byte mutator behind make mutate-check"
+why[ffmpeg]="make mutate-check remuxes test clips to Matroska and MPEG-TS"
+wanted+=(zzuf ffmpeg)
+why[libavcodec-dev]="FFmpeg's decoders, which sorvel play decodes the sound with"
+why[libpulse-dev]="the PulseAudio client library, which sorvel play plays the sound through"
+why[pulseaudio]="the audio server (with a null sink) that the lip-sync tests play to"
+why[pulseaudio-utils]="pactl, with which the tests' audio server is checked and stopped"
+why[ffmpeg]="makes test clips: remuxes for make mutate-check, beeps for the lip-sync test"
+wanted+=(libavcodec-dev libpulse-dev pulseaudio pulseaudio-utils)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.

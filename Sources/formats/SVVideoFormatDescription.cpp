@@ -372,6 +372,27 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
     // detail is claimed here.
 }
 
+// The parameter sets of a record, read strictly through `get`, handed to
+// `create` as the parameter-set creators take them (pointers into the record).
+template <typename Create>
+OSStatus createFromRecord(const uint8_t *record, size_t recordSize, SVFormatDescriptionRef *formatDescriptionOut,
+                          OSStatus (*get)(const uint8_t *, size_t, size_t, const uint8_t **, size_t *, size_t *, int *),
+                          Create &&create) noexcept {
+    if (!formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
+    *formatDescriptionOut = nullptr;
+    size_t count = 0;
+    int headerLength = 0;
+    OSStatus status = get(record, recordSize, 0, nullptr, nullptr, &count, &headerLength);
+    if (status != 0 && count == 0) return kSVFormatDescriptionError_InvalidParameter;
+    std::vector<const uint8_t *> pointers(count);
+    std::vector<size_t> sizes(count);
+    for (size_t i = 0; i < count; ++i) {
+        status = get(record, recordSize, i, &pointers[i], &sizes[i], nullptr, nullptr);
+        if (status != 0) return status;
+    }
+    return create(count, pointers.data(), sizes.data(), headerLength);
+}
+
 }  // namespace sorvel
 
 extern "C" {
@@ -566,6 +587,28 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     splitAnnexB(data, size, pointers, sizes);
     return SVVideoFormatDescriptionCreateFromHEVCParameterSets(
         allocator, pointers.size(), pointers.data(), sizes.data(), nalUnitHeaderLength, nullptr, formatDescriptionOut);
+}
+
+OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize,
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    return sorvel::createFromRecord(
+        record, recordSize, formatDescriptionOut, SVGetParameterSetFromAVCDecoderConfigurationRecord,
+        [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
+            return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, count, pointers, sizes, headerLength,
+                                                                       formatDescriptionOut);
+        });
+}
+
+OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize, CFDictionaryRef extensions,
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    return sorvel::createFromRecord(
+        record, recordSize, formatDescriptionOut, SVGetParameterSetFromHEVCDecoderConfigurationRecord,
+        [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
+            return SVVideoFormatDescriptionCreateFromHEVCParameterSets(allocator, count, pointers, sizes, headerLength,
+                                                                       extensions, formatDescriptionOut);
+        });
 }
 
 OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,

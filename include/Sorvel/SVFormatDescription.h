@@ -549,6 +549,25 @@ SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterS
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
     SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 
+/* An 'avc1' description from an avcC record (ISO/IEC 14496-15), as an MP4
+ * demuxer finds it in a sample entry: the record's parameter sets and NAL
+ * unit header length go to SVVideoFormatDescriptionCreateFromH264ParameterSets,
+ * so the description and its statuses are that call's.  The record is read
+ * strictly (see SVGetParameterSetFromAVCDecoderConfigurationRecord in
+ * <Sorvel/SVNALUnit.h>): a NULL, empty or truncated record, or one without
+ * parameter sets, is kSVFormatDescriptionError_InvalidParameter.
+ * *formatDescriptionOut is NULL on failure; the caller owns the result. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* The same for an 'hvc1' description from an hvcC record, through
+ * SVVideoFormatDescriptionCreateFromHEVCParameterSets; `extensions` (may be
+ * NULL) as there. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize, CFDictionaryRef extensions,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
 /* As the H.264 accessor, for 'hvc1' descriptions. */
 SV_EXPORT OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                                       const uint8_t **parameterSetPointerOut,

@@ -14,6 +14,7 @@
 #include <Sorvel/SVNALUnit.h>
 #include <Sorvel/SVSampleBuffer.h>
 #include <Sorvel/SVSimpleQueue.h>
+#include <Sorvel/SVStatus.h>
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTime.h>
 #include <Sorvel/SVTimebase.h>
