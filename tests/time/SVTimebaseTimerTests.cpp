@@ -460,13 +460,19 @@ TEST(SVTimebaseTimerFiring, TimebaseReleasedFromItsOwnHandler) {
     std::atomic<int> done{0};
     std::atomic<int> *doneFlag = &done;
     __block SVTimebaseRef owned = timebase;
+    dispatch_semaphore_t callerDone = dispatch_semaphore_create(0);
     dispatch_source_set_event_handler(s.source, ^{
-      CFRelease(owned);  // the last reference: disarms and releases the source
+      // Once the arming call has returned, this is the last reference: it
+      // disarms and releases the source from inside the source's handler.
+      dispatch_semaphore_wait(callerDone, DISPATCH_TIME_FOREVER);
+      CFRelease(owned);
       doneFlag->fetch_add(1);
     });
     ASSERT_EQ(SVTimebaseAddTimerDispatchSource(timebase, s.source), 0);
     SVTimebaseSetTimerDispatchSourceToFireImmediately(timebase, s.source);
+    dispatch_semaphore_signal(callerDone);
     EXPECT_TRUE(waitFor(done, 1, 5000));
+    dispatch_release(callerDone);
 }
 
 TEST(SVTimebaseTimerFiring, ChainedFiringsDoNotDrift) {
