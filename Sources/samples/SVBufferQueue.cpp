@@ -602,17 +602,20 @@ OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferVali
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     QueueLock lock(queue);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
-    queue->validation = callback;
     queue->validationRefcon = callback != nullptr ? validationRefCon : nullptr;
+    __atomic_store_n(&queue->validation, callback, __ATOMIC_RELEASE);
     return 0;
 }
 
 OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept {
     if (queue == nullptr || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    SVBufferValidationCallback validation;
-    void *validationRefcon;
-    {
+    SVBufferValidationCallback validation = nullptr;
+    void *validationRefcon = nullptr;
+    // Without a validation callback (the usual case) there is nothing to
+    // read under the lock; the setter publishes the callback last, so one
+    // load decides.
+    if (__atomic_load_n(&queue->validation, __ATOMIC_ACQUIRE) != nullptr) {
         // Read together, so a concurrent change cannot pair one callback
         // with another's refcon.
         QueueLock lock(queue);
