@@ -101,13 +101,19 @@ def run_program(path, out_path, repetitions, min_time):
     if min_time:
         command.append(f"--benchmark_min_time={min_time}")
     print(f"=== {os.path.basename(path)}", flush=True)
-    run(command, stdout=subprocess.DEVNULL)
+    result = subprocess.run(command, stdout=subprocess.DEVNULL)
+    if result.returncode != 0:
+        print(f"bench-report: {path} failed (status {result.returncode}); its rows keep what it wrote",
+              file=sys.stderr)
 
 
 def load_runs(out_path):
     """run name -> list of per-repetition {time_ns, rate}."""
-    with open(out_path) as f:
-        data = json.load(f)
+    try:
+        with open(out_path) as f:
+            data = json.load(f)
+    except (OSError, ValueError):
+        return {}
     runs = {}
     scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
     for b in data.get("benchmarks", []):
@@ -300,12 +306,18 @@ def main():
     parser.add_argument("--runs", type=int, default=5, help="hyperfine runs per whole program")
     parser.add_argument("--skip-programs", action="store_true")
     parser.add_argument("--only-programs", action="store_true")
+    parser.add_argument("--reuse", action="store_true",
+                        help="take a benchmark program's results from an earlier run when they are there")
     args = parser.parse_args()
 
     bench_dir = os.path.join(args.build, "bench")
     raw_dir = os.path.join(bench_dir, "raw")
     os.makedirs(raw_dir, exist_ok=True)
     all_runs = {}
+    previous_programs = []
+    if args.only_programs and os.path.exists(os.path.join(bench_dir, "report.json")):
+        with open(os.path.join(bench_dir, "report.json")) as f:
+            previous_programs = json.load(f).get("hot_paths", [])
     if not args.only_programs:
         for program in sorted({row[1] for row in HOT_PATHS}):
             path = os.path.join(bench_dir, program)
@@ -313,10 +325,14 @@ def main():
                 print(f"bench-report: {path} is not built; its rows stay empty", file=sys.stderr)
                 continue
             out_path = os.path.join(raw_dir, program + ".json")
-            run_program(path, out_path, args.repetitions, args.min_time)
+            if not (args.reuse and load_runs(out_path)):
+                run_program(path, out_path, args.repetitions, args.min_time)
             all_runs[program] = load_runs(out_path)
-    rows = hot_path_rows(all_runs) if not args.only_programs else []
+    rows = hot_path_rows(all_runs) if not args.only_programs else previous_programs
     program = [] if args.skip_programs else program_rows(args.build, bench_dir, args.runs)
+    if args.skip_programs and os.path.exists(os.path.join(bench_dir, "report.json")):
+        with open(os.path.join(bench_dir, "report.json")) as f:
+            program = json.load(f).get("programs", [])
 
     settings = (f"medians of {args.repetitions} interleaved repetitions"
                 + (f", min time {args.min_time}" if args.min_time else "") + f"; {os.cpu_count()} CPUs; "
