@@ -186,7 +186,8 @@ def hot_path_rows(all_runs):
             else:
                 row["goal_kind"] = "ours / peer at most, against every peer"
                 row["ratio"] = max(ratios) if ratios else None
-        row["met"] = None if row["ratio"] is None else row["ratio"] <= goal
+        limit = 1.0 if metric == "absolute" else goal
+        row["met"] = None if row["ratio"] is None else row["ratio"] <= limit
         row["metric"] = metric
         rows.append(row)
     return rows
@@ -270,21 +271,24 @@ def write_text(rows, program, path, settings):
              "ratio = ours / peer in time (peer / ours for throughput): below 1 is faster than the peer.",
              "spread = slowest / fastest repetition; a ratio within the spread of 1.0 is a draw on a noisy machine.",
              ""]
-    header = f"{'hot path':58} {'ours':>16} {'peer':28} {'peer figure':>16} {'ratio':>7} {'goal':>6}  result"
+    header = (f"{'hot path':58} {'ours':>16} {'spread':>6} {'peer':28} {'peer figure':>16} {'spread':>6} "
+              f"{'ratio':>7} {'goal':>6}  result")
     lines += [header, "-" * len(header)]
     for r in rows:
         unit = "rate" if r["metric"] == "rate" else "time"
         ours = f"{fmt_figure(r['figure'], unit)}"
+        spread = lambda value: "-" if value is None else f"{value:.2f}"
         if r["metric"] == "absolute":
             ratio = "-" if r["ratio"] is None else f"{r['ratio']:.2f}"
-            lines.append(f"{r['hot_path'][:58]:58} {ours:>16} {'(none; goal in ns)':28} {fmt_figure(r['goal'], 'time'):>16}"
-                         f" {ratio:>7} {'1.00':>6}  {verdict(r['met'])}")
+            lines.append(f"{r['hot_path'][:58]:58} {ours:>16} {spread(r['spread']):>6} {'(none; goal in ns)':28} "
+                         f"{fmt_figure(r['goal'], 'time'):>16} {'':>6} {ratio:>7} {'1.00':>6}  {verdict(r['met'])}")
             continue
         for i, p in enumerate(r["peers"]):
             ratio = "-" if p["ratio"] is None else f"{p['ratio']:.2f}"
             first = i == 0
-            lines.append(f"{(r['hot_path'][:58] if first else ''):58} {(ours if first else ''):>16} {p['peer'][:28]:28}"
-                         f" {fmt_figure(p['figure'], unit):>16} {ratio:>7} {r['goal']:>6.2f}  "
+            lines.append(f"{(r['hot_path'][:58] if first else ''):58} {(ours if first else ''):>16} "
+                         f"{(spread(r['spread']) if first else ''):>6} {p['peer'][:28]:28}"
+                         f" {fmt_figure(p['figure'], unit):>16} {spread(p['spread']):>6} {ratio:>7} {r['goal']:>6.2f}  "
                          f"{verdict(r['met']) if first else ''}")
     if program:
         lines += ["", "Whole programs (hyperfine medians; peak RSS from /usr/bin/time -v):", ""]
