@@ -367,10 +367,9 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
     if (CFStringRef value = chromaLocation(bottom))
         CFDictionarySetValue(extensions, kCVImageBufferChromaLocationBottomFieldKey, value);
     setNumber(extensions, kCVImageBufferFieldCountKey, interlaced ? 2 : 1);
-    // The parameter sets do not say which field comes first; top first is
-    // what interlaced H.264/HEVC material overwhelmingly uses.
-    if (interlaced)
-        CFDictionarySetValue(extensions, kCVImageBufferFieldDetailKey, kCVImageBufferFieldDetailTemporalTopFirst);
+    // The parameter sets do not say which field comes first (the samples
+    // do: SVVideoFormatDescriptionGetH264FieldDetailOfSample), so no field
+    // detail is claimed here.
 }
 
 }  // namespace sorvel
@@ -643,6 +642,28 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     // without parameter sets.
     SV_LOG(3, kFunction, __LINE__, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
     return kSVFormatDescriptionError_InvalidParameter;
+}
+
+CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescriptionRef desc, const uint8_t *data,
+                                                               size_t size) noexcept {
+    if (!data || size == 0 || !isVideo(desc) || desc->mediaSubType != kAVC1) return nullptr;
+    for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
+        const uint8_t *set = desc->video.parameterSets[i];
+        const size_t setSize = desc->video.parameterSetSizes[i];
+        if (setSize == 0 || (set[0] & 0x1FU) != 7U) continue;
+        sorvel::SVH264SPS sps;
+        const char *why = "";
+        if (!sorvel::SVParseH264SPS(set, setSize, sps, why) || sps.frameMbsOnly) return nullptr;
+        switch (sorvel::SVH264FieldOrderOfSample(sps, data, size, desc->video.nalUnitHeaderLength)) {
+            case sorvel::SVFieldOrder::TopFirst:
+                return kCVImageBufferFieldDetailTemporalTopFirst;
+            case sorvel::SVFieldOrder::BottomFirst:
+                return kCVImageBufferFieldDetailTemporalBottomFirst;
+            case sorvel::SVFieldOrder::Unknown:
+                return nullptr;
+        }
+    }
+    return nullptr;
 }
 
 Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef desc,
