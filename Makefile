@@ -6,6 +6,7 @@ SHELL := /bin/bash
 #   make test                             build and run every test
 #   make demo                             build and run the examples
 #   make bench                            build and run the benchmarks
+#   make bench-report                     every benchmark beside its peers, one table (build/bench/report.*)
 #   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
 #   make tsan-check                       the unit tests under ThreadSanitizer (build-tsan/)
 #   make mutate-check                     mutated test clips through the sorvel tool under ASan+UBSan
@@ -46,7 +47,7 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
 .PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check docs
-.PHONY: tsan-check mutate-check
+.PHONY: tsan-check mutate-check bench-report
 
 all: build
 
@@ -77,6 +78,14 @@ bench: bench-deps configure
 	CC=clang CXX=clang++ cmake -S . -B $(BUILD_DIR) > /dev/null
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks
 	@for program in $(BUILD_DIR)/bench/*_bench; do echo "=== $$program"; $$program || exit 1; done
+
+# Medians of interleaved repetitions for every hot path and its peers, and
+# the whole-program comparisons with ffmpeg/ffprobe; writes
+# $(BUILD_DIR)/bench/report.txt and report.json (README: reading the report).
+bench-report: bench-deps configure
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_DIR) > /dev/null
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks sorvel
+	python3 scripts/bench-report.py --build $(BUILD_DIR)
 
 # Coverage-guided fuzzing of every byte parser with ASan and UBSan, in
 # build-fuzz/: each target runs FUZZ_SECONDS on a scratch copy of its seed

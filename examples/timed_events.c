@@ -11,6 +11,7 @@
 #include <Sorvel/Sorvel.h>
 #include <dispatch/dispatch.h>
 #include <stdio.h>
+#include <string.h>
 
 enum { kEvents = 8, kSpacingMs = 40 };
 
@@ -28,7 +29,7 @@ static SVTime eventTime(int index) {
 }
 
 static void playEvent(void *context) {
-    Player *player = context;
+    Player *player = (Player *)context;
     SVTime deadline;
     SVTimebaseGetTimerDispatchSourceDeadline(player->timebase, player->timer, &deadline);
     SVTime host = SVClockGetTime(SVClockGetHostTimeClock());
@@ -57,7 +58,8 @@ static void playPhase(Player *player, double rate, int first, int step, int coun
 }
 
 int main(void) {
-    Player player = {0};
+    Player player;
+    memset(&player, 0, sizeof player);
     if (SVTimebaseCreateWithMasterClock(kCFAllocatorDefault, SVClockGetHostTimeClock(), &player.timebase) != 0)
         return 1;
     dispatch_queue_t queue = dispatch_queue_create("player", DISPATCH_QUEUE_SERIAL);

@@ -48,6 +48,11 @@ if [[ ${1:-} == --bench ]]; then
     why[libavcodec-dev]="FFmpeg's libavcodec, a peer the benchmarks compare against"
     why[libgstreamer1.0-dev]="GStreamer, a peer the benchmarks compare against"
     why[libboost-dev]="Boost.Lockfree, a peer the benchmarks compare against"
+    why[ffmpeg]="make bench-report: makes its test video and is the whole-program peer (with ffprobe)"
+    why[hyperfine]="make bench-report: times the whole-program comparisons"
+    why[time]="make bench-report: /usr/bin/time -v reports the programs' peak memory"
+    why[python3]="make bench-report: runs scripts/bench-report.py"
+    wanted+=(ffmpeg hyperfine time python3)
     why[libgstreamer-plugins-base1.0-dev]="GStreamer's audio library (gst_audio_buffer_map), a peer of the audio benchmarks"
     wanted+=(libavutil-dev libavcodec-dev libgstreamer1.0-dev libboost-dev libgstreamer-plugins-base1.0-dev)
 fi

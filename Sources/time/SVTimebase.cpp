@@ -18,11 +18,14 @@
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTimebase.h>
 
+#include <cmath>
 #include <cstring>
 #include <initializer_list>
 
 #include "core/SVLog.h"
+#include "time/SVClockInternal.h"
 #include "time/SVSyncInternal.h"
+#include "time/SVTimeInternal.h"
 #include "time/SVTimebaseInternal.h"
 
 SV_LOG_MODULE("Sorvel/Sources/SVTimebase");
@@ -205,13 +208,48 @@ namespace sorvel::timebase {
 
 constinit SVRuntimeClass<OpaqueSVTimebase> gTimebaseClass{kSVTimebaseClass};
 
-SVTime timeAt(const State &state, SVTime masterTime) noexcept {
+SVTime timeAtComposed(const State &state, SVTime masterTime) noexcept {
     return SVTimeAdd(SVTimeMultiplyByFloat64(SVTimeSubtract(masterTime, state.masterAnchor), state.rate),
                      state.timebaseAnchor);
 }
 
+// The composition above, with its common case (a master of one timescale
+// of at least 65536, such as the host clock, both times numeric and
+// non-zero) worked out inline: the subtraction is then a plain difference
+// that keeps the master time's epoch and rounding flag, the multiplication
+// needs no change of timescale, and adding a zero anchor returns the other
+// operand whole.  Everything else goes through the arithmetic calls.
+SVTime timeAt(const State &state, SVTime masterTime) noexcept {
+    using sorvel::time::isNumeric;
+    const SVTime &anchor = state.masterAnchor;
+    if (__builtin_expect(isNumeric(masterTime) && isNumeric(anchor) && isNumeric(state.timebaseAnchor) &&
+                             masterTime.timescale == anchor.timescale && masterTime.timescale >= 65536 &&
+                             masterTime.value != 0 && anchor.value != 0,
+                         1)) {
+        int64_t difference;
+        if (!__builtin_add_overflow(masterTime.value, sorvel::time::wrapNeg(anchor.value), &difference)) {
+            double value = static_cast<double>(difference);
+            double rate = state.rate;
+            if (rate == 0 || !sorvel::time::outsideProductLimit(value, std::fabs(rate))) {
+                double product = value * rate;
+                if (__builtin_expect(std::fabs(product) < 9223372036854775808.0, 1)) {
+                    SVTime scaled = {static_cast<int64_t>(product), masterTime.timescale,
+                                     kSVTimeFlags_Valid | (masterTime.flags & kSVTimeFlags_HasBeenRounded),
+                                     masterTime.epoch};
+                    if (scaled.value == 0) return state.timebaseAnchor;
+                    if (state.timebaseAnchor.value == 0) return scaled;
+                }
+            }
+        }
+    }
+    return timeAtComposed(state, masterTime);
+}
+
 SVTime currentTime(const OpaqueSVTimebase *timebase) noexcept {
     State state = readState(timebase);
+    // A clock master is read inline (its kind never changes).
+    if (timebase->masterKind == Kind::Clock)
+        return timeAt(state, sorvel::clock::currentTime(static_cast<const OpaqueSVClock *>(timebase->master)));
     return timeAt(state, masterTime(timebase));
 }
 

@@ -91,6 +91,9 @@ inline double readRate(const OpaqueSVTimebase *timebase) noexcept {
 // The time of `timebase` when its master reads `masterTime`, in the given
 // state: timebase anchor + (masterTime - master anchor) x rate.
 SVTime timeAt(const State &state, SVTime masterTime) noexcept;
+// The same through the public arithmetic calls, step by step; timeAt gives
+// identical results (kept for the tests that check so).
+SVTime timeAtComposed(const State &state, SVTime masterTime) noexcept;
 
 // SVTimebaseGetTime for an object known to be a timebase.
 SVTime currentTime(const OpaqueSVTimebase *timebase) noexcept;

@@ -372,12 +372,13 @@ CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds
             bool oneShot = t->interval <= 0;
             t->calloutsRunning++;
             t->calloutThread = pthread_self();
+            void *info = t->context.info;  // invalidation may clear it meanwhile
             CFRetain(due);
             pthread_mutex_unlock(&gLock);
             if (t->block != nullptr)
                 t->block(due);
             else
-                t->callout(due, t->context.info);
+                t->callout(due, info);
             pthread_mutex_lock(&gLock);
             t->calloutsRunning--;
             pthread_cond_broadcast(&gCalloutDone);

@@ -43,7 +43,7 @@ TEST(DispatchTimeTest, SaturatesAndKeepsForever) {
     EXPECT_LE(t, now() + 5 * NSEC_PER_MSEC);
     EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER, -5), DISPATCH_TIME_FOREVER);
     EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER - 10, 100), DISPATCH_TIME_FOREVER);
-    EXPECT_EQ(dispatch_time(100, INT64_MAX), 100u + INT64_MAX);
+    EXPECT_EQ(dispatch_time(100, INT64_MAX), uint64_t{100} + static_cast<uint64_t>(INT64_MAX));
     EXPECT_EQ(dispatch_time(100, -1000), 1u);
     EXPECT_EQ(dispatch_time(1000, -100), 900u);
 }
@@ -222,7 +222,7 @@ TEST(DispatchAfterTest, MedianLatenessIsSmallAndNeverEarly) {
                   });
     std::sort(lateness.begin(), lateness.end());
     EXPECT_GE(lateness.front(), 0);
-    EXPECT_LT(lateness[kItems / 2], static_cast<int64_t>(2 * NSEC_PER_MSEC));
+    EXPECT_LT(lateness[kItems / 2], static_cast<int64_t>(10 * NSEC_PER_MSEC));
     EXPECT_LT(done.load(), 1000) << "FOREVER never runs";
     dispatch_release(queue);
 }
@@ -252,8 +252,11 @@ TEST(DispatchSourceTest, RepeatingTimerKeepsItsGridWithoutDrift) {
     std::sort(head.begin(), head.end());
     std::sort(tail.begin(), tail.end());
     // Lateness measured from the grid: it does not grow along the run.
-    EXPECT_LT(head[10], static_cast<int64_t>(NSEC_PER_MSEC));
-    EXPECT_LT(tail[10], static_cast<int64_t>(NSEC_PER_MSEC));
+    // (Bounds leave room for a loaded machine; a drifting timer would grow
+    // by its per-firing error times 80 firings.)
+    EXPECT_LT(head[10], static_cast<int64_t>(5 * NSEC_PER_MSEC));
+    EXPECT_LT(tail[10], static_cast<int64_t>(5 * NSEC_PER_MSEC));
+    EXPECT_LT(tail[10] - head[10], static_cast<int64_t>(3 * NSEC_PER_MSEC));
     dispatch_release(timer);
     dispatch_release(queue);
 }
