@@ -969,3 +969,94 @@ TEST(SorvelProbe, ContainerFiguresAndExactFrameRate) {
 }
 
 }  // namespace
+
+namespace {
+
+// Runs `command` through the shell; standard error joins the output.
+Outcome shell(const std::string &command) {
+    Outcome result;
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) {
+        ADD_FAILURE() << "cannot run " << command;
+        return result;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.out.append(buffer, n);
+    const int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+const fs::path kToolSource = fs::path(kDemo).parent_path().parent_path();
+
+// The options a command's --help lists, as written ("--json", "-y", ...).
+std::vector<std::string> optionsInHelp(const std::string &command) {
+    const Outcome help = sorvel({command, "--help"});
+    std::vector<std::string> options;
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        for (std::string word; words >> word;) {
+            while (!word.empty() && (word.back() == ',' || word.back() == ']' || word.back() == '.')) word.pop_back();
+            if (word.size() > 1 && word[0] == '[') word.erase(0, 1);
+            if (word.size() > 1 && word[0] == '-' && word != "-" &&
+                std::find(options.begin(), options.end(), word) == options.end())
+                options.push_back(word);
+        }
+    }
+    return options;
+}
+
+}  // namespace
+
+TEST(SorvelInstall, ManPageRendersCleanlyAndCoversEveryOptionAndExitCode) {
+    const std::string page = (kToolSource / "sorvel.1").string();
+    const Outcome render = shell("groff -man -ww -z '" + page + "'");
+    EXPECT_EQ(render.exitCode, 0) << render.out;
+    EXPECT_EQ(render.out, "") << "groff warnings:\n" << render.out;
+    // Rendered as plain ASCII on unbroken lines, to look for names in.
+    const Outcome text = shell("groff -man -Tascii -P-cbou -rLL=1000n -rHY=0 '" + page + "'");
+    ASSERT_EQ(text.exitCode, 0) << text.out;
+    for (const char *command : {"probe", "annexb", "play"}) {
+        EXPECT_NE(text.out.find(std::string("sorvel ") + command), std::string::npos) << command;
+        for (const std::string &option : optionsInHelp(command))
+            EXPECT_NE(text.out.find(option), std::string::npos)
+                << command << " " << option << " is not in the man page";
+    }
+    // Every exit status the usage lists has its own entry.
+    for (const char *code : {"0", "1", "2", "3", "4", "5", "6", "130"})
+        EXPECT_NE(text.out.find(std::string("\n       ") + code + " "), std::string::npos) << "exit status " << code;
+    for (const char *field : {"schema_version", "frame_rate_fraction", "stream_index", "\"error\""})
+        EXPECT_NE(text.out.find(field), std::string::npos) << field;
+}
+
+TEST(SorvelInstall, CompletionParsesAndOffersCommandsAndOptions) {
+    const std::string script = (kToolSource / "completion" / "sorvel").string();
+    const Outcome syntax = shell("bash -n '" + script + "'");
+    EXPECT_EQ(syntax.exitCode, 0) << syntax.out;
+    // What the function offers for the words typed so far.
+    auto offered = [&](const std::string &words, int current) {
+        const Outcome r = shell("bash -c 'source \"" + script + "\"; COMP_WORDS=(" + words + "); COMP_CWORD=" +
+                                std::to_string(current) + "; _sorvel; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
+        EXPECT_EQ(r.exitCode, 0) << r.out;
+        std::vector<std::string> words_;
+        std::istringstream lines(r.out);
+        for (std::string line; std::getline(lines, line);)
+            if (!line.empty()) words_.push_back(line);
+        std::sort(words_.begin(), words_.end());
+        return words_;
+    };
+    EXPECT_EQ(offered("sorvel \"\"", 1), (std::vector<std::string>{"--help", "--version", "annexb", "play", "probe"}));
+    EXPECT_EQ(offered("sorvel p", 1), (std::vector<std::string>{"play", "probe"}));
+    // Each command's options are exactly what its --help lists.
+    for (const char *command : {"probe", "annexb", "play"}) {
+        std::vector<std::string> help = optionsInHelp(command);
+        help.push_back("--help");
+        std::sort(help.begin(), help.end());
+        help.erase(std::unique(help.begin(), help.end()), help.end());
+        EXPECT_EQ(offered(std::string("sorvel ") + command + " -", 2), help) << command;
+    }
+    // A number is expected after --rate: no file names, no options.
+    EXPECT_TRUE(offered("sorvel play --rate \"\"", 3).empty());
+}
