@@ -91,6 +91,8 @@ public:
     double ticksToSeconds(int64_t ticks) const { return static_cast<double>(ticks) * tickNumerator_ / timescale_; }
     int64_t secondsToTicks(double seconds) const;
     std::vector<AudioTrack> &audioTracks() { return audio_; }
+    // The demuxer, for what the tool reads beyond the samples (tags, side data).
+    const AVFormatContext *formatContext() const { return format_context_; }
 
     // The next video sample in decode order.  False at the end of the
     // stream or when reading failed; problem() then tells which.

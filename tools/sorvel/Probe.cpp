@@ -11,6 +11,7 @@
 #include "Commands.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "StreamDetails.h"
 
 namespace sorvel::tool {
 namespace {
@@ -322,6 +323,7 @@ int runProbe(const ProbeOptions &options) {
     const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
     const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
+    const StreamDetails details = videoDetails(*source);
 
     if (options.json) {
         JsonWriter json(stdout);
@@ -364,6 +366,7 @@ int runProbe(const ProbeOptions &options) {
         json.integer("field_count", fieldCount);
         json.string("field_detail", fieldCount > 1 ? fields.words : "");
         json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
+        writeStreamDetails(json, details);
         json.integer("nal_unit_header_length", storedHeaderLength);
         json.beginArray("parameter_sets");
         for (const ParameterSet &set : sets) {
@@ -472,6 +475,7 @@ int runProbe(const ProbeOptions &options) {
                    fields.words.empty() ? "order not stated" : fields.words.c_str());
         else
             printf("  Fields      progressive\n");
+        printStreamDetails(details);
         printf("  NAL length  %d bytes\n", storedHeaderLength);
         printf("  Parameter sets ");
         for (size_t i = 0; i < sets.size(); ++i)

@@ -1060,3 +1060,42 @@ TEST(SorvelInstall, CompletionParsesAndOffersCommandsAndOptions) {
     // A number is expected after --rate: no file names, no options.
     EXPECT_TRUE(offered("sorvel play --rate \"\"", 3).empty());
 }
+
+TEST(SorvelProbe, LanguageTagsAndRotationOfTheVideoStream) {
+    // rotated_tagged.mp4's track header holds the matrix of a picture to be
+    // turned 90 degrees clockwise; the demo stream has the identity matrix;
+    // a raw stream has no matrix and no tags at all.
+    const struct {
+        std::string file;
+        const char *language;
+        double rotation;
+        const char *rotationLine;
+        const char *handler;  // nullptr: no tags
+    } cases[] = {
+        {kMade + "/rotated_tagged.mp4", "fra", -90, "  Rotation    90 degrees clockwise (display matrix)\n", "Camera"},
+        {kDemo, "", 0, nullptr, "VideoHandler"},
+        {kMade + "/raw.h264", "", 0, nullptr, nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome json = sorvel({"probe", c.file, "--json"});
+        expectExit(json, 0);
+        const Json video = parseJson(json.out)["video"];
+        EXPECT_EQ(video["language"].text, c.language);
+        EXPECT_EQ(video["rotation"].kind, Json::Number);
+        EXPECT_EQ(video["rotation"].number, c.rotation);
+        EXPECT_EQ(video["tags"].kind, Json::Object);
+        if (c.handler)
+            EXPECT_EQ(video["tags"]["handler_name"].text, c.handler);
+        else
+            EXPECT_TRUE(video["tags"].fields.empty());
+
+        const Outcome text = sorvel({"probe", c.file});
+        expectExit(text, 0);
+        EXPECT_EQ(text.out.find("  Language    fra\n") != std::string::npos, std::string(c.language) == "fra");
+        if (c.rotationLine)
+            EXPECT_NE(text.out.find(c.rotationLine), std::string::npos) << text.out;
+        else
+            EXPECT_EQ(text.out.find("Rotation"), std::string::npos) << "no turn, no line:\n" << text.out;
+    }
+}
