@@ -9,6 +9,7 @@
 #include <map>
 
 #include "Commands.h"
+#include "HdrMetadata.h"
 #include "Json.h"
 #include "MediaSource.h"
 #include "StreamDetails.h"
@@ -264,6 +265,7 @@ int runProbe(const ProbeOptions &options) {
     const FourCharCode codec = source->codec();
     const int headerLength = source->nalUnitHeaderLength();
     VideoSummary summary;
+    HdrMetadata hdr;
     // The description of the first sample is the one reported: later
     // changes are counted.
     Ref<SVFormatDescriptionRef> description;
@@ -275,6 +277,7 @@ int runProbe(const ProbeOptions &options) {
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
         if (codec == kSVVideoCodecType_H264) countFieldOrder(sample.buffer.get(), summary);
+        collectHdrMetadata(sample.buffer.get(), codec, headerLength, hdr);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -367,6 +370,7 @@ int runProbe(const ProbeOptions &options) {
         json.string("field_detail", fieldCount > 1 ? fields.words : "");
         json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
         writeStreamDetails(json, details);
+        writeHdrMetadata(json, hdr);
         json.integer("nal_unit_header_length", storedHeaderLength);
         json.beginArray("parameter_sets");
         for (const ParameterSet &set : sets) {
@@ -476,6 +480,7 @@ int runProbe(const ProbeOptions &options) {
         else
             printf("  Fields      progressive\n");
         printStreamDetails(details);
+        printHdrMetadata(hdr);
         printf("  NAL length  %d bytes\n", storedHeaderLength);
         printf("  Parameter sets ");
         for (size_t i = 0; i < sets.size(); ++i)

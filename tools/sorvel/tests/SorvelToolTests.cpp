@@ -1099,3 +1099,48 @@ TEST(SorvelProbe, LanguageTagsAndRotationOfTheVideoStream) {
             EXPECT_EQ(text.out.find("Rotation"), std::string::npos) << "no turn, no line:\n" << text.out;
     }
 }
+
+TEST(SorvelProbe, HdrMetadataFromTheSEIIsExact) {
+    // Each file was encoded with master-display=G(13250,34500)B(7500,3000)
+    // R(34000,16000)WP(15635,16450)L(10000000,50) and a light level of
+    // 1000,400.  For the HEVC files libavcodec's side data of the first
+    // frame gives the same numbers (red_x=34000/50000, ...,
+    // min_luminance=50/10000, max_content=1000, max_average=400); Debian 12's
+    // libavcodec exports none for H.264, whose values are x264's input.
+    for (const char *name : {"hdr10.mp4", "hdr10.ts", "hdr_h264.mp4"}) {
+        SCOPED_TRACE(name);
+        const Outcome json = sorvel({"probe", kMade + "/" + name, "--json"});
+        expectExit(json, 0);
+        const Json video = parseJson(json.out)["video"];
+        const Json &m = video["mastering_display"];
+        const std::map<std::string, long long> expected = {
+            {"red_x", 34000},         {"red_y", 16000},         {"green_x", 13250},
+            {"green_y", 34500},       {"blue_x", 7500},         {"blue_y", 3000},
+            {"white_point_x", 15635}, {"white_point_y", 16450}, {"max_luminance", 10000000},
+            {"min_luminance", 50},
+        };
+        EXPECT_EQ(m.fields.size(), expected.size());
+        for (const auto &[key, value] : expected) EXPECT_EQ(m[key].integer(), value) << key;
+        EXPECT_EQ(video["content_light_level"]["max_cll"].integer(), 1000);
+        EXPECT_EQ(video["content_light_level"]["max_fall"].integer(), 400);
+
+        const Outcome text = sorvel({"probe", kMade + "/" + name});
+        expectExit(text, 0);
+        EXPECT_NE(text.out.find("  Mastering   R(0.68000,0.32000) G(0.26500,0.69000) B(0.15000,0.06000) "
+                                "WP(0.31270,0.32900), luminance 0.0050-1000.0000 cd/m2\n"),
+                  std::string::npos)
+            << text.out;
+        EXPECT_NE(text.out.find("  Light level MaxCLL 1000 cd/m2, MaxFALL 400 cd/m2\n"), std::string::npos) << text.out;
+    }
+
+    // Streams without the messages (H.264 and HEVC) say null and print no line.
+    for (const std::string file : {kDemo, kMade + "/raw.hevc"}) {
+        SCOPED_TRACE(file);
+        const Outcome plain = sorvel({"probe", file, "--json"});
+        expectExit(plain, 0);
+        const Json v = parseJson(plain.out)["video"];
+        EXPECT_EQ(v["mastering_display"].kind, Json::Null);
+        EXPECT_EQ(v["content_light_level"].kind, Json::Null);
+        EXPECT_EQ(sorvel({"probe", file}).out.find("Mastering"), std::string::npos);
+    }
+}
