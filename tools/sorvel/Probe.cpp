@@ -425,6 +425,7 @@ int runProbe(const ProbeOptions &options) {
             json.beginObject();
             json.integer("stream_index", track.streamIndex);
             json.string("codec", track.codecName);
+            json.string("profile", audioProfile(track));
             json.integer("packet_count", track.packetCount);
             json.number("duration", track.endSeconds - track.startSeconds);
             if (const AudioStreamBasicDescription *asbd =
@@ -506,6 +507,7 @@ int runProbe(const ProbeOptions &options) {
         if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
         for (const AudioTrack &track : source->audioTracks()) {
             printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
+            if (const std::string profile = audioProfile(track); !profile.empty()) printf(" %s", profile.c_str());
             if (const AudioStreamBasicDescription *asbd =
                     SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
                 size_t layoutSize = 0, cookieSize = 0;

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "AacConfig.h"
 #include "Json.h"
 #include "MediaSource.h"
 #include "Tool.h"
@@ -43,6 +44,17 @@ StreamDetails streamDetails(const AVStream *stream) {
 std::string rotationWords(double rotation) {
     if (rotation == 0 || std::isnan(rotation)) return "none";
     return format("%g degrees %s", std::fabs(rotation), rotation < 0 ? "clockwise" : "counterclockwise");
+}
+
+std::string audioProfile(const AudioTrack &track) {
+    const AudioStreamBasicDescription *asbd =
+        SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get());
+    if (!asbd || asbd->mFormatID != kAudioFormatMPEG4AAC) return "";
+    size_t size = 0;
+    const void *cookie = SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &size);
+    AacProfile profile = readAacProfile(static_cast<const uint8_t *>(cookie), size);
+    if (profile.objectType == 0) profile.objectType = asbd->mFormatFlags;
+    return aacProfileName(profile);
 }
 
 StreamDetails videoDetails(const MediaSource &source) {

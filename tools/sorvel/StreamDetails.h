@@ -23,6 +23,12 @@ struct StreamDetails {
 
 class JsonWriter;
 class MediaSource;
+struct AudioTrack;
+
+// The AAC profile of an AAC track ("LC", "HE-AAC"...) from its magic
+// cookie, or from the object type in its format flags when it has none;
+// "" for other codecs.
+std::string audioProfile(const AudioTrack &track);
 
 StreamDetails streamDetails(const AVStream *stream);
 // The details of the source's video stream.

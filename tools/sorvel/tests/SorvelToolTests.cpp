@@ -27,6 +27,8 @@
 #include <string>
 #include <vector>
 
+#include "AacConfig.h"
+
 extern char **environ;
 
 namespace {
@@ -1008,8 +1010,6 @@ std::vector<std::string> optionsInHelp(const std::string &command) {
     return options;
 }
 
-}  // namespace
-
 TEST(SorvelInstall, ManPageRendersCleanlyAndCoversEveryOptionAndExitCode) {
     const std::string page = (kToolSource / "sorvel.1").string();
     const Outcome render = shell("groff -man -ww -z '" + page + "'");
@@ -1144,3 +1144,56 @@ TEST(SorvelProbe, HdrMetadataFromTheSEIIsExact) {
         EXPECT_EQ(sorvel({"probe", file}).out.find("Mastering"), std::string::npos);
     }
 }
+
+TEST(SorvelAac, ProfileOfTheAudioSpecificConfig) {
+    // Configurations written out bit by bit: object type, sampling frequency
+    // index (15: 24-bit frequency), channel configuration, the core's three
+    // flags, then any backward-compatible extension.
+    const struct {
+        const char *what;
+        std::vector<uint8_t> config;
+        const char *name;
+    } cases[] = {
+        {"LC, 48 kHz stereo", {0x11, 0x90}, "LC"},
+        {"Main, 22.05 kHz stereo", {0x0B, 0x90}, "Main"},
+        {"LTP", {0x21, 0x90}, "LTP"},
+        {"SBR first (type 5) over LC", {0x2B, 0x11, 0x88, 0x00}, "HE-AAC"},
+        {"SBR and PS first (type 29) over LC", {0xEB, 0x09, 0x88, 0x00}, "HE-AACv2"},
+        {"type 5 cut before its core type", {0x2B, 0x11}, "HE-AAC"},
+        {"LC, then sync extension 0x2b7 with SBR", {0x13, 0x10, 0x56, 0xE5, 0x98}, "HE-AAC"},
+        {"LC, then SBR and sync extension 0x548 with PS", {0x13, 0x08, 0x56, 0xE5, 0x9D, 0x48, 0x80}, "HE-AACv2"},
+        {"LC, then sync extension saying no SBR", {0x13, 0x10, 0x56, 0xE5, 0x00}, "LC"},
+        {"escaped object type 39", {0xF8, 0xE6, 0x40}, "ELD"},
+        {"explicit 24-bit frequency", {0x17, 0x80, 0x5D, 0xC0, 0x10}, "LC"},
+        {"cut after the object type", {0x11}, "LC"},
+        {"escape cut short", {0xF8}, ""},
+        {"empty", {}, ""},
+    };
+    for (const auto &c : cases) {
+        const ::sorvel::tool::AacProfile profile = ::sorvel::tool::readAacProfile(c.config.data(), c.config.size());
+        EXPECT_EQ(::sorvel::tool::aacProfileName(profile), c.name) << c.what;
+    }
+    EXPECT_EQ(::sorvel::tool::aacProfileName(::sorvel::tool::readAacProfile(nullptr, 16)), "");
+}
+
+TEST(SorvelProbe, AacProfileOfEachAudioStream) {
+    const struct {
+        std::string file;
+        const char *profile;
+        const char *line;
+    } cases[] = {
+        {kDemo, "LC", "Audio         stream 1: aac LC 'aac ', 48000 Hz"},
+        {kMade + "/av_aac_main.mp4", "Main", "Audio         stream 1: aac Main 'aac ', 22050 Hz"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome json = sorvel({"probe", c.file, "--json"});
+        expectExit(json, 0);
+        EXPECT_EQ(parseJson(json.out)["audio"][0]["profile"].text, c.profile);
+        const Outcome text = sorvel({"probe", c.file});
+        expectExit(text, 0);
+        EXPECT_NE(text.out.find(c.line), std::string::npos) << text.out;
+    }
+}
+
+}  // namespace
