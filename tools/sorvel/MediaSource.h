@@ -46,6 +46,13 @@ class MediaSource {
 public:
     // An empty path opens the demo stream compiled into the program.
     static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error);
+    // Opens a file whose video the library does not take (there is none, or
+    // it is not H.264 or HEVC) to describe its streams: the audio tracks as
+    // open() makes them, and the best video stream of any codec as
+    // otherVideoStreamIndex() (-1 for none).  codec() is 0 and next() reads
+    // to the end counting audio packets, returning no sample.
+    static std::unique_ptr<MediaSource> openForDescription(const std::string &path, ToolError &error);
+    int otherVideoStreamIndex() const { return otherVideoIndex_; }
     ~MediaSource();
     MediaSource(const MediaSource &) = delete;
     MediaSource &operator=(const MediaSource &) = delete;
@@ -123,6 +130,7 @@ private:
     AVIOContext *memory_io_ = nullptr;
     AVPacket *packet_ = nullptr;
     int videoIndex_ = -1;
+    int otherVideoIndex_ = -1;
     FourCharCode codec_ = 0;
     int32_t timescale_ = 1;
     int64_t tickNumerator_ = 1;

@@ -12,6 +12,7 @@
 #include "HdrMetadata.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeOther.h"
 #include "StreamDetails.h"
 
 namespace sorvel::tool {
@@ -260,6 +261,12 @@ std::string channelLayoutName(AudioChannelLayoutTag tag) {
 int runProbe(const ProbeOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
+    if (!source && (error.code == kExitNoVideo || error.code == kExitUnsupported)) {
+        // Described as far as the library can, rather than refused.
+        ToolError reopenError;
+        if (std::unique_ptr<MediaSource> other = MediaSource::openForDescription(options.file, reopenError))
+            return probeWithoutLibraryVideo(options, *other, error, kProbeSchemaVersion);
+    }
     if (!source) return reportError(error);
 
     const FourCharCode codec = source->codec();

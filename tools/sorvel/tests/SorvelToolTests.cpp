@@ -550,9 +550,10 @@ TEST(SorvelErrors, ExitStatusAndMessage) {
         {{"probe", dir.path.string()}, 3, "is a directory"},
         {{"probe", dir.file("empty.mp4")}, 3, "the file is empty"},
         {{"probe", dir.file("noise.bin", noise(1234))}, 3, "not a media file"},
-        {{"probe", kData + "/tool/audio_only.m4a"}, 4, "has no video stream"},
+        {{"annexb", kData + "/tool/audio_only.m4a", "-"}, 4, "has no video stream"},
         {{"play", kData + "/tool/audio_only.m4a"}, 4, "has no video stream"},
-        {{"probe", kData + "/tool/mpeg4_video.mp4"}, 5, "the video is mpeg4"},
+        {{"annexb", kData + "/tool/mpeg4_video.mp4", "-"}, 5, "the video is mpeg4"},
+        {{"play", kData + "/tool/mpeg4_video.mp4"}, 5, "the video is mpeg4"},
         {{"probe", cutFront}, 6, "sample 44 is incomplete"},
         {{"annexb", cutFront, (dir.path / "cut.h264").string()}, 6, "sample 44 is incomplete"},
         {{"play", cutFront, "--rate", "8", "--no-progress"}, 6, "sample 44 is incomplete"},
@@ -1193,6 +1194,58 @@ TEST(SorvelProbe, AacProfileOfEachAudioStream) {
         const Outcome text = sorvel({"probe", c.file});
         expectExit(text, 0);
         EXPECT_NE(text.out.find(c.line), std::string::npos) << text.out;
+    }
+}
+
+TEST(SorvelProbe, OtherCodecsAndAudioOnlyAreDescribedNotRefused) {
+    const struct {
+        std::string file;
+        const char *codec;  // nullptr: no video
+        const char *subtype;
+        const char *audioProfile;  // nullptr: no audio
+        const char *videoLine;
+    } cases[] = {
+        {kData + "/tool/audio_only.m4a", nullptr, "", "LC", "Video         none\n"},
+        {kMade + "/audio_main.m4a", nullptr, "", "Main", "Video         none\n"},
+        {kData + "/tool/mpeg4_video.mp4", "mpeg4", "mp4v", nullptr, "Video         stream 0: mpeg4 'mp4v', "},
+        {kMade + "/vp9.webm", "vp9", "vp09", nullptr, "Video         stream 0: vp9 'vp09', 64x48, 25/1 fps"},
+        {kMade + "/av1.mp4", "av1", "av01", nullptr, "Video         stream 0: av1 'av01', 64x48, 25/1 fps"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome json = sorvel({"probe", c.file, "--json"});
+        expectExit(json, 0);
+        const Json probe = parseJson(json.out);
+        EXPECT_EQ(probe["schema_version"].integer(), 2);
+        EXPECT_GT(probe["format"]["size"].integer(), 0);
+        if (c.codec) {
+            EXPECT_EQ(probe["video"]["codec"].text, c.codec);
+            EXPECT_EQ(probe["video"]["media_subtype"].text, c.subtype);
+            EXPECT_GT(probe["video"]["width"].integer(), 0);
+            EXPECT_GT(probe["video"]["height"].integer(), 0);
+            EXPECT_FALSE(probe["video"]["samples_read"].boolean());
+            EXPECT_EQ(probe["video"]["stream_index"].integer(), 0);
+        } else {
+            EXPECT_EQ(probe["video"].kind, Json::Null);
+        }
+        if (c.audioProfile) {
+            ASSERT_EQ(probe["audio"].items.size(), 1u);
+            const Json &audio = probe["audio"][0];
+            EXPECT_EQ(audio["profile"].text, c.audioProfile);
+            EXPECT_EQ(audio["format_id"].text, "aac ");
+            EXPECT_GT(audio["packet_count"].integer(), 0) << "the packets are counted to the end";
+            EXPECT_GT(audio["duration"].number, 0.1);
+        } else {
+            EXPECT_TRUE(probe["audio"].items.empty());
+        }
+        // Why the samples were not read is said, not hidden.
+        EXPECT_EQ(probe["warnings"].items.size(), 1u);
+
+        const Outcome text = sorvel({"probe", c.file});
+        expectExit(text, 0);
+        EXPECT_NE(text.out.find(c.videoLine), std::string::npos) << text.out;
+        // The commands that need the samples still refuse, with their own status.
+        expectExit(sorvel({"annexb", c.file, "-"}), c.codec ? 5 : 4);
     }
 }
 
