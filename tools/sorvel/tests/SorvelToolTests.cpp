@@ -1249,4 +1249,37 @@ TEST(SorvelProbe, OtherCodecsAndAudioOnlyAreDescribedNotRefused) {
     }
 }
 
+TEST(SorvelProbe, HdrMessagesOfTheWrongSizeAreNotRead) {
+    // In hdr_h264.mp4 the mastering display message (type 0x89, size 0x18)
+    // is alone in its SEI unit, its 24 bytes carrying one emulation
+    // prevention byte, and the light level sits in a unit of its own.
+    const std::string original = readFile(kMade + "/hdr_h264.mp4");
+    const std::string header("\x06\x89\x18\x33\xc2", 5);
+    const size_t at = original.find(header);
+    ASSERT_NE(at, std::string::npos);
+    ASSERT_EQ(original.find(header, at + 1), std::string::npos);
+    const TempDir dir;
+    const struct {
+        unsigned char size;
+        bool read;
+    } cases[] = {
+        {0x18, true},                  // as written
+        {0x19, true},                  // one byte more still ends inside the unit (its trailing bits)
+        {0x1A, false},                 // runs past the unit
+        {0x17, false},                 // one byte short of the message
+        {0x00, false}, {0xFF, false},  // a size that continues in the next byte
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.size));
+        std::string bytes = original;
+        bytes[at + 2] = static_cast<char>(c.size);
+        const Outcome r = sorvel({"probe", dir.file("sized.mp4", bytes), "--json"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["mastering_display"].kind, c.read ? Json::Object : Json::Null);
+        if (c.read) EXPECT_EQ(video["mastering_display"]["min_luminance"].integer(), 50);
+        EXPECT_EQ(video["content_light_level"]["max_cll"].integer(), 1000) << "another unit is not affected";
+    }
+}
+
 }  // namespace
