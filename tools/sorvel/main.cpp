@@ -65,7 +65,8 @@ constexpr const char kProbeHelp[] =
     "\n"
     "Describes the video stream as the library sees it (codec, profile, level, sizes, colour, fields,\n"
     "parameter sets; sample count, timing, frame rate, sync samples, reordering, NAL units) and the\n"
-    "audio streams.  Without FILE the built-in demo stream is used.\n"
+    "audio streams.  Without FILE the built-in demo stream is used.  An audio-only file or video of\n"
+    "another codec is described as far as the library can (exit status 0).\n"
     "\n"
     "  --json      one JSON object; failures print {\"error\": {\"code\", \"message\"}}\n"
     "  --samples   one row per sample in decode order\n";
