@@ -59,26 +59,43 @@ void readMessages(const uint8_t *p, size_t size, HdrMetadata &metadata) {
     }
 }
 
+// One NAL unit without its length prefix.
+void readUnit(const uint8_t *nal, size_t length, FourCharCode codec, HdrMetadata &metadata) {
+    const size_t nalHeader = codec == kSVVideoCodecType_HEVC ? 2 : 1;
+    if (length <= nalHeader) return;
+    const unsigned type = nalUnitType(codec, nal[0]);
+    const bool sei = codec == kSVVideoCodecType_HEVC ? (type == kHEVCNAL_PrefixSEI || type == kHEVCNAL_SuffixSEI)
+                                                     : type == kH264NAL_SEI;
+    if (!sei) return;
+    std::vector<uint8_t> payload(length - nalHeader);
+    payload.resize(_SVUnemulateNALData(nal + nalHeader, payload.size(), payload.data()));
+    readMessages(payload.data(), payload.size(), metadata);
+}
+
 }  // namespace
 
 void collectHdrMetadata(const uint8_t *sample, size_t size, FourCharCode codec, int headerLength,
                         HdrMetadata &metadata) {
     if (!sample || metadata.complete() || headerLength < 1 || headerLength > 4) return;
-    const size_t nalHeader = codec == kSVVideoCodecType_HEVC ? 2 : 1;
     HdrMetadata *out = &metadata;
     _SVEnumerateNALUnits(sample, size, headerLength, ^int(const uint8_t *unit, size_t length) {
-      if (length <= static_cast<size_t>(headerLength) + nalHeader) return 0;
-      const uint8_t *nal = unit + headerLength;
-      const size_t nalLength = length - static_cast<size_t>(headerLength);
-      const unsigned type = nalUnitType(codec, nal[0]);
-      const bool sei = codec == kSVVideoCodecType_HEVC ? (type == kHEVCNAL_PrefixSEI || type == kHEVCNAL_SuffixSEI)
-                                                       : type == kH264NAL_SEI;
-      if (!sei) return 0;
-      std::vector<uint8_t> payload(nalLength - nalHeader);
-      payload.resize(_SVUnemulateNALData(nal + nalHeader, payload.size(), payload.data()));
-      readMessages(payload.data(), payload.size(), *out);
+      if (length > static_cast<size_t>(headerLength))
+          readUnit(unit + headerLength, length - static_cast<size_t>(headerLength), codec, *out);
       return 0;
     });
+}
+
+void collectHdrMetadata(SVFormatDescriptionRef description, FourCharCode codec, HdrMetadata &metadata) {
+    if (!description || metadata.complete() || codec != kSVVideoCodecType_HEVC) return;
+    size_t count = 0;
+    if (SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(description, 0, nullptr, nullptr, &count, nullptr) != 0)
+        return;
+    for (size_t i = 0; i < count && !metadata.complete(); ++i) {
+        const uint8_t *bytes = nullptr;
+        size_t size = 0;
+        if (SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(description, i, &bytes, &size, nullptr, nullptr) == 0)
+            readUnit(bytes, size, codec, metadata);
+    }
 }
 
 void collectHdrMetadata(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, HdrMetadata &metadata) {

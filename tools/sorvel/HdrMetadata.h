@@ -41,6 +41,9 @@ void collectHdrMetadata(const uint8_t *sample, size_t size, FourCharCode codec, 
                         HdrMetadata &metadata);
 // The same for the samples of one sample buffer.
 void collectHdrMetadata(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, HdrMetadata &metadata);
+// The same for the SEI units an HEVC description keeps among its parameter
+// sets (an hvcC's arrays): what the samples do not say, the description may.
+void collectHdrMetadata(SVFormatDescriptionRef description, FourCharCode codec, HdrMetadata &metadata);
 
 // "mastering_display" and "content_light_level" members, each null when
 // the stream does not carry it.

@@ -301,6 +301,7 @@ int runProbe(const ProbeOptions &options) {
     }
     if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
     summary.reorderDepth = reorderDepth(summary.rows);
+    collectHdrMetadata(description.get(), codec, hdr);
     if (!description) {
         return reportError({source->problem() ? source->problem()->code : kExitTruncated,
                             format("%s: no parameter sets were found for the %s stream", source->name().c_str(),

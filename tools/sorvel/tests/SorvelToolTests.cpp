@@ -1282,4 +1282,39 @@ TEST(SorvelProbe, HdrMessagesOfTheWrongSizeAreNotRead) {
     }
 }
 
+TEST(SorvelProbe, HdrMessagesOnlyInTheDescriptionAreRead) {
+    // hdr10.mp4 carries both messages twice: in its first sample (media data
+    // first) and in the SEI array of its hvcC (movie box last).  Renaming
+    // the payload types in one place leaves the other to be read.
+    const std::string original = readFile(kMade + "/hdr10.mp4");
+    const std::string mastering("\x4e\x01\x89\x18", 4), light("\x4e\x01\x90\x04", 4);
+    const size_t m1 = original.find(mastering), l1 = original.find(light);
+    ASSERT_NE(m1, std::string::npos);
+    ASSERT_NE(l1, std::string::npos);
+    const size_t m2 = original.find(mastering, m1 + 1), l2 = original.find(light, l1 + 1);
+    ASSERT_NE(m2, std::string::npos);
+    ASSERT_NE(l2, std::string::npos);
+    const TempDir dir;
+    const struct {
+        const char *what;
+        std::vector<size_t> renamed;
+        bool read;
+    } cases[] = {
+        {"only in the hvcC", {m1, l1}, true},
+        {"only in the sample", {m2, l2}, true},
+        {"in neither", {m1, l1, m2, l2}, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string bytes = original;
+        for (size_t at : c.renamed) ++bytes[at + 2];  // 137 -> 138, 144 -> 145: types that mean something else
+        const Outcome r = sorvel({"probe", dir.file("moved.mp4", bytes), "--json"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["mastering_display"]["red_x"].integer(), c.read ? 34000 : 0);
+        EXPECT_EQ(video["content_light_level"]["max_fall"].integer(), c.read ? 400 : 0);
+        EXPECT_EQ(video["mastering_display"].kind, c.read ? Json::Object : Json::Null);
+    }
+}
+
 }  // namespace
