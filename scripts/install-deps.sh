@@ -20,9 +20,10 @@ declare -A why=(
     [libavformat-dev]="FFmpeg's demuxers, which the sorvel tool reads files with"
     [clang-format]="the format check (make format-check)"
     [git]="the format check lists the tracked files"
+    [groff-base]="the sorvel tests render its man page to check it for warnings"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
-    clang-format git)
+    clang-format git groff-base)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.
