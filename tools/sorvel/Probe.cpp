@@ -9,8 +9,11 @@
 #include <map>
 
 #include "Commands.h"
+#include "HdrMetadata.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeOther.h"
+#include "StreamDetails.h"
 
 namespace sorvel::tool {
 namespace {
@@ -258,6 +261,12 @@ std::string channelLayoutName(AudioChannelLayoutTag tag) {
 int runProbe(const ProbeOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error, false);
+    if (!source && (error.code == kExitNoVideo || error.code == kExitUnsupported)) {
+        // Video of another codec: described as far as the library can, rather than refused.
+        ToolError reopenError;
+        if (std::unique_ptr<MediaSource> other = MediaSource::openForDescription(options.file, reopenError))
+            return probeWithoutLibraryVideo(options, *other, error, kProbeSchemaVersion);
+    }
     if (!source) return reportError(error);
     source->keepAudioSamples(options.samples);
     const bool hasVideo = source->hasVideo();
@@ -265,6 +274,7 @@ int runProbe(const ProbeOptions &options) {
     const FourCharCode codec = source->codec();
     const int headerLength = source->nalUnitHeaderLength();
     VideoSummary summary;
+    HdrMetadata hdr;
     // The description of the first sample is the one reported: later
     // changes are counted.
     Ref<SVFormatDescriptionRef> description;
@@ -276,6 +286,7 @@ int runProbe(const ProbeOptions &options) {
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
         if (codec == kSVVideoCodecType_H264) countFieldOrder(sample.buffer.get(), summary);
+        collectHdrMetadata(sample.buffer.get(), codec, headerLength, hdr);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -292,6 +303,7 @@ int runProbe(const ProbeOptions &options) {
     }
     if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
     summary.reorderDepth = reorderDepth(summary.rows);
+    if (hasVideo) collectHdrMetadata(description.get(), codec, hdr);
     if (hasVideo && !description) {
         return reportError({source->problem() ? source->problem()->code : kExitTruncated,
                             format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
@@ -324,6 +336,7 @@ int runProbe(const ProbeOptions &options) {
     const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
     const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
+    const StreamDetails details = videoDetails(*source);
 
     if (options.json) {
         JsonWriter json(stdout);
@@ -367,6 +380,8 @@ int runProbe(const ProbeOptions &options) {
             json.integer("field_count", fieldCount);
             json.string("field_detail", fieldCount > 1 ? fields.words : "");
             json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
+            writeStreamDetails(json, details);
+            writeHdrMetadata(json, hdr);
             json.integer("nal_unit_header_length", storedHeaderLength);
             json.beginArray("parameter_sets");
             for (const ParameterSet &set : sets) {
@@ -424,6 +439,7 @@ int runProbe(const ProbeOptions &options) {
             json.beginObject();
             json.integer("stream_index", track.streamIndex);
             json.string("codec", track.codecName);
+            json.string("profile", audioProfile(track));
             json.integer("packet_count", track.packetCount);
             json.number("duration",
                         track.bufferCount ? seconds(track.outputDuration) : track.endSeconds - track.startSeconds);
@@ -510,6 +526,8 @@ int runProbe(const ProbeOptions &options) {
                        fields.words.empty() ? "order not stated" : fields.words.c_str());
             else
                 printf("  Fields      progressive\n");
+            printStreamDetails(details);
+            printHdrMetadata(hdr);
             printf("  NAL length  %d bytes\n", storedHeaderLength);
             printf("  Parameter sets ");
             for (size_t i = 0; i < sets.size(); ++i)
@@ -536,6 +554,7 @@ int runProbe(const ProbeOptions &options) {
         }
         for (const AudioTrack &track : source->audioTracks()) {
             printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
+            if (const std::string profile = audioProfile(track); !profile.empty()) printf(" %s", profile.c_str());
             if (const AudioStreamBasicDescription *asbd =
                     SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
                 size_t layoutSize = 0, cookieSize = 0;
