@@ -20,6 +20,8 @@ SV_LOG_MODULE("Sorvel/Sources/SVFormatDescription");
 
 constexpr FourCharCode kAVC1 = 0x61766331;          // 'avc1'
 constexpr FourCharCode kHVC1 = 0x68766331;          // 'hvc1'
+constexpr FourCharCode kAVC3 = 0x61766333;          // 'avc3': parameter sets may also be in-band
+constexpr FourCharCode kHEV1 = 0x68657631;          // 'hev1'
 constexpr FourCharCode kUnknownImage = 0x7761743F;  // 'wat?'
 
 bool isVideo(SVFormatDescriptionRef desc) {
@@ -223,7 +225,9 @@ void splitAnnexB(const uint8_t *data, size_t size, std::vector<const uint8_t *> 
 
 OSStatus getParameterSetAtIndex(SVFormatDescriptionRef desc, FourCharCode subtype, size_t index,
                                 const uint8_t **pointerOut, size_t *sizeOut, size_t *countOut, int *headerLengthOut) {
-    if (!isVideo(desc) || desc->mediaSubType != subtype || index >= desc->video.parameterSetCount)
+    const FourCharCode other = subtype == kAVC1 ? kAVC3 : kHEV1;
+    if (!isVideo(desc) || (desc->mediaSubType != subtype && desc->mediaSubType != other) ||
+        index >= desc->video.parameterSetCount)
         return kSVFormatDescriptionError_InvalidParameter;
     if (pointerOut) *pointerOut = desc->video.parameterSets[index];
     if (sizeOut) *sizeOut = desc->video.parameterSetSizes[index];
@@ -308,6 +312,16 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
 }  // namespace
 
 namespace sorvel {
+
+OSStatus SVVideoFormatDescriptionCreateWithParameterSets(CFAllocatorRef allocator, FourCharCode subtype, int32_t width,
+                                                         int32_t height, CFDictionaryRef extensions, size_t count,
+                                                         const uint8_t *const *pointers, const size_t *sizes,
+                                                         int nalUnitHeaderLength,
+                                                         SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    *formatDescriptionOut = nullptr;
+    return createParameterSetDescription(allocator, subtype, width, height, extensions, count, pointers, sizes,
+                                         nalUnitHeaderLength, formatDescriptionOut);
+}
 
 void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVideoUsability &vui,
                                    uint32_t chromaFormatIdc, bool interlaced, const char *function, int line) {

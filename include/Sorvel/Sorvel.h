@@ -9,6 +9,7 @@
 #include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVClock.h>
 #include <Sorvel/SVFormatDescription.h>
+#include <Sorvel/SVSampleDescription.h>
 #include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVMetadata.h>
 #include <Sorvel/SVNALUnit.h>
