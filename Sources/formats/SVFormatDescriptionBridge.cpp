@@ -280,8 +280,8 @@ void readVisualFields(const uint8_t *e, CFMutableDictionaryRef ext) {
     sorvel::SVSetInt(ext, kSVFormatDescriptionExtension_FrameCount, SVReadBE16(e + 48));
     const size_t nameLength = std::min<size_t>(e[50], 31);
     if (nameLength) {
-        CFStringRef name = CFStringCreateWithBytes(kCFAllocatorDefault, e + 51, CFIndex(nameLength),
-                                                   kCFStringEncodingMacRoman, false);
+        CFStringRef name =
+            CFStringCreateWithBytes(kCFAllocatorDefault, e + 51, CFIndex(nameLength), kCFStringEncodingMacRoman, false);
         if (name) {
             CFDictionarySetValue(ext, kSVFormatDescriptionExtension_CompressorName, name);
             CFRelease(name);
@@ -446,7 +446,8 @@ bool SVIsVideoFormatCode(FourCharCode code) {
 }
 
 CFDataRef SVGetAtomPayload(SVFormatDescriptionRef desc, const char *code) {
-    CFTypeRef atoms = SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
+    CFTypeRef atoms =
+        SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
     if (!atoms || CFGetTypeID(atoms) != CFDictionaryGetTypeID()) return nullptr;
     CFStringRef key = CFStringCreateWithCString(kCFAllocatorDefault, code, kCFStringEncodingASCII);
     if (!key) return nullptr;
@@ -458,7 +459,8 @@ CFDataRef SVGetAtomPayload(SVFormatDescriptionRef desc, const char *code) {
 }
 
 void SVWriteRemainingAtoms(SVFormatDescriptionRef desc, const std::vector<FourCharCode> &skip, SVByteWriter &out) {
-    CFTypeRef atoms = SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
+    CFTypeRef atoms =
+        SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
     if (!atoms || CFGetTypeID(atoms) != CFDictionaryGetTypeID()) return;
     CFDictionaryRef dict = static_cast<CFDictionaryRef>(atoms);
     const CFIndex count = CFDictionaryGetCount(dict);
@@ -496,23 +498,24 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
     // The parameter sets' view first, so that the atoms can override it.
     ParameterSets sets;
     SVFormatDescriptionRef derived = nullptr;
-    const SVAtom *record = avc ? SVFindAtom(r.atoms, SVFourCC("avcC")) : hevc ? SVFindAtom(r.atoms, SVFourCC("hvcC"))
-                                                                               : nullptr;
+    const SVAtom *record = avc    ? SVFindAtom(r.atoms, SVFourCC("avcC"))
+                           : hevc ? SVFindAtom(r.atoms, SVFourCC("hvcC"))
+                                  : nullptr;
     if (record) {
         const char *why = "";
         if (!(avc ? splitAVCC(record->payload, record->size, sets, why)
                   : splitHVCC(record->payload, record->size, sets, why)))
             return badAtom(r.function, why);
         if (hasSPS(sets, hevc)) {
-            const OSStatus status =
-                avc ? SVVideoFormatDescriptionCreateFromH264ParameterSets(kCFAllocatorDefault, sets.pointers.size(),
-                                                                          sets.pointers.data(), sets.sizes.data(),
-                                                                          sets.nalUnitHeaderLength, &derived)
-                    : SVVideoFormatDescriptionCreateFromHEVCParameterSets(kCFAllocatorDefault, sets.pointers.size(),
-                                                                          sets.pointers.data(), sets.sizes.data(),
-                                                                          sets.nalUnitHeaderLength, nullptr, &derived);
+            const OSStatus status = avc ? SVVideoFormatDescriptionCreateFromH264ParameterSets(
+                                              kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
+                                              sets.sizes.data(), sets.nalUnitHeaderLength, &derived)
+                                        : SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+                                              kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
+                                              sets.sizes.data(), sets.nalUnitHeaderLength, nullptr, &derived);
             if (status == kSVFormatDescriptionError_AllocationFailed) return kSVSampleDescriptionError_AllocationFailed;
-            if (status != 0) return badAtom(r.function, "the decoder configuration record's parameter sets are unusable");
+            if (status != 0)
+                return badAtom(r.function, "the decoder configuration record's parameter sets are unusable");
         }
     }
     CFReleaser derivedGuard{derived};
@@ -634,10 +637,9 @@ CFDataRef createRecordFromParameterSets(SVFormatDescriptionRef desc, bool hevc) 
     const uint8_t *first = nullptr;
     size_t firstSize = 0, count = 0;
     int headerLength = 0;
-    OSStatus status = hevc ? SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, 0, &first, &firstSize, &count,
-                                                                                &headerLength)
-                           : SVVideoFormatDescriptionGetH264ParameterSetAtIndex(desc, 0, &first, &firstSize, &count,
-                                                                                &headerLength);
+    OSStatus status =
+        hevc ? SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, 0, &first, &firstSize, &count, &headerLength)
+             : SVVideoFormatDescriptionGetH264ParameterSetAtIndex(desc, 0, &first, &firstSize, &count, &headerLength);
     if (status) return nullptr;
     std::vector<const uint8_t *> pointers(count);
     std::vector<size_t> sizes(count);
@@ -740,7 +742,8 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
         icc && CFGetTypeID(icc) == CFDataGetTypeID()) {
         SVByteWriter colr;
         colr.u32(SVFourCC("prof"));
-        colr.append(CFDataGetBytePtr(static_cast<CFDataRef>(icc)), size_t(CFDataGetLength(static_cast<CFDataRef>(icc))));
+        colr.append(CFDataGetBytePtr(static_cast<CFDataRef>(icc)),
+                    size_t(CFDataGetLength(static_cast<CFDataRef>(icc))));
         w.atom(SVFourCC("colr"), colr.bytes);
     } else {
         CFStringRef primaries = stringExtension(desc, kCVImageBufferColorPrimariesKey);
@@ -758,10 +761,11 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
             colr.u16(uint32_t(SVColorPrimariesGetIntegerCodePointForString(primaries)));
             colr.u16(uint32_t(transferCode));
             colr.u16(uint32_t(SVYCbCrMatrixGetIntegerCodePointForString(matrix)));
-            if (iso) colr.u8(range && CFGetTypeID(range) == CFBooleanGetTypeID() &&
-                                     CFBooleanGetValue(static_cast<CFBooleanRef>(range))
-                                 ? 0x80
-                                 : 0);
+            if (iso)
+                colr.u8(range && CFGetTypeID(range) == CFBooleanGetTypeID() &&
+                                CFBooleanGetValue(static_cast<CFBooleanRef>(range))
+                            ? 0x80
+                            : 0);
             w.atom(SVFourCC("colr"), colr.bytes);
         }
     }
@@ -828,7 +832,8 @@ Family flavorFamily(CFStringRef flavor, SVMediaType mediaType, bool *version2) {
     if (CFGetTypeID(flavor) != CFStringGetTypeID()) return Family::Invalid;
     if (mediaType == kSVMediaType_Video) {
         if (CFEqual(flavor, kSVImageDescriptionFlavor_QuickTimeMovie)) return Family::QuickTime;
-        if (CFEqual(flavor, kSVImageDescriptionFlavor_ISOFamily) || CFEqual(flavor, kSVImageDescriptionFlavor_3GPFamily))
+        if (CFEqual(flavor, kSVImageDescriptionFlavor_ISOFamily) ||
+            CFEqual(flavor, kSVImageDescriptionFlavor_3GPFamily))
             return Family::ISO;
     } else if (mediaType == kSVMediaType_Audio) {
         if (CFEqual(flavor, kSVSoundDescriptionFlavor_QuickTimeMovie)) return Family::QuickTime;
@@ -836,7 +841,8 @@ Family flavorFamily(CFStringRef flavor, SVMediaType mediaType, bool *version2) {
             *version2 = true;
             return Family::QuickTime;
         }
-        if (CFEqual(flavor, kSVSoundDescriptionFlavor_ISOFamily) || CFEqual(flavor, kSVSoundDescriptionFlavor_3GPFamily))
+        if (CFEqual(flavor, kSVSoundDescriptionFlavor_ISOFamily) ||
+            CFEqual(flavor, kSVSoundDescriptionFlavor_3GPFamily))
             return Family::ISO;
     }
     return Family::Invalid;
@@ -941,15 +947,15 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
         }
         atomsAt = version == 0 ? 36 : version == 1 ? 52 : 72;
         if (size < atomsAt) {
-            SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version,
-                   int(atomsAt), size);
+            SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt),
+                   size);
             return kSVSampleDescriptionError_Truncated;
         }
     } else {
         // A palette follows an ID of 0 at the palette depths.
         const unsigned depth = SVReadBE16(bytes + 82);
-        if (SVReadBE16(bytes + 84) == 0 && (depth == 1 || depth == 2 || depth == 4 || depth == 8 ||
-                                            (depth >= 33 && depth <= 40))) {
+        if (SVReadBE16(bytes + 84) == 0 &&
+            (depth == 1 || depth == 2 || depth == 4 || depth == 8 || (depth >= 33 && depth <= 40))) {
             if (size - atomsAt < 8) {
                 SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
                 return kSVSampleDescriptionError_Truncated;

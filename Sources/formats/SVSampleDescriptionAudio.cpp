@@ -331,9 +331,10 @@ OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMu
     if (const SVAtom *chan = SVFindAtom(atoms, SVFourCC("chan")))
         if (OSStatus status = readChannelLayout(*chan, layout, r.function)) return status;
 
-    const OSStatus status = SVAudioFormatDescriptionCreate(
-        allocator, &asbd, layout.size(), layout.empty() ? nullptr : reinterpret_cast<AudioChannelLayout *>(layout.data()),
-        cookie.size(), cookie.empty() ? nullptr : cookie.data(), ext, out);
+    const OSStatus status =
+        SVAudioFormatDescriptionCreate(allocator, &asbd, layout.size(),
+                                       layout.empty() ? nullptr : reinterpret_cast<AudioChannelLayout *>(layout.data()),
+                                       cookie.size(), cookie.empty() ? nullptr : cookie.data(), ext, out);
     return status == 0 ? 0 : kSVSampleDescriptionError_AllocationFailed;
 }
 
@@ -421,7 +422,8 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
     if (isAAC(id) || id == kAudioFormatMPEGLayer3) {
         regenerated.push_back(SVFourCC("esds"));
         regenerated.push_back(SVFourCC("wave"));
-        const std::vector<uint8_t> esds = isAAC(id) ? buildESDS(0x40, cookie, cookieSize, 0) : buildESDS(0x6B, nullptr, 0, 0);
+        const std::vector<uint8_t> esds =
+            isAAC(id) ? buildESDS(0x40, cookie, cookieSize, 0) : buildESDS(0x6B, nullptr, 0, 0);
         w.atom(SVFourCC("esds"), esds);
     } else if (id == kALAC && cookieSize >= 24) {
         regenerated.push_back(kALAC);
@@ -434,7 +436,8 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
         regenerated.push_back(SVFourCC("wave"));
     }
     if (!iso && layout && layoutSize >= offsetof(AudioChannelLayout, mChannelDescriptions)) {
-        const size_t fit = (layoutSize - offsetof(AudioChannelLayout, mChannelDescriptions)) / sizeof(AudioChannelDescription);
+        const size_t fit =
+            (layoutSize - offsetof(AudioChannelLayout, mChannelDescriptions)) / sizeof(AudioChannelDescription);
         const uint32_t count = uint32_t(std::min<size_t>(layout->mNumberChannelDescriptions, fit));
         SVByteWriter chan;
         chan.u32(0);
@@ -443,8 +446,9 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
         chan.u32(count);
         for (uint32_t i = 0; i < count; ++i) {
             AudioChannelDescription d;
-            std::memcpy(&d, reinterpret_cast<const uint8_t *>(layout) + offsetof(AudioChannelLayout, mChannelDescriptions) +
-                                i * sizeof d,
+            std::memcpy(&d,
+                        reinterpret_cast<const uint8_t *>(layout) + offsetof(AudioChannelLayout, mChannelDescriptions) +
+                            i * sizeof d,
                         sizeof d);
             chan.u32(d.mChannelLabel);
             chan.u32(d.mChannelFlags);

@@ -28,9 +28,7 @@ struct Table {
     void code(int value, CFStringRef string) { byCode[size_t(value)] = string; }
     void string(CFStringRef string, int value) { byString[stringCount++] = {value, string}; }
 
-    CFStringRef find(int value) const {
-        return value >= 0 && value < kCodeCount ? byCode[size_t(value)] : nullptr;
-    }
+    CFStringRef find(int value) const { return value >= 0 && value < kCodeCount ? byCode[size_t(value)] : nullptr; }
     int find(CFStringRef string) const {
         if (!string || CFGetTypeID(string) != CFStringGetTypeID()) return kUnspecified;
         for (size_t i = 0; i < stringCount; ++i)
@@ -63,8 +61,8 @@ struct Tables {
         primaries.string(kSVFormatDescriptionColorPrimaries_P22, 22);
 
         transfer.code(1, kCVImageBufferTransferFunction_ITU_R_709_2);
-        transfer.code(4, kCVImageBufferTransferFunction_UseGamma);  // gamma 2.2
-        transfer.code(5, kCVImageBufferTransferFunction_UseGamma);  // gamma 2.8
+        transfer.code(4, kCVImageBufferTransferFunction_UseGamma);     // gamma 2.2
+        transfer.code(5, kCVImageBufferTransferFunction_UseGamma);     // gamma 2.8
         transfer.code(6, kCVImageBufferTransferFunction_ITU_R_709_2);  // 601 uses the 709 curve
         transfer.code(7, kCVImageBufferTransferFunction_SMPTE_240M_1995);
         transfer.code(8, kCVImageBufferTransferFunction_Linear);

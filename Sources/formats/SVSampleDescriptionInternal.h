@@ -20,11 +20,15 @@ constexpr FourCharCode SVFourCC(const char (&text)[5]) {
            FourCharCode(uint8_t(text[2])) << 8 | FourCharCode(uint8_t(text[3]));
 }
 
-inline uint16_t SVReadBE16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+inline uint16_t SVReadBE16(const uint8_t *p) {
+    return uint16_t(p[0] << 8 | p[1]);
+}
 inline uint32_t SVReadBE32(const uint8_t *p) {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
 }
-inline uint64_t SVReadBE64(const uint8_t *p) { return uint64_t(SVReadBE32(p)) << 32 | SVReadBE32(p + 4); }
+inline uint64_t SVReadBE64(const uint8_t *p) {
+    return uint64_t(SVReadBE32(p)) << 32 | SVReadBE32(p + 4);
+}
 
 // Appends big-endian fields to a growing byte vector.
 struct SVByteWriter {

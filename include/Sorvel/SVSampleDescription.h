@@ -99,7 +99,6 @@
 
 #include <Sorvel/SVBase.h>
 #include <Sorvel/SVFormatDescription.h>
-
 #include <stddef.h>
 #include <stdint.h>
 
@@ -140,15 +139,14 @@ enum {
  * sound flavours for sound, or NULL to infer it.  Returns 0 or a status
  * above (every failure is logged at level 3). */
 SV_EXPORT OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SVMediaType mediaType,
-                                                              const uint8_t *bytes, size_t length,
-                                                              CFStringRef flavor,
+                                                              const uint8_t *bytes, size_t length, CFStringRef flavor,
                                                               SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 
 /* Writes a video or audio description as one sample entry of the flavour
  * (see above) into a new CFData in *dataOut (set to NULL first). */
 SV_EXPORT OSStatus SVSampleDescriptionCopyAsBigEndianData(CFAllocatorRef allocator,
-                                                          SVFormatDescriptionRef formatDescription,
-                                                          CFStringRef flavor, CFDataRef *dataOut) SV_NOEXCEPT;
+                                                          SVFormatDescriptionRef formatDescription, CFStringRef flavor,
+                                                          CFDataRef *dataOut) SV_NOEXCEPT;
 
 /* The same bytes in a new contiguous block buffer in *blockBufferOut. */
 SV_EXPORT OSStatus SVSampleDescriptionCopyAsBigEndianBlockBuffer(CFAllocatorRef allocator,

@@ -9,11 +9,11 @@
 #include <Sorvel/SVBufferQueue.h>
 #include <Sorvel/SVClock.h>
 #include <Sorvel/SVFormatDescription.h>
-#include <Sorvel/SVSampleDescription.h>
 #include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVMetadata.h>
 #include <Sorvel/SVNALUnit.h>
 #include <Sorvel/SVSampleBuffer.h>
+#include <Sorvel/SVSampleDescription.h>
 #include <Sorvel/SVSimpleQueue.h>
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTime.h>

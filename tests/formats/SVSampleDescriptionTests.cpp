@@ -27,7 +27,9 @@ Bytes entry(const std::string &name) {
     return bytes;
 }
 
-bool isMov(const std::string &name) { return name.find(".mov") != std::string::npos; }
+bool isMov(const std::string &name) {
+    return name.find(".mov") != std::string::npos;
+}
 
 struct Description {
     SVFormatDescriptionRef desc = nullptr;
@@ -52,7 +54,9 @@ Bytes write(SVFormatDescriptionRef desc, CFStringRef flavor, OSStatus *status = 
     return bytes;
 }
 
-CFTypeRef ext(SVFormatDescriptionRef desc, CFStringRef key) { return SVFormatDescriptionGetExtension(desc, key); }
+CFTypeRef ext(SVFormatDescriptionRef desc, CFStringRef key) {
+    return SVFormatDescriptionGetExtension(desc, key);
+}
 
 int64_t number(CFTypeRef value) {
     int64_t v = -999;
@@ -68,7 +72,9 @@ double real(CFTypeRef value) {
     return v;
 }
 
-bool same(CFTypeRef a, CFTypeRef b) { return a == b || (a && b && CFEqual(a, b)); }
+bool same(CFTypeRef a, CFTypeRef b) {
+    return a == b || (a && b && CFEqual(a, b));
+}
 
 // Child atoms of a visual or sound entry, to rebuild it with changes.
 struct Parts {
@@ -112,15 +118,13 @@ Bytes &atom(Parts &parts, const std::string &code) {
     return parts.atoms.back().second;
 }
 
-const char *const kVideo[] = {"apch_hlg_tb.mov",       "apcn_bt709.mov",        "avc1_bff.mov",
-                              "avc1_bt470bg.mp4",      "avc1_bt709_full.mp4",   "avc1_bt709_sar40x33.mov",
-                              "avc1_tff_170m.mov",     "avc3_plain.mp4",        "hev1_sar16x11.mov",
-                              "hvc1_pq.mp4",           "mp4v_plain.mp4",        "mp4v_sar.mov",
-                              "raw_2vuy.mov"};
-const char *const kAudio[] = {"aac_48k_mono.mp4", "aac_48k_stereo.mov", "aac_51.m4a",    "ac3.mov",
-                              "ac3.mp4",          "alac.m4a",           "alac.mov",      "mp3.mp4",
-                              "pcm_96k.mov",      "pcm_f32le.mov",      "pcm_s16be.mov", "pcm_s16le.mov",
-                              "pcm_s24le.mov",    "ulaw.mov"};
+const char *const kVideo[] = {
+    "apch_hlg_tb.mov",         "apcn_bt709.mov",    "avc1_bff.mov",   "avc1_bt470bg.mp4",  "avc1_bt709_full.mp4",
+    "avc1_bt709_sar40x33.mov", "avc1_tff_170m.mov", "avc3_plain.mp4", "hev1_sar16x11.mov", "hvc1_pq.mp4",
+    "mp4v_plain.mp4",          "mp4v_sar.mov",      "raw_2vuy.mov"};
+const char *const kAudio[] = {"aac_48k_mono.mp4", "aac_48k_stereo.mov", "aac_51.m4a",    "ac3.mov",     "ac3.mp4",
+                              "alac.m4a",         "alac.mov",           "mp3.mp4",       "pcm_96k.mov", "pcm_f32le.mov",
+                              "pcm_s16be.mov",    "pcm_s16le.mov",      "pcm_s24le.mov", "ulaw.mov"};
 
 // ---- round trips -------------------------------------------------------------
 
@@ -139,10 +143,9 @@ TEST(SVSampleDescription, RealEntriesRoundTripByteForByte) {
             EXPECT_EQ(ext(d.desc, kSVFormatDescriptionExtension_VerbatimSampleDescription) != nullptr, mov);
             EXPECT_EQ(ext(d.desc, kSVFormatDescriptionExtension_VerbatimISOSampleEntry) != nullptr, !mov);
             EXPECT_EQ(write(d.desc, nullptr), bytes);
-            CFStringRef flavor = pass == 0 ? (mov ? kSVImageDescriptionFlavor_QuickTimeMovie
-                                                  : kSVImageDescriptionFlavor_ISOFamily)
-                                           : (mov ? kSVSoundDescriptionFlavor_QuickTimeMovie
-                                                  : kSVSoundDescriptionFlavor_ISOFamily);
+            CFStringRef flavor =
+                pass == 0 ? (mov ? kSVImageDescriptionFlavor_QuickTimeMovie : kSVImageDescriptionFlavor_ISOFamily)
+                          : (mov ? kSVSoundDescriptionFlavor_QuickTimeMovie : kSVSoundDescriptionFlavor_ISOFamily);
             EXPECT_EQ(write(d.desc, flavor), bytes);
             // an explicit flavour reads exactly as the inferred one
             Description e;
@@ -155,7 +158,10 @@ TEST(SVSampleDescription, RealEntriesRoundTripByteForByte) {
             // every child atom is kept whole, keyed by its code
             CFTypeRef atoms = ext(d.desc, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
             ASSERT_TRUE(atoms && CFGetTypeID(atoms) == CFDictionaryGetTypeID());
-            for (auto &[code, payload] : split(bytes, pass == 0 ? 86 : (bytes[17] == 0 ? 36 : bytes[17] == 1 ? 52 : 72))
+            for (auto &[code, payload] : split(bytes, pass == 0 ? 86
+                                                                : (bytes[17] == 0   ? 36
+                                                                   : bytes[17] == 1 ? 52
+                                                                                    : 72))
                                              .atoms) {
                 CFStringRef key = CFStringCreateWithCString(nullptr, code.c_str(), kCFStringEncodingASCII);
                 CFTypeRef value = CFDictionaryGetValue(static_cast<CFDictionaryRef>(atoms), key);
@@ -416,10 +422,10 @@ TEST(SVSampleDescription, ParameterSetsMatchTheCreatorsAndGettersAnswerForInBand
             EXPECT_TRUE(same(ext(d.desc, key), ext(created.desc, key)));
         }
         // the wrong codec family still refuses
-        EXPECT_EQ(hevc ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex(d.desc, 0, nullptr, nullptr, nullptr, nullptr)
-                       : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(d.desc, 0, nullptr, nullptr, nullptr,
-                                                                             nullptr),
-                  kSVFormatDescriptionError_InvalidParameter);
+        EXPECT_EQ(
+            hevc ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex(d.desc, 0, nullptr, nullptr, nullptr, nullptr)
+                 : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(d.desc, 0, nullptr, nullptr, nullptr, nullptr),
+            kSVFormatDescriptionError_InvalidParameter);
     }
 }
 
@@ -561,23 +567,24 @@ TEST(SVSampleDescription, BadEntriesGiveStatusesAndLogLines) {
         {"pasp 0:0", kSVMediaType_Video, withAtom("pasp", Bytes(8, 0)), kSVSampleDescriptionError_BadAtom,
          "zero spacing"},
         {"clap zero denominator", kSVMediaType_Video,
-         withAtom("clap", {0, 0, 0, 160, 0, 0, 0, 1, 0, 0, 0, 120, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0,
-                           0, 1}),
+         withAtom("clap",
+                  {0, 0, 0, 160, 0, 0, 0, 1, 0, 0, 0, 120, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}),
          kSVSampleDescriptionError_BadAtom, "zero denominator"},
         {"fiel count 3", kSVMediaType_Video, withAtom("fiel", {3, 0}), kSVSampleDescriptionError_BadAtom,
          "field count"},
         {"avcC cut short", kSVMediaType_Video, withAtom("avcC", {1, 100, 0, 30, 0xFF, 0xE1, 0, 40, 0x67}),
          kSVSampleDescriptionError_BadAtom, "past the end"},
-        {"avcC with a broken SPS", kSVMediaType_Video, withAtom("avcC", {1, 100, 0, 30, 0xFF, 0xE1, 0, 2, 0x67, 0xFF, 0}),
-         kSVSampleDescriptionError_BadAtom, "unusable"},
+        {"avcC with a broken SPS", kSVMediaType_Video,
+         withAtom("avcC", {1, 100, 0, 30, 0xFF, 0xE1, 0, 2, 0x67, 0xFF, 0}), kSVSampleDescriptionError_BadAtom,
+         "unusable"},
         {"esds size of five bytes", kSVMediaType_Audio, bigESDS, kSVSampleDescriptionError_BadAtom,
          "longer than four bytes"},
-        {"sound version 3", kSVMediaType_Audio, changed(sound, 16, 0x00030000), kSVSampleDescriptionError_UnsupportedVersion,
-         "version 3"},
+        {"sound version 3", kSVMediaType_Audio, changed(sound, 16, 0x00030000),
+         kSVSampleDescriptionError_UnsupportedVersion, "version 3"},
         {"sound version 1 cut short", kSVMediaType_Audio, changed(changed(sound, 16, 0x00010000), 0, 40),
          kSVSampleDescriptionError_Truncated, "needs 52 bytes"},
-        {"sound read as video", kSVMediaType_Video, Bytes(entry("alac.mov")), kSVSampleDescriptionError_MediaTypeMismatch,
-         "is not a video format"},
+        {"sound read as video", kSVMediaType_Video, Bytes(entry("alac.mov")),
+         kSVSampleDescriptionError_MediaTypeMismatch, "is not a video format"},
         {"video read as sound", kSVMediaType_Audio, video, kSVSampleDescriptionError_MediaTypeMismatch,
          "is not a sound format"},
         {"text", kSVMediaType_Text, video, kSVSampleDescriptionError_InvalidParameter, "has no sample description"},
@@ -601,18 +608,18 @@ TEST(SVSampleDescription, EveryTruncationFailsCleanly) {
     // Each prefix of each real entry, with the size field either left alone
     // (pointing past the end) or set to the prefix's length.
     LogCapture quiet(0);
-    for (const char *name : {"avc1_bt709_sar40x33.mov", "hvc1_pq.mp4", "aac_48k_stereo.mov", "pcm_96k.mov",
-                             "raw_2vuy.mov", "alac.mov"}) {
+    for (const char *name :
+         {"avc1_bt709_sar40x33.mov", "hvc1_pq.mp4", "aac_48k_stereo.mov", "pcm_96k.mov", "raw_2vuy.mov", "alac.mov"}) {
         const Bytes bytes = entry(name);
-        const SVMediaType type = (name[0] == 'a' && name[1] != 'v') || name[0] == 'p' ? kSVMediaType_Audio
-                                                                                    : kSVMediaType_Video;
+        const SVMediaType type =
+            (name[0] == 'a' && name[1] != 'v') || name[0] == 'p' ? kSVMediaType_Audio : kSVMediaType_Video;
         for (size_t n = 0; n < bytes.size(); ++n) {
             for (int resize = 0; resize < 2; ++resize) {
                 Bytes prefix(bytes.begin(), bytes.begin() + long(n));
                 if (resize && n >= 4) put32(prefix, 0, uint32_t(n));
                 SVFormatDescriptionRef out = nullptr;
-                const OSStatus status = SVSampleDescriptionCreateFormatDescription(
-                    nullptr, type, prefix.data(), prefix.size(), nullptr, &out);
+                const OSStatus status = SVSampleDescriptionCreateFormatDescription(nullptr, type, prefix.data(),
+                                                                                   prefix.size(), nullptr, &out);
                 if (!resize) EXPECT_NE(status, 0) << name << " " << n;
                 if (out) CFRelease(out);
             }
@@ -738,9 +745,9 @@ TEST(SVSampleDescriptionColorTables, ConstantsToCodePoints) {
     EXPECT_EQ(SVTransferFunctionGetIntegerCodePointForString(nullptr), 2);
     EXPECT_EQ(SVYCbCrMatrixGetIntegerCodePointForString(kCVImageBufferColorPrimaries_ITU_R_709_2), 2);
     // equal strings made elsewhere are found by value
-    CFStringRef copy = CFStringCreateWithCString(nullptr, CFStringGetCStringPtr(kCVImageBufferTransferFunction_ITU_R_2100_HLG,
-                                                                               kCFStringEncodingUTF8),
-                                                 kCFStringEncodingUTF8);
+    CFStringRef copy = CFStringCreateWithCString(
+        nullptr, CFStringGetCStringPtr(kCVImageBufferTransferFunction_ITU_R_2100_HLG, kCFStringEncodingUTF8),
+        kCFStringEncodingUTF8);
     ASSERT_TRUE(copy);
     EXPECT_EQ(SVTransferFunctionGetIntegerCodePointForString(copy), 18);
     CFRelease(copy);
