@@ -319,8 +319,8 @@ bool SVWalkAtoms(const uint8_t *begin, const uint8_t *end, std::vector<SVAtom> &
         const FourCharCode code = SVReadBE32(p + 4);
         if (size == 0 && code == 0) return true;  // 8-byte terminator
         if (size < 8 || size > left) {
-            SV_LOG(3, function, __LINE__, "Bad sample description atom: '%c%c%c%c' has size %u with %d bytes left",
-                   char(code >> 24), char(code >> 16), char(code >> 8), char(code), size, int(left));
+            SV_LOG(3, function, __LINE__, "Bad sample description atom: '%s' has size %u with %d bytes left",
+                   SVCodeText(code).text, size, int(left));
             return false;
         }
         atoms.push_back({code, p + 8, size - 8});
@@ -934,8 +934,8 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
     }
     sorvel::SVEntryReader r{kFunction, bytes, size, SVReadBE32(bytes + 4), false, {}};
     if (video ? sorvel::SVIsAudioFormatCode(r.format) : sorvel::SVIsVideoFormatCode(r.format)) {
-        SV_LOG(3, kFunction, __LINE__, "'%c%c%c%c' is not a %s format", char(r.format >> 24), char(r.format >> 16),
-               char(r.format >> 8), char(r.format), video ? "video" : "sound");
+        SV_LOG(3, kFunction, __LINE__, "'%s' is not a %s format", sorvel::SVCodeText(r.format).text,
+               video ? "video" : "sound");
         return kSVSampleDescriptionError_MediaTypeMismatch;
     }
     size_t atomsAt = fixedSize;

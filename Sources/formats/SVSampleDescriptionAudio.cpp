@@ -205,9 +205,12 @@ bool isQuickTimePCM(FourCharCode f) {
 namespace sorvel {
 
 bool SVIsAudioFormatCode(FourCharCode f) {
-    return isQuickTimePCM(f) || f == kMP4A || f == kALAC || f == kAC3 || f == SVFourCC("ec-3") ||
-           f == SVFourCC("ulaw") || f == SVFourCC("alaw") || f == SVFourCC("Opus") || f == SVFourCC("fLaC") ||
-           f == SVFourCC("samr") || f == SVFourCC("ipcm") || f == SVFourCC("fpcm") || f == SVFourCC(".mp3");
+    // 'raw ' names uncompressed video as well as 8-bit sound, so it proves
+    // nothing about the media type.
+    return (isQuickTimePCM(f) && f != SVFourCC("raw ")) || f == kMP4A || f == kALAC || f == kAC3 ||
+           f == SVFourCC("ec-3") || f == SVFourCC("ulaw") || f == SVFourCC("alaw") || f == SVFourCC("Opus") ||
+           f == SVFourCC("fLaC") || f == SVFourCC("samr") || f == SVFourCC("ipcm") || f == SVFourCC("fpcm") ||
+           f == SVFourCC(".mp3");
 }
 
 bool SVAudioEntryLooksQuickTime(const uint8_t *e, size_t, FourCharCode format) {
@@ -302,6 +305,9 @@ OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMu
         }
         asbd.mFramesPerPacket = 1536;
         asbd.mBytesPerPacket = 0;
+        bits = 0;
+    } else if (f == SVFourCC("ec-3")) {
+        asbd.mFramesPerPacket = 1536;
         bits = 0;
     } else if (isQuickTimePCM(f)) {
         asbd.mFormatID = kLPCM;

@@ -57,6 +57,19 @@ struct SVByteWriter {
     void atom(FourCharCode code, const std::vector<uint8_t> &payload) { atom(code, payload.data(), payload.size()); }
 };
 
+// A code as text for a log line; bytes outside printable ASCII become '?'
+// (a NUL would end the line early).
+struct SVCodeText {
+    char text[5];
+    explicit SVCodeText(FourCharCode code) {
+        for (int i = 0; i < 4; ++i) {
+            const char c = char(code >> (24 - 8 * i));
+            text[i] = c >= 0x20 && c < 0x7F ? c : '?';
+        }
+        text[4] = 0;
+    }
+};
+
 // One child atom: its code and where its payload lies in the entry.
 struct SVAtom {
     FourCharCode code;

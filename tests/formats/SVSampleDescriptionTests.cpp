@@ -8,7 +8,9 @@
 #include <Sorvel/SVSampleDescription.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -21,10 +23,21 @@ namespace {
 using sorvel_test::Bytes;
 using sorvel_test::LogCapture;
 
+// Entries live in entries/video/ and entries/sound/.
 Bytes entry(const std::string &name) {
-    Bytes bytes = sorvel_test::readFile("entries/" + name + ".entry");
+    Bytes bytes = sorvel_test::readFile("entries/video/" + name + ".entry");
+    if (bytes.empty()) bytes = sorvel_test::readFile("entries/sound/" + name + ".entry");
     EXPECT_FALSE(bytes.empty()) << name;
     return bytes;
+}
+
+std::vector<std::string> entryNames(const char *folder) {
+    std::vector<std::string> names;
+    for (const auto &file :
+         std::filesystem::directory_iterator(sorvel_test::dataPath(std::string("entries/") + folder)))
+        names.push_back(file.path().stem().string());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool isMov(const std::string &name) {
@@ -118,20 +131,13 @@ Bytes &atom(Parts &parts, const std::string &code) {
     return parts.atoms.back().second;
 }
 
-const char *const kVideo[] = {
-    "apch_hlg_tb.mov",         "apcn_bt709.mov",    "avc1_bff.mov",   "avc1_bt470bg.mp4",  "avc1_bt709_full.mp4",
-    "avc1_bt709_sar40x33.mov", "avc1_tff_170m.mov", "avc3_plain.mp4", "hev1_sar16x11.mov", "hvc1_pq.mp4",
-    "mp4v_plain.mp4",          "mp4v_sar.mov",      "raw_2vuy.mov"};
-const char *const kAudio[] = {"aac_48k_mono.mp4", "aac_48k_stereo.mov", "aac_51.m4a",    "ac3.mov",     "ac3.mp4",
-                              "alac.m4a",         "alac.mov",           "mp3.mp4",       "pcm_96k.mov", "pcm_f32le.mov",
-                              "pcm_s16be.mov",    "pcm_s16le.mov",      "pcm_s24le.mov", "ulaw.mov"};
-
 // ---- round trips -------------------------------------------------------------
 
 TEST(SVSampleDescription, RealEntriesRoundTripByteForByte) {
     for (int pass = 0; pass < 2; ++pass) {
-        for (const char *name : pass == 0 ? std::vector<const char *>(std::begin(kVideo), std::end(kVideo))
-                                          : std::vector<const char *>(std::begin(kAudio), std::end(kAudio))) {
+        const std::vector<std::string> names = entryNames(pass == 0 ? "video" : "sound");
+        EXPECT_GE(names.size(), 20u);
+        for (const std::string &name : names) {
             SCOPED_TRACE(name);
             const SVMediaType type = pass == 0 ? kSVMediaType_Video : kSVMediaType_Audio;
             const Bytes bytes = entry(name);
@@ -139,7 +145,7 @@ TEST(SVSampleDescription, RealEntriesRoundTripByteForByte) {
             ASSERT_EQ(read(bytes, type, &d.desc), 0);
             EXPECT_EQ(SVFormatDescriptionGetMediaType(d.desc), type);
             // the flavour inferred is the container's
-            const bool mov = isMov(name);
+            const bool mov = isMov(name);  // .mp4, .m4a and .3gp entries are ISO
             EXPECT_EQ(ext(d.desc, kSVFormatDescriptionExtension_VerbatimSampleDescription) != nullptr, mov);
             EXPECT_EQ(ext(d.desc, kSVFormatDescriptionExtension_VerbatimISOSampleEntry) != nullptr, !mov);
             EXPECT_EQ(write(d.desc, nullptr), bytes);
@@ -220,11 +226,16 @@ TEST(SVSampleDescription, VideoExtensionsOfRealEntries) {
         // a generic codec without 'colr' gets no colour at all
         {"mp4v_plain.mp4", nullptr, nullptr, nullptr, -1, 1, 1, -999, nullptr},
         {"mp4v_sar.mov", nullptr, nullptr, nullptr, -1, 12, 11, -999, nullptr},
+        {"prores_bb.mov", nullptr, nullptr, nullptr, -1, 1, 1, 2, kCVImageBufferFieldDetailTemporalBottomFirst},
+        {"prores_bt.mov", nullptr, nullptr, nullptr, -1, 10, 11, 2, kCVImageBufferFieldDetailSpatialFirstLineLate},
+        // 'raw ' is a video code too
+        {"raw420.mov", nullptr, nullptr, nullptr, -1, 1, 1, 1, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         Description d;
-        ASSERT_EQ(read(entry(c.name), kSVMediaType_Video, &d.desc), 0);
+        const Bytes bytes = entry(c.name);
+        ASSERT_EQ(read(bytes, kSVMediaType_Video, &d.desc), 0);
         EXPECT_TRUE(same(ext(d.desc, kCVImageBufferColorPrimariesKey), c.primaries));
         EXPECT_TRUE(same(ext(d.desc, kCVImageBufferTransferFunctionKey), c.transfer));
         EXPECT_TRUE(same(ext(d.desc, kCVImageBufferYCbCrMatrixKey), c.matrix));
@@ -237,8 +248,9 @@ TEST(SVSampleDescription, VideoExtensionsOfRealEntries) {
         EXPECT_EQ(number(ext(d.desc, kCVImageBufferFieldCountKey)), c.fields);
         EXPECT_TRUE(same(ext(d.desc, kCVImageBufferFieldDetailKey), c.detail));
         const SVVideoDimensions dims = SVVideoFormatDescriptionGetDimensions(d.desc);
-        EXPECT_EQ(dims.width, 160);
-        EXPECT_EQ(dims.height, 120);
+        // the entry's own width and height
+        EXPECT_EQ(dims.width, bytes[32] << 8 | bytes[33]);
+        EXPECT_EQ(dims.height, bytes[34] << 8 | bytes[35]);
     }
     Description gamma;
     ASSERT_EQ(read(entry("avc1_bt470bg.mp4"), kSVMediaType_Video, &gamma.desc), 0);
@@ -332,6 +344,15 @@ TEST(SVSampleDescription, AudioOfRealEntries) {
         {"pcm_f32le.mov", kAudioFormatLinearPCM, 48000, 1, 32, 0x9, 1, 0, 0x640001},
         {"pcm_96k.mov", kAudioFormatLinearPCM, 96000, 1, 24, 0xC, 1, 0, 0x640001},
         {"ulaw.mov", kAudioFormatULaw, 8000, 1, 8, 0, 1, 0, 0x10000},
+        {"alaw.mov", kAudioFormatALaw, 44100, 1, 8, 0, 1, 0, 0x10000},
+        {"pcm_u8.mov", kAudioFormatLinearPCM, 44100, 1, 8, 0x8, 1, 0, 0x640001},  // 'raw ': unsigned
+        {"pcm_f64be.mov", kAudioFormatLinearPCM, 44100, 1, 64, 0xB, 1, 0, 0x640001},
+        {"pcm_s32.mov", kAudioFormatLinearPCM, 44100, 1, 32, 0xC, 1, 0, 0x640001},
+        {"alac24.m4a", 'alac', 44100, 2, 0, 3, 4096, 24, 0},
+        // 5.1: the entry says 2 in its template field and 6 in its version 1 field
+        {"ac3_51.mp4", kAudioFormatAC3, 48000, 6, 0, 0, 1536, 0, 0},
+        {"ac3_51.mov", kAudioFormatAC3, 48000, 6, 0, 0, 1536, 0, 0x7B0006},
+        {"eac3.mp4", 'ec-3', 48000, 2, 0, 0, 1536, 0, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
