@@ -945,7 +945,10 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
             SV_LOG(3, kFunction, __LINE__, "Sound description version %u is not supported", version);
             return kSVSampleDescriptionError_UnsupportedVersion;
         }
-        atomsAt = version == 0 ? 36 : version == 1 ? 52 : 72;
+        // An ISO version 1 entry keeps the version 0 layout (its rate may be
+        // in 'srat'); QuickTime's version 1 adds four 32-bit fields.  A NULL
+        // flavour takes version 1 as QuickTime's, by far the common one.
+        atomsAt = version == 0 || (version == 1 && family == Family::ISO) ? 36 : version == 1 ? 52 : 72;
         if (size < atomsAt) {
             SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt),
                    size);

@@ -239,7 +239,11 @@ OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMu
     } else {
         asbd.mChannelsPerFrame = SVReadBE16(e + 24);
         asbd.mSampleRate = SVReadBE32(e + 32) / 65536.0;
-        if (version == 1) {
+        if (version == 1 && r.iso) {
+            // ISO's version 1 entry: rates above 65535 Hz live in 'srat'
+            if (const SVAtom *srat = SVFindAtom(r.atoms, SVFourCC("srat")); srat && srat->size >= 8)
+                asbd.mSampleRate = SVReadBE32(srat->payload + 4);
+        } else if (version == 1) {
             asbd.mFramesPerPacket = SVReadBE32(e + 36);
             asbd.mBytesPerPacket = SVReadBE32(e + 40);
         }

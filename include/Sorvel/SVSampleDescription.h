@@ -48,7 +48,9 @@
  *   where neither says anything (a generic codec without 'colr' has no
  *   colour keys, 'nclc' gives no range).
  * - Sound ('soun').  QuickTime sound descriptions of version 0, 1 and 2 and
- *   ISO audio sample entries become audio descriptions.  'mp4a' reads its
+ *   ISO audio sample entries (version 0, and version 1 with the rate in
+ *   'srat', read as such only under an ISO flavour) become audio
+ *   descriptions.  'mp4a' reads its
  *   'esds' (directly or inside 'wave'): AAC gives 'aac ', 'aach', 'aacp',
  *   'aacl' or 'aace' from the AudioSpecificConfig, which becomes the magic
  *   cookie and gives the sample rate and channel count (not the entry's

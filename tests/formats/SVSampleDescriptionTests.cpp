@@ -541,6 +541,96 @@ TEST(SVSampleDescription, WritesAudioFromItsPayload) {
     }
 }
 
+CFDictionaryRef dictionary(std::initializer_list<std::pair<CFStringRef, CFTypeRef>> items) {
+    CFMutableDictionaryRef d =
+        CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+    for (auto &[key, value] : items) CFDictionarySetValue(d, key, value);
+    return d;
+}
+
+CFNumberRef integer(int32_t v) {
+    return CFNumberCreate(nullptr, kCFNumberSInt32Type, &v);
+}
+
+TEST(SVSampleDescription, WritesPixelBufferDescriptions) {
+    CVPixelBufferRef pixels = nullptr;
+    ASSERT_EQ(CVPixelBufferCreate(nullptr, 64, 48, kCVPixelFormatType_422YpCbCr8, nullptr, &pixels), kCVReturnSuccess);
+    CFNumberRef n4 = integer(4), n3 = integer(3), n2 = integer(2), n60 = integer(60), n40 = integer(40),
+                n0 = integer(0);
+    CFDictionaryRef par = dictionary({{kCVImageBufferPixelAspectRatioHorizontalSpacingKey, n4},
+                                      {kCVImageBufferPixelAspectRatioVerticalSpacingKey, n3}});
+    CFDictionaryRef clap = dictionary({{kCVImageBufferCleanApertureWidthKey, n60},
+                                       {kCVImageBufferCleanApertureHeightKey, n40},
+                                       {kCVImageBufferCleanApertureHorizontalOffsetKey, n0},
+                                       {kCVImageBufferCleanApertureVerticalOffsetKey, n2}});
+    CVBufferSetAttachment(pixels, kCVImageBufferColorPrimariesKey, kCVImageBufferColorPrimaries_ITU_R_709_2,
+                          kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(pixels, kCVImageBufferTransferFunctionKey, kCVImageBufferTransferFunction_ITU_R_709_2,
+                          kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(pixels, kCVImageBufferYCbCrMatrixKey, kCVImageBufferYCbCrMatrix_ITU_R_601_4,
+                          kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(pixels, kCVImageBufferPixelAspectRatioKey, par, kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(pixels, kCVImageBufferCleanApertureKey, clap, kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(pixels, kCVImageBufferFieldCountKey, n2, kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(pixels, kCVImageBufferFieldDetailKey, kCVImageBufferFieldDetailTemporalBottomFirst,
+                          kCVAttachmentMode_ShouldPropagate);
+    for (CFTypeRef o : {(CFTypeRef)n4, (CFTypeRef)n3, (CFTypeRef)n2, (CFTypeRef)n60, (CFTypeRef)n40, (CFTypeRef)n0,
+                        (CFTypeRef)par, (CFTypeRef)clap})
+        CFRelease(o);
+    Description d;
+    ASSERT_EQ(SVVideoFormatDescriptionCreateForImageBuffer(nullptr, pixels, &d.desc), 0);
+    CFRelease(pixels);
+
+    struct Case {
+        CFStringRef flavor;
+        std::vector<std::pair<std::string, Bytes>> atoms;  // in order
+    } cases[] = {
+        {kSVImageDescriptionFlavor_QuickTimeMovie,
+         {{"colr", {'n', 'c', 'l', 'c', 0, 1, 0, 1, 0, 6}},
+          {"pasp", {0, 0, 0, 4, 0, 0, 0, 3}},
+          {"clap", {0, 0, 0, 60, 0, 0, 0, 1, 0, 0, 0, 40, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 1}},
+          {"fiel", {2, 6}}}},
+        {kSVImageDescriptionFlavor_ISOFamily,
+         {{"colr", {'n', 'c', 'l', 'x', 0, 1, 0, 1, 0, 6, 0}},
+          {"pasp", {0, 0, 0, 4, 0, 0, 0, 3}},
+          {"clap",
+           {0, 0, 0, 60, 0, 0, 0, 1, 0, 0, 0, 40, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 1}}}},
+    };
+    for (const Case &c : cases) {
+        OSStatus status = -1;
+        const Bytes written = write(d.desc, c.flavor, &status);
+        ASSERT_EQ(status, 0);
+        EXPECT_EQ(std::string(written.begin() + 4, written.begin() + 8), "2vuy");
+        EXPECT_EQ(written[32] << 8 | written[33], 64);
+        EXPECT_EQ(written[34] << 8 | written[35], 48);
+        EXPECT_EQ(split(written, 86).atoms, c.atoms);
+        Description back;
+        ASSERT_EQ(read(written, kSVMediaType_Video, &back.desc, c.flavor), 0);
+        for (CFStringRef key : {kCVImageBufferColorPrimariesKey, kCVImageBufferTransferFunctionKey,
+                                kCVImageBufferYCbCrMatrixKey, kCVImageBufferPixelAspectRatioKey})
+            EXPECT_TRUE(same(ext(back.desc, key), ext(d.desc, key)));
+        const CGRect a = SVVideoFormatDescriptionGetCleanAperture(d.desc, true);
+        const CGRect b = SVVideoFormatDescriptionGetCleanAperture(back.desc, true);
+        EXPECT_TRUE(CGRectEqualToRect(a, b));
+    }
+}
+
+TEST(SVSampleDescription, ISOVersionOneSoundEntriesKeepTheVersionZeroLayout) {
+    // A version 1 ISO entry of 96 kHz: 36 fixed bytes, the rate in 'srat'.
+    Parts parts = split(entry("ulaw.mov"), 36);
+    put32(parts.fixed, 16, 0x00010000);
+    atom(parts, "srat") = {0, 0, 0, 0, 0, 1, 0x77, 0};
+    const Bytes bytes = join(parts);
+    Description d;
+    ASSERT_EQ(read(bytes, kSVMediaType_Audio, &d.desc, kSVSoundDescriptionFlavor_ISOFamily), 0);
+    EXPECT_DOUBLE_EQ(SVAudioFormatDescriptionGetStreamBasicDescription(d.desc)->mSampleRate, 96000);
+    EXPECT_EQ(write(d.desc, kSVSoundDescriptionFlavor_ISOFamily), bytes);
+    // read as QuickTime, the same bytes lack the version 1 fields' atoms
+    LogCapture log;
+    Description qt;
+    EXPECT_NE(read(bytes, kSVMediaType_Audio, &qt.desc, kSVSoundDescriptionFlavor_QuickTimeMovie), 0);
+}
+
 // ---- bad input ---------------------------------------------------------------------
 
 TEST(SVSampleDescription, BadEntriesGiveStatusesAndLogLines) {
