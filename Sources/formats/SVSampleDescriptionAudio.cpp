@@ -398,9 +398,12 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
     }
     if (pcm) version2 = true;
     const FourCharCode format = isAAC(id) || id == kAudioFormatMPEGLayer3 ? kMP4A : id;
+    // QuickTime movies carry MPEG-4 audio and ALAC in a version 1
+    // description whose codec atoms sit in 'wave' behind 'frma'.
+    const bool wave = !iso && !version2 && (format == kMP4A || (id == kALAC && cookieSize >= 24));
     if (!version2 && (asbd->mChannelsPerFrame > 0xFFFF || !(asbd->mSampleRate >= 0) || asbd->mSampleRate >= 65536)) {
-        SV_LOG(3, function, __LINE__, "%u channels at %g Hz do not fit a version 0 sound description",
-               unsigned(asbd->mChannelsPerFrame), asbd->mSampleRate);
+        SV_LOG(3, function, __LINE__, "%u channels at %g Hz do not fit a version %d sound description",
+               unsigned(asbd->mChannelsPerFrame), asbd->mSampleRate, wave ? 1 : 0);
         return kSVSampleDescriptionError_UnsupportedFormat;
     }
     w.u32(0);
@@ -422,28 +425,44 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
         w.u32(asbd->mBytesPerPacket);
         w.u32(asbd->mFramesPerPacket);
     } else {
-        w.u16(0), w.u16(0), w.u32(0);
+        w.u16(wave ? 1 : 0), w.u16(0), w.u32(0);
         w.u16(asbd->mChannelsPerFrame);
         w.u16(asbd->mBitsPerChannel && asbd->mBitsPerChannel <= 0xFFFF ? asbd->mBitsPerChannel : 16);
-        w.u16(0), w.u16(0);
+        w.u16(wave ? 0xFFFE : 0), w.u16(0);  // compression ID -2: variable-rate
         w.u32(uint32_t(std::llround(asbd->mSampleRate * 65536)));
+        if (wave) {
+            w.u32(asbd->mFramesPerPacket);
+            w.u32(0), w.u32(0);  // bytes per packet and per frame vary
+            w.u32(2);            // bytes per sample, as for 16-bit output
+        }
     }
     std::vector<FourCharCode> regenerated = {SVFourCC("chan")};
+    SVByteWriter codec;  // the codec atoms, for 'wave' or the entry itself
     if (isAAC(id) || id == kAudioFormatMPEGLayer3) {
         regenerated.push_back(SVFourCC("esds"));
         regenerated.push_back(SVFourCC("wave"));
         const std::vector<uint8_t> esds =
             isAAC(id) ? buildESDS(0x40, cookie, cookieSize, 0) : buildESDS(0x6B, nullptr, 0, 0);
-        w.atom(SVFourCC("esds"), esds);
+        codec.atom(SVFourCC("esds"), esds);
     } else if (id == kALAC && cookieSize >= 24) {
         regenerated.push_back(kALAC);
         regenerated.push_back(SVFourCC("wave"));
         SVByteWriter alac;
         alac.u32(0);
         alac.append(cookie + cookieSize - 24, 24);
-        w.atom(kALAC, alac.bytes);
+        codec.atom(kALAC, alac.bytes);
     } else if (pcm) {
         regenerated.push_back(SVFourCC("wave"));
+    }
+    if (wave) {
+        SVByteWriter inner;
+        inner.u32(12), inner.u32(SVFourCC("frma")), inner.u32(format);
+        if (format == kMP4A) inner.u32(12), inner.u32(kMP4A), inner.u32(0);
+        inner.append(codec.bytes.data(), codec.bytes.size());
+        inner.u32(8), inner.u32(0);  // terminator
+        w.atom(SVFourCC("wave"), inner.bytes);
+    } else {
+        w.append(codec.bytes.data(), codec.bytes.size());
     }
     if (!iso && layout && layoutSize >= offsetof(AudioChannelLayout, mChannelDescriptions)) {
         const size_t fit =

@@ -85,9 +85,11 @@
  * 'clap' from the Rational keys (or from the numbers), 'fiel' and 'gama' in
  * QuickTime movies only, 'chan' from the channel layout in QuickTime movies,
  * and every other atom of the atoms dictionary unchanged, in code order.
- * Sound is written as version 0 (ISO, 3GP and QuickTime movies) or version 2
- * (kSVSoundDescriptionFlavor_QuickTimeMovieV2, and linear PCM in QuickTime
- * movies); linear PCM cannot be written in the ISO flavours.  A NULL flavour
+ * Sound is written as version 0 in the ISO and 3GP flavours; in QuickTime
+ * movies as version 1 with the codec atoms inside 'wave' (behind 'frma') for
+ * MPEG-4 audio and ALAC, version 2 for linear PCM and for
+ * kSVSoundDescriptionFlavor_QuickTimeMovieV2, else version 0.  Linear PCM
+ * cannot be written in the ISO flavours.  A NULL flavour
  * writes a QuickTime movie.
  *
  * Bad input never crashes or reads past `length`: it gives a status below

@@ -523,6 +523,16 @@ TEST(SVSampleDescription, WritesAudioFromItsPayload) {
             const Bytes written = write(plain.desc, flavor, &status);
             if (pcm && flavor == kSVSoundDescriptionFlavor_ISOFamily) continue;
             ASSERT_EQ(status, 0);
+            // QuickTime movies: version 1 with the codec atoms in 'wave' for
+            // AAC and ALAC, version 2 for PCM; ISO: version 0
+            const int version = flavor == kSVSoundDescriptionFlavor_ISOFamily                 ? 0
+                                : pcm || flavor == kSVSoundDescriptionFlavor_QuickTimeMovieV2 ? 2
+                                                                                              : 1;
+            EXPECT_EQ(written[16] << 8 | written[17], version);
+            const Parts parts = split(written, version == 0 ? 36 : version == 1 ? 52 : 72);
+            bool hasWave = false;
+            for (auto &[code, payload] : parts.atoms) hasWave |= code == "wave";
+            EXPECT_EQ(hasWave, version == 1);
             Description back;
             ASSERT_EQ(read(written, kSVMediaType_Audio, &back.desc, flavor), 0);
             // the stream, cookie and layout survive (the layout only in QuickTime)
