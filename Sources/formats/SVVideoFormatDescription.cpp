@@ -614,15 +614,20 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     // Asking any other kind of description is a question with a "no" answer
     // (a tool walks every track), so like the parameter-set accessors it is
     // not logged; only an 'avc1'/'hvc1' description that cannot answer is.
-    if (!infoOut || !isVideo(desc) || (desc->mediaSubType != kAVC1 && desc->mediaSubType != kHVC1))
+    // 'avc3'/'hev1' descriptions read from sample entries hold the record's
+    // parameter sets and answer like 'avc1'/'hvc1'; without any (the sets
+    // are in-band) there is nothing to ask, silently.
+    const bool inBand = isVideo(desc) && (desc->mediaSubType == kAVC3 || desc->mediaSubType == kHEV1);
+    if (!infoOut || !isVideo(desc) || (desc->mediaSubType != kAVC1 && desc->mediaSubType != kHVC1 && !inBand) ||
+        (inBand && desc->video.parameterSetCount == 0))
         return kSVFormatDescriptionError_InvalidParameter;
-    const bool hevc = desc->mediaSubType == kHVC1;
+    const bool hevc = desc->mediaSubType == kHVC1 || desc->mediaSubType == kHEV1;
     for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
         const uint8_t *set = desc->video.parameterSets[i];
         const size_t size = desc->video.parameterSetSizes[i];
         if (size == 0 || (hevc ? (set[0] >> 1) & 0x3F : set[0] & 0x1FU) != (hevc ? 33U : 7U)) continue;
         SVVideoCodingInfo info{};
-        info.codecType = desc->mediaSubType;
+        info.codecType = hevc ? kHVC1 : kAVC1;
         const char *why = "";
         // The creators accepted this SPS, so a failure here means the parser
         // has since become stricter than the one that made the description.

@@ -442,6 +442,11 @@ TEST(SVSampleDescription, ParameterSetsMatchTheCreatorsAndGettersAnswerForInBand
         for (CFStringRef key : {kCVImageBufferChromaLocationTopFieldKey, kCVImageBufferChromaLocationBottomFieldKey}) {
             EXPECT_TRUE(same(ext(d.desc, key), ext(created.desc, key)));
         }
+        // the coding info answers from the same SPS, whatever the subtype
+        SVVideoCodingInfo info{};
+        ASSERT_EQ(SVVideoFormatDescriptionGetCodingInfo(d.desc, &info), 0);
+        EXPECT_EQ(info.codecType, hevc ? 'hvc1' : 'avc1');
+        EXPECT_EQ(info.width, SVVideoFormatDescriptionGetDimensions(created.desc).width);
         // the wrong codec family still refuses
         EXPECT_EQ(
             hevc ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex(d.desc, 0, nullptr, nullptr, nullptr, nullptr)
