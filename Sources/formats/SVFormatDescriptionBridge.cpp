@@ -496,6 +496,15 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
     const bool avc = format == kAVC1 || format == kAVC3, hevc = format == kHVC1 || format == kHEV1;
 
     // The parameter sets' view first, so that the atoms can override it.
+    // MPEG-4 video keeps its decoder configuration in 'esds': checked, not
+    // interpreted (nothing in it becomes an extension).
+    if (format == SVFourCC("mp4v")) {
+        if (const SVAtom *esds = SVFindAtom(r.atoms, SVFourCC("esds"))) {
+            SVElementaryStream es;
+            const char *why = "";
+            if (!SVParseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
+        }
+    }
     ParameterSets sets;
     SVFormatDescriptionRef derived = nullptr;
     const SVAtom *record = avc    ? SVFindAtom(r.atoms, SVFourCC("avcC"))
@@ -953,6 +962,16 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
             SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt),
                    size);
             return kSVSampleDescriptionError_Truncated;
+        }
+        // Version 2 states where its fixed part ends.
+        if (version == 2) {
+            const uint32_t structSize = SVReadBE32(bytes + 36);
+            if (structSize < 72 || structSize > size) {
+                SV_LOG(3, kFunction, __LINE__, "Sound description version 2 states %u fixed bytes of %u", structSize,
+                       size);
+                return kSVSampleDescriptionError_Truncated;
+            }
+            atomsAt = structSize;
         }
     } else {
         // A palette follows an ID of 0 at the palette depths.

@@ -53,14 +53,9 @@ bool readDescriptor(const uint8_t *&p, const uint8_t *end, uint8_t &tag, const u
     return true;
 }
 
-struct ElementaryStream {
-    uint8_t objectType = 0;
-    const uint8_t *config = nullptr;  // DecoderSpecificInfo
-    size_t configSize = 0;
-    uint32_t averageBitRate = 0;
-};
+}  // namespace
 
-bool parseESDS(const uint8_t *payload, size_t n, ElementaryStream &es, const char *&why) {
+bool sorvel::SVParseESDS(const uint8_t *payload, size_t n, sorvel::SVElementaryStream &es, const char *&why) {
     if (n < 4) return why = "'esds' shorter than its version and flags", false;
     const uint8_t *p = payload + 4, *end = payload + n;
     uint8_t tag;
@@ -100,6 +95,8 @@ bool parseESDS(const uint8_t *payload, size_t n, ElementaryStream &es, const cha
     }
     return why = "'esds' without a DecoderConfigDescriptor", false;
 }
+
+namespace {
 
 // ---- AudioSpecificConfig --------------------------------------------------------
 
@@ -263,9 +260,9 @@ OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMu
     if (f == kMP4A) {
         const SVAtom *esds = SVFindAtom(atoms, SVFourCC("esds"));
         if (esds) {
-            ElementaryStream es;
+            SVElementaryStream es;
             const char *why = "";
-            if (!parseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
+            if (!SVParseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
             if (es.objectType == 0x40 || (es.objectType >= 0x66 && es.objectType <= 0x68)) {
                 AACConfig aac;
                 if (!es.config || !parseASC(es.config, es.configSize, aac))

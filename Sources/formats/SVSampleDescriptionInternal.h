@@ -113,6 +113,17 @@ bool SVGetDouble(CFDictionaryRef dict, CFStringRef key, double *out);
 // Whether a sample entry is QuickTime-only by the rules of the header.
 bool SVAtomsAreQuickTimeOnly(const std::vector<SVAtom> &atoms);
 
+// What an 'esds' payload (version, flags, ES_Descriptor) says.
+struct SVElementaryStream {
+    uint8_t objectType = 0;
+    const uint8_t *config = nullptr;  // DecoderSpecificInfo, inside the payload
+    size_t configSize = 0;
+    uint32_t averageBitRate = 0;
+};
+// False with a static reason for descriptor sizes longer than four bytes or
+// past their parent, and for a missing DecoderConfigDescriptor.
+bool SVParseESDS(const uint8_t *payload, size_t size, SVElementaryStream &es, const char *&why);
+
 // The halves.  `extensions` holds the atoms dictionary and the verbatim
 // entry already; each adds its own keys and creates the description.
 OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &reader, CFMutableDictionaryRef extensions,

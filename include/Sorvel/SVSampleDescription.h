@@ -116,14 +116,16 @@ enum {
     /* An object or buffer could not be allocated. */
     kSVSampleDescriptionError_AllocationFailed = -12721,
     /* The entry is shorter than its fixed fields, or its size field points
-     * past the bytes given or below the fixed fields. */
+     * past the bytes given or below the fixed fields (for sound version 2,
+     * also a stated fixed-part size below 72 or past the entry). */
     kSVSampleDescriptionError_Truncated = -12722,
     /* A child atom is malformed: a size of zero, below 8 or past the end of
      * its parent, a payload too short for its kind, a 'colr' of unknown type,
      * a 'pasp' with a zero spacing, a 'clap' with a zero denominator, a
-     * 'fiel' with a field count other than 1 or 2, an 'esds' descriptor size
-     * longer than four bytes or past its parent, or a decoder configuration
-     * record whose parameter sets cannot be used. */
+     * 'fiel' with a field count other than 1 or 2, an 'esds' (sound or
+     * MPEG-4 video) descriptor size longer than four bytes or past its
+     * parent, or a decoder configuration record whose parameter sets cannot
+     * be used. */
     kSVSampleDescriptionError_BadAtom = -12723,
     /* A sound description version other than 0, 1 and 2. */
     kSVSampleDescriptionError_UnsupportedVersion = -12724,

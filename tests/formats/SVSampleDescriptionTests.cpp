@@ -667,6 +667,14 @@ TEST(SVSampleDescription, BadEntriesGiveStatusesAndLogLines) {
         esds.insert(esds.begin() + 5, 0x80);
         bigESDS = join(parts);
     }
+    Bytes badVideoESDS;  // the same five-byte size in MPEG-4 video's 'esds'
+    {
+        Parts parts = split(entry("mp4v_plain.mp4"), 86);
+        Bytes &esds = atom(parts, "esds");
+        esds.insert(esds.begin() + 5, 0x80);
+        badVideoESDS = join(parts);
+    }
+    const Bytes v2 = entry("pcm_96k.mov");
     struct Case {
         const char *what;
         SVMediaType type;
@@ -705,6 +713,12 @@ TEST(SVSampleDescription, BadEntriesGiveStatusesAndLogLines) {
          "unusable"},
         {"esds size of five bytes", kSVMediaType_Audio, bigESDS, kSVSampleDescriptionError_BadAtom,
          "longer than four bytes"},
+        {"video esds size of five bytes", kSVMediaType_Video, badVideoESDS, kSVSampleDescriptionError_BadAtom,
+         "longer than four bytes"},
+        {"version 2 fixed part below 72", kSVMediaType_Audio, changed(v2, 36, 71), kSVSampleDescriptionError_Truncated,
+         "states 71 fixed bytes"},
+        {"version 2 fixed part past the end", kSVMediaType_Audio, changed(v2, 36, uint32_t(v2.size() + 1)),
+         kSVSampleDescriptionError_Truncated, "fixed bytes of"},
         {"sound version 3", kSVMediaType_Audio, changed(sound, 16, 0x00030000),
          kSVSampleDescriptionError_UnsupportedVersion, "version 3"},
         {"sound version 1 cut short", kSVMediaType_Audio, changed(changed(sound, 16, 0x00010000), 0, 40),
