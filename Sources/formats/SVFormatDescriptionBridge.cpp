@@ -495,7 +495,6 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
     const FourCharCode format = r.format;
     const bool avc = format == kAVC1 || format == kAVC3, hevc = format == kHVC1 || format == kHEV1;
 
-    // The parameter sets' view first, so that the atoms can override it.
     // MPEG-4 video keeps its decoder configuration in 'esds': checked, not
     // interpreted (nothing in it becomes an extension).
     if (format == SVFourCC("mp4v")) {
@@ -505,6 +504,7 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
             if (!SVParseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
         }
     }
+    // The parameter sets' view first, so that the atoms can override it.
     ParameterSets sets;
     SVFormatDescriptionRef derived = nullptr;
     const SVAtom *record = avc    ? SVFindAtom(r.atoms, SVFourCC("avcC"))
