@@ -9,9 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -824,6 +826,32 @@ TEST(SVSampleDescription, AllocationFailuresAreReported) {
     EXPECT_EQ(SVSampleDescriptionCopyAsBigEndianBlockBuffer(allocator.get(), d.desc, nullptr, &buffer),
               kSVSampleDescriptionError_AllocationFailed);
     EXPECT_EQ(buffer, nullptr);
+}
+
+TEST(SVSampleDescription, ThreadsReadAndWriteAtOnce) {
+    // The bridge keeps no state but the tables; entries read and written on
+    // several threads at once give each thread the same bytes back.
+    const std::vector<Bytes> entries = {entry("hvc1_pq.mp4"), entry("avc1_bt709_sar40x33.mov"),
+                                        entry("aac_48k_stereo.mov"), entry("raw_2vuy.mov")};
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                const Bytes &bytes = entries[size_t(t + i) % entries.size()];
+                const SVMediaType type = bytes[4] == 'm' && bytes[5] == 'p' && bytes[6] == '4' && bytes[7] == 'a'
+                                             ? kSVMediaType_Audio
+                                             : kSVMediaType_Video;
+                SVFormatDescriptionRef d = nullptr;
+                if (read(bytes, type, &d) != 0 || write(d, nullptr) != bytes) failures++;
+                if (d) CFRelease(d);
+                if (SVTransferFunctionGetIntegerCodePointForString(kCVImageBufferTransferFunction_ITU_R_2100_HLG) != 18)
+                    failures++;
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
 }
 
 // ---- colour tables -------------------------------------------------------------------
