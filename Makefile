@@ -8,6 +8,7 @@ SHELL := /bin/bash
 #   make bench                            build and run the benchmarks
 #   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
 #   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
+#   make docs                             API reference from the headers (build/docs/html/), warnings fail
 #   make format                           apply .clang-format to every C/C++ file
 #   make format-check                     fail when a file differs from .clang-format
 #   make clean                            remove the build folders this file makes
@@ -42,7 +43,7 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
-.PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check
+.PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check docs
 
 all: build
 
@@ -95,6 +96,12 @@ fuzz: deps
 			-artifact_prefix=build-fuzz/ build-fuzz/corpus/$$name 2>&1 | grep -E "^(stat::number_of_executed_units|==|SUMMARY|Done)" ; \
 		test $${PIPESTATUS[0]} -eq 0 || exit 1; \
 	done
+
+# The generated <Sorvel/SVVersion.h> is documented too, so configure first.
+docs: configure
+	rm -rf $(BUILD_DIR)/docs && mkdir -p $(BUILD_DIR)/docs
+	SORVEL_DOCS_OUTPUT=$(BUILD_DIR)/docs SORVEL_DOCS_GENERATED=$(BUILD_DIR)/include doxygen docs/Doxyfile
+	@echo "API reference: $(BUILD_DIR)/docs/html/index.html"
 
 format: deps
 	@scripts/check-format.sh --fix

@@ -6,7 +6,8 @@
 #                                          through -I<includedir>/Sorvel/platform)
 #   lib/libSorvel.so*, lib/libSorvelPlatform.so*
 #   lib/cmake/Sorvel/                     SorvelConfig.cmake and friends
-#   lib/pkgconfig/sorvel.pc
+#   lib/pkgconfig/sorvel.pc              any C/C++ compiler
+#   lib/pkgconfig/sorvel-blocks.pc       sorvel.pc plus -fblocks and BlocksRuntime (clang)
 #
 # The platform headers sit under Sorvel's own directory so that installing
 # Sorvel never puts a CoreFoundation/ or dispatch/ directory straight into a
@@ -21,6 +22,9 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/Sorvel/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Sorvel
   COMPONENT Development
   FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/include/Sorvel/SVVersion.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Sorvel
+  COMPONENT Development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/
   DESTINATION ${SORVEL_PLATFORM_INCLUDEDIR}
   COMPONENT Development
@@ -79,6 +83,7 @@ else()
   set(SORVEL_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/sorvel.pc.in ${PROJECT_BINARY_DIR}/sorvel.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/sorvel.pc
+configure_file(${PROJECT_SOURCE_DIR}/cmake/sorvel-blocks.pc.in ${PROJECT_BINARY_DIR}/sorvel-blocks.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/sorvel.pc ${PROJECT_BINARY_DIR}/sorvel-blocks.pc
   DESTINATION ${_pc_dir}
   COMPONENT Development)

@@ -20,9 +20,15 @@ declare -A why=(
     [libavformat-dev]="FFmpeg's demuxers, which the sorvel tool reads files with"
     [clang-format]="the format check (make format-check)"
     [git]="the format check lists the tracked files"
+    [gcc]="GCC clients: the header test and the install test build with GCC too"
+    [g++]="GCC C++ clients of the installed library (install test)"
+    [doxygen]="make docs: the API reference from the headers"
+    [debhelper]="CI builds the Debian packages (debian/)"
+    [dpkg-dev]="dpkg-buildpackage, for the Debian packages"
+    [lintian]="CI checks the Debian packages"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
-    clang-format git)
+    clang-format git gcc g++ doxygen debhelper dpkg-dev lintian)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.

@@ -71,7 +71,34 @@ void parseH264VUI(SVBitReader &reader, SVVideoUsability &vui) {
         vui.chromaLocTop = static_cast<int>(reader.ue(5));
         vui.chromaLocBottom = static_cast<int>(reader.ue(5));
     }
-    // Timing, HRD and restriction fields follow; nothing of them is used.
+    // What a picture-timing SEI holds comes next.  Its parse works on a copy
+    // so that a damaged tail never fails an SPS whose earlier fields are fine.
+    SVBitReader tail = reader;
+    if (tail.bit()) tail.skip(65);  // num_units_in_tick, time_scale, fixed_frame_rate_flag
+    bool delays = false;
+    uint32_t cpbLength = 24, dpbLength = 24;
+    for (int hrd = 0; hrd < 2; ++hrd) {
+        if (!tail.bit()) continue;
+        delays = true;
+        const uint32_t count = tail.ue(31) + 1;
+        tail.skip(8);  // bit_rate_scale, cpb_size_scale
+        for (uint32_t i = 0; i < count && !tail.failed(); ++i) {
+            tail.ue();  // bit_rate_value_minus1
+            tail.ue();  // cpb_size_value_minus1
+            tail.bit();
+        }
+        tail.skip(5);  // initial_cpb_removal_delay_length_minus1
+        cpbLength = tail.bits(5) + 1;
+        dpbLength = tail.bits(5) + 1;
+        tail.skip(5);  // time_offset_length
+    }
+    if (delays) tail.bit();  // low_delay_hrd_flag
+    const bool picStruct = tail.bit() != 0;
+    if (tail.failed()) return;
+    vui.cpbDpbDelaysPresent = delays;
+    vui.cpbRemovalDelayLength = cpbLength;
+    vui.dpbOutputDelayLength = dpbLength;
+    vui.picStructPresent = picStruct;
 }
 
 }  // namespace
@@ -100,6 +127,7 @@ bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char 
     if (isHighProfile(sps.profileIdc)) {
         sps.chromaFormatIdc = reader.ue(3);
         if (sps.chromaFormatIdc == 3) separateColourPlane = reader.bit() != 0;
+        sps.separateColourPlane = separateColourPlane;
         sps.bitDepthLumaMinus8 = reader.ue(6);
         sps.bitDepthChromaMinus8 = reader.ue(6);
         reader.bit();  // qpprime_y_zero_transform_bypass_flag
@@ -117,7 +145,7 @@ bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char 
             }
         }
     }
-    reader.ue(12);  // log2_max_frame_num_minus4
+    sps.log2MaxFrameNum = reader.ue(12) + 4;
     const uint32_t pocType = reader.ue(2);
     if (reader.failed()) {
         why = "bad log2_max_frame_num or pic_order_cnt_type";
@@ -171,6 +199,88 @@ bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char 
         return false;
     }
     return true;
+}
+
+namespace {
+
+constexpr unsigned kH264NonIDRSlice = 1, kH264IDRSlice = 5, kH264SEI = 6;
+constexpr unsigned kSEIPictureTiming = 1;
+
+SVFieldOrder fieldOrderOfPicStruct(uint32_t picStruct) {
+    switch (picStruct) {
+        case 1:  // a top field
+        case 3:  // top, bottom
+        case 5:  // top, bottom, top repeated
+            return SVFieldOrder::TopFirst;
+        case 2:
+        case 4:
+        case 6:
+            return SVFieldOrder::BottomFirst;
+        default:
+            return SVFieldOrder::Unknown;
+    }
+}
+
+// The first picture-timing message of an SEI unit (header byte included).
+bool picStructOfSEI(const SVH264SPS &sps, const uint8_t *unit, size_t size, SVFieldOrder &order) {
+    const std::vector<uint8_t> rbsp = SVUnescapeRBSP(unit + 1, size - 1);
+    size_t position = 0;
+    while (position + 2 <= rbsp.size() && rbsp[position] != 0x80) {
+        uint32_t type = 0, length = 0;
+        while (position < rbsp.size() && rbsp[position] == 0xFF) type += rbsp[position++];
+        if (position >= rbsp.size()) return false;
+        type += rbsp[position++];
+        while (position < rbsp.size() && rbsp[position] == 0xFF) length += rbsp[position++];
+        if (position >= rbsp.size()) return false;
+        length += rbsp[position++];
+        if (length > rbsp.size() - position) return false;
+        if (type == kSEIPictureTiming) {
+            SVBitReader reader(rbsp.data() + position, length);
+            if (sps.vui.cpbDpbDelaysPresent) reader.skip(sps.vui.cpbRemovalDelayLength + sps.vui.dpbOutputDelayLength);
+            const uint32_t picStruct = reader.bits(4);
+            if (reader.failed()) return false;
+            order = fieldOrderOfPicStruct(picStruct);
+            return true;
+        }
+        position += length;
+    }
+    return false;
+}
+
+// The parity of a slice that codes a field (header byte included).
+SVFieldOrder parityOfSlice(const SVH264SPS &sps, const uint8_t *unit, size_t size) {
+    // The fields up to bottom_field_flag take well under 32 bytes.
+    const std::vector<uint8_t> rbsp = SVUnescapeRBSP(unit + 1, std::min<size_t>(size - 1, 32));
+    SVBitReader reader(rbsp.data(), rbsp.size());
+    reader.ue();  // first_mb_in_slice
+    reader.ue();  // slice_type
+    reader.ue();  // pic_parameter_set_id
+    if (sps.separateColourPlane) reader.skip(2);
+    reader.skip(sps.log2MaxFrameNum);                                     // frame_num
+    if (sps.frameMbsOnly || !reader.bit()) return SVFieldOrder::Unknown;  // field_pic_flag
+    const bool bottom = reader.bit() != 0;
+    if (reader.failed()) return SVFieldOrder::Unknown;
+    return bottom ? SVFieldOrder::BottomFirst : SVFieldOrder::TopFirst;
+}
+
+}  // namespace
+
+SVFieldOrder SVH264FieldOrderOfSample(const SVH264SPS &sps, const uint8_t *data, size_t size, int headerLength) {
+    if (!data || headerLength < 1 || headerLength > 4) return SVFieldOrder::Unknown;
+    size_t position = 0;
+    while (size - position > static_cast<size_t>(headerLength)) {
+        size_t length = 0;
+        for (int i = 0; i < headerLength; ++i) length = (length << 8) | data[position + i];
+        position += static_cast<size_t>(headerLength);
+        if (length == 0 || length > size - position) break;
+        const uint8_t *unit = data + position;
+        position += length;
+        const unsigned type = unit[0] & 0x1F;
+        SVFieldOrder order = SVFieldOrder::Unknown;
+        if (type == kH264SEI && sps.vui.picStructPresent && picStructOfSEI(sps, unit, length, order)) return order;
+        if (type == kH264NonIDRSlice || type == kH264IDRSlice) return parityOfSlice(sps, unit, length);
+    }
+    return SVFieldOrder::Unknown;
 }
 
 namespace {

@@ -94,6 +94,11 @@ struct SVVideoUsability {
     int chromaLocTop = -1;
     int chromaLocBottom = -1;
     bool fieldSeq = false;  // HEVC field_seq_flag
+    // H.264 picture timing: what a picture-timing SEI holds.
+    bool cpbDpbDelaysPresent = false;  // an NAL or VCL HRD is present
+    uint32_t cpbRemovalDelayLength = 24;
+    uint32_t dpbOutputDelayLength = 24;
+    bool picStructPresent = false;
 };
 
 struct SVH264SPS {
@@ -104,6 +109,8 @@ struct SVH264SPS {
     uint32_t bitDepthLumaMinus8 = 0;
     uint32_t bitDepthChromaMinus8 = 0;
     bool frameMbsOnly = true;
+    bool separateColourPlane = false;
+    uint32_t log2MaxFrameNum = 4;
     int32_t codedWidth = 0;
     int32_t codedHeight = 0;
     int32_t width = 0;  // after cropping
@@ -136,6 +143,13 @@ struct SVHEVCSPS {
 // and describe the first problem in `why` (a static string).
 bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why);
 bool SVParseHEVCSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char *&why);
+// The temporal order of the fields of an H.264 sample (length-prefixed NAL
+// units, `headerLength` bytes each), as the sample states it: pic_struct of
+// its first picture-timing SEI, else the parity of its first slice when that
+// codes a field.  Unknown for frame pictures without such an SEI and for
+// anything that does not parse.
+enum class SVFieldOrder { Unknown, TopFirst, BottomFirst };
+SVFieldOrder SVH264FieldOrderOfSample(const SVH264SPS &sps, const uint8_t *data, size_t size, int headerLength);
 // The VPS is only checked for its fixed fields; nothing in it is used.
 bool SVCheckHEVCVPS(const uint8_t *nal, size_t size, const char *&why);
 

@@ -174,14 +174,12 @@ OSStatus concatenate(Walk &&walk, size_t prefixBytes, int32_t *nalUnitHeaderLeng
     return 0;
 }
 
-}  // namespace
+// ==== The walks behind both handler forms ===================================
 
-// ==== Exported entry points ==================================================
-
-extern "C" {
-
-size_t _SVEnumerateAnnexBNALUnits(const uint8_t *data, size_t length, int32_t startCodeLength,
-                                  SVNALUnitHandler handler) noexcept {
+// Each calls visit(unit, length) per unit and returns the count; the block
+// and function-pointer entry points differ only in how they call back.
+template <typename Visit>
+size_t walkAnnexB(const uint8_t *data, size_t length, int32_t startCodeLength, Visit &&visit) noexcept {
     const int32_t n = startCodeLength;
     if (!data || length == 0 || n < 0 || length <= static_cast<size_t>(n)) return 0;
     const size_t codeLength = static_cast<size_t>(n);
@@ -195,16 +193,17 @@ size_t _SVEnumerateAnnexBNALUnits(const uint8_t *data, size_t length, int32_t st
         const uint8_t *next = nullptr;
         if (rest - 1 > codeLength) next = findStartCode(current + 1, end - codeLength - 1, n);
         if (!next) {
-            if (handler) handler(current, rest);
+            visit(current, rest);
             return count + 1;
         }
-        if (handler) handler(current, static_cast<size_t>(next - current));
+        visit(current, static_cast<size_t>(next - current));
         ++count;
         current = next;
     }
 }
 
-size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length, SVNALUnitHandler handler) noexcept {
+template <typename Visit>
+size_t walkAnnexBFlexible(const uint8_t *data, size_t length, Visit &&visit) noexcept {
     if (!data || length <= 3) return 0;
     const uint8_t *end = data + length;
     const uint8_t *current = sorvel::SVFindThreeByteStartCode(data, end - 4);
@@ -218,7 +217,7 @@ size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length, SV
             static_cast<size_t>(end - current) > 5 ? sorvel::SVFindThreeByteStartCode(payload, end - 3) : nullptr;
         if (!next) {
             if (payload < end) {
-                if (handler) handler(payload, static_cast<size_t>(end - payload));
+                visit(payload, static_cast<size_t>(end - payload));
                 ++count;
             }
             return count;
@@ -227,17 +226,139 @@ size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length, SV
         size_t unit = static_cast<size_t>(next - payload);
         if (unit > 0 && next[-1] == 0) --unit;
         if (unit > 0) {
-            if (handler) handler(payload, unit);
+            visit(payload, unit);
             ++count;
         }
         current = next;
     }
 }
 
+// ==== Strict record reading ================================================
+
+// One parameter set of a decoder configuration record, found by a strict
+// walk: every count and length must fit inside the record.
+struct RecordUnit {
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+};
+
+uint32_t readBE16(const uint8_t *p) noexcept {
+    return (static_cast<uint32_t>(p[0]) << 8) | p[1];
+}
+
+// Calls visit(unit) for each parameter set of an avcC record in order (SPSs,
+// then PPSs); false when the record is too short for what it announces.
+template <typename Visit>
+bool readAVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Visit &&visit) noexcept {
+    if (size < 7) return false;
+    *headerLengthOut = (record[4] & 3) + 1;
+    size_t position = 5;
+    for (int group = 0; group < 2; ++group) {
+        if (position >= size) return false;
+        const uint32_t units = group == 0 ? (record[position] & 0x1F) : record[position];
+        ++position;
+        for (uint32_t i = 0; i < units; ++i) {
+            if (size - position < 2) return false;
+            const size_t length = readBE16(record + position);
+            position += 2;
+            if (size - position < length) return false;
+            visit(RecordUnit{record + position, length});
+            position += length;
+        }
+    }
+    return true;
+}
+
+// The same over the arrays of an hvcC record.
+template <typename Visit>
+bool readHEVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Visit &&visit) noexcept {
+    if (size < 23) return false;
+    *headerLengthOut = (record[21] & 3) + 1;
+    const uint32_t arrays = record[22];
+    size_t position = 23;
+    for (uint32_t a = 0; a < arrays; ++a) {
+        if (size - position < 3) return false;
+        const uint32_t units = readBE16(record + position + 1);
+        position += 3;
+        for (uint32_t u = 0; u < units; ++u) {
+            if (size - position < 2) return false;
+            const size_t length = readBE16(record + position);
+            position += 2;
+            if (size - position < length) return false;
+            visit(RecordUnit{record + position, length});
+            position += length;
+        }
+    }
+    return true;
+}
+
+template <typename Read>
+OSStatus parameterSetFromRecord(const char *function, int line, const uint8_t *record, size_t recordSize, size_t index,
+                                const uint8_t **pointerOut, size_t *sizeOut, size_t *countOut, int *headerLengthOut,
+                                Read &&read) noexcept {
+    if (!record || recordSize == 0) return kInvalidParameter;
+    size_t count = 0;
+    RecordUnit found;
+    int headerLength = 0;
+    if (!read(record, recordSize, &headerLength, [&](RecordUnit unit) {
+            if (count == index) found = unit;
+            ++count;
+        })) {
+        SV_LOG(3, function, line, "Decoder configuration record of %zu bytes is truncated", recordSize);
+        return kInvalidParameter;
+    }
+    if (countOut) *countOut = count;
+    if (headerLengthOut) *headerLengthOut = headerLength;
+    if (index >= count) return kInvalidParameter;
+    if (pointerOut) *pointerOut = found.bytes;
+    if (sizeOut) *sizeOut = found.size;
+    return 0;
+}
+
+}  // namespace
+
+// ==== Exported entry points ==================================================
+
+extern "C" {
+
+size_t _SVEnumerateAnnexBNALUnits(const uint8_t *data, size_t length, int32_t startCodeLength,
+                                  SVNALUnitHandler handler) noexcept {
+    return walkAnnexB(data, length, startCodeLength, [&](const uint8_t *unit, size_t size) {
+        if (handler) handler(unit, size);
+    });
+}
+
+size_t _SVEnumerateAnnexBNALUnitsFlexible(const uint8_t *data, size_t length, SVNALUnitHandler handler) noexcept {
+    return walkAnnexBFlexible(data, length, [&](const uint8_t *unit, size_t size) {
+        if (handler) handler(unit, size);
+    });
+}
+
 size_t _SVEnumerateNALUnits(const uint8_t *data, size_t length, int32_t lengthPrefixSize,
                             SVNALUnitHandler handler) noexcept {
     return walkLengthPrefixed(data, length, lengthPrefixSize, [&](const uint8_t *unit, size_t size) {
         if (handler) handler(unit, size);
+    });
+}
+
+size_t SVNALUnitEnumerateAnnexB(const uint8_t *data, size_t length, int32_t startCodeLength, SVNALUnitCallback callback,
+                                void *refcon) noexcept {
+    return walkAnnexB(data, length, startCodeLength, [&](const uint8_t *unit, size_t size) {
+        if (callback) callback(unit, size, refcon);
+    });
+}
+
+size_t SVNALUnitEnumerateAnnexBFlexible(const uint8_t *data, size_t length, SVNALUnitCallback callback,
+                                        void *refcon) noexcept {
+    return walkAnnexBFlexible(data, length, [&](const uint8_t *unit, size_t size) {
+        if (callback) callback(unit, size, refcon);
+    });
+}
+
+size_t SVNALUnitEnumerateLengthPrefixed(const uint8_t *data, size_t length, int32_t lengthPrefixSize,
+                                        SVNALUnitCallback callback, void *refcon) noexcept {
+    return walkLengthPrefixed(data, length, lengthPrefixSize, [&](const uint8_t *unit, size_t size) {
+        if (callback) callback(unit, size, refcon);
     });
 }
 
@@ -287,6 +408,24 @@ OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(co
     }
     return concatenate([&](auto &&visit) { return walkHEVCRecord(record, recordSize, visit); }, 5,
                        nalUnitHeaderLengthOut, dataOut);
+}
+
+OSStatus SVGetParameterSetFromAVCDecoderConfigurationRecord(const uint8_t *record, size_t recordSize, size_t index,
+                                                            const uint8_t **parameterSetPointerOut,
+                                                            size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
+                                                            int *nalUnitHeaderLengthOut) noexcept {
+    return parameterSetFromRecord("SVGetParameterSetFromAVCDecoderConfigurationRecord", __LINE__, record, recordSize,
+                                  index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
+                                  nalUnitHeaderLengthOut, [](auto... args) { return readAVCRecord(args...); });
+}
+
+OSStatus SVGetParameterSetFromHEVCDecoderConfigurationRecord(const uint8_t *record, size_t recordSize, size_t index,
+                                                             const uint8_t **parameterSetPointerOut,
+                                                             size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
+                                                             int *nalUnitHeaderLengthOut) noexcept {
+    return parameterSetFromRecord("SVGetParameterSetFromHEVCDecoderConfigurationRecord", __LINE__, record, recordSize,
+                                  index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
+                                  nalUnitHeaderLengthOut, [](auto... args) { return readHEVCRecord(args...); });
 }
 
 }  // extern "C"

@@ -381,10 +381,30 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
     if (CFStringRef value = chromaLocation(bottom))
         CFDictionarySetValue(extensions, kCVImageBufferChromaLocationBottomFieldKey, value);
     setNumber(extensions, kCVImageBufferFieldCountKey, interlaced ? 2 : 1);
-    // The parameter sets do not say which field comes first; top first is
-    // what interlaced H.264/HEVC material overwhelmingly uses.
-    if (interlaced)
-        CFDictionarySetValue(extensions, kCVImageBufferFieldDetailKey, kCVImageBufferFieldDetailTemporalTopFirst);
+    // The parameter sets do not say which field comes first (the samples
+    // do: SVVideoFormatDescriptionGetH264FieldDetailOfSample), so no field
+    // detail is claimed here.
+}
+
+// The parameter sets of a record, read strictly through `get`, handed to
+// `create` as the parameter-set creators take them (pointers into the record).
+template <typename Create>
+OSStatus createFromRecord(const uint8_t *record, size_t recordSize, SVFormatDescriptionRef *formatDescriptionOut,
+                          OSStatus (*get)(const uint8_t *, size_t, size_t, const uint8_t **, size_t *, size_t *, int *),
+                          Create &&create) noexcept {
+    if (!formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
+    *formatDescriptionOut = nullptr;
+    size_t count = 0;
+    int headerLength = 0;
+    OSStatus status = get(record, recordSize, 0, nullptr, nullptr, &count, &headerLength);
+    if (status != 0 && count == 0) return kSVFormatDescriptionError_InvalidParameter;
+    std::vector<const uint8_t *> pointers(count);
+    std::vector<size_t> sizes(count);
+    for (size_t i = 0; i < count; ++i) {
+        status = get(record, recordSize, i, &pointers[i], &sizes[i], nullptr, nullptr);
+        if (status != 0) return status;
+    }
+    return create(count, pointers.data(), sizes.data(), headerLength);
 }
 
 }  // namespace sorvel
@@ -583,6 +603,28 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
         allocator, pointers.size(), pointers.data(), sizes.data(), nalUnitHeaderLength, nullptr, formatDescriptionOut);
 }
 
+OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize,
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    return sorvel::createFromRecord(
+        record, recordSize, formatDescriptionOut, SVGetParameterSetFromAVCDecoderConfigurationRecord,
+        [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
+            return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, count, pointers, sizes, headerLength,
+                                                                       formatDescriptionOut);
+        });
+}
+
+OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize, CFDictionaryRef extensions,
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    return sorvel::createFromRecord(
+        record, recordSize, formatDescriptionOut, SVGetParameterSetFromHEVCDecoderConfigurationRecord,
+        [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
+            return SVVideoFormatDescriptionCreateFromHEVCParameterSets(allocator, count, pointers, sizes, headerLength,
+                                                                       extensions, formatDescriptionOut);
+        });
+}
+
 OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
                                                             size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
@@ -662,6 +704,28 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     // without parameter sets.
     SV_LOG(3, kFunction, __LINE__, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
     return kSVFormatDescriptionError_InvalidParameter;
+}
+
+CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescriptionRef desc, const uint8_t *data,
+                                                               size_t size) noexcept {
+    if (!data || size == 0 || !isVideo(desc) || desc->mediaSubType != kAVC1) return nullptr;
+    for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
+        const uint8_t *set = desc->video.parameterSets[i];
+        const size_t setSize = desc->video.parameterSetSizes[i];
+        if (setSize == 0 || (set[0] & 0x1FU) != 7U) continue;
+        sorvel::SVH264SPS sps;
+        const char *why = "";
+        if (!sorvel::SVParseH264SPS(set, setSize, sps, why) || sps.frameMbsOnly) return nullptr;
+        switch (sorvel::SVH264FieldOrderOfSample(sps, data, size, desc->video.nalUnitHeaderLength)) {
+            case sorvel::SVFieldOrder::TopFirst:
+                return kCVImageBufferFieldDetailTemporalTopFirst;
+            case sorvel::SVFieldOrder::BottomFirst:
+                return kCVImageBufferFieldDetailTemporalBottomFirst;
+            case sorvel::SVFieldOrder::Unknown:
+                return nullptr;
+        }
+    }
+    return nullptr;
 }
 
 Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef desc,

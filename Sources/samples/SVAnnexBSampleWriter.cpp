@@ -48,15 +48,11 @@ bool isNotSync(SVSampleBufferRef sbuf) noexcept {
            CFBooleanGetValue(static_cast<CFBooleanRef>(notSync));
 }
 
-}  // namespace
-
-extern "C" {
-
-OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer, int32_t includeParameterSets,
-                                                        const uint8_t *nalTypesToSkip, size_t skipCount,
-                                                        SVSampleBufferPacketAllocator allocator) noexcept {
-    static constexpr const char kFunction[] = "_SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer";
-    if (!sampleBuffer || !allocator) return kInvalidParameter;
+// Both entry points: `allocate(size)` is the caller's block or function.
+template <typename Allocate>
+OSStatus writeAnnexB(const char *kFunction, SVSampleBufferRef sampleBuffer, int32_t includeParameterSets,
+                     const uint8_t *nalTypesToSkip, size_t skipCount, Allocate &&allocator) noexcept {
+    if (!sampleBuffer) return kInvalidParameter;
     SVFormatDescriptionRef desc = SVSampleBufferGetFormatDescription(sampleBuffer);
     const FourCharCode subtype = desc ? SVFormatDescriptionGetMediaSubType(desc) : 0;
     if (subtype != kAVC1 && subtype != kHVC1) return kInvalidParameter;
@@ -128,6 +124,26 @@ OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sample
         });
     }
     return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sampleBuffer, int32_t includeParameterSets,
+                                                        const uint8_t *nalTypesToSkip, size_t skipCount,
+                                                        SVSampleBufferPacketAllocator allocator) noexcept {
+    if (!allocator) return kInvalidParameter;
+    return writeAnnexB("_SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer", sampleBuffer, includeParameterSets,
+                       nalTypesToSkip, skipCount, [allocator](size_t size) { return allocator(size); });
+}
+
+OSStatus SVSampleBufferWriteAnnexB(SVSampleBufferRef sampleBuffer, Boolean includeParameterSets,
+                                   const uint8_t *nalTypesToSkip, size_t skipCount,
+                                   SVSampleBufferPacketAllocatorFunction allocate, void *refcon) noexcept {
+    if (!allocate) return kInvalidParameter;
+    return writeAnnexB("SVSampleBufferWriteAnnexB", sampleBuffer, includeParameterSets ? 1 : 0, nalTypesToSkip,
+                       skipCount, [allocate, refcon](size_t size) { return allocate(size, refcon); });
 }
 
 }  // extern "C"

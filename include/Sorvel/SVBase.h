@@ -13,12 +13,14 @@
  * - Getters handed NULL return a neutral value (NULL, 0, false, an invalid
  *   time) rather than a status.
  * - Failures are logged through XPLog (see <XPLog/XPLog.h>); logging never
- *   changes a result.
+ *   changes a result.  SVCopyStatusDescription (<Sorvel/SVStatus.h>) names
+ *   a status.
  */
 #ifndef SORVEL_SVBASE_H
 #define SORVEL_SVBASE_H
 
 #include <CoreFoundation/CoreFoundation.h>
+#include <Sorvel/SVVersion.h>
 
 #if defined(__cplusplus)
 #define SV_EXTERN_C_BEGIN extern "C" {
@@ -36,6 +38,15 @@ SV_EXTERN_C_BEGIN
 
 typedef CFIndex SVItemCount;
 typedef CFIndex SVItemIndex;
+
+/* The version of the library the program runs with, which may be newer
+ * than the headers it was compiled with (SORVEL_VERSION in
+ * <Sorvel/SVVersion.h>): SORVEL_VERSION_ENCODE(major, minor, patch) of the
+ * loaded library.  Any thread, any time. */
+SV_EXPORT unsigned long SVGetVersion(void) SV_NOEXCEPT;
+
+/* The same as "MAJOR.MINOR.PATCH", a static string. */
+SV_EXPORT const char *SVGetVersionString(void) SV_NOEXCEPT;
 
 SV_EXTERN_C_END
 

@@ -434,6 +434,14 @@ SV_EXPORT OSStatus SVTextFormatDescriptionGetFontName(SVTextFormatDescriptionRef
 
 typedef FourCharCode SVVideoCodecType;
 
+/* The codec four-character codes of H.264 and HEVC video descriptions
+ * ('avc1', 'hvc1': length-prefixed NAL units with a decoder configuration
+ * record). */
+enum {
+    kSVVideoCodecType_H264 = 0x61766331, /* 'avc1' */
+    kSVVideoCodecType_HEVC = 0x68766331  /* 'hvc1' */
+};
+
 typedef struct {
     int32_t width;
     int32_t height;
@@ -484,7 +492,8 @@ SV_EXPORT CFArrayRef SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuff
  * colour primaries, transfer function (with gamma level for the pure-gamma
  * curves), YCbCr matrix, full range (set only when true), chroma location
  * (left for 4:2:0 when the stream does not say), field count (2 when
- * frame_mbs_only_flag is 0, with top-first field detail) and the avcC record
+ * frame_mbs_only_flag is 0; no field detail, since parameter sets do not say
+ * which field comes first) and the avcC record
  * under kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms ->
  * "avcC".  nalUnitHeaderLength must be 1, 2, 3 or 4.  The sets are copied.
  * kSVFormatDescriptionError_InvalidParameter for a missing argument, a zero
@@ -511,6 +520,19 @@ SV_EXPORT OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(SVFormatDe
                                                                       size_t *parameterSetCountOut,
                                                                       int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
 
+/* The temporal field order an H.264 sample states, for an interlaced 'avc1'
+ * description (frame_mbs_only_flag 0): `data` holds the sample's NAL units
+ * with the description's length prefixes.  The order comes from pic_struct
+ * of the first picture-timing SEI (when the SPS says pic_struct is present),
+ * else from the parity of the first slice when it codes a field.  Returns
+ * kCVImageBufferFieldDetailTemporalTopFirst or ...BottomFirst (constants,
+ * not retained), or NULL when the sample does not say (frame pictures
+ * without such an SEI, progressive streams, units that do not parse), for a
+ * description other than an interlaced 'avc1' one, and for NULL or empty
+ * data.  Nothing is logged: most samples simply do not say. */
+SV_EXPORT CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescriptionRef desc,
+                                                                         const uint8_t *data, size_t size) SV_NOEXCEPT;
+
 /* An 'hvc1' description from HEVC parameter sets (VPS 32, SPS 33, PPS 34 and
  * optional SEI 39/40 NAL units, at least one each of VPS, SPS and PPS).  As
  * the H.264 creator, with the conformance window for cropping, field count 2
@@ -525,6 +547,25 @@ SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(
 
 SV_EXPORT OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* An 'avc1' description from an avcC record (ISO/IEC 14496-15), as an MP4
+ * demuxer finds it in a sample entry: the record's parameter sets and NAL
+ * unit header length go to SVVideoFormatDescriptionCreateFromH264ParameterSets,
+ * so the description and its statuses are that call's.  The record is read
+ * strictly (see SVGetParameterSetFromAVCDecoderConfigurationRecord in
+ * <Sorvel/SVNALUnit.h>): a NULL, empty or truncated record, or one without
+ * parameter sets, is kSVFormatDescriptionError_InvalidParameter.
+ * *formatDescriptionOut is NULL on failure; the caller owns the result. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize,
+    SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
+
+/* The same for an 'hvc1' description from an hvcC record, through
+ * SVVideoFormatDescriptionCreateFromHEVCParameterSets; `extensions` (may be
+ * NULL) as there. */
+SV_EXPORT OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
+    CFAllocatorRef allocator, const uint8_t *record, size_t recordSize, CFDictionaryRef extensions,
     SVFormatDescriptionRef *formatDescriptionOut) SV_NOEXCEPT;
 
 /* As the H.264 accessor, for 'hvc1' descriptions. */

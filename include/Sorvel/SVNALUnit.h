@@ -27,6 +27,51 @@
 
 SV_EXTERN_C_BEGIN
 
+/* ==== Enumerating units with a function =================================== */
+
+/* Called once per unit, in stream order, with its first byte, its length in
+ * bytes and the caller's refcon. */
+typedef void (*SVNALUnitCallback)(const uint8_t *unit, size_t length, void *refcon);
+
+/* Each enumerator has a function form here and a block form below; both walk
+ * alike and report the same units.  A NULL callback only counts. */
+
+/* As _SVEnumerateAnnexBNALUnits: units reported with their leading start code
+ * of `startCodeLength` bytes. */
+SV_EXPORT size_t SVNALUnitEnumerateAnnexB(const uint8_t *data, size_t length, int32_t startCodeLength,
+                                          SVNALUnitCallback callback, void *refcon) SV_NOEXCEPT;
+
+/* As _SVEnumerateAnnexBNALUnitsFlexible: 3- or 4-byte start codes, units
+ * reported without them. */
+SV_EXPORT size_t SVNALUnitEnumerateAnnexBFlexible(const uint8_t *data, size_t length, SVNALUnitCallback callback,
+                                                  void *refcon) SV_NOEXCEPT;
+
+/* As _SVEnumerateNALUnits: units preceded by a big-endian length of
+ * `lengthPrefixSize` bytes, reported with their prefix. */
+SV_EXPORT size_t SVNALUnitEnumerateLengthPrefixed(const uint8_t *data, size_t length, int32_t lengthPrefixSize,
+                                                  SVNALUnitCallback callback, void *refcon) SV_NOEXCEPT;
+
+/* ==== Parameter sets of decoder configuration records ======================= */
+
+/* Parameter set `index` of an avcC record (its SPSs, then its PPSs) or of an
+ * hvcC record (every unit of every array, in order), each a whole NAL unit
+ * without start code, length prefix or type byte, as a decoder or muxer
+ * takes it.  Every output is optional; the pointer points into `record`.
+ * The record is read strictly: a count or length that runs past its end is
+ * an error (logged), never zero-filled.  On success the count and the
+ * record's NAL unit header length (1 to 4) are stored even when `index` is
+ * past the end, which is kSVFormatDescriptionError_InvalidParameter (-12710),
+ * so index 0 with only the count outputs asks how many there are.  NULL or
+ * empty records are -12710 too.  Thread-safe; nothing is allocated. */
+SV_EXPORT OSStatus SVGetParameterSetFromAVCDecoderConfigurationRecord(
+    const uint8_t *record, size_t recordSize, size_t index, const uint8_t **parameterSetPointerOut,
+    size_t *parameterSetSizeOut, size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVGetParameterSetFromHEVCDecoderConfigurationRecord(
+    const uint8_t *record, size_t recordSize, size_t index, const uint8_t **parameterSetPointerOut,
+    size_t *parameterSetSizeOut, size_t *parameterSetCountOut, int *nalUnitHeaderLengthOut) SV_NOEXCEPT;
+
+/* ==== Enumerating units with a block ====================================== */
+
 #if __BLOCKS__
 /* Called once per unit with its first byte and its length in bytes; the
  * return value is ignored. */

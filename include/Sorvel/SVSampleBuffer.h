@@ -412,6 +412,22 @@ SV_EXPORT OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocat
 SV_EXPORT OSStatus SVSampleBufferCallForEachSample(SVSampleBufferRef sbuf, SVSampleBufferForEachSampleCallback callback,
                                                    void *refcon) SV_NOEXCEPT;
 
+/* Gives the Annex B writer memory for a packet of `size` bytes (NULL when
+ * none can be had); the memory belongs to whoever provides it. */
+typedef void *(*SVSampleBufferPacketAllocatorFunction)(size_t size, void *refcon);
+
+/* The function-pointer form of _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer
+ * (below): rewrites an 'avc1' or 'hvc1' sample as Annex B with 4-byte start
+ * codes into memory from `allocate(size, refcon)`, called once with the exact
+ * size after the input has been checked.  With `includeParameterSets` true a
+ * sync sample is preceded by the description's parameter sets.  Same rules
+ * and statuses (the format-description family's: -12710 for NULL arguments,
+ * another subtype, no or non-contiguous data; -12711 when `allocate` returns
+ * NULL). */
+SV_EXPORT OSStatus SVSampleBufferWriteAnnexB(SVSampleBufferRef sampleBuffer, Boolean includeParameterSets,
+                                             const uint8_t *nalTypesToSkip, size_t skipCount,
+                                             SVSampleBufferPacketAllocatorFunction allocate, void *refcon) SV_NOEXCEPT;
+
 #if __BLOCKS__
 /* SVSampleBufferCallForEachSample with a block. */
 SV_EXPORT OSStatus SVSampleBufferCallBlockForEachSample(SVSampleBufferRef sbuf,

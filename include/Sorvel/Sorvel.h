@@ -15,6 +15,7 @@
 #include <Sorvel/SVSampleBuffer.h>
 #include <Sorvel/SVSampleDescription.h>
 #include <Sorvel/SVSimpleQueue.h>
+#include <Sorvel/SVStatus.h>
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTime.h>
 #include <Sorvel/SVTimebase.h>

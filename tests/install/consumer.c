@@ -5,6 +5,9 @@
  * every check holds and prints the first one that fails otherwise.
  */
 #include <CoreFoundation/CoreFoundation.h>
+#include <Sorvel/SVStatus.h>
+#include <Sorvel/SVTime.h>
+#include <Sorvel/SVVersion.h>
 #include <dispatch/dispatch.h>
 #include <stdio.h>
 #include <string.h>
@@ -65,6 +68,19 @@ int main(void) {
     CHECK(CFGetRetainCount(number) == baseCount);
     CHECK(CFDictionaryGetCount(dict) == 0);
 
+    /* The installed headers and the installed library are one version. */
+    CHECK(SVGetVersion() == SORVEL_VERSION);
+    CHECK(strcmp(SVGetVersionString(), SORVEL_VERSION_STRING) == 0);
+    CHECK(SORVEL_CHECK_VERSION(0, 1, 0));
+    CFStringRef statusText = SVCopyStatusDescription(NULL, -12733);
+    char statusBuffer[96] = {0};
+    CHECK(statusText &&
+          CFStringGetCString(statusText, statusBuffer, (CFIndex)sizeof statusBuffer, kCFStringEncodingUTF8));
+    CHECK(strcmp(statusBuffer, "kSVSampleBufferError_BufferNotReady (-12733)") == 0);
+    if (statusText) CFRelease(statusText);
+    SVTime sum = SVTimeAdd(SVTimeMake(1, 2), SVTimeMake(1, 3));
+    CHECK(SVTimeCompare(sum, SVTimeMake(5, 6)) == 0);
+
     static dispatch_once_t once;
     dispatch_once_f(&once, NULL, countOnce);
     dispatch_once_f(&once, NULL, countOnce);
@@ -81,8 +97,8 @@ int main(void) {
       blockCount++;
     });
     CHECK(blockCount == 1);
-#elif defined(__clang__)
-#error "a clang client of Sorvel should be compiled with -fblocks"
+#elif defined(SORVEL_CONSUMER_EXPECT_BLOCKS)
+#error "sorvel-blocks.pc should have turned blocks on"
 #endif
 
     CFRelease(described);

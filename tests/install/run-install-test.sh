@@ -13,6 +13,7 @@ consumer_dir=$2
 cc=$3
 ninja=$4
 sanitize=${5:-}
+examples_dir=$(cd "$consumer_dir/../../examples" && pwd)
 
 prefix=$(mktemp -d /tmp/sorvel-install-XXXXXX)
 trap 'rm -rf "$prefix"' EXIT
@@ -43,6 +44,14 @@ for lib in Sorvel SorvelPlatform; do
     [[ $soname == lib$lib.so.* ]] || fail "lib$lib has SONAME '$soname'"
     [[ -L $libdir/$soname ]] || fail "no $soname symlink"
 done
+# Every defined export carries the library's own version node.
+for pair in Sorvel:SORVEL_0 SorvelPlatform:SORVEL_PLATFORM_0; do
+    lib=${pair%%:*} node=${pair#*:}
+    nodes=$(objdump -T "$libdir/lib$lib.so" | awk '$2 == "g" && $4 != "*UND*" { print $(NF - 1) }' | sort -u)
+    [[ $nodes == "$node" ]] || fail "lib$lib exports under version nodes '$nodes', not $node alone"
+done
+expect "$prefix/include/Sorvel/SVVersion.h"
+expect "$libdir/pkgconfig/sorvel-blocks.pc"
 expect "$libdir/cmake/Sorvel/SorvelConfigVersion.cmake"
 expect "$libdir/cmake/Sorvel/SorvelTargets.cmake"
 expect "$libdir/pkgconfig/sorvel.pc"
@@ -58,25 +67,85 @@ if [[ -n $sanitize ]]; then
     flags=("-fsanitize=$sanitize" -fsanitize-link-c++-runtime -lstdc++)
 fi
 
-step "find_package(Sorvel) consumer"
-CC=$cc cmake -S "$consumer_dir" -B "$prefix/consumer-cmake" -G Ninja \
-    -DCMAKE_MAKE_PROGRAM="$ninja" \
-    -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_C_FLAGS="${cflags[*]:-}" \
-    -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/consumer-cmake.log" 2>&1 \
-    || { cat "$prefix/consumer-cmake.log"; fail "configuring the consumer failed"; }
-cmake --build "$prefix/consumer-cmake" >"$prefix/consumer-build.log" 2>&1 \
-    || { cat "$prefix/consumer-build.log"; fail "building the consumer failed"; }
-"$prefix/consumer-cmake/consumer"
+# Each client compiler: the clang that built the library, and GCC (C and
+# C++) when it is installed. A sanitized library is only usable from the
+# compiler whose sanitizer runtime it was built against, so sanitizer runs
+# test clang alone.
+compilers=("$cc")
+if [[ -z $sanitize ]] && command -v gcc >/dev/null && command -v g++ >/dev/null; then
+    compilers+=(gcc)
+fi
+cxx_of() { case $1 in *clang*) echo "${1/clang/clang++}" ;; *gcc*) echo "${1/gcc/g++}" ;; *) echo c++ ;; esac; }
 
-step "pkg-config consumer"
-export PKG_CONFIG_PATH="$libdir/pkgconfig"
-pc_flags=$(pkg-config --cflags --libs sorvel)
-echo "pkg-config --cflags --libs sorvel: $pc_flags"
-# shellcheck disable=SC2086  # pc_flags is a list of words
-"$cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$consumer_dir/consumer.c" -o "$prefix/consumer-pc" \
-    $pc_flags -Wl,-rpath,"$libdir"
-"$prefix/consumer-pc"
+for client_cc in "${compilers[@]}"; do
+    client_cxx=$(cxx_of "$client_cc")
+    tag=$(basename "$client_cc")
+    step "find_package(Sorvel) consumer, C and C++, $client_cc / $client_cxx"
+    CC=$client_cc CXX=$client_cxx cmake -S "$consumer_dir" -B "$prefix/consumer-cmake-$tag" -G Ninja \
+        -DCMAKE_MAKE_PROGRAM="$ninja" \
+        -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_BUILD_TYPE=Debug \
+        -DCMAKE_C_FLAGS="${cflags[*]:-}" \
+        -DCMAKE_CXX_FLAGS="${cflags[*]:-}" \
+        -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/consumer-cmake.log" 2>&1 \
+        || { cat "$prefix/consumer-cmake.log"; fail "configuring the consumer with $client_cc failed"; }
+    cmake --build "$prefix/consumer-cmake-$tag" >"$prefix/consumer-build.log" 2>&1 \
+        || { cat "$prefix/consumer-build.log"; fail "building the consumer with $client_cc failed"; }
+    "$prefix/consumer-cmake-$tag/consumer"
+    "$prefix/consumer-cmake-$tag/consumer_cxx"
+
+    step "pkg-config consumer, C and C++, $client_cc / $client_cxx"
+    export PKG_CONFIG_PATH="$libdir/pkgconfig"
+    pc_flags=$(pkg-config --cflags --libs sorvel)
+    echo "pkg-config --cflags --libs sorvel: $pc_flags"
+    [[ $pc_flags != *-fblocks* ]] || fail "sorvel.pc must stay compiler-neutral"
+    # shellcheck disable=SC2086  # pc_flags is a list of words
+    "$client_cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$consumer_dir/consumer.c" -o "$prefix/consumer-pc" \
+        $pc_flags -Wl,-rpath,"$libdir"
+    "$prefix/consumer-pc"
+    # shellcheck disable=SC2086
+    "$client_cxx" -std=c++17 -Wall -Wextra -Werror "${flags[@]}" -x c++ "$consumer_dir/consumer.c" -x none \
+        -o "$prefix/consumer-pc-cxx" $pc_flags -Wl,-rpath,"$libdir"
+    "$prefix/consumer-pc-cxx"
+    if [[ $client_cc == *clang* ]]; then
+        blocks_flags=$(pkg-config --cflags --libs sorvel-blocks)
+        echo "pkg-config --cflags --libs sorvel-blocks: $blocks_flags"
+        # shellcheck disable=SC2086
+        "$client_cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" -DSORVEL_CONSUMER_EXPECT_BLOCKS=1 \
+            "$consumer_dir/consumer.c" -o "$prefix/consumer-pc-blocks" $blocks_flags -Wl,-rpath,"$libdir"
+        "$prefix/consumer-pc-blocks"
+    fi
+
+    step "examples through find_package(Sorvel) and through pkg-config, $client_cc / $client_cxx"
+    CC=$client_cc CXX=$client_cxx cmake -S "$examples_dir" -B "$prefix/examples-$tag" -G Ninja \
+        -DCMAKE_MAKE_PROGRAM="$ninja" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug \
+        -DSORVEL_EXAMPLE_MP4="$examples_dir/../tests/data/media/avc_baseline_176x144.mp4" \
+        -DCMAKE_C_FLAGS="${cflags[*]:-}" -DCMAKE_CXX_FLAGS="${cflags[*]:-}" \
+        -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" >"$prefix/examples.log" 2>&1 \
+        || { cat "$prefix/examples.log"; fail "configuring the examples with $client_cc failed"; }
+    cmake --build "$prefix/examples-$tag" >"$prefix/examples.log" 2>&1 \
+        || { cat "$prefix/examples.log"; fail "building the examples with $client_cc failed"; }
+    (cd "$prefix/examples-$tag" && ctest --output-on-failure >"$prefix/examples.log" 2>&1) \
+        || { cat "$prefix/examples.log"; fail "running the examples built with $client_cc failed"; }
+    for example in "$examples_dir"/*.c; do
+        name=$(basename "$example" .c)
+        [[ $name == runtime_tour ]] && continue
+        # shellcheck disable=SC2086
+        "$client_cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$example" -o "$prefix/$name-pc" $pc_flags \
+            -Wl,-rpath,"$libdir" || fail "$name does not build with $client_cc through pkg-config"
+        # shellcheck disable=SC2086
+        "$client_cxx" -std=c++17 -Wall -Wextra -Werror "${flags[@]}" -x c++ "$example" -x none \
+            -o "$prefix/$name-pc-cxx" $pc_flags -Wl,-rpath,"$libdir" \
+            || fail "$name does not build with $client_cxx through pkg-config"
+    done
+done
+
+step "beside another library that exports dispatch_once"
+echo 'OTHER_DISPATCH_1 { global: dispatch_*; local: *; };' >"$prefix/other.map"
+"$cc" -shared -fPIC "${cflags[@]}" -Wl,--version-script="$prefix/other.map" "$consumer_dir/other_dispatch.c" \
+    -o "$prefix/libother_dispatch.so"
+# Preloaded, it comes first in the process's symbol search order: every
+# unversioned reference to dispatch_once would bind to it.
+LD_PRELOAD="$prefix/libother_dispatch.so" "$prefix/consumer-pc"
 
 step "install test passed"

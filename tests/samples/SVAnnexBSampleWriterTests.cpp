@@ -318,3 +318,66 @@ TEST(SVAnnexBSampleWriter, TheVideoSampleWriterEncodesAVCAndHEVC) {
 }
 
 }  // namespace
+
+namespace {
+
+struct FunctionAllocation {
+    Bytes buffer;
+    int calls = 0;
+    bool fail = false;
+};
+
+void *allocateInto(size_t size, void *refcon) {
+    auto *state = static_cast<FunctionAllocation *>(refcon);
+    ++state->calls;
+    if (state->fail) return nullptr;
+    state->buffer.assign(size, 0xEE);
+    return state->buffer.data();
+}
+
+}  // namespace
+
+TEST(SVAnnexBSampleWriter, FunctionFormWritesWhatTheBlockFormWrites) {
+    const struct {
+        const char *name;
+        bool hevc;
+    } clips[] = {{"avc_baseline_176x144.len2", false}, {"hevc_main_1920x1080_bt709", true}};
+    for (const auto &clip : clips) {
+        int32_t headerLength = 0;
+        Units sets = parameterSets(clip.name, clip.hevc, &headerLength);
+        auto desc = descriptionFromSets(clip.hevc, sets, headerLength);
+        ASSERT_TRUE(desc) << clip.name;
+        std::vector<Access> aus = accessUnits(clip.name);
+        ASSERT_GE(aus.size(), 2u) << clip.name;
+        for (size_t i = 0; i < 2; ++i) {
+            auto sbuf = sampleOf(aus[i].bytes, desc.get(), aus[i].sync);
+            for (int32_t include = 0; include <= 1; ++include) {
+                const Bytes skip = {6};  // SEI for H.264; for HEVC its mask never matches a unit here
+                Encoded byBlock = encode(sbuf.get(), include, skip);
+                FunctionAllocation state;
+                EXPECT_EQ(
+                    SVSampleBufferWriteAnnexB(sbuf.get(), include != 0, skip.data(), skip.size(), allocateInto, &state),
+                    byBlock.status);
+                EXPECT_EQ(state.calls, 1);
+                EXPECT_EQ(state.buffer, byBlock.bytes) << clip.name << " sample " << i << " include " << include;
+            }
+        }
+    }
+}
+
+TEST(SVAnnexBSampleWriter, FunctionFormFailures) {
+    int32_t headerLength = 0;
+    Units sets = parameterSets("avc_baseline_176x144", false, &headerLength);
+    auto desc = descriptionFromSets(false, sets, headerLength);
+    auto sbuf = sampleOf(accessUnits("avc_baseline_176x144").front().bytes, desc.get());
+    FunctionAllocation state;
+    EXPECT_EQ(SVSampleBufferWriteAnnexB(nullptr, true, nullptr, 0, allocateInto, &state),
+              kSVFormatDescriptionError_InvalidParameter);
+    EXPECT_EQ(SVSampleBufferWriteAnnexB(sbuf.get(), true, nullptr, 0, nullptr, &state),
+              kSVFormatDescriptionError_InvalidParameter);
+    EXPECT_EQ(state.calls, 0);
+    state.fail = true;
+    EXPECT_EQ(SVSampleBufferWriteAnnexB(sbuf.get(), true, nullptr, 0, allocateInto, &state),
+              kSVFormatDescriptionError_AllocationFailed);
+    EXPECT_EQ(state.calls, 1);
+}

@@ -16,6 +16,7 @@
 
 #include "Commands.h"
 #include "MediaSource.h"
+#include "OutputFile.h"
 
 namespace sorvel::tool {
 namespace {
@@ -28,10 +29,10 @@ long insertionPoint(const uint8_t *data, size_t size, FourCharCode codec, int he
     _SVEnumerateNALUnits(data, size, headerLength, ^int(const uint8_t *unit, size_t length) {
       if (point >= 0 || length <= static_cast<size_t>(headerLength)) return 0;
       const unsigned type = nalUnitType(codec, unit[headerLength]);
-      if (codec == 'avc1') {
-          if (type == 7) sawSPS = true;
-          if (type == 5 && sync && !sawSPS) point = unit - data;
-      } else if (type >= 16 && type <= 23) {
+      if (codec == kSVVideoCodecType_H264) {
+          if (type == kH264NAL_SPS) sawSPS = true;
+          if (type == kH264NAL_IDRSlice && sync && !sawSPS) point = unit - data;
+      } else if (type >= kHEVCNAL_FirstIRAP && type <= kHEVCNAL_LastIRAP) {
           point = unit - data;
       }
       return 0;
@@ -71,14 +72,20 @@ OSStatus writeSample(SVSampleBufferRef sample, int32_t extraDataMode, std::vecto
 }  // namespace
 
 int runAnnexB(const AnnexBOptions &options) {
-    const bool toStdout = options.output == "-";
-    if (toStdout && isatty(STDOUT_FILENO))
-        return reportError({kExitUsage, "refusing to write a binary stream to a terminal; name an output file"});
     ToolError error;
+    // With one name the built-in stream is written to it: a file of that
+    // name is far more likely an input given without an output.
+    if (options.input.empty() && options.output != "-" && !options.overwrite &&
+        access(options.output.c_str(), F_OK) == 0)
+        return reportError({kExitUsage, format("%s exists; to convert it, name an output too (sorvel annexb %s OUT); "
+                                               "-y writes the built-in stream over it",
+                                               options.output.c_str(), options.output.c_str())});
+    OutputFile output;
+    if (!output.open(options.output, options.input, options.overwrite, error)) return reportError(error);
     std::unique_ptr<MediaSource> source = MediaSource::open(options.input, error);
     if (!source) return reportError(error);
-    FILE *out = toStdout ? stdout : fopen(options.output.c_str(), "wb");
-    if (!out) return reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
+    const bool toStdout = output.isStandardOutput();
+    FILE *out = output.stream();
 
     const FourCharCode codec = source->codec();
     const int headerLength = source->nalUnitHeaderLength();
@@ -124,14 +131,15 @@ int runAnnexB(const AnnexBOptions &options) {
         bytes += packet.size();
         ++samples;
     }
-    if ((toStdout ? fflush(out) : fclose(out)) != 0 && result == kExitOK)
-        result = reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
     if (result != kExitOK) return result;
+    // A damaged input still gives the samples before the damage.
+    if (!output.commit(error)) return reportError(error);
     for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
     fprintf(toStdout ? stderr : stdout,
             "Wrote %lld samples, %llu bytes of %s Annex B to %s (parameter sets inserted %lld times)\n",
-            static_cast<long long>(samples), static_cast<unsigned long long>(bytes), codec == 'avc1' ? "H.264" : "HEVC",
-            toStdout ? "standard output" : options.output.c_str(), static_cast<long long>(insertions));
+            static_cast<long long>(samples), static_cast<unsigned long long>(bytes),
+            codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC", toStdout ? "standard output" : options.output.c_str(),
+            static_cast<long long>(insertions));
     if (source->problem()) return reportError(*source->problem());
     return kExitOK;
 }

@@ -17,8 +17,9 @@ struct ProbeOptions {
 };
 
 struct AnnexBOptions {
-    std::string input;   // empty: the embedded stream
-    std::string output;  // "-": standard output
+    std::string input;       // empty: the embedded stream
+    std::string output;      // "-": standard output
+    bool overwrite = false;  // replace an existing output file
 };
 
 struct PlayOptions {
@@ -34,8 +35,11 @@ int runProbe(const ProbeOptions &options);
 int runAnnexB(const AnnexBOptions &options);
 int runPlay(const PlayOptions &options);
 
-// Prints "sorvel: message" on standard error and returns the error's code.
+// Prints "sorvel: message" on standard error and returns the error's code;
+// after reportErrorsAsJson(true) also {"error": {"code", "message"}} on
+// standard output, for callers that read the JSON.
 int reportError(const ToolError &error);
+void reportErrorsAsJson(bool json);
 
 }  // namespace sorvel::tool
 

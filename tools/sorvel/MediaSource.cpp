@@ -85,14 +85,22 @@ int64_t seekMemory(void *opaque, int64_t offset, int whence) {
 }
 
 bool isParameterSet(FourCharCode codec, unsigned type) {
-    if (codec == 'avc1') return type == 7 || type == 8;
-    return type == 32 || type == 33 || type == 34;
+    if (codec == kSVVideoCodecType_H264) return type == kH264NAL_SPS || type == kH264NAL_PPS;
+    return type == kHEVCNAL_VPS || type == kHEVCNAL_SPS || type == kHEVCNAL_PPS;
 }
 
 struct Unit {
     const uint8_t *data;
     size_t size;
 };
+
+// A parameter set as its payload: trailing zero bytes belong to the byte
+// stream (or were kept by a muxer), never to the unit, whose payload ends
+// with a stop bit.
+Unit payload(const uint8_t *data, size_t size) {
+    while (size > 1 && data[size - 1] == 0) --size;
+    return {data, size};
+}
 
 // Units of an Annex B run, without start codes.
 std::vector<Unit> annexBUnits(const uint8_t *data, size_t size) {
@@ -154,7 +162,7 @@ OSStatus describe(FourCharCode codec, const std::vector<Unit> &sets, int headerL
         pointers.push_back(set.data);
         sizes.push_back(set.size);
     }
-    if (codec == 'avc1')
+    if (codec == kSVVideoCodecType_H264)
         return SVVideoFormatDescriptionCreateFromH264ParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
                                                                    headerLength, out);
     return SVVideoFormatDescriptionCreateFromHEVCParameterSets(nullptr, sets.size(), pointers.data(), sizes.data(),
@@ -240,7 +248,7 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
             error = {kExitCannotOpen, format("%s: is a directory", path.c_str())};
             return false;
         }
-        if (info.st_size == 0) {
+        if (S_ISREG(info.st_mode) && info.st_size == 0) {
             error = {kExitCannotOpen, format("%s: the file is empty", path.c_str())};
             return false;
         }
@@ -269,6 +277,39 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
 
 std::string MediaSource::containerName() const {
     return format_context_ && format_context_->iformat ? format_context_->iformat->name : "";
+}
+
+const char *MediaSource::decodeTimeSource() const {
+    if (timesCounted_) return "counted";
+    // Matroska (and WebM) store presentation times only.
+    if (containerName().find("matroska") != std::string::npos) return "derived";
+    return "stored";
+}
+
+std::string MediaSource::frameRateFraction() const {
+    const AVStream *stream = format_context_->streams[videoIndex_];
+    const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
+    if (rate.num <= 0 || rate.den <= 0) return "";
+    return format("%d/%d", rate.num, rate.den);
+}
+
+double MediaSource::containerDuration() const {
+    return format_context_->duration > 0 ? static_cast<double>(format_context_->duration) / AV_TIME_BASE : NAN;
+}
+
+int64_t MediaSource::containerBitRate() const {
+    return format_context_->bit_rate > 0 ? format_context_->bit_rate : 0;
+}
+
+int64_t MediaSource::containerSize() const {
+    if (memory_io_) {
+        size_t size = 0;
+        embeddedStream(size);
+        return static_cast<int64_t>(size);
+    }
+    if (!format_context_->pb) return -1;
+    const int64_t size = avio_size(format_context_->pb);
+    return size >= 0 ? size : -1;
 }
 
 double MediaSource::declaredDuration() const {
@@ -306,9 +347,9 @@ bool MediaSource::describeVideo(ToolError &error) {
     const AVStream *stream = format_context_->streams[videoIndex_];
     const AVCodecParameters *parameters = stream->codecpar;
     if (parameters->codec_id == AV_CODEC_ID_H264) {
-        codec_ = 'avc1';
+        codec_ = kSVVideoCodecType_H264;
     } else if (parameters->codec_id == AV_CODEC_ID_HEVC) {
-        codec_ = 'hvc1';
+        codec_ = kSVVideoCodecType_HEVC;
     } else {
         error = {kExitUnsupported, format("%s: the video is %s; sorvel reads H.264 and HEVC video", name_.c_str(),
                                           avcodec_get_name(parameters->codec_id))};
@@ -330,7 +371,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     lengthPrefixed_ = extraSize >= 7 && extra[0] == 1;
     Ref<SVFormatDescriptionRef> description;
     OSStatus status = 0;
-    if (lengthPrefixed_ && codec_ == 'avc1') {
+    if (lengthPrefixed_ && codec_ == kSVVideoCodecType_H264) {
         int32_t headerLength = 4;
         Ref<CFMutableDataRef> annexB;
         status = _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(extra, extraSize, &headerLength,
@@ -360,7 +401,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     }
     if (status != 0 || !description) {
         error = {kExitTruncated, format("%s: the %s decoder configuration record is damaged (status %d)", name_.c_str(),
-                                        codec_ == 'avc1' ? "avcC" : "hvcC", static_cast<int>(status))};
+                                        codec_ == kSVVideoCodecType_H264 ? "avcC" : "hvcC", static_cast<int>(status))};
         return false;
     }
     format_ = description;
@@ -459,24 +500,21 @@ void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
     std::vector<Unit> units =
         lengthPrefixed_ && format_ ? prefixedUnits(data, size, nalUnitHeaderLength_) : annexBUnits(data, size);
     std::vector<Unit> sets;
-    bool sps = false, pps = false, vps = codec_ == 'avc1';
+    bool sps = false, pps = false, vps = codec_ == kSVVideoCodecType_H264;
     for (const Unit &unit : units) {
         if (unit.size == 0) continue;
         const unsigned type = nalUnitType(codec_, unit.data[0]);
         if (!isParameterSet(codec_, type)) continue;
-        // Trailing zero bytes belong to the byte stream, not to the unit.
-        size_t length = unit.size;
-        while (length > 1 && unit.data[length - 1] == 0) --length;
-        sets.push_back({unit.data, length});
-        sps |= type == 7 || type == 33;
-        pps |= type == 8 || type == 34;
-        vps |= type == 32;
+        sets.push_back(payload(unit.data, unit.size));
+        sps |= type == (codec_ == kSVVideoCodecType_H264 ? kH264NAL_SPS : kHEVCNAL_SPS);
+        pps |= type == (codec_ == kSVVideoCodecType_H264 ? kH264NAL_PPS : kHEVCNAL_PPS);
+        vps |= type == kHEVCNAL_VPS;
     }
     if (!sps || !pps || !vps) return;
     if (format_) {
         size_t count = 0;
-        auto getter = codec_ == 'avc1' ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
-                                       : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
+        auto getter = codec_ == kSVVideoCodecType_H264 ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
+                                                       : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
         getter(format_.get(), 0, nullptr, nullptr, &count, nullptr);
         std::vector<Unit> current;
         for (size_t i = 0; i < count; ++i) {
@@ -484,7 +522,7 @@ void MediaSource::adoptInBandParameterSets(const uint8_t *data, size_t size) {
             size_t setSize = 0;
             if (getter(format_.get(), i, &set, &setSize, nullptr, nullptr) == 0 && setSize &&
                 isParameterSet(codec_, nalUnitType(codec_, set[0])))
-                current.push_back({set, setSize});
+                current.push_back(payload(set, setSize));
         }
         bool same = current.size() == sets.size();
         for (size_t i = 0; same && i < sets.size(); ++i)
@@ -609,6 +647,7 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
     if (sample.timestampsGuessed) {
         dts = lastDts_ == INT64_MIN ? 0 : lastDts_ + lastDuration_;
         pts = dts;
+        timesCounted_ = true;
         warn("the container gives no time stamps: they are counted from the frame rate in decode order");
     } else if (!hasDts) {
         dts = pts;
@@ -648,6 +687,15 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
 
 bool MediaSource::seekToSyncBefore(int64_t pts) {
     if (av_seek_frame(format_context_, videoIndex_, pts, AVSEEK_FLAG_BACKWARD) < 0) return false;
+    lastDts_ = INT64_MIN;
+    lastDuration_ = 0;
+    return true;
+}
+
+bool MediaSource::rewind() {
+    if (av_seek_frame(format_context_, -1, 0, AVSEEK_FLAG_BYTE) < 0 &&
+        av_seek_frame(format_context_, videoIndex_, declaredStartTicks(), AVSEEK_FLAG_BACKWARD) < 0)
+        return false;
     lastDts_ = INT64_MIN;
     lastDuration_ = 0;
     return true;

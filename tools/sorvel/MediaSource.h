@@ -63,9 +63,28 @@ public:
     // configuration record and samples as length-prefixed units (MP4,
     // Matroska); false for Annex B framing (MPEG-TS, raw streams).
     bool lengthPrefixedSource() const { return lengthPrefixed_; }
+    // Where the samples' decode times come from: "stored" (the container
+    // keeps them: MP4, MPEG-TS), "derived" (Matroska keeps none: libavformat
+    // derives them from presentation times once it knows the reordering
+    // delay, so the first samples have none), "counted" (raw streams: from
+    // the frame rate, in decode order).
+    const char *decodeTimeSource() const;
     // The container's duration of the video stream in seconds, or NaN.
     double declaredDuration() const;
     int64_t declaredFrameCount() const;
+    // The video stream's index among the file's streams.
+    int videoStreamIndex() const { return videoIndex_; }
+    // The declared average frame rate as an exact fraction ("30000/1001"),
+    // "" when the container does not say.
+    std::string frameRateFraction() const;
+    // The container's own duration (seconds, NaN when unknown), overall bit
+    // rate (bits per second, 0 when unknown) and size in bytes (-1 when
+    // unknown, as for the embedded stream's memory or a pipe).
+    double containerDuration() const;
+    int64_t containerBitRate() const;
+    int64_t containerSize() const;
+    // One frame at the stream's declared frame rate, in ticks (0 when unknown).
+    int64_t defaultFrameTicks() const { return defaultDuration_; }
     // The container's first presentation time of the video, in ticks (0 when unknown).
     int64_t declaredStartTicks() const;
     // Seconds of a tick count.
@@ -79,6 +98,9 @@ public:
     // Positions the reader so that next() returns the sync sample at or
     // before `pts` (stream ticks) first.  False when the input cannot seek.
     bool seekToSyncBefore(int64_t pts);
+    // Positions the reader at the first byte of the input.  False when the
+    // input cannot seek.
+    bool rewind();
     const std::optional<ToolError> &problem() const { return problem_; }
     // Samples skipped because no parameter sets had been seen yet.
     int64_t samplesWithoutFormat() const { return samplesWithoutFormat_; }
@@ -112,6 +134,7 @@ private:
     int64_t defaultDuration_ = 0;
     int64_t samplesWithoutFormat_ = 0;
     int formatChanges_ = 0;
+    bool timesCounted_ = false;
     std::optional<ToolError> problem_;
     std::vector<std::string> warnings_;
 };

@@ -21,6 +21,7 @@
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <mutex>
 #include <thread>
@@ -32,6 +33,28 @@
 namespace sorvel::tool {
 namespace {
 
+// Ctrl-C (or SIGTERM) ends playing; the report still comes out.
+std::atomic<bool> gInterrupted{false};
+
+void interrupt(int) {
+    gInterrupted = true;
+}
+
+struct StopOnInterrupt {
+    struct sigaction previous[2] = {};
+    StopOnInterrupt() {
+        struct sigaction action = {};
+        action.sa_handler = interrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &previous[0]);
+        sigaction(SIGTERM, &action, &previous[1]);
+    }
+    ~StopOnInterrupt() {
+        sigaction(SIGINT, &previous[0], nullptr);
+        sigaction(SIGTERM, &previous[1], nullptr);
+    }
+};
+
 // A sample taken more than this after its moment counts as late.
 constexpr double kLateMilliseconds = 2.0;
 
@@ -40,6 +63,8 @@ struct Flow {
     std::condition_variable changed;
     bool full = false;
     bool stop = false;
+    uint64_t enqueued = 0;     // samples enqueued so far: the player's wake-up signal
+    int64_t groupsQueued = 0;  // backwards: groups of pictures enqueued whole
     bool readerDone = false;
     std::optional<ToolError> readerError;
 };
@@ -69,10 +94,15 @@ uint64_t hostNow() {
     return SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock()));
 }
 
-void sleepUntil(uint64_t host) {
-    timespec when = {static_cast<time_t>(host / 1000000000u), static_cast<long>(host % 1000000000u)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr) == EINTR) {
-    }
+// Waits until host time `host` (CLOCK_MONOTONIC nanoseconds, the clock of
+// std::chrono::steady_clock here) or until a sample is enqueued.  Progress
+// is redrawn at least every 100 ms.
+void waitForChange(Flow &flow, uint64_t host) {
+    const auto until = std::chrono::steady_clock::time_point(
+        std::chrono::nanoseconds(std::min<uint64_t>(host, hostNow() + 100000000)));
+    std::unique_lock<std::mutex> lock(flow.mutex);
+    const uint64_t seen = flow.enqueued;
+    flow.changed.wait_until(lock, until, [&] { return flow.enqueued != seen || flow.stop; });
 }
 
 struct Window {
@@ -117,6 +147,10 @@ private:
             fail({kExitFailure, format("the buffer queue refused a sample (status %d)", static_cast<int>(status))});
             return false;
         }
+        {
+            std::lock_guard<std::mutex> lock(flow_.mutex);
+            ++flow_.enqueued;
+        }
         flow_.changed.notify_all();
         return true;
     }
@@ -126,33 +160,83 @@ private:
         if (!flow_.readerError) flow_.readerError = std::move(error);
     }
 
+    // Positions the source so that the sync sample at or before the start
+    // comes first.  Inputs without an index may land later than asked, even
+    // after the last sync sample: step back further until that sync sample
+    // comes first.  Inputs that cannot seek at all (raw elementary streams)
+    // are read forward from the start instead.  False when the stream holds
+    // no sync sample at or before the start at all; `sample` is then unset.
+    bool reachStart(VideoSample &sample) {
+        const int64_t target = source_.secondsToTicks(window_.start);
+        const int64_t second = source_.secondsToTicks(1.0);
+        bool have = false;
+        for (int64_t back = 0; back <= 64 * second; back = back ? back * 2 : second) {
+            // A failed seek may leave the reader anywhere: start over.
+            if (!source_.seekToSyncBefore(target - back)) return source_.rewind() && readForwardTo(target, sample);
+            have = false;
+            while (source_.next(sample))
+                if (sample.sync) {
+                    have = true;
+                    break;
+                }
+            if (have && sample.pts <= target) return true;
+        }
+        // Stepping back never reached a sync sample before the start: start
+        // from the beginning of the stream.
+        return source_.rewind() && readForwardTo(target, sample);
+    }
+
+    // Reads from where the source stands and keeps only the group of
+    // pictures that starts with the last sync sample at or before `target`;
+    // the samples after its first wait in `pending_`.
+    bool readForwardTo(int64_t target, VideoSample &sample) {
+        std::vector<VideoSample> group;
+        VideoSample read;
+        bool beyond = false;  // `read` is a sync sample past the target
+        while (source_.next(read)) {
+            if (read.sync && read.pts > target) {
+                beyond = true;
+                break;
+            }
+            if (read.sync) group.clear();
+            if (read.sync || !group.empty()) group.push_back(read);
+        }
+        if (beyond) group.push_back(read);
+        if (group.empty()) return false;
+        sample = group.front();
+        pending_.assign(group.begin() + 1, group.end());
+        pendingNext_ = 0;
+        return true;
+    }
+
+    bool nextSample(VideoSample &sample) {
+        if (pendingNext_ < pending_.size()) {
+            sample = pending_[pendingNext_++];
+            return true;
+        }
+        pending_.clear();
+        pendingNext_ = 0;
+        return source_.next(sample);
+    }
+
     void runForwards() {
         VideoSample sample;
         bool have = false;
         if (seekFirst_) {
-            // Decoding starts at the sync sample at or before the start;
-            // inputs without an index may land later than asked, so step
-            // back further until that sync sample comes first.
-            const int64_t target = source_.secondsToTicks(window_.start);
-            const int64_t second = source_.secondsToTicks(1.0);
-            for (int64_t back = 0;; back = back ? back * 2 : second) {
-                if (!source_.seekToSyncBefore(target - back)) {
-                    fail(
-                        {kExitUnsupported, format("%s: cannot seek to %.3f s", source_.name().c_str(), window_.start)});
-                    return;
-                }
-                have = false;
-                while (source_.next(sample))
-                    if (sample.sync) {
-                        have = true;
-                        break;
-                    }
-                if (!have || sample.pts <= target || back > 64 * second) break;
+            have = reachStart(sample);
+            if (source_.problem()) {
+                fail(*source_.problem());
+                return;
+            }
+            if (!have) {
+                fail({kExitUnsupported,
+                      format("%s: no sync sample to start at %.3f s", source_.name().c_str(), window_.start)});
+                return;
             }
         }
         // Reordered pictures can follow a late decode time by a second at most.
         const double stopAfter = window_.end + 1.0;
-        while (have || source_.next(sample)) {
+        while (have || nextSample(sample)) {
             have = false;
             if (source_.ticksToSeconds(sample.dts) > stopAfter) break;
             if (!waitForRoom() || !enqueue(sample.buffer.get())) return;
@@ -195,6 +279,11 @@ private:
             if (!waitForRoom()) return;
             for (const Ref<SVSampleBufferRef> &buffer : group)
                 if (!enqueue(buffer.get())) return;
+            {
+                std::lock_guard<std::mutex> lock(flow_.mutex);
+                ++flow_.groupsQueued;
+            }
+            flow_.changed.notify_all();
         }
     }
 
@@ -227,6 +316,9 @@ private:
     Flow &flow_;
     Window window_;
     bool seekFirst_;
+    // Samples read ahead while looking for the start, not yet enqueued.
+    std::vector<VideoSample> pending_;
+    size_t pendingNext_ = 0;
 };
 
 struct Report {
@@ -234,10 +326,18 @@ struct Report {
     double errorSum = 0, worst = 0;  // milliseconds, positive = late
     double wall = 0;
     double reached = NAN;  // the far edge of the last picture shown
+    int64_t gaps = 0;      // jumps in presentation time that were skipped
+    double gapSeconds = 0;
 };
 
-void drawProgress(double position, const Window &window, const Report &report) {
-    const double span = std::fabs(window.end - window.start);
+// A jump in presentation time between pictures shown one after the other
+// that is far beyond the frame duration is a damaged or restarted time line,
+// not a pause to wait out: players move on.
+constexpr double kGapFrames = 30, kGapMinimumSeconds = 1.0;
+
+// `end`: the far edge of the window, or of the stream when the window is open.
+void drawProgress(double position, const Window &window, double end, const Report &report) {
+    const double span = std::fabs(end - window.start);
     const double done = span > 0 ? std::clamp(std::fabs(position - window.start) / span, 0.0, 1.0) : 1.0;
     char bar[41];
     const int filled = static_cast<int>(done * 40);
@@ -302,10 +402,16 @@ int runPlay(const PlayOptions &options) {
     Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
 
-    // Preroll: start the clock once the queue is full or the file is read.
+    StopOnInterrupt stopOnInterrupt;
+    // Preroll: start the clock once the queue is full and holds what is due
+    // first, or once the file is read.  Backwards, a group goes in in decode
+    // order, so what is due first (its last picture) may come last.
     {
         std::unique_lock<std::mutex> lock(flow.mutex);
-        flow.changed.wait(lock, [&] { return flow.full || flow.readerDone; });
+        while (!flow.changed.wait_for(lock, std::chrono::milliseconds(50), [&] {
+            return (flow.full && (!reverse || flow.groupsQueued > 0)) || flow.readerDone;
+        }))
+            if (gInterrupted) break;
     }
     if (!reverse && std::isnan(options.start)) {
         // Without --start playing begins with the earliest picture queued.
@@ -335,9 +441,12 @@ int runPlay(const PlayOptions &options) {
     const bool raised = pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == 0;
 
     const bool progress = options.progress && isatty(STDERR_FILENO);
+    const double frameSeconds = source->ticksToSeconds(source->defaultFrameTicks());
+    SVSampleBufferRef gapChecked = nullptr;  // only compared, never dereferenced
     Report report;
     uint64_t lastDraw = 0;
     for (;;) {
+        if (gInterrupted) break;
         SVSampleBufferRef head = (SVSampleBufferRef)SVBufferQueueGetHead(queue.get());
         if (!head) {
             if (SVBufferQueueIsAtEndOfData(queue.get()) || SVBufferQueueContainsEndOfData(queue.get())) break;
@@ -354,20 +463,34 @@ int runPlay(const PlayOptions &options) {
             ++report.skipped;
             continue;
         }
+        // Across a gap the timebase is moved on so that the picture is due now.
+        if (!std::isnan(report.reached) && head != gapChecked) {
+            gapChecked = head;  // checked once, however often the loop comes back to it
+            const double jump = reverse ? report.reached - (pts + duration) : pts - report.reached;
+            if (jump > std::max(kGapMinimumSeconds, kGapFrames * std::max(duration, frameSeconds))) {
+                ++report.gaps;
+                report.gapSeconds += jump;
+                SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate,
+                                               SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
+                                               SVClockMakeHostTimeFromSystemUnits(hostNow()));
+            }
+        }
         // The picture that straddles the start is due at once.
         SVTime due = SVSampleBufferGetOutputPresentationTimeStamp(head);
         const SVTime windowStart = SVTimeMakeWithSeconds(window.start, 1000000000);
         if (reverse ? SVTimeCompare(due, windowStart) > 0 : SVTimeCompare(due, windowStart) < 0) due = windowStart;
         const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
             SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
-        // Sleep in short steps so that an earlier picture arriving in the
-        // meantime is noticed, then spin through the last millisecond.
+        // Sleep until the last millisecond before the moment, but wake when
+        // the queue changes: an earlier picture may have become the head.
+        // Then spin through the last millisecond.
         uint64_t now = hostNow();
         if (now + 1000000 < dueHost) {
-            sleepUntil(std::min(dueHost - 1000000, now + 20000000));
+            waitForChange(flow, dueHost - 1000000);
             if (progress && hostNow() - lastDraw > 100000000) {
                 lastDraw = hostNow();
-                drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window, report);
+                drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window,
+                             std::isinf(window.end) ? streamEnd : window.end, report);
             }
             continue;
         }
@@ -422,8 +545,12 @@ int runPlay(const PlayOptions &options) {
         json.number("mean_error_ms", mean);
         json.number("worst_error_ms", report.worst);
         json.number("wall_seconds", report.wall);
+        json.integer("time_gaps", report.gaps);
+        json.boolean("interrupted", gInterrupted);
+        json.number("time_gap_seconds", report.gapSeconds);
         json.endObject();
         json.finish();
+        reportErrorsAsJson(false);
     } else {
         printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", source->name().c_str(),
                options.rate, window.start, shownEnd, report.wall);
@@ -433,12 +560,16 @@ int runPlay(const PlayOptions &options) {
                kLateMilliseconds);
         printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
         if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+        if (gInterrupted) printf("  Interrupted     playing stopped early\n");
+        if (report.gaps)
+            printf("  Time gaps       %lld skipped (%.3f s of presentation time)\n",
+                   static_cast<long long>(report.gaps), report.gapSeconds);
     }
     fflush(stdout);
     SVBufferQueueRemoveTrigger(queue.get(), fillToken);
     SVBufferQueueRemoveTrigger(queue.get(), drainToken);
     if (flow.readerError) return reportError(*flow.readerError);
-    return kExitOK;
+    return gInterrupted ? kExitInterrupted : kExitOK;
 }
 
 }  // namespace sorvel::tool

@@ -15,6 +15,9 @@
 namespace sorvel::tool {
 namespace {
 
+// Raised when a field changes meaning or goes away; new fields do not raise it.
+constexpr int kProbeSchemaVersion = 2;
+
 struct Row {
     SVTime dts, pts, duration;
     size_t size;
@@ -30,8 +33,44 @@ struct VideoSummary {
     int64_t minPts = INT64_MAX, minDts = INT64_MAX;
     double start = NAN, end = NAN;
     uint64_t bytes = 0;
-    std::map<int64_t, int64_t> durations;  // ticks -> count, for the frame rate
+    std::map<int64_t, int64_t> durations;   // ticks -> count, for the frame rate
+    int64_t topFirst = 0, bottomFirst = 0;  // samples that state their field order
 };
+
+// Tallies the field order a sample states (H.264 only: the parameter sets
+// do not carry it, the samples may).
+void countFieldOrder(SVSampleBufferRef buffer, VideoSummary &summary) {
+    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
+    char *bytes = nullptr;
+    size_t contiguous = 0, total = 0;
+    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
+    CFStringRef order = SVVideoFormatDescriptionGetH264FieldDetailOfSample(
+        SVSampleBufferGetFormatDescription(buffer), reinterpret_cast<const uint8_t *>(bytes), total);
+    if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalTopFirst)) ++summary.topFirst;
+    if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalBottomFirst)) ++summary.bottomFirst;
+}
+
+// The field order in words, and in the two-letter form of libavformat's
+// field_order ("tt", "bb"); empty when progressive or when nothing says.
+// The description's own field detail wins over what the samples state; of
+// those, the order most samples state.
+struct FieldOrder {
+    std::string words, code;
+};
+FieldOrder fieldOrder(SVFormatDescriptionRef description, int64_t fieldCount, const VideoSummary &summary) {
+    if (fieldCount < 2) return {"progressive", "progressive"};
+    CFTypeRef detail = SVFormatDescriptionGetExtension(description, kCVImageBufferFieldDetailKey);
+    if (!detail && (summary.topFirst || summary.bottomFirst))
+        detail = summary.topFirst >= summary.bottomFirst ? kCVImageBufferFieldDetailTemporalTopFirst
+                                                         : kCVImageBufferFieldDetailTemporalBottomFirst;
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailTemporalTopFirst)) return {"top field first", "tt"};
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailTemporalBottomFirst)) return {"bottom field first", "bb"};
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailSpatialFirstLineEarly))
+        return {"first line early (interleaved)", "tb"};
+    if (detail && CFEqual(detail, kCVImageBufferFieldDetailSpatialFirstLineLate))
+        return {"first line late (interleaved)", "bt"};
+    return {"", ""};
+}
 
 void readSampleRow(SVSampleBufferRef buffer, Row &row) {
     row.dts = SVSampleBufferGetDecodeTimeStamp(buffer);
@@ -75,7 +114,7 @@ int reorderDepth(const std::vector<Row> &rows) {
 }
 
 std::string profileName(const SVVideoCodingInfo &info) {
-    if (info.codecType == 'avc1') {
+    if (info.codecType == kSVVideoCodecType_H264) {
         switch (info.profile) {
             case 66:
                 return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
@@ -118,7 +157,7 @@ std::string profileName(const SVVideoCodingInfo &info) {
 }
 
 std::string levelName(const SVVideoCodingInfo &info) {
-    if (info.codecType == 'avc1') {
+    if (info.codecType == kSVVideoCodecType_H264) {
         if (info.level == 11 && (info.constraintFlags & 0x10) && info.profile <= 88) return "1b";
         return format("%u.%u", info.level / 10, info.level % 10);
     }
@@ -180,8 +219,8 @@ struct ParameterSet {
 };
 
 std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, FourCharCode codec, int *headerLength) {
-    auto getter = codec == 'avc1' ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
-                                  : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
+    auto getter = codec == kSVVideoCodecType_H264 ? SVVideoFormatDescriptionGetH264ParameterSetAtIndex
+                                                  : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
     size_t count = 0;
     *headerLength = 0;
     getter(description, 0, nullptr, nullptr, &count, headerLength);
@@ -234,6 +273,7 @@ int runProbe(const ProbeOptions &options) {
         Row row;
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
+        if (codec == kSVVideoCodecType_H264) countFieldOrder(sample.buffer.get(), summary);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -253,7 +293,7 @@ int runProbe(const ProbeOptions &options) {
     if (!description) {
         return reportError({source->problem() ? source->problem()->code : kExitTruncated,
                             format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
-                                   codec == 'avc1' ? "H.264" : "HEVC")});
+                                   codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC")});
     }
 
     SVVideoCodingInfo info = {};
@@ -265,7 +305,7 @@ int runProbe(const ProbeOptions &options) {
     const bool fullRange = SVFormatDescriptionGetExtension(
                                description.get(), kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
     const int64_t fieldCount = extensionInteger(description.get(), kCVImageBufferFieldCountKey, 1);
-    const std::string fieldDetail = extensionText(description.get(), kCVImageBufferFieldDetailKey);
+    const FieldOrder fields = fieldOrder(description.get(), fieldCount, summary);
     int storedHeaderLength = 0;
     const std::vector<ParameterSet> sets = parameterSets(description.get(), codec, &storedHeaderLength);
     const double duration = summary.rows.empty() ? 0 : summary.end - summary.start;
@@ -281,14 +321,21 @@ int runProbe(const ProbeOptions &options) {
     const std::string transfer = extensionText(description.get(), kCVImageBufferTransferFunctionKey);
     const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
-    const char *codecName = codec == 'avc1' ? "h264" : "hevc";
+    const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
 
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();
+        json.integer("schema_version", kProbeSchemaVersion);
         json.string("file", source->name());
         json.string("container", source->containerName());
+        json.beginObject("format");
+        json.number("duration", source->containerDuration());
+        json.integer("bit_rate", source->containerBitRate());
+        json.integer("size", source->containerSize());
+        json.endObject();
         json.beginObject("video");
+        json.integer("stream_index", source->videoStreamIndex());
         json.string("codec", codecName);
         json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(description.get())));
         if (haveInfo) {
@@ -296,7 +343,7 @@ int runProbe(const ProbeOptions &options) {
             json.integer("profile_idc", info.profile);
             json.integer("level", info.level);
             json.string("level_name", levelName(info));
-            if (codec == 'hvc1') json.string("tier", info.tier ? "High" : "Main");
+            if (codec == kSVVideoCodecType_HEVC) json.string("tier", info.tier ? "High" : "Main");
             json.string("chroma_format", chromaName(info.chromaFormat));
             json.integer("bit_depth_luma", info.bitDepthLuma);
             json.integer("bit_depth_chroma", info.bitDepthChroma);
@@ -315,7 +362,8 @@ int runProbe(const ProbeOptions &options) {
         json.boolean("full_range", fullRange);
         json.string("chroma_location", chromaTop);
         json.integer("field_count", fieldCount);
-        json.string("field_detail", fieldDetail);
+        json.string("field_detail", fieldCount > 1 ? fields.words : "");
+        json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
         json.integer("nal_unit_header_length", storedHeaderLength);
         json.beginArray("parameter_sets");
         for (const ParameterSet &set : sets) {
@@ -331,6 +379,7 @@ int runProbe(const ProbeOptions &options) {
         json.number("start_time", summary.start);
         json.number("duration", duration);
         json.number("frame_rate", frameRate);
+        json.string("frame_rate_fraction", source->frameRateFraction());
         json.integer("total_size", static_cast<long long>(summary.bytes));
         json.integer("sync_sample_count", summary.syncCount);
         json.beginArray("sync_samples");
@@ -339,6 +388,7 @@ int runProbe(const ProbeOptions &options) {
         json.integer("reorder_depth", summary.reorderDepth);
         json.integer("presentation_delay", presentationDelay);
         json.integer("format_changes", source->formatChanges());
+        json.string("decode_times", source->decodeTimeSource());
         json.beginObject("nal_units");
         for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
         json.endObject();
@@ -398,13 +448,14 @@ int runProbe(const ProbeOptions &options) {
         json.endArray();
         json.endObject();
         json.finish();
+        reportErrorsAsJson(false);  // the report is out; a failure after it is told on stderr only
     } else {
         printf("File          %s (%s)\n", source->name().c_str(), source->containerName().c_str());
-        printf("Video         %s '%s'", codec == 'avc1' ? "H.264" : "HEVC",
+        printf("Video         %s '%s'", codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC",
                fourCC(SVFormatDescriptionGetMediaSubType(description.get())).c_str());
         if (haveInfo) {
             printf(", %s profile, level %s", profileName(info).c_str(), levelName(info).c_str());
-            if (codec == 'hvc1') printf(" (%s tier)", info.tier ? "High" : "Main");
+            if (codec == kSVVideoCodecType_HEVC) printf(" (%s tier)", info.tier ? "High" : "Main");
             printf(", %u-bit %s", info.bitDepthLuma, chromaName(info.chromaFormat));
         }
         printf("\n");
@@ -417,7 +468,8 @@ int runProbe(const ProbeOptions &options) {
                orUnspecified(transfer).c_str(), orUnspecified(matrix).c_str(), fullRange ? "full" : "video");
         printf("  Chroma      %s\n", orUnspecified(chromaTop).c_str());
         if (fieldCount > 1)
-            printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount), orUnspecified(fieldDetail).c_str());
+            printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount),
+                   fields.words.empty() ? "order not stated" : fields.words.c_str());
         else
             printf("  Fields      progressive\n");
         printf("  NAL length  %d bytes\n", storedHeaderLength);
@@ -436,6 +488,8 @@ int runProbe(const ProbeOptions &options) {
         printf("\n");
         printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
                static_cast<long long>(presentationDelay));
+        if (std::string(source->decodeTimeSource()) != "stored")
+            printf("  Decode times %s\n", source->decodeTimeSource());
         printf("  NAL units  ");
         for (const auto &[type, count] : summary.nalUnits)
             printf(" %s %lld", nalUnitTypeName(codec, type), static_cast<long long>(count));

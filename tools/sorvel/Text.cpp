@@ -47,11 +47,11 @@ double seconds(SVTime time) {
 }
 
 unsigned nalUnitType(FourCharCode codec, uint8_t firstByte) {
-    return codec == 'avc1' ? firstByte & 0x1Fu : (firstByte >> 1) & 0x3Fu;
+    return codec == kSVVideoCodecType_H264 ? firstByte & 0x1Fu : (firstByte >> 1) & 0x3Fu;
 }
 
 const char *nalUnitTypeName(FourCharCode codec, unsigned type) {
-    if (codec == 'avc1') {
+    if (codec == kSVVideoCodecType_H264) {
         static const char *const names[32] = {"UNSPEC0",      "SLICE",
                                               "DPA",          "DPB",
                                               "DPC",          "IDR",

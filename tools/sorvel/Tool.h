@@ -17,12 +17,13 @@ namespace sorvel::tool {
 // Exit statuses, stable so that scripts can tell failures apart.
 enum ExitCode : int {
     kExitOK = 0,
-    kExitFailure = 1,      // an output could not be written, or the library refused something
-    kExitUsage = 2,        // bad command line
-    kExitCannotOpen = 3,   // missing, unreadable, or not a media file
-    kExitNoVideo = 4,      // the file has no video stream
-    kExitUnsupported = 5,  // the video is not H.264 or HEVC, or cannot be played as asked
-    kExitTruncated = 6,    // the file ends early or holds damaged samples
+    kExitFailure = 1,        // an output could not be written, or the library refused something
+    kExitUsage = 2,          // bad command line
+    kExitCannotOpen = 3,     // missing, unreadable, or not a media file
+    kExitNoVideo = 4,        // the file has no video stream
+    kExitUnsupported = 5,    // the video is not H.264 or HEVC, or cannot be played as asked
+    kExitTruncated = 6,      // the file ends early or holds damaged samples
+    kExitInterrupted = 130,  // play stopped by Ctrl-C or SIGTERM, after its report (128 + SIGINT)
 };
 
 struct ToolError {
@@ -61,6 +62,12 @@ public:
 private:
     T object_ = nullptr;
 };
+
+// NAL unit types the tool looks for.
+constexpr unsigned kH264NAL_IDRSlice = 5, kH264NAL_SEI = 6, kH264NAL_SPS = 7, kH264NAL_PPS = 8;
+constexpr unsigned kHEVCNAL_FirstIRAP = 16,  // BLA_W_LP
+    kHEVCNAL_LastIRAP = 23,                  // RSV_IRAP_VCL23
+    kHEVCNAL_VPS = 32, kHEVCNAL_SPS = 33, kHEVCNAL_PPS = 34;
 
 // "avc1" for 'avc1'; unprintable bytes become '.'.
 std::string fourCC(FourCharCode code);

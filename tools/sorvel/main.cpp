@@ -9,11 +9,32 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Json.h"
 
 namespace sorvel::tool {
 
+namespace {
+bool gJsonErrors = false;
+}  // namespace
+
+void reportErrorsAsJson(bool json) {
+    gJsonErrors = json;
+}
+
 int reportError(const ToolError &error) {
     fprintf(stderr, "sorvel: %s\n", error.message.c_str());
+    if (gJsonErrors) {
+        // Whoever reads the JSON gets the failure as JSON too.
+        JsonWriter json(stdout);
+        json.beginObject();
+        json.beginObject("error");
+        json.integer("code", error.code);
+        json.string("message", error.message);
+        json.endObject();
+        json.endObject();
+        json.finish();
+        fflush(stdout);
+    }
     return error.code;
 }
 
@@ -21,7 +42,7 @@ namespace {
 
 constexpr const char kUsage[] =
     "usage: sorvel probe  [FILE] [--json] [--samples]\n"
-    "       sorvel annexb [IN] OUT\n"
+    "       sorvel annexb [-y] [IN] OUT\n"
     "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
     "\n"
     "Reads MP4, Matroska, MPEG-TS or raw H.264/HEVC with libavformat and does everything else\n"
@@ -30,11 +51,50 @@ constexpr const char kUsage[] =
     "  probe    the video stream's format description, timing, sync samples, reordering and\n"
     "           NAL units; audio stream descriptions.  --samples adds a per-sample table.\n"
     "  annexb   writes the video as an Annex B elementary stream (OUT may be - for stdout).\n"
+    "           OUT is never the input, and an existing OUT is replaced only with -y.\n"
     "  play     plays the samples in real time against a timebase on the host clock, without\n"
     "           decoding: R is the rate (negative plays backwards), T and D are in seconds.\n"
     "\n"
+    "sorvel --version prints the version; sorvel COMMAND --help the options of a command.\n"
+    "\n"
     "Exit status: 0 done, 1 failure, 2 bad command line, 3 cannot open the file, 4 no video\n"
     "stream, 5 unsupported video, 6 truncated or damaged file.\n";
+
+constexpr const char kProbeHelp[] =
+    "usage: sorvel probe [FILE] [--json] [--samples]\n"
+    "\n"
+    "Describes the video stream as the library sees it (codec, profile, level, sizes, colour, fields,\n"
+    "parameter sets; sample count, timing, frame rate, sync samples, reordering, NAL units) and the\n"
+    "audio streams.  Without FILE the built-in demo stream is used.\n"
+    "\n"
+    "  --json      one JSON object; failures print {\"error\": {\"code\", \"message\"}}\n"
+    "  --samples   one row per sample in decode order\n";
+constexpr const char kAnnexBHelp[] =
+    "usage: sorvel annexb [-y] [IN] OUT\n"
+    "\n"
+    "Writes the video stream as an Annex B elementary stream.  OUT may be - for standard output.\n"
+    "OUT is never the input; an existing OUT is replaced only with -y.  Without IN the built-in demo\n"
+    "stream is written.\n"
+    "\n"
+    "  -y, --overwrite   replace OUT when it exists\n";
+constexpr const char kPlayHelp[] =
+    "usage: sorvel play [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
+    "\n"
+    "Plays the samples in real time against a timebase on the host clock, without decoding, and\n"
+    "reports how close to their moment they were taken.  Ctrl-C stops and still reports.\n"
+    "\n"
+    "  --rate R        playback rate; negative plays backwards (the input must be seekable)\n"
+    "  --start T       seconds from the start of the stream to begin at\n"
+    "  --duration D    seconds to play\n"
+    "  --json          the report as one JSON object\n"
+    "  --no-progress   no progress bar on standard error\n";
+
+const char *helpFor(const std::string &command) {
+    if (command == "probe") return kProbeHelp;
+    if (command == "annexb") return kAnnexBHelp;
+    if (command == "play") return kPlayHelp;
+    return kUsage;
+}
 
 int usage(const char *problem) {
     if (problem) fprintf(stderr, "sorvel: %s\n", problem);
@@ -58,12 +118,17 @@ int main(int argc, char **argv) {
     if (argc < 2) return usage(nullptr);
     const std::string command = argv[1];
     if (command == "-h" || command == "--help" || command == "help") {
-        fputs(kUsage, stdout);
+        fputs(argc > 2 ? helpFor(argv[2]) : kUsage, stdout);
+        return kExitOK;
+    }
+    if (command == "--version" || command == "-V") {
+        printf("sorvel %s\n", SORVEL_TOOL_VERSION);
         return kExitOK;
     }
     std::vector<std::string> positional;
     ProbeOptions probe;
     PlayOptions play;
+    AnnexBOptions annexB;
     for (int i = 2; i < argc; ++i) {
         const std::string argument = argv[i];
         auto value = [&](double &out) {
@@ -82,10 +147,12 @@ int main(int argc, char **argv) {
         } else if (argument == "--duration" && command == "play") {
             if (!value(play.duration) || play.duration <= 0)
                 return usage("--duration needs a positive number of seconds");
+        } else if ((argument == "-y" || argument == "--overwrite") && command == "annexb") {
+            annexB.overwrite = true;
         } else if (argument == "--no-progress" && command == "play") {
             play.progress = false;
         } else if (argument == "-h" || argument == "--help") {
-            fputs(kUsage, stdout);
+            fputs(helpFor(command), stdout);
             return kExitOK;
         } else if (argument.size() > 1 && argument[0] == '-' && argument != "-") {
             return usage(("unknown option for " + command + ": " + argument).c_str());
@@ -93,13 +160,14 @@ int main(int argc, char **argv) {
             positional.push_back(argument);
         }
     }
+    reportErrorsAsJson(probe.json);
     if (command == "probe") {
         if (positional.size() > 1) return usage("probe takes one file");
         if (!positional.empty()) probe.file = positional[0];
         return runProbe(probe);
     }
     if (command == "annexb") {
-        AnnexBOptions options;
+        AnnexBOptions &options = annexB;
         if (positional.size() == 2) {
             options.input = positional[0];
             options.output = positional[1];

@@ -33,9 +33,26 @@
 
 #define CF_EXPORT extern __attribute__((visibility("default")))
 #define CF_INLINE static __inline__ __attribute__((always_inline))
+/* The CFString format archetype (%@) and the ownership annotations are
+ * clang's; other compilers (GCC) would warn about them, so they expand to
+ * nothing there. */
+#if defined(__has_attribute)
+#define CF_HAS_ATTRIBUTE(x) __has_attribute(x)
+#else
+#define CF_HAS_ATTRIBUTE(x) 0
+#endif
+#if defined(__clang__)
 #define CF_FORMAT_FUNCTION(F, A) __attribute__((format(__CFString__, F, A)))
+#else
+#define CF_FORMAT_FUNCTION(F, A)
+#endif
+#if CF_HAS_ATTRIBUTE(cf_returns_retained)
 #define CF_RETURNS_RETAINED __attribute__((cf_returns_retained))
 #define CF_RETURNS_NOT_RETAINED __attribute__((cf_returns_not_retained))
+#else
+#define CF_RETURNS_RETAINED
+#define CF_RETURNS_NOT_RETAINED
+#endif
 #define CF_NORETURN __attribute__((noreturn))
 
 CF_EXTERN_C_BEGIN
