@@ -216,7 +216,7 @@ TEST(SVSampleDescription, VideoExtensionsOfRealEntries) {
         {"avc1_bt470bg.mp4", kCVImageBufferColorPrimaries_EBU_3213, kCVImageBufferTransferFunction_UseGamma,
          kCVImageBufferYCbCrMatrix_ITU_R_601_4, 0, 1, 1, 1, nullptr},
         {"avc1_tff_170m.mov", kCVImageBufferColorPrimaries_SMPTE_C, kCVImageBufferTransferFunction_ITU_R_709_2,
-         kCVImageBufferYCbCrMatrix_ITU_R_601_4, -1, 1, 1, 2, kCVImageBufferFieldDetailTemporalTopFirst},
+         kCVImageBufferYCbCrMatrix_ITU_R_601_4, -1, 1, 1, 2, nullptr},  // interlaced SPS, no 'fiel': no order
         {"hvc1_pq.mp4", kCVImageBufferColorPrimaries_ITU_R_2020, kCVImageBufferTransferFunction_SMPTE_ST_2084_PQ,
          kCVImageBufferYCbCrMatrix_ITU_R_2020, 1, 1, 1, 1, nullptr},
         // no 'colr': what the SPS says (x265 marked this one full range)
