@@ -11,6 +11,7 @@
 #include "Commands.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "SampleDescriptionProbe.h"
 
 namespace sorvel::tool {
 namespace {
@@ -322,6 +323,19 @@ int runProbe(const ProbeOptions &options) {
     const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
     const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
+    // Each track again, from the sample description the muxer wrote, and
+    // what differs from libavformat's view of the stream.
+    std::vector<std::string> bridgeWarnings;
+    const std::map<int, BridgeTrack> bridged =
+        describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
+    const auto videoBridge = bridged.find(source->videoStreamIndex());
+    if (videoBridge != bridged.end())
+        crossCheckSampleDescription(videoBridge->second, description.get(),
+                                    format("stream %d", source->videoStreamIndex()), bridgeWarnings);
+    for (const AudioTrack &track : source->audioTracks())
+        if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+            crossCheckSampleDescription(found->second, track.description.get(), format("stream %d", track.streamIndex),
+                                        bridgeWarnings);
 
     if (options.json) {
         JsonWriter json(stdout);
@@ -392,6 +406,7 @@ int runProbe(const ProbeOptions &options) {
         json.beginObject("nal_units");
         for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
         json.endObject();
+        if (videoBridge != bridged.end()) writeSampleDescriptionJson(json, videoBridge->second);
         if (options.samples) {
             json.beginArray("samples");
             for (size_t i = 0; i < summary.rows.size(); ++i) {
@@ -436,11 +451,14 @@ int runProbe(const ProbeOptions &options) {
                 json.string("channel_layout", layout ? channelLayoutName(layout->mChannelLayoutTag) : "");
                 json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
             }
+            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+                writeSampleDescriptionJson(json, found->second);
             json.endObject();
         }
         json.endArray();
         json.beginArray("warnings");
         for (const std::string &warning : source->warnings()) json.string(nullptr, warning);
+        for (const std::string &warning : bridgeWarnings) json.string(nullptr, warning);
         if (source->samplesWithoutFormat())
             json.string(nullptr, format("%lld samples before the first parameter sets were skipped",
                                         static_cast<long long>(source->samplesWithoutFormat())));
@@ -473,6 +491,8 @@ int runProbe(const ProbeOptions &options) {
         else
             printf("  Fields      progressive\n");
         printf("  NAL length  %d bytes\n", storedHeaderLength);
+        if (videoBridge != bridged.end())
+            printf("  Sample description %s\n", sampleDescriptionLine(videoBridge->second).c_str());
         printf("  Parameter sets ");
         for (size_t i = 0; i < sets.size(); ++i)
             printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
@@ -512,6 +532,8 @@ int runProbe(const ProbeOptions &options) {
             }
             printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount),
                    track.endSeconds - track.startSeconds);
+            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+                printf("  Sample description %s\n", sampleDescriptionLine(found->second).c_str());
         }
         if (options.samples) {
             printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)",
@@ -528,6 +550,7 @@ int runProbe(const ProbeOptions &options) {
             }
         }
         for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
+        for (const std::string &warning : bridgeWarnings) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
         if (source->samplesWithoutFormat())
             fprintf(stderr, "sorvel: warning: %lld samples before the first parameter sets were skipped\n",
                     static_cast<long long>(source->samplesWithoutFormat()));

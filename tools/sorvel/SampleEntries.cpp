@@ -96,6 +96,15 @@ bool ParseMovieBox(const uint8_t *payload, size_t size, std::vector<TrackSampleE
     return true;
 }
 
+bool ReadSampleEntriesFromMemory(const uint8_t *file, size_t size, std::vector<TrackSampleEntries> &tracks,
+                                 std::string &error) {
+    std::vector<Box> boxes;
+    if (!children(file, size, boxes, error)) return false;
+    const Box *moov = find(boxes, code("moov"));
+    if (!moov) return error = "no 'moov' box", false;
+    return ParseMovieBox(moov->payload, moov->size, tracks, error);
+}
+
 bool ReadSampleEntries(const std::string &path, std::vector<TrackSampleEntries> &tracks, std::string &error) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return error = "cannot open " + path, false;

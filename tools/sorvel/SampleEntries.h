@@ -29,6 +29,10 @@ struct TrackSampleEntries {
 // parent); nothing is read past a box's end.
 bool ReadSampleEntries(const std::string &path, std::vector<TrackSampleEntries> &tracks, std::string &error);
 
+// The same over a whole file already in memory.
+bool ReadSampleEntriesFromMemory(const uint8_t *file, size_t size, std::vector<TrackSampleEntries> &tracks,
+                                 std::string &error);
+
 // The same over a 'moov' box's payload already in memory.
 bool ParseMovieBox(const uint8_t *payload, size_t size, std::vector<TrackSampleEntries> &tracks, std::string &error);
 
