@@ -6,7 +6,10 @@ SHELL := /bin/bash
 #   make test                             build and run every test
 #   make demo                             build and run the examples
 #   make bench                            build and run the benchmarks
+#   make bench-report                     every benchmark beside its peers, one table (build/bench/report.*)
 #   make fuzz [FUZZ_SECONDS=60]           fuzz every byte parser (build-fuzz/)
+#   make tsan-check                       the unit tests under ThreadSanitizer (build-tsan/)
+#   make mutate-check                     mutated test clips through the sorvel tool under ASan+UBSan
 #   make install PREFIX=/opt/sorvel       install headers, libraries, CMake package, sorvel.pc
 #   make docs                             API reference from the headers (build/docs/html/), warnings fail
 #   make format                           apply .clang-format to every C/C++ file
@@ -44,6 +47,7 @@ TEST_ENV = ASAN_OPTIONS=detect_leaks=1 \
 	TSAN_OPTIONS=second_deadlock_stack=1
 
 .PHONY: all test demo bench bench-deps fuzz install clean deps configure build format format-check docs
+.PHONY: tsan-check mutate-check bench-report
 
 all: build
 
@@ -75,6 +79,14 @@ bench: bench-deps configure
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks
 	@for program in $(BUILD_DIR)/bench/*_bench; do echo "=== $$program"; $$program || exit 1; done
 
+# Medians of interleaved repetitions for every hot path and its peers, and
+# the whole-program comparisons with ffmpeg/ffprobe; writes
+# $(BUILD_DIR)/bench/report.txt and report.json (README: reading the report).
+bench-report: bench-deps configure
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_DIR) > /dev/null
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks sorvel
+	python3 scripts/bench-report.py --build $(BUILD_DIR)
+
 # Coverage-guided fuzzing of every byte parser with ASan and UBSan, in
 # build-fuzz/: each target runs FUZZ_SECONDS on a scratch copy of its seed
 # corpus (new inputs stay out of the tree).  Any crash, leak, hang or
@@ -102,6 +114,19 @@ docs: configure
 	rm -rf $(BUILD_DIR)/docs && mkdir -p $(BUILD_DIR)/docs
 	SORVEL_DOCS_OUTPUT=$(BUILD_DIR)/docs SORVEL_DOCS_GENERATED=$(BUILD_DIR)/include doxygen docs/Doxyfile
 	@echo "API reference: $(BUILD_DIR)/docs/html/index.html"
+# The unit tests (death tests aside) under ThreadSanitizer, in build-tsan/ (only
+# the two test programs are built).
+tsan-check:
+	$(MAKE) configure SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS) --target platform_tests sorvel_tests
+	@scripts/tsan-check.sh build-tsan
+
+# A seeded corpus of mutated clips from tests/data through sorvel probe,
+# annexb and play, in build-asan-ubsan/; see scripts/mutate-check.sh.
+mutate-check:
+	$(MAKE) configure SANITIZE=address,undefined
+	cmake --build build-asan-ubsan -j $(JOBS) --target sorvel
+	@scripts/mutate-check.sh build-asan-ubsan
 
 format: deps
 	@scripts/check-format.sh --fix

@@ -35,6 +35,10 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 std::string dataDir() {
+#ifdef SORVEL_BENCH_DATA_DIR
+    // Absolute, so the program runs from any directory.
+    return SORVEL_BENCH_DATA_DIR;
+#endif
     std::string file = __FILE__;
     return file.substr(0, file.rfind('/')) + "/../tests/data/";
 }

@@ -94,6 +94,20 @@ void BM_SVSimpleQueue_EnqueueDequeue(benchmark::State &state) {
 }
 BENCHMARK(BM_SVSimpleQueue_EnqueueDequeue);
 
+// The floor of the row above: two calls across the library boundary that
+// do next to nothing (a NULL test and a load each).  What enqueue+dequeue
+// costs beyond this is the queue's own work; an inlined peer pays neither.
+void BM_SVSimpleQueue_TwoCallsFloor(benchmark::State &state) {
+    SVSimpleQueueRef queue;
+    if (SVSimpleQueueCreate(nullptr, 256, &queue) != 0) return;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(SVSimpleQueueGetCapacity(queue));
+        benchmark::DoNotOptimize(SVSimpleQueueGetCapacity(queue));
+    }
+    CFRelease(queue);
+}
+BENCHMARK(BM_SVSimpleQueue_TwoCallsFloor);
+
 #if SORVEL_BENCH_HAVE_BOOST_LOCKFREE
 void BM_BoostSpscQueue_PushPop(benchmark::State &state) {
     boost::lockfree::spsc_queue<const void *> queue(256);

@@ -8,7 +8,12 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <benchmark/benchmark.h>
 
+#if SORVEL_BENCH_HAVE_GSTREAMER
+#include <gst/gst.h>
+#endif
+
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -37,6 +42,33 @@ void BM_RetainRelease(benchmark::State &state) {
     CFRelease(object);
 }
 BENCHMARK(BM_RetainRelease);
+
+// The same pair with the peers' counted objects: a copy of a std::shared_ptr
+// (increment and decrement of its control block) and GStreamer's mini
+// object reference.
+void BM_SharedPtrCopy(benchmark::State &state) {
+    auto object = std::make_shared<int>(1);
+    for (auto _ : state) {
+        std::shared_ptr<int> copy = object;
+        benchmark::DoNotOptimize(copy);
+    }
+    benchmark::DoNotOptimize(object.use_count());
+}
+BENCHMARK(BM_SharedPtrCopy);
+
+#if SORVEL_BENCH_HAVE_GSTREAMER
+void BM_GstMiniObjectRefUnref(benchmark::State &state) {
+    gst_init(nullptr, nullptr);
+    GstBuffer *buffer = gst_buffer_new();
+    for (auto _ : state) {
+        gst_mini_object_ref(GST_MINI_OBJECT_CAST(buffer));
+        gst_mini_object_unref(GST_MINI_OBJECT_CAST(buffer));
+    }
+    benchmark::DoNotOptimize(GST_MINI_OBJECT_REFCOUNT_VALUE(buffer));
+    gst_buffer_unref(buffer);
+}
+BENCHMARK(BM_GstMiniObjectRefUnref);
+#endif
 
 // Both threads hammer the same object, so every retain and release contends
 // for the same cache line.

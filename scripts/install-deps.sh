@@ -23,12 +23,17 @@ declare -A why=(
     [gcc]="GCC clients: the header test and the install test build with GCC too"
     [g++]="GCC C++ clients of the installed library (install test)"
     [doxygen]="make docs: the API reference from the headers"
+    [python3]="make docs: the input filter that reads the headers' plain comments"
     [debhelper]="CI builds the Debian packages (debian/)"
     [dpkg-dev]="dpkg-buildpackage, for the Debian packages"
     [lintian]="CI checks the Debian packages"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
-    clang-format git gcc g++ doxygen debhelper dpkg-dev lintian)
+    clang-format git gcc g++ doxygen python3 debhelper dpkg-dev lintian)
+# make mutate-check: its corpus is made from the test clips at run time.
+why[zzuf]="the seeded byte mutator behind make mutate-check"
+why[ffmpeg]="make mutate-check remuxes test clips to Matroska and MPEG-TS"
+wanted+=(zzuf ffmpeg)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.
@@ -37,7 +42,13 @@ if [[ ${1:-} == --bench ]]; then
     why[libavcodec-dev]="FFmpeg's libavcodec, a peer the benchmarks compare against"
     why[libgstreamer1.0-dev]="GStreamer, a peer the benchmarks compare against"
     why[libboost-dev]="Boost.Lockfree, a peer the benchmarks compare against"
-    wanted+=(libavutil-dev libavcodec-dev libgstreamer1.0-dev libboost-dev)
+    why[ffmpeg]="make bench-report: makes its test video and is the whole-program peer (with ffprobe)"
+    why[hyperfine]="make bench-report: times the whole-program comparisons"
+    why[time]="make bench-report: /usr/bin/time -v reports the programs' peak memory"
+    why[python3]="make bench-report: runs scripts/bench-report.py"
+    wanted+=(ffmpeg hyperfine time python3)
+    why[libgstreamer-plugins-base1.0-dev]="GStreamer's audio library (gst_audio_buffer_map), a peer of the audio benchmarks"
+    wanted+=(libavutil-dev libavcodec-dev libgstreamer1.0-dev libboost-dev libgstreamer-plugins-base1.0-dev)
 fi
 
 if ! command -v dpkg-query >/dev/null 2>&1 || ! command -v apt-get >/dev/null 2>&1; then

@@ -156,7 +156,19 @@ void blockBufferFinalize(CFTypeRef cf) noexcept {
     buffer->index = nullptr;
 }
 
-OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, size_t dataLength) noexcept {
+// Whether `dataLength` more bytes keep the buffer's total length within
+// size_t.  Every append checks this before it changes anything, so a
+// buffer's length never wraps (pieces left unallocated could otherwise add
+// up past the largest size and report a small length).
+bool growthFits(const Buffer *buffer, size_t dataLength, const char *function, int line) noexcept {
+    if (dataLength <= SIZE_MAX - buffer->dataLength) return true;
+    SV_LOG(3, function, line, "appending %zu bytes to a buffer of %zu bytes would overflow its data length.",
+           dataLength, buffer->dataLength);
+    return false;
+}
+
+OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, size_t dataLength,
+                         const char *function) noexcept {
     if (!buffer || !target) return kSVBlockBufferBadPointerParameterErr;
     const size_t targetLength = target->dataLength;
     if (offsetToData >= targetLength) return kSVBlockBufferBadOffsetParameterErr;
@@ -164,6 +176,7 @@ OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, si
         dataLength = targetLength - offsetToData;
     else if (dataLength > targetLength - offsetToData)
         return kSVBlockBufferBadLengthParameterErr;
+    if (!growthFits(buffer, dataLength, function, __LINE__)) return kSVBlockBufferBadLengthParameterErr;
 
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
     if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
@@ -287,6 +300,8 @@ OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, void *memory
         SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "blockLength must be a positive non-zero number.");
         return kSVBlockBufferBadLengthParameterErr;
     }
+    if (!growthFits(theBuffer, dataLength, "SVBlockBufferAppendMemoryBlock", __LINE__))
+        return kSVBlockBufferBadLengthParameterErr;
     // Deliberately unchecked: that the data lies inside the block.  The
     // caller is trusted.
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
@@ -332,7 +347,7 @@ OSStatus SVBlockBufferCreateWithMemoryBlock(CFAllocatorRef structureAllocator, v
 
 OSStatus SVBlockBufferAppendBufferReference(SVBlockBufferRef theBuffer, SVBlockBufferRef targetBBuf,
                                             size_t offsetToData, size_t dataLength, SVBlockBufferFlags flags) noexcept {
-    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength);
+    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength, "SVBlockBufferAppendBufferReference");
 }
 
 OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocator,
@@ -343,7 +358,8 @@ OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocato
     *blockBufferOut = nullptr;
     SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
     if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
-    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength);
+    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength,
+                                      "SVBlockBufferCreateWithBufferReference");
     if (status != kSVBlockBufferNoErr) return status;
     *blockBufferOut = buffer.release();
     return kSVBlockBufferNoErr;
@@ -369,7 +385,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
         if (status != kSVBlockBufferNoErr) return status;
         if (run >= length) {
             // Already contiguous: share the source's bytes instead of copying.
-            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length);
+            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length, "SVBlockBufferCreateContiguous");
             if (status != kSVBlockBufferNoErr) return status;
             *blockBufferOut = buffer.release();
             return kSVBlockBufferNoErr;

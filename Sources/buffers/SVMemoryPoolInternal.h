@@ -48,7 +48,10 @@ struct OpaqueSVMemoryPool;
 struct SVMemoryPoolAllocatorState {
     OpaqueSVMemoryPool *pool;  // NULL once the pool is invalidated or finalized
     SVMemoryPoolOutstandingTable outstanding;
-    XPMutexRef lock;  // guards this record and the pool's free list
+    // Guards this record and the pool's free list: a non-recursive lock,
+    // 0 when free and 1 when held (a spin lock that yields; see Locked in
+    // SVMemoryPool.cpp).
+    uint32_t lock;
 };
 
 struct OpaqueSVMemoryPool {

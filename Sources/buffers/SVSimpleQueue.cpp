@@ -29,6 +29,7 @@
 
 #include <Sorvel/SVSimpleQueue.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "buffers/SVSimpleQueueInternal.h"
@@ -108,10 +109,25 @@ OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpl
     const uint32_t mask = indexMaskFor(capacity);
     // mask + 1 wraps to zero slots for capacity 0, whose queue refuses every
     // enqueue as full and so never touches a slot.
-    const uint32_t slotCount = mask + 1;
-    const size_t extra = sizeof(Queue) - sizeof(CFRuntimeBase) + static_cast<size_t>(slotCount) * sizeof(void *);
-    auto *queue = static_cast<Queue *>(
-        const_cast<void *>(_CFRuntimeCreateInstance(allocator, type, static_cast<CFIndex>(extra), nullptr)));
+    const uint64_t slotCount = static_cast<uint64_t>(mask + 1);
+    const size_t fields = sizeof(Queue) - sizeof(CFRuntimeBase);
+    // Slots whose bytes cannot be addressed (only possible where size_t is
+    // narrower than 64 bits) are refused rather than wrapped into a short
+    // allocation.
+    size_t slotBytes;
+    if (slotCount > SIZE_MAX / sizeof(void *) ||
+        __builtin_mul_overflow(static_cast<size_t>(slotCount), sizeof(void *), &slotBytes) ||
+        slotBytes > static_cast<size_t>(INTPTR_MAX) - fields - sizeof(CFRuntimeBase) - 64) {
+        SV_LOG(3, "SVSimpleQueueCreate", __LINE__, "capacity %d needs more slots than can be addressed",
+               static_cast<int>(capacity));
+        *queueOut = nullptr;
+        return kSVSimpleQueueError_AllocationFailed;
+    }
+    // Only the fields are cleared: a slot is always written before it is
+    // read (Enqueue fills it before publishing the count), so creation
+    // costs what the caller later uses, not the whole ring.
+    auto *queue = static_cast<Queue *>(const_cast<void *>(_CFRuntimeCreateInstanceWithUnclearedTail(
+        allocator, type, static_cast<CFIndex>(fields + slotBytes), static_cast<CFIndex>(fields))));
     if (!queue) {
         *queueOut = nullptr;
         return kSVSimpleQueueError_AllocationFailed;

@@ -59,6 +59,18 @@ CFTypeRef SVGetAttachment(SVAttachmentBearerRef target, CFStringRef key, SVAttac
     return CVBufferGetAttachment(asBuffer(target), key, attachmentModeOut);
 }
 
+// Not one of the seven original calls: its line is the ordinary __LINE__.
+CFTypeRef SVCopyAttachment(SVAttachmentBearerRef target, CFStringRef key,
+                           SVAttachmentMode *attachmentModeOut) noexcept {
+    if (!isAttachmentBearer(target)) {
+        SV_LOG_AT(
+            "", 3, "SVCopyAttachment", __LINE__,
+            "SVCopyAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer.");
+        return nullptr;
+    }
+    return CVBufferCopyAttachment(asBuffer(target), key, attachmentModeOut);
+}
+
 void SVPropagateAttachments(SVAttachmentBearerRef source, SVAttachmentBearerRef destination) noexcept {
     if (!isAttachmentBearer(source) || !isAttachmentBearer(destination)) {
         SV_LOG_AT("", 3, "SVPropagateAttachments", 67,

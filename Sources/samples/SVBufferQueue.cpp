@@ -14,6 +14,19 @@
 // set under the mutex comes from the callback's own thread; other threads
 // simply wait for the callback to finish and are never refused.
 //
+// Duration.  The queue's duration is the left fold of SVTimeAdd over the
+// buffers' durations, head to tail, from kSVTimeZero; the duration triggers
+// need it after every change, and folding the whole queue each time made
+// them linear in its length.  For the sample-buffer records, whose
+// durations cannot change while queued except by invalidation, the queue
+// keeps a running integer sum of the durations that are "plain" (valid and
+// nothing else, timescale above 0, epoch 0, value above 0) and share one
+// timescale.  When every buffer is in that sum and none has been
+// invalidated, the fold is exactly {sum, timescale, valid, epoch 0}: adding
+// two such times of one timescale converts nothing, rounds nothing and keeps
+// epoch 0, and with all values positive no partial sum can overflow when the
+// whole sum fits.  In every other case the fold is computed as before.
+//
 // Nodes are recycled through a short free list, so a queue in a steady
 // producer/consumer rhythm allocates nothing per buffer.
 //
@@ -33,6 +46,7 @@
 
 #include "core/SVLog.h"
 #include "core/SVObject.h"
+#include "samples/SVSampleBufferInternal.h"
 
 SV_LOG_MODULE("Sorvel/Sources/SVBufferQueue");
 
@@ -41,7 +55,9 @@ namespace {
 struct Node {
     Node *prev;
     Node *next;
-    SVBufferRef buffer;  // retained
+    SVBufferRef buffer;     // retained
+    int64_t durationValue;  // counted in the queue's duration sum when inSum
+    bool inSum;
 };
 
 }  // namespace
@@ -54,6 +70,12 @@ struct opaqueSVBufferQueueTriggerToken {
     SVBufferQueueTriggerCondition condition;
     SVTime time;
     int32_t threshold;
+    // Set while the install call runs the new trigger's callback.  A
+    // removal then only unlinks the record and marks it; the install call
+    // frees it afterwards, so it can tell that the token it would hand back
+    // is gone (the address cannot have been reused meanwhile).
+    bool installing;
+    bool removedWhileInstalling;
 };
 
 namespace {
@@ -93,6 +115,13 @@ struct OpaqueSVBufferQueue {
     int32_t extremeTriggers;  // installed triggers of conditions 5 and 6
     Node *spareNodes;
     int spareNodeCount;
+    // The running duration sum (see "Duration" below); only kept for the
+    // sample-buffer callback records.
+    bool sumsDurations;
+    int32_t sumTimescale;   // timescale of the buffers in the sum
+    CFIndex sumCount;       // buffers in the sum
+    CFIndex unsummedCount;  // buffers whose duration is not in the sum
+    __int128 durationSum;   // their values; cannot overflow
 };
 
 namespace {
@@ -165,8 +194,55 @@ SVTime getPresentationTimeStamp(SVBufferQueueRef queue, SVBufferRef buffer) noex
 
 // ---- scans over the buffers (lock held) --------------------------------------------------
 
+SVTime sampleBufferDuration(SVBufferRef buffer, void *) noexcept;
+
+bool isInvalidatedSampleBuffer(SVBufferRef buffer) noexcept {
+    return reinterpret_cast<const OpaqueSVSampleBuffer *>(buffer)->invalidated != 0;
+}
+
+// Adds a new node's duration to the running sum when it can be (lock held).
+void countDurationLocked(SVBufferQueueRef queue, Node *node) noexcept {
+    node->inSum = false;
+    if (!queue->sumsDurations) return;
+    const SVTime duration = sampleBufferDuration(node->buffer, nullptr);
+    const bool plain =
+        duration.flags == kSVTimeFlags_Valid && duration.timescale > 0 && duration.epoch == 0 && duration.value > 0;
+    if (plain && (queue->sumCount == 0 || duration.timescale == queue->sumTimescale)) {
+        queue->sumTimescale = duration.timescale;
+        queue->sumCount++;
+        queue->durationSum += duration.value;
+        node->durationValue = duration.value;
+        node->inSum = true;
+    } else {
+        queue->unsummedCount++;
+    }
+}
+
+void uncountDurationLocked(SVBufferQueueRef queue, const Node *node) noexcept {
+    if (!queue->sumsDurations) return;
+    if (node->inSum) {
+        queue->sumCount--;
+        queue->durationSum -= node->durationValue;
+    } else {
+        queue->unsummedCount--;
+    }
+}
+
+// The fold from the running sum, or false when it must be computed.
+bool summedDurationLocked(SVBufferQueueRef queue, SVTime *durationOut) noexcept {
+    if (!queue->sumsDurations || queue->unsummedCount != 0 || queue->durationSum > INT64_MAX) return false;
+    for (Node *node = queue->head; node != nullptr; node = node->next)
+        if (isInvalidatedSampleBuffer(node->buffer)) return false;
+    *durationOut = queue->sumCount == 0
+                       ? kSVTimeZero
+                       : SVTime{static_cast<int64_t>(queue->durationSum), queue->sumTimescale, kSVTimeFlags_Valid, 0};
+    return true;
+}
+
 SVTime durationLocked(SVBufferQueueRef queue) noexcept {
     if (queue->callbacks.getDuration == nullptr) return kZeroedTime;
+    SVTime summed;
+    if (summedDurationLocked(queue, &summed)) return summed;
     SVTime total = kSVTimeZero;
     for (Node *node = queue->head; node != nullptr; node = node->next)
         total = SVTimeAdd(total, queue->callbacks.getDuration(node->buffer, queue->callbacks.refcon));
@@ -284,6 +360,7 @@ SVBufferRef unlinkHeadLocked(SVBufferQueueRef queue) noexcept {
     else
         queue->tail = nullptr;
     queue->count--;
+    uncountDurationLocked(queue, node);
     SVBufferRef buffer = node->buffer;
     giveBackNode(queue, node);
     return buffer;
@@ -373,7 +450,7 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
         refreshExtremesLocked(queue);
         queue->extremeTriggers++;
     }
-    *trigger = {queue->triggers->tail, nullptr, callback, refcon, condition, time, threshold};
+    *trigger = {queue->triggers->tail, nullptr, callback, refcon, condition, time, threshold, false, false};
     if (queue->triggers->tail != nullptr)
         queue->triggers->tail->next = trigger;
     else
@@ -382,8 +459,17 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
     queue->triggers->count++;
     if (tokenOut != nullptr) *tokenOut = trigger;
     // Called at once when it already holds, without the flag: installing is
-    // not a change of the queue's contents.
-    if (callback != nullptr && triggerHoldsLocked(queue, trigger)) callTriggerLocked(queue, trigger);
+    // not a change of the queue's contents, so the callback may remove the
+    // trigger.  Then no token is handed back: *tokenOut becomes NULL.
+    if (callback != nullptr && triggerHoldsLocked(queue, trigger)) {
+        trigger->installing = true;
+        callTriggerLocked(queue, trigger);
+        trigger->installing = false;
+        if (trigger->removedWhileInstalling) {
+            CFAllocatorDeallocate(allocatorOf(queue), trigger);
+            if (tokenOut != nullptr) *tokenOut = nullptr;
+        }
+    }
     return 0;
 }
 
@@ -506,6 +592,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
     queue->triggers = triggers;
     queue->minPresentationTimeStamp = kZeroedTime;
     queue->maxPresentationTimeStamp = kZeroedTime;
+    queue->sumsDurations = callbacks->getDuration == sampleBufferDuration;
     *queueOut = queue;
     return 0;
 }
@@ -515,17 +602,20 @@ OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferVali
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     QueueLock lock(queue);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
-    queue->validation = callback;
     queue->validationRefcon = callback != nullptr ? validationRefCon : nullptr;
+    __atomic_store_n(&queue->validation, callback, __ATOMIC_RELEASE);
     return 0;
 }
 
 OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept {
     if (queue == nullptr || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    SVBufferValidationCallback validation;
-    void *validationRefcon;
-    {
+    SVBufferValidationCallback validation = nullptr;
+    void *validationRefcon = nullptr;
+    // Without a validation callback (the usual case) there is nothing to
+    // read under the lock; the setter publishes the callback last, so one
+    // load decides.
+    if (__atomic_load_n(&queue->validation, __ATOMIC_ACQUIRE) != nullptr) {
         // Read together, so a concurrent change cannot pair one callback
         // with another's refcon.
         QueueLock lock(queue);
@@ -564,6 +654,7 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
     else
         queue->head = node;
     queue->count++;
+    countDurationLocked(queue, node);
 
     fireTriggersLocked(queue);
 
@@ -758,7 +849,10 @@ OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTrigger
         triggers->tail = triggerToken->prev;
     triggers->count--;
     if (isExtremeCondition(triggerToken->condition)) queue->extremeTriggers--;
-    CFAllocatorDeallocate(allocatorOf(queue), triggerToken);
+    if (triggerToken->installing)
+        triggerToken->removedWhileInstalling = true;  // its install call frees it
+    else
+        CFAllocatorDeallocate(allocatorOf(queue), triggerToken);
     return 0;
 }
 

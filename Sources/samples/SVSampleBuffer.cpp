@@ -59,6 +59,7 @@ void sampleBufferFinalize(CFTypeRef cf) noexcept {
             CFAllocatorRef allocator = CFGetAllocator(cf);
             sorvel::SVSampleBufferFreeArray(allocator, sbuf->sampleTimingArray);
             sorvel::SVSampleBufferFreeArray(allocator, sbuf->sampleSizeArray);
+            sorvel::SVSampleBufferFreeArray(allocator, sbuf->packetDescriptions);
             break;
         }
         case kSVSampleBufferKind_ImageBuffer:

@@ -226,6 +226,20 @@ OSStatus SVSampleBufferCreateCopy(CFAllocatorRef allocator, SVSampleBufferRef sb
         copy->numSampleSizeEntries = source->numSampleSizeEntries;
         copy->sampleSizeArray = static_cast<size_t *>(sorvel::SVSampleBufferCopyArray(
             arrays, source->sampleSizeArray, source->numSampleSizeEntries, sizeof(size_t)));
+        // Unlike the two arrays above, a copy without its packet
+        // descriptions would split its data wrongly: this one is checked.
+        if (source->packetDescriptions && source->numPacketDescriptions > 0) {
+            copy->packetDescriptions = static_cast<AudioStreamPacketDescription *>(
+                sorvel::SVSampleBufferCopyArray(arrays, source->packetDescriptions, source->numPacketDescriptions,
+                                                sizeof(AudioStreamPacketDescription)));
+            if (!copy->packetDescriptions) {
+                CFRelease(copy);
+                *sampleBufferOut = nullptr;
+                return kSVSampleBufferError_AllocationFailed;
+            }
+            copy->numPacketDescriptions = source->numPacketDescriptions;
+        }
+        copy->audioTimingDerived = source->audioTimingDerived;
     } else {
         copy->imageTiming = source->imageTiming;
     }
@@ -250,6 +264,8 @@ OSStatus SVSampleBufferCreateCopyWithNewTiming(CFAllocatorRef allocator, SVSampl
     Buffer *copy = asBuffer(copyRef);
     if (copy->kind == kSVSampleBufferKind_DataBuffer) {
         CFAllocatorRef arrays = CFGetAllocator(copy);
+        // The caller's timing replaces the one derived from an audio format.
+        copy->audioTimingDerived = 0;
         sorvel::SVSampleBufferFreeArray(arrays, copy->sampleTimingArray);
         copy->sampleTimingArray = nullptr;
         copy->numSampleTimingEntries = numSampleTimingEntries;
@@ -285,33 +301,55 @@ OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSamp
         __builtin_add_overflow(sampleRange.location, sampleRange.length, &end) || end > numSamples)
         return kSVSampleBufferError_SampleIndexOutOfRange;
 
+    // Audio buffers take their bytes, timing and packet descriptions from
+    // the audio layout where it decides them.
+    sorvel::SVAudioRange audio;
+    sorvel::SVAudioSampleBufferPrepareRange(allocator, source, sampleRange, &audio);
+    if (audio.failed) return kSVSampleBufferError_AllocationFailed;
+
     SVItemCount timingCount = 0;
     SVSampleTimingInfo *timing = nullptr;
-    if (source->numSampleTimingEntries != 0 && source->sampleTimingArray) {
+    if (audio.hasTiming) {
+        timing = static_cast<SVSampleTimingInfo *>(
+            sorvel::SVSampleBufferCopyArray(allocator, &audio.timing, 1, sizeof(SVSampleTimingInfo)));
+        if (!timing) {
+            sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
+            return kSVSampleBufferError_AllocationFailed;
+        }
+        timingCount = 1;
+    } else if (source->numSampleTimingEntries != 0 && source->sampleTimingArray) {
         const bool one = source->numSampleTimingEntries == 1;
         timingCount = one ? 1 : sampleRange.length;
         if (timingCount > 0) {
             timing = static_cast<SVSampleTimingInfo *>(
                 sorvel::SVSampleBufferCopyArray(allocator, source->sampleTimingArray + (one ? 0 : sampleRange.location),
                                                 timingCount, sizeof(SVSampleTimingInfo)));
-            if (!timing) return kSVSampleBufferError_AllocationFailed;
+            if (!timing) {
+                sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
+                return kSVSampleBufferError_AllocationFailed;
+            }
         }
     }
     RangeBytes bytes = rangeBytes(allocator, source, sampleRange);
     if (bytes.allocationFailed) {
         sorvel::SVSampleBufferFreeArray(allocator, timing);
+        sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
         return kSVSampleBufferError_AllocationFailed;
     }
     Buffer *copy = sorvel::SVSampleBufferAllocate(allocator);
     if (!copy) {
         sorvel::SVSampleBufferFreeArray(allocator, timing);
         sorvel::SVSampleBufferFreeArray(allocator, bytes.sizes);
+        sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
         *sampleBufferOut = nullptr;
         return kSVSampleBufferError_AllocationFailed;
     }
     sorvel::SVSampleBufferApplyCopyRules(copy, source);
     copy->kind = kSVSampleBufferKind_DataBuffer;
-    if (source->dataOrImageBuffer) {
+    if (audio.hasData) {
+        copy->dataOrImageBuffer = audio.data;  // ownership moves
+        audio.data = nullptr;
+    } else if (source->dataOrImageBuffer) {
         // Not checked, deliberately: a reference that cannot be made leaves
         // the new buffer without data.
         SVBlockBufferRef data = nullptr;
@@ -325,6 +363,9 @@ OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSamp
     copy->sampleTimingArray = timing;
     copy->numSampleSizeEntries = bytes.sizeCount;
     copy->sampleSizeArray = bytes.sizes;
+    copy->numPacketDescriptions = audio.descriptionCount;
+    copy->packetDescriptions = audio.descriptions;
+    copy->audioTimingDerived = source->audioTimingDerived;
     *sampleBufferOut = asRef(copy);
     return 0;
 }

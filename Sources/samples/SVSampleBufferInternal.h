@@ -7,6 +7,7 @@
 #ifndef SORVEL_SOURCES_SVSAMPLEBUFFERINTERNAL_H
 #define SORVEL_SOURCES_SVSAMPLEBUFFERINTERNAL_H
 
+#include <CoreAudio/CoreAudioTypes.h>
 #include <CoreVideo/CVBuffer.h>
 #include <Sorvel/SVSampleBuffer.h>
 
@@ -40,6 +41,14 @@ struct OpaqueSVSampleBuffer {
     SVSampleTimingInfo *sampleTimingArray;
     SVItemCount numSampleSizeEntries;
     size_t *sampleSizeArray;
+    // Data kind, audio: one description per packet (numPacketDescriptions
+    // is 0 or numSamples), in data order, allocated like the arrays above.
+    SVItemCount numPacketDescriptions;
+    AudioStreamPacketDescription *packetDescriptions;
+    // Set by the audio creators, whose one timing entry was derived from
+    // the format: range copies then move the presentation time to the
+    // first packet of the range (see SVAudioSampleBuffer.cpp).
+    uint8_t audioTimingDerived;
     // Image kind.
     SVSampleTimingInfo imageTiming;
     void *invalidateHandler;  // a copied block taking the buffer, or NULL
@@ -97,6 +106,31 @@ void SVSampleBufferApplyCopyRules(OpaqueSVSampleBuffer *copy, const OpaqueSVSamp
 bool SVSampleBufferWriteAnnexBPacket(SVSampleBufferRef sbuf, int32_t extraDataMode,
                                      SVSampleBufferPacketAllocator packetAllocator, OSStatus *statusOut) noexcept;
 #endif
+
+// ---- Audio (SVAudioSampleBuffer.cpp) ----
+
+// What a range copy of an audio sample buffer takes from the audio layout
+// instead of the generic rules.
+struct SVAudioRange {
+    bool failed = false;     // an allocation failed (nothing left owned)
+    bool hasTiming = false;  // `timing` replaces the generic timing copy
+    SVSampleTimingInfo timing{};
+    bool hasData = false;             // `data` replaces the generic byte reference
+    SVBlockBufferRef data = nullptr;  // retained; NULL when it could not be made
+    // The packet descriptions of the range, rebased to the new data.
+    SVItemCount descriptionCount = 0;
+    AudioStreamPacketDescription *descriptions = nullptr;
+};
+
+// Fills `range` for a range copy of `source` (the range already checked to
+// lie inside the samples); leaves it empty for buffers without an audio
+// layout.  The timing is derived for buffers of the audio creators only;
+// the bytes follow the packet descriptions, or the channel planes of
+// non-interleaved linear PCM.
+void SVAudioSampleBufferPrepareRange(CFAllocatorRef allocator, const OpaqueSVSampleBuffer *source, CFRange sampleRange,
+                                     SVAudioRange *range) noexcept;
+// Releases what `range` still owns.
+void SVAudioSampleBufferReleaseRange(CFAllocatorRef allocator, SVAudioRange *range) noexcept;
 
 }  // namespace sorvel
 

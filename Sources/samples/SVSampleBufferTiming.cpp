@@ -25,6 +25,19 @@ const Buffer *asBuffer(SVSampleBufferRef sbuf) noexcept {
     return reinterpret_cast<const Buffer *>(sbuf);
 }
 
+// Whether the buffer has never had an attachment set: its storage then
+// has no dictionary at all, and every attachment read answers NULL.  The
+// output getters check this first and skip the locked dictionary look-ups
+// (four per call for the decode time), which otherwise dominate their
+// cost; the answers are those the look-ups would give.  A dictionary once
+// made stays until the buffer is finalized, so a buffer seen with one
+// always takes the full path.
+bool hasNoAttachments(SVSampleBufferRef sbuf) noexcept {
+    const CVAttachmentStorage &storage = reinterpret_cast<const Buffer *>(sbuf)->attachments;
+    return __atomic_load_n(&storage._dictionaries[0], __ATOMIC_ACQUIRE) == nullptr &&
+           __atomic_load_n(&storage._dictionaries[1], __ATOMIC_ACQUIRE) == nullptr;
+}
+
 CFTypeRef attachment(SVSampleBufferRef sbuf, CFStringRef key) noexcept {
     return CVBufferGetAttachment(reinterpret_cast<CVBufferRef>(sbuf), key, nullptr);
 }
@@ -61,7 +74,13 @@ struct Adjustments {
     bool reverse;
 };
 
+// What the attachments give when there are none: no trims (a missing trim
+// counts as zero), speed 1.0, not reversed.
+constexpr SVTime kZeroTrim = {0, 1, kSVTimeFlags_Valid, 0};  // kSVTimeZero
+constexpr Adjustments kNoAdjustments = {kZeroTrim, kZeroTrim, {1.0, false}, false};
+
 Adjustments readAdjustments(SVSampleBufferRef sbuf) noexcept {
+    if (hasNoAttachments(sbuf)) return kNoAdjustments;
     return {readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart),
             readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtEnd), readSpeed(sbuf),
             attachment(sbuf, kSVSampleBufferAttachmentKey_Reverse) == kCFBooleanTrue};
@@ -114,6 +133,7 @@ SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) noex
     if (!isUsable(sbuf)) return kSVSampleBufferZeroedTime;
     const Buffer *b = asBuffer(sbuf);
     if (hasOverride(b)) return b->outputPresentationTimeStamp;
+    if (hasNoAttachments(sbuf)) return bufferOutputPresentation(sbuf, kNoAdjustments);
     Adjustments adjust{};
     adjust.trimAtStart = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart);
     adjust.reverse = attachment(sbuf, kSVSampleBufferAttachmentKey_Reverse) == kCFBooleanTrue;
@@ -141,6 +161,7 @@ SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
 
 SVTime SVSampleBufferGetOutputDuration(SVSampleBufferRef sbuf) noexcept {
     if (!isUsable(sbuf)) return kSVSampleBufferZeroedTime;
+    if (hasNoAttachments(sbuf)) return outputDuration(kNoAdjustments, SVSampleBufferGetDuration(sbuf));
     Adjustments adjust{};
     adjust.speed = readSpeed(sbuf);
     if (adjust.speed.isZero) return kSVSampleBufferZeroedTime;

@@ -18,11 +18,14 @@
 #include <Sorvel/SVSync.h>
 #include <Sorvel/SVTimebase.h>
 
+#include <cmath>
 #include <cstring>
 #include <initializer_list>
 
 #include "core/SVLog.h"
+#include "time/SVClockInternal.h"
 #include "time/SVSyncInternal.h"
+#include "time/SVTimeInternal.h"
 #include "time/SVTimebaseInternal.h"
 
 SV_LOG_MODULE("Sorvel/Sources/SVTimebase");
@@ -95,7 +98,8 @@ void post(CFStringRef name, const void *timebase) noexcept {
 
 // A child re-posts its master's notifications as its own while it runs.
 void masterDidPost(CFNotificationCenterRef, void *observer, CFNotificationName name, const void *, CFDictionaryRef) {
-    const auto *child = static_cast<const OpaqueSVTimebase *>(observer);
+    auto *child = static_cast<OpaqueSVTimebase *>(observer);
+    sorvel::timebase::masterChanged(child);
     if (sorvel::timebase::readRate(child) != 0.0) post(name, child);
 }
 
@@ -103,6 +107,7 @@ void timebaseFinalize(CFTypeRef cf) noexcept {
     OpaqueSVTimebase *timebase = asTimebase(cf);
     if (timebase->observesMaster)
         CFNotificationCenterRemoveEveryObserver(CFNotificationCenterGetLocalCenter(), timebase);
+    sorvel::timebase::destroyTimers(timebase);
     if (timebase->master != nullptr) CFRelease(timebase->master);
     XPMutexFree(timebase->timerMutex);
     XPMutexFree(timebase->stateMutex);
@@ -128,6 +133,8 @@ OSStatus createTimebase(CFAllocatorRef allocator, CFTypeRef master, SVTimebaseRe
     timebase->masterKind = sorvel::sync::kindOf(master);
     timebase->observesMaster = false;
     timebase->sequence = 0;
+    timebase->timers = nullptr;
+    timebase->settingRateOnly = 0;
     timebase->timerMutex = XPMutexCreateNR();
     timebase->stateMutex = XPMutexCreateNR();
     // Stopped at 0 from the master's time now.
@@ -201,13 +208,48 @@ namespace sorvel::timebase {
 
 constinit SVRuntimeClass<OpaqueSVTimebase> gTimebaseClass{kSVTimebaseClass};
 
-SVTime timeAt(const State &state, SVTime masterTime) noexcept {
+SVTime timeAtComposed(const State &state, SVTime masterTime) noexcept {
     return SVTimeAdd(SVTimeMultiplyByFloat64(SVTimeSubtract(masterTime, state.masterAnchor), state.rate),
                      state.timebaseAnchor);
 }
 
+// The composition above, with its common case (a master of one timescale
+// of at least 65536, such as the host clock, both times numeric and
+// non-zero) worked out inline: the subtraction is then a plain difference
+// that keeps the master time's epoch and rounding flag, the multiplication
+// needs no change of timescale, and adding a zero anchor returns the other
+// operand whole.  Everything else goes through the arithmetic calls.
+SVTime timeAt(const State &state, SVTime masterTime) noexcept {
+    using sorvel::time::isNumeric;
+    const SVTime &anchor = state.masterAnchor;
+    if (__builtin_expect(isNumeric(masterTime) && isNumeric(anchor) && isNumeric(state.timebaseAnchor) &&
+                             masterTime.timescale == anchor.timescale && masterTime.timescale >= 65536 &&
+                             masterTime.value != 0 && anchor.value != 0,
+                         1)) {
+        int64_t difference;
+        if (!__builtin_add_overflow(masterTime.value, sorvel::time::wrapNeg(anchor.value), &difference)) {
+            double value = static_cast<double>(difference);
+            double rate = state.rate;
+            if (rate == 0 || !sorvel::time::outsideProductLimit(value, std::fabs(rate))) {
+                double product = value * rate;
+                if (__builtin_expect(std::fabs(product) < 9223372036854775808.0, 1)) {
+                    SVTime scaled = {static_cast<int64_t>(product), masterTime.timescale,
+                                     kSVTimeFlags_Valid | (masterTime.flags & kSVTimeFlags_HasBeenRounded),
+                                     masterTime.epoch};
+                    if (scaled.value == 0) return state.timebaseAnchor;
+                    if (state.timebaseAnchor.value == 0) return scaled;
+                }
+            }
+        }
+    }
+    return timeAtComposed(state, masterTime);
+}
+
 SVTime currentTime(const OpaqueSVTimebase *timebase) noexcept {
     State state = readState(timebase);
+    // A clock master is read inline (its kind never changes).
+    if (timebase->masterKind == Kind::Clock)
+        return timeAt(state, sorvel::clock::currentTime(static_cast<const OpaqueSVClock *>(timebase->master)));
     return timeAt(state, masterTime(timebase));
 }
 
@@ -263,6 +305,7 @@ OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRate", __LINE__);
     setRate(checkedTimebase, rate, true);
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
@@ -270,6 +313,7 @@ OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetTime", __LINE__);
     setAnchor(checkedTimebase, time, masterTime(checkedTimebase));
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
@@ -277,6 +321,7 @@ OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SV
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetAnchorTime", __LINE__);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
@@ -284,8 +329,13 @@ OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SV
                                         SVTime immediateMasterTime) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRateAndAnchorTime", __LINE__);
+    // Children hear the rate before the anchors are set; they wait for the
+    // jump that follows, and this timebase re-arms once, at the end.
+    __atomic_add_fetch(&checkedTimebase->settingRateOnly, 1, __ATOMIC_RELEASE);
     setRate(checkedTimebase, rate, false);
+    __atomic_sub_fetch(&checkedTimebase->settingRateOnly, 1, __ATOMIC_RELEASE);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
+    sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 

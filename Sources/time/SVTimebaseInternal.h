@@ -31,6 +31,8 @@ enum class Kind : uint8_t { Other, Clock, Timebase };
 
 namespace sorvel::timebase {
 
+struct TimerRegistry;
+
 struct State {
     double rate;
     SVTime masterAnchor;    // on the master's timeline
@@ -49,8 +51,12 @@ struct OpaqueSVTimebase {
     bool observesMaster;  // registered with the local center
     uint32_t sequence;    // odd while the state is being written
     uint64_t state[sorvel::timebase::kStateWords];
-    XPMutexRef timerMutex;  // guards the timer registry
-    XPMutexRef stateMutex;  // serialises writers of the state
+    XPMutexRef timerMutex;                    // guards the timer registry
+    XPMutexRef stateMutex;                    // serialises writers of the state
+    sorvel::timebase::TimerRegistry *timers;  // NULL until a timer is added
+    // Non-zero while SVTimebaseSetRateAndAnchorTime has set the rate but not
+    // yet the anchors: children do not re-arm on that provisional state.
+    int settingRateOnly;
 };
 
 namespace sorvel::timebase {
@@ -85,9 +91,21 @@ inline double readRate(const OpaqueSVTimebase *timebase) noexcept {
 // The time of `timebase` when its master reads `masterTime`, in the given
 // state: timebase anchor + (masterTime - master anchor) x rate.
 SVTime timeAt(const State &state, SVTime masterTime) noexcept;
+// The same through the public arithmetic calls, step by step; timeAt gives
+// identical results (kept for the tests that check so).
+SVTime timeAtComposed(const State &state, SVTime masterTime) noexcept;
 
 // SVTimebaseGetTime for an object known to be a timebase.
 SVTime currentTime(const OpaqueSVTimebase *timebase) noexcept;
+
+// Timers (SVTimebaseTimer.cpp).  Re-arms every timer of `timebase` from
+// its current rate and anchors; a no-op without timers.
+void rescheduleTimers(OpaqueSVTimebase *timebase) noexcept;
+// A master up the chain has posted: re-arms unless an ancestor is between
+// the two halves of SVTimebaseSetRateAndAnchorTime.
+void masterChanged(OpaqueSVTimebase *timebase) noexcept;
+// Disarms and releases every timer (finalize).
+void destroyTimers(OpaqueSVTimebase *timebase) noexcept;
 
 }  // namespace sorvel::timebase
 

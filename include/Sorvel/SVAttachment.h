@@ -8,8 +8,13 @@
  * CoreVideo's buffer-attachment functions unchanged; any other target (NULL
  * included) is logged at level 3 and the call does nothing (or returns
  * NULL).  They take no lock of their own; CoreVideo's attachment storage
- * guards itself, so any thread may call them on a shared target.  Borrowed
- * results stay valid until the attachment is replaced or removed.
+ * guards itself, so any thread may call them on a shared target.
+ *
+ * Borrowed results (SVGetAttachment) stay valid only until the attachment
+ * is replaced or removed.  On a target that other threads may change,
+ * "get, then retain" is not safe (the writer's release can come between
+ * the two): use SVCopyAttachment or SVCopyDictionaryOfAttachments, which
+ * return a reference retained under the attachment lock.
  *
  * Every key, value and notification name below is a constant string whose
  * text is exactly its own name.
@@ -35,6 +40,12 @@ SV_EXPORT void SVSetAttachment(SVAttachmentBearerRef target, CFStringRef key, CF
  * NULL, receives the mode it was set with. */
 SV_EXPORT CFTypeRef SVGetAttachment(SVAttachmentBearerRef target, CFStringRef key,
                                     SVAttachmentMode *attachmentModeOut) SV_NOEXCEPT;
+/* As SVGetAttachment, but the value is owned by the caller (release it):
+ * retained under the target's attachment lock, so it stays valid whatever
+ * other threads set or remove.  Delegates to CVBufferCopyAttachment; a
+ * target of no accepted kind is logged at level 3 like the others. */
+SV_EXPORT CFTypeRef SVCopyAttachment(SVAttachmentBearerRef target, CFStringRef key,
+                                     SVAttachmentMode *attachmentModeOut) SV_NOEXCEPT;
 SV_EXPORT void SVRemoveAttachment(SVAttachmentBearerRef target, CFStringRef key) SV_NOEXCEPT;
 SV_EXPORT void SVRemoveAllAttachments(SVAttachmentBearerRef target) SV_NOEXCEPT;
 /* An immutable copy (owned by the caller) of the attachments of one mode,

@@ -64,8 +64,9 @@ enum {
     kSVBlockBufferBlockAllocationFailedErr = -12701,
     /* Offset at or beyond the data length, or a buffer without pieces. */
     kSVBlockBufferBadOffsetParameterErr = -12703,
-    /* Zero length where one is required, or offset plus length beyond the
-     * data length. */
+    /* Zero length where one is required, offset plus length beyond the
+     * data length, or an append that would take the data length past
+     * SIZE_MAX. */
     kSVBlockBufferBadLengthParameterErr = -12704,
     /* A required buffer or output pointer is NULL. */
     kSVBlockBufferBadPointerParameterErr = -12705,
@@ -161,7 +162,8 @@ SV_EXPORT OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocat
  * arguments).  Statuses, tested in this order:
  * kSVBlockBufferBadPointerParameterErr (NULL buffer);
  * kSVBlockBufferBadLengthParameterErr for a zero `dataLength`, then for a
- * zero `blockLength` (each logged at level 3);
+ * zero `blockLength` (each logged at level 3), then when the buffer's data
+ * length plus `dataLength` would exceed SIZE_MAX (logged at level 3);
  * kSVBlockBufferStructureAllocationFailedErr when the piece's record cannot
  * be allocated; kSVBlockBufferBlockAllocationFailedErr when the block had to
  * be allocated at once and could not be.  On failure the buffer is unchanged
@@ -178,7 +180,8 @@ SV_EXPORT OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, vo
  * ignored.  Statuses: kSVBlockBufferBadPointerParameterErr (NULL buffer or
  * target), kSVBlockBufferBadOffsetParameterErr (offset not below the
  * target's length), kSVBlockBufferBadLengthParameterErr (range beyond its
- * end), kSVBlockBufferStructureAllocationFailedErr.  Referencing the buffer
+ * end, or a data length that would exceed SIZE_MAX, logged at level 3),
+ * kSVBlockBufferStructureAllocationFailedErr.  Referencing the buffer
  * itself is not refused (see the top of this file). */
 SV_EXPORT OSStatus SVBlockBufferAppendBufferReference(SVBlockBufferRef theBuffer, SVBlockBufferRef targetBBuf,
                                                       size_t offsetToData, size_t dataLength,

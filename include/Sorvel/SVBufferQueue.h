@@ -247,8 +247,14 @@ enum {
  * numeric one and the getDuration callback; 5 and 6 getPresentationTimeStamp;
  * 7 isDataReady).  `callback` may be NULL when `triggerTokenOut` is given
  * (the trigger is then polled with SVBufferQueueTestTrigger).  The token is
- * valid until the trigger is removed or the queue finalized.  When the
- * trigger already holds, its callback is called before this returns.
+ * valid until the trigger is removed or the queue finalized.
+ * Install-time callback: when the trigger already holds, its callback is
+ * called once before this returns, on the caller's thread with the queue's
+ * lock held.  Unlike callbacks fired by a change of the queue, this one may
+ * change the queue, and in particular may remove the new trigger with the
+ * token it is given; then `*triggerTokenOut` is set back to NULL (and the
+ * call still returns 0), so a token handed back always names an installed
+ * trigger.
  * kSVBufferQueueError_RequiredParameterMissing (queue NULL, condition 0, or
  * neither callback nor token output), _InvalidTriggerParameters,
  * _CannotModifyQueueFromTriggerCallback, _AllocationFailed. */

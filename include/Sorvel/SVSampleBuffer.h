@@ -59,6 +59,7 @@
 #include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVTime.h>
 
+#include <CoreAudio/CoreAudioTypes.h>
 #include <CoreVideo/CoreVideo.h>
 
 #include <stddef.h>
@@ -78,7 +79,8 @@ enum {
     kSVSampleBufferError_AlreadyHasDataBuffer = -12732,
     /* The data is not ready and nothing can make it ready. */
     kSVSampleBufferError_BufferNotReady = -12733,
-    /* A sample index or range lies beyond the samples. */
+    /* A sample index or range lies beyond the samples (for the audio calls
+     * also: frames outside the buffer). */
     kSVSampleBufferError_SampleIndexOutOfRange = -12734,
     /* The buffer holds no sample sizes. */
     kSVSampleBufferError_BufferHasNoSampleSizes = -12735,
@@ -91,8 +93,18 @@ enum {
     kSVSampleBufferError_InvalidEntryCount = -12738,
     /* The buffer has no samples to divide. */
     kSVSampleBufferError_CannotSubdivide = -12739,
-    /* The operation needs a data-buffer sample buffer. */
+    /* Audio data that contradicts itself or its format: packet
+     * descriptions that overlap, run past the data or disagree with its
+     * length, a sample rate or frames-per-packet value that cannot time the
+     * packets, packet descriptions where the format allows none (logged). */
+    kSVSampleBufferError_InvalidAudioData = -12740,
+    /* The operation needs a data-buffer sample buffer (for the audio calls:
+     * one with an audio format description, for the PCM calls a linear PCM
+     * one). */
     kSVSampleBufferError_InvalidMediaTypeForOperation = -12741,
+    /* An audio buffer list whose number of buffers, channels per buffer or
+     * byte sizes do not fit the format and the sample count. */
+    kSVSampleBufferError_AudioBufferListMismatch = -12742,
     /* The format description's subtype cannot be written as bytes. */
     kSVSampleBufferError_InvalidMediaFormat = -12743,
     /* The buffer has been invalidated. */
@@ -462,6 +474,160 @@ SV_EXPORT OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBuffer
                                                                   const uint8_t *nalTypesToSkip, size_t skipCount,
                                                                   SVSampleBufferPacketAllocator allocator) SV_NOEXCEPT;
 #endif
+
+/* ==== Audio sample buffers ====================================================
+ *
+ * An audio sample buffer is a data-buffer sample buffer whose format
+ * description is an audio one (media type 'soun'): every call above works
+ * on it.  Its samples are packets: for linear PCM a packet is one frame
+ * (one sample of every channel), for a compressed format one coded packet
+ * (1024 frames of AAC, 960 or so of Opus).  Its data holds the packets one
+ * after another; for non-interleaved linear PCM it holds the channels'
+ * planes one after another, channel 0 first, each plane `numSamples` *
+ * mBytesPerFrame bytes.
+ *
+ * Packet descriptions give each packet's byte offset in the data, its size
+ * and (for formats whose frames per packet vary) its frame count.  They
+ * must come in data order, without overlap, inside the data, and the data
+ * must end where the last packet ends; gaps between packets are allowed.
+ *
+ * Timing is derived from the format: one timing entry whose duration is
+ * one packet's (mFramesPerPacket / mSampleRate, in the sample rate's
+ * timescale when the rate is a whole number), the given presentation time
+ * stamp and no decode time stamp (decode order is presentation order).
+ * When mFramesPerPacket is 0 the packets' frame counts are summed and the
+ * sum spread evenly, so that the buffer's duration is exactly the total
+ * frames over the sample rate.  A range copy or per-sample iteration of a
+ * buffer made by the creators below gives each part its own presentation
+ * time (the buffer's plus the frames before the part) and duration, and its
+ * own packet descriptions, rebased to its data.  Trims
+ * (kSVSampleBufferAttachmentKey_TrimDurationAtStart and ...AtEnd, for
+ * example an encoder's priming frames) and speed apply as for any buffer.
+ *
+ * Failures that need explaining (bad packet descriptions, formats that
+ * cannot be timed, buffer lists of the wrong shape) are logged at level 3. */
+
+/* Asks SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer for buffers
+ * whose mData is 16-byte aligned. */
+enum { kSVSampleBufferFlag_AudioBufferList_Assure16ByteAlignment = 1u << 0 };
+
+/* Creates an audio sample buffer of `numSamples` packets (at least 1) with
+ * the timing derived as above from `formatDescription` (an audio
+ * description, retained) and `presentationTimeStamp`.  `dataBuffer` may be
+ * NULL (attach it later, for example with
+ * SVSampleBufferSetDataBufferFromAudioBufferList); when given, its length
+ * must be what the packets say.  Sizes: one entry when the format has
+ * constant bytes per packet (mBytesPerPacket, or mBytesPerFrame * channels
+ * for non-interleaved PCM), else one per packet from the descriptions.
+ * `packetDescriptions` (`numSamples` records, copied) are required when
+ * mBytesPerPacket is 0 (AAC, Opus, FLAC...), refused for linear PCM, and
+ * optional otherwise.  Linear PCM needs mFramesPerPacket 1, mBytesPerFrame
+ * non-zero and mBytesPerPacket equal to it.  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing (NULL `sampleBufferOut`
+ * or `formatDescription`, missing packet descriptions),
+ * kSVSampleBufferError_InvalidMediaTypeForOperation (not an audio
+ * description), kSVSampleBufferError_InvalidAudioData (see its comment; a
+ * sample rate that is not finite and positive; mFramesPerPacket 0 without
+ * frame counts in the descriptions; no packets),
+ * kSVSampleBufferError_AllocationFailed.  *sampleBufferOut is set to NULL
+ * on every failure after the first. */
+SV_EXPORT OSStatus SVAudioSampleBufferCreateWithPacketDescriptions(
+    CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
+    SVSampleBufferMakeDataReadyCallback makeDataReadyCallback, void *makeDataReadyRefcon,
+    SVFormatDescriptionRef formatDescription, SVItemCount numSamples, SVTime presentationTimeStamp,
+    const AudioStreamPacketDescription *packetDescriptions, SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* SVAudioSampleBufferCreateWithPacketDescriptions with the data ready and
+ * no make-data-ready callback. */
+SV_EXPORT OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(
+    CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, SVFormatDescriptionRef formatDescription,
+    SVItemCount numSamples, SVTime presentationTimeStamp, const AudioStreamPacketDescription *packetDescriptions,
+    SVSampleBufferRef *sampleBufferOut) SV_NOEXCEPT;
+
+/* Count-then-copy of the packet descriptions, sizes in bytes.
+ * *packetDescriptionsSizeNeededOut (when not NULL) receives the size
+ * before anything is checked against `packetDescriptionsSize` (0 when the
+ * buffer has none).  A NULL `packetDescriptionsOut` only asks for the size.
+ * Statuses: kSVSampleBufferError_RequiredParameterMissing (NULL buffer),
+ * kSVSampleBufferError_Invalidated, kSVSampleBufferError_InvalidMediaTypeForOperation
+ * (image-buffer sample buffer), kSVSampleBufferError_ArrayTooSmall
+ * (nothing written). */
+SV_EXPORT OSStatus SVSampleBufferGetAudioStreamPacketDescriptions(SVSampleBufferRef sbuf, size_t packetDescriptionsSize,
+                                                                  AudioStreamPacketDescription *packetDescriptionsOut,
+                                                                  size_t *packetDescriptionsSizeNeededOut) SV_NOEXCEPT;
+
+/* The buffer's own packet descriptions (borrowed, valid while the buffer
+ * lives; NULL when it has none) and their size in bytes (0).  Both outputs
+ * are optional.  Statuses as SVSampleBufferGetAudioStreamPacketDescriptions
+ * (without ArrayTooSmall). */
+SV_EXPORT OSStatus SVSampleBufferGetAudioStreamPacketDescriptionsPtr(
+    SVSampleBufferRef sbuf, const AudioStreamPacketDescription **packetDescriptionsPointerOut,
+    size_t *packetDescriptionsSizeOut) SV_NOEXCEPT;
+
+/* Fills `bufferListOut` with buffers over the sample buffer's bytes: one
+ * buffer (all channels) for interleaved PCM and compressed formats, one
+ * per channel (mNumberChannels 1) for non-interleaved PCM.  The buffers
+ * point into the data in place when it is contiguous and aligned (to the
+ * channel sample's size, up to 8, for PCM; to 16 bytes with
+ * kSVSampleBufferFlag_AudioBufferList_Assure16ByteAlignment); otherwise
+ * into one new contiguous copy (every plane starting 16-byte aligned when
+ * asked), made through `blockBufferBlockAllocator`.  *blockBufferOut
+ * receives a retained block buffer that keeps the bytes alive (the data
+ * buffer itself, or the copy): release it when done with the list.
+ * *bufferListSizeNeededOut (when not NULL) receives the list's size in
+ * bytes, offsetof(AudioBufferList, mBuffers) + n * sizeof(AudioBuffer);
+ * with a NULL `bufferListOut` that is all the call does.  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing (NULL buffer, or NULL
+ * `blockBufferOut` with a list), kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_InvalidMediaTypeForOperation (not an audio sample
+ * buffer), kSVSampleBufferError_BufferNotReady (no data, or data not ready),
+ * kSVSampleBufferError_ArrayTooSmall (`bufferListSize` below the size
+ * needed), kSVSampleBufferError_InvalidAudioData (PCM data whose length does
+ * not match the sample count, data over 4 GiB),
+ * kSVSampleBufferError_AllocationFailed.  Nothing is written to the list
+ * or *blockBufferOut on failure. */
+SV_EXPORT OSStatus SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(
+    SVSampleBufferRef sbuf, size_t *bufferListSizeNeededOut, AudioBufferList *bufferListOut, size_t bufferListSize,
+    CFAllocatorRef blockBufferStructureAllocator, CFAllocatorRef blockBufferBlockAllocator, uint32_t flags,
+    SVBlockBufferRef *blockBufferOut) SV_NOEXCEPT;
+
+/* Copies `numFrames` frames from `frameOffset` of a linear PCM sample
+ * buffer into the caller's buffers, converting nothing: the list must have
+ * the format's shape (one buffer of all channels when interleaved, one
+ * single-channel buffer per channel otherwise) and each buffer room for the
+ * frames.  Each buffer's mDataByteSize is set to the bytes written.
+ * Statuses: kSVSampleBufferError_RequiredParameterMissing (NULL buffer or
+ * list, NULL mData), kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_InvalidMediaTypeForOperation (not linear PCM),
+ * kSVSampleBufferError_BufferNotReady, kSVSampleBufferError_SampleIndexOutOfRange
+ * (frames outside the buffer), kSVSampleBufferError_AudioBufferListMismatch
+ * (wrong number of buffers or channels), kSVSampleBufferError_ArrayTooSmall
+ * (a buffer too small; nothing written), kSVSampleBufferError_InvalidAudioData
+ * (data length not matching the sample count), or a block-buffer status. */
+SV_EXPORT OSStatus SVSampleBufferCopyPCMDataIntoAudioBufferList(SVSampleBufferRef sbuf, int32_t frameOffset,
+                                                                int32_t numFrames,
+                                                                AudioBufferList *bufferList) SV_NOEXCEPT;
+
+/* Gives an audio sample buffer made without data its data: the bytes of
+ * `bufferList` are copied, buffer after buffer, into one new block buffer
+ * (structure from `blockBufferStructureAllocator`, bytes from
+ * `blockBufferBlockAllocator`; 16-byte aligned with
+ * kSVSampleBufferFlag_AudioBufferList_Assure16ByteAlignment), which is
+ * attached, and the buffer is marked ready.  The list must have the
+ * format's shape and hold exactly the sample count's bytes (for PCM
+ * numSamples frames in every buffer; for compressed formats what the
+ * packet descriptions or the constant packet size say).  Statuses:
+ * kSVSampleBufferError_RequiredParameterMissing, kSVSampleBufferError_Invalidated,
+ * kSVSampleBufferError_InvalidMediaTypeForOperation,
+ * kSVSampleBufferError_AlreadyHasDataBuffer,
+ * kSVSampleBufferError_AudioBufferListMismatch,
+ * kSVSampleBufferError_AllocationFailed; the buffer is unchanged on
+ * failure. */
+SV_EXPORT OSStatus SVSampleBufferSetDataBufferFromAudioBufferList(SVSampleBufferRef sbuf,
+                                                                  CFAllocatorRef blockBufferStructureAllocator,
+                                                                  CFAllocatorRef blockBufferBlockAllocator,
+                                                                  uint32_t flags,
+                                                                  const AudioBufferList *bufferList) SV_NOEXCEPT;
 
 /* ==== Per-sample attachments ================================================= */
 

@@ -60,8 +60,11 @@ SV_EXPORT CFTypeID SVSimpleQueueGetTypeID(void) SV_NOEXCEPT;
  * as full.  A negative capacity is refused: kSVSimpleQueueError_AllocationFailed
  * is returned, `*queueOut` set to NULL and the refusal logged at level 3.
  * kSVSimpleQueueError_AllocationFailed (with `*queueOut` NULL) also when
- * memory runs out; kSVSimpleQueueError_RequiredParameterMissing for a NULL
- * `queueOut`.  The caller owns the new queue (CFRelease). */
+ * memory runs out, and (logged) when the slots of `capacity` would not fit
+ * in the address space; kSVSimpleQueueError_RequiredParameterMissing for a
+ * NULL `queueOut`.  Slots are not cleared at creation, so a queue of large
+ * capacity costs memory only for the slots that enqueues actually reach.
+ * The caller owns the new queue (CFRelease). */
 SV_EXPORT OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity,
                                        SVSimpleQueueRef *queueOut) SV_NOEXCEPT;
 

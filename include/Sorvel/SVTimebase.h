@@ -46,12 +46,66 @@
  * finalized: release the last reference to a child only when no other
  * thread is changing its master at that moment.
  *
- * Timers on a timebase's timeline are not available yet.
+ * Timers.  A player asks the timebase to call it back when the timeline
+ * reaches a time, whatever the timeline does meanwhile.  Two kinds of timer
+ * work: a run-loop timer (CFRunLoopTimer) and a timer dispatch source.
+ *
+ * Who does what.  The caller makes the timer: a run-loop timer that
+ * repeats, with an interval so long that it never matters (say 1e9 s),
+ * added to the caller's own run loop, which is then passed to
+ * SVTimebaseAddTimer; or a dispatch source of DISPATCH_SOURCE_TYPE_TIMER
+ * whose handlers the caller sets and which the caller resumes.  From
+ * SVTimebaseAdd... on, the timebase alone sets the timer's fire date or
+ * deadline: an unarmed run-loop timer's next fire date lies far in the
+ * future (the year 4001), an unarmed source's deadline is
+ * DISPATCH_TIME_FOREVER.  The timebase never resumes, suspends or cancels
+ * a source, and never invalidates a run-loop timer.  A timer belongs to
+ * one timebase, which retains it (and the run loop) until it is removed or
+ * the timebase is finalized; adding it again to the same timebase changes
+ * nothing and returns 0.
+ *
+ * Arming.  Setting a next fire time (a time on this timebase's timeline;
+ * flags must be 0) arms the timer: the timebase converts the fire time to
+ * a host-clock deadline through its rate, its anchors and its chain of
+ * masters (a clock other than the host clock is taken as running with it),
+ * and re-arms every armed timer whenever its rate, time or anchors change,
+ * or those of a master up the chain.  While the effective rate is 0 a
+ * timer waits indefinitely; at a negative rate it fires when the timeline
+ * comes down to the fire time; a fire time already passed in the
+ * timeline's current direction fires at once.  A positive infinite fire
+ * time waits forever; an invalid or indefinite one disarms.  After it
+ * fires, a timer stays unarmed until it is given a new fire time.
+ * ...ToFireImmediately fires it as soon as possible, also on a stopped
+ * timebase, and replaces a pending fire time.
+ *
+ * Exactly once.  A re-arm never loses a firing that was already due and
+ * never makes it fire twice: a timer whose deadline passed before the
+ * timebase re-arms it counts as fired and stays unarmed.  Giving a timer a
+ * new fire time while its old deadline is due delivers the old firing and
+ * arms the new one.  SVTimebaseSetRateAndAnchorTime re-arms once, with the
+ * final rate and anchors.
+ *
+ * Removal.  Once SVTimebaseRemove... returns, the timer's handler or
+ * callout is not running on another thread and will not run for this
+ * timebase again (firings not yet delivered are dropped); the same holds
+ * for every timer when the timebase's last reference goes.  Both may be
+ * called from inside the timer's own handler.  A source cancelled by its
+ * owner while armed simply never calls its event handler again; remove it
+ * as usual.
+ *
+ * Timer statuses: kSVTimebaseError_MissingRequiredParameter for a NULL
+ * timebase, timer, source, run loop or output;
+ * kSVTimebaseError_InvalidTimer for a timer not added to this timebase,
+ * one already added to another timebase, an invalidated run-loop timer, an
+ * object that is not a run-loop timer, and a dispatch source that is not a
+ * timer source.  Each failure is logged at level 3.
  */
 #ifndef SORVEL_SVTIMEBASE_H
 #define SORVEL_SVTIMEBASE_H
 
+#include <CoreFoundation/CFRunLoop.h>
 #include <Sorvel/SVClock.h>
+#include <dispatch/dispatch.h>
 
 SV_EXTERN_C_BEGIN
 
@@ -131,6 +185,33 @@ SV_EXPORT SVClockOrTimebaseRef SVTimebaseGetMaster(SVTimebaseRef timebase) SV_NO
 SV_EXPORT SVClockRef SVTimebaseGetMasterClock(SVTimebaseRef timebase) SV_NOEXCEPT;
 SV_EXPORT SVTimebaseRef SVTimebaseGetMasterTimebase(SVTimebaseRef timebase) SV_NOEXCEPT;
 SV_EXPORT SVClockRef SVTimebaseGetUltimateMasterClock(SVTimebaseRef timebase) SV_NOEXCEPT;
+
+/* Timers (see the top of this header).  The run-loop timer is added to
+ * `runloop` by the caller beforehand, in the modes it chooses. */
+SV_EXPORT OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer,
+                                      CFRunLoopRef runloop) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseRemoveTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseSetTimerNextFireTime(SVTimebaseRef timebase, CFRunLoopTimerRef timer, SVTime fireTime,
+                                                  uint32_t flags) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseSetTimerToFireImmediately(SVTimebaseRef timebase, CFRunLoopTimerRef timer) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseAddTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseRemoveTimerDispatchSource(SVTimebaseRef timebase,
+                                                       dispatch_source_t timerSource) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseSetTimerDispatchSourceNextFireTime(SVTimebaseRef timebase, dispatch_source_t timerSource,
+                                                                SVTime fireTime, uint32_t flags) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseSetTimerDispatchSourceToFireImmediately(SVTimebaseRef timebase,
+                                                                     dispatch_source_t timerSource) SV_NOEXCEPT;
+
+/* The deadline the timebase last asked of the timer, as a host time
+ * (SVClockGetHostTimeClock's timeline, timescale 1000000000; compare it
+ * with SVClockGetTime(SVClockGetHostTimeClock()) inside the handler to
+ * measure the wake-up error).  kSVTimePositiveInfinity while it waits
+ * indefinitely, kSVTimeInvalid when it was never armed; after a firing the
+ * deadline of that firing stays.  Statuses as for the other timer calls. */
+SV_EXPORT OSStatus SVTimebaseGetTimerDeadline(SVTimebaseRef timebase, CFRunLoopTimerRef timer,
+                                              SVTime *deadlineOut) SV_NOEXCEPT;
+SV_EXPORT OSStatus SVTimebaseGetTimerDispatchSourceDeadline(SVTimebaseRef timebase, dispatch_source_t timerSource,
+                                                            SVTime *deadlineOut) SV_NOEXCEPT;
 
 /* Not implemented: each logs "NOT YET IMPLEMENTED" and ends the process.
  * Use the Get calls above and retain what they return. */

@@ -8,13 +8,20 @@
 //
 // A post therefore takes a snapshot of the matching registrations under the
 // mutex, each with a reference so that it outlives its removal, and calls
-// them after unlocking.  Removing a registration unlinks it and sets its
-// `removed` flag under the mutex; the post checks the flag just before each
-// call, so a registration removed during a post (by an earlier callback of
-// the same post, say) is not called afterwards, and one added during a post
-// is not in that post's snapshot.  Across threads, a removal that races with
-// a post already past the check cannot stop that one call; nothing can,
-// short of holding a lock around callbacks.
+// them after unlocking.  Just before each call it takes the mutex again,
+// skips the registration if it has been removed, and otherwise counts the
+// call in the registration's `deliveries`; it uncounts it (and wakes any
+// remover) once the callback returns.
+//
+// Removal unlinks a registration and marks it removed under the mutex, so
+// no call starts afterwards, and then waits, on the center's condition
+// variable, until every call in progress has ended, so that the observer
+// may be freed as soon as removal returns (a timebase child released while
+// its master posts on another thread, say).  Calls in progress on the
+// removing thread itself are its callers, further up its own stack: it
+// cannot wait for them, and need not, since they make no further use of the
+// observer once its callback returns.  Each thread therefore keeps a stack
+// of the deliveries it is inside, and removal waits only for the others.
 //
 // The center is a static immortal instance whose state is constant-
 // initialised, so it works before and after static constructors and
@@ -43,7 +50,8 @@ struct Registration {
     // adding, so a failing default allocator reaches the failure path.
     CFAllocatorRef allocator;  // retained
     Registration *next;        // the center's list; guarded by its mutex
-    std::atomic<bool> removed;
+    bool removed;              // guarded by the center's mutex
+    uint32_t deliveries;       // calls in progress, on any thread; guarded likewise
     // One for the list, one per post snapshot holding it.
     std::atomic<uint32_t> references;
 };
@@ -53,16 +61,35 @@ struct Registration {
 struct __CFNotificationCenter {
     CFRuntimeBase base;
     XPMutex lock;
+    pthread_cond_t deliveryEnded;  // with `lock`: a removed registration's call ended
     Registration *head;
     Registration *tail;
 };
 
 namespace {
 
-__CFNotificationCenter gLocalCenter = {
-    {0, kCFNotificationCenterTypeID | kCFInfoImmortal, 0}, {PTHREAD_MUTEX_INITIALIZER}, nullptr, nullptr};
+__CFNotificationCenter gLocalCenter = {{0, kCFNotificationCenterTypeID | kCFInfoImmortal, 0},
+                                       {PTHREAD_MUTEX_INITIALIZER},
+                                       PTHREAD_COND_INITIALIZER,
+                                       nullptr,
+                                       nullptr};
 
 XPLogModule gNotificationLog;
+
+// The deliveries the current thread is inside, innermost first; each frame
+// lives on the stack of the post that makes the call.
+struct ActiveDelivery {
+    const Registration *registration;
+    const ActiveDelivery *outer;
+};
+thread_local const ActiveDelivery *tActiveDeliveries = nullptr;
+
+uint32_t deliveriesOnThisThread(const Registration *registration) {
+    uint32_t count = 0;
+    for (const ActiveDelivery *frame = tActiveDeliveries; frame != nullptr; frame = frame->outer)
+        if (frame->registration == registration) ++count;
+    return count;
+}
 
 void releaseRegistration(Registration *registration) {
     if (registration->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
@@ -88,7 +115,8 @@ bool postMatches(const Registration *registration, CFStringRef name, const void 
     return registration->object == nullptr || registration->object == object;
 }
 
-// Unlinks every registration `matches` accepts and releases the list's
+// Unlinks every registration `matches` accepts, waits until no call to
+// any of them is in progress on another thread, and releases the list's
 // references once the mutex is dropped (the last release may free a name
 // string, which need not happen under the lock).
 template <typename Predicate>
@@ -99,7 +127,7 @@ void removeRegistrations(CFNotificationCenterRef center, Predicate matches) {
     for (Registration *registration = center->head; registration != nullptr;) {
         Registration *next = registration->next;
         if (matches(registration)) {
-            registration->removed.store(true, std::memory_order_release);
+            registration->removed = true;
             if (previous != nullptr)
                 previous->next = next;
             else
@@ -111,6 +139,10 @@ void removeRegistrations(CFNotificationCenterRef center, Predicate matches) {
             previous = registration;
         }
         registration = next;
+    }
+    for (Registration *registration = unlinked; registration != nullptr; registration = registration->next) {
+        const uint32_t own = deliveriesOnThisThread(registration);
+        while (registration->deliveries > own) pthread_cond_wait(&center->deliveryEnded, &center->lock._mutex);
     }
     XPMutexRelease(&center->lock);
     while (unlinked != nullptr) {
@@ -159,6 +191,24 @@ private:
     size_t capacity_ = 16;
 };
 
+// Counts one call to `registration` unless it has been removed; the
+// count keeps a remover on another thread waiting until the call ends.
+bool beginDelivery(CFNotificationCenterRef center, Registration *registration) {
+    XPMutexAcquire(&center->lock);
+    const bool live = !registration->removed;
+    if (live) ++registration->deliveries;
+    XPMutexRelease(&center->lock);
+    return live;
+}
+
+void endDelivery(CFNotificationCenterRef center, Registration *registration) {
+    XPMutexAcquire(&center->lock);
+    --registration->deliveries;
+    // Only removers wait, and only for removed registrations.
+    if (registration->removed) pthread_cond_broadcast(&center->deliveryEnded);
+    XPMutexRelease(&center->lock);
+}
+
 void post(CFNotificationCenterRef center, CFNotificationName name, const void *object, CFDictionaryRef userInfo) {
     Snapshot snapshot;
     XPMutexAcquire(&center->lock);
@@ -167,8 +217,12 @@ void post(CFNotificationCenterRef center, CFNotificationName name, const void *o
     XPMutexRelease(&center->lock);
     for (size_t i = 0; i < snapshot.count(); ++i) {
         Registration *registration = snapshot[i];
-        if (registration->removed.load(std::memory_order_acquire)) continue;
+        if (!beginDelivery(center, registration)) continue;
+        const ActiveDelivery frame{registration, tActiveDeliveries};
+        tActiveDeliveries = &frame;
         registration->callback(center, const_cast<void *>(registration->observer), name, object, userInfo);
+        tActiveDeliveries = frame.outer;
+        endDelivery(center, registration);
     }
 }
 

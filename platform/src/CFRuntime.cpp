@@ -415,26 +415,42 @@ const CFRuntimeClass *_CFRuntimeGetClassWithTypeID(CFTypeID typeID) noexcept {
     return classOf(typeID);
 }
 
-CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
-                                   unsigned char *category) noexcept {
-    (void)category;
+namespace {
+
+CFTypeRef createInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes, CFIndex clearedBytes) {
     if (classOf(typeID) == nullptr) {
         LOG_ERROR("type %u is not registered", static_cast<unsigned>(typeID));
         return nullptr;
     }
     if (extraBytes < 0 || static_cast<size_t>(extraBytes) > (SIZE_MAX >> 2)) return nullptr;
+    if (clearedBytes < 0 || clearedBytes > extraBytes) return nullptr;
     allocator = __CFResolveAllocator(allocator);
     const bool usesPrefix = allocator != kCFAllocatorSystemDefault;
     const size_t prefix = usesPrefix ? kAllocatorPrefixSize : 0;
     const size_t size = prefix + sizeof(CFRuntimeBase) + static_cast<size_t>(extraBytes);
     void *memory = usesPrefix ? CFAllocatorAllocate(allocator, static_cast<CFIndex>(size), 0) : std::malloc(size);
     if (memory == nullptr) return nullptr;
-    std::memset(memory, 0, size);
+    // Only the part the type reads before writing is cleared: for a large
+    // uncleared tail the pages are never touched here.
+    std::memset(memory, 0, prefix + sizeof(CFRuntimeBase) + static_cast<size_t>(clearedBytes));
     if (usesPrefix) *static_cast<CFAllocatorRef *>(memory) = static_cast<CFAllocatorRef>(CFRetain(allocator));
     auto *base = reinterpret_cast<CFRuntimeBase *>(static_cast<uint8_t *>(memory) + prefix);
     base->_cfinfo = typeID | (usesPrefix ? kCFInfoHasAllocatorPrefix : 0);
     base->_rc = 1;
     return base;
+}
+
+}  // namespace
+
+CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
+                                   unsigned char *category) noexcept {
+    (void)category;
+    return createInstance(allocator, typeID, extraBytes, extraBytes);
+}
+
+CFTypeRef _CFRuntimeCreateInstanceWithUnclearedTail(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
+                                                    CFIndex clearedBytes) noexcept {
+    return createInstance(allocator, typeID, extraBytes, clearedBytes);
 }
 
 void _CFRuntimeInitStaticInstance(void *memory, CFTypeID typeID) noexcept {

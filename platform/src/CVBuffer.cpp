@@ -276,16 +276,25 @@ void CVBufferPropagateAttachments(CVBufferRef sourceBuffer, CVBufferRef destinat
                kCVAttachmentMode_ShouldPropagate);
 }
 
-CFTypeRef __CVBufferCopyAttachment(CFTypeRef buffer, CFStringRef key) {
+CFTypeRef CVBufferCopyAttachment(CVBufferRef buffer, CFStringRef key, CVAttachmentMode *attachmentMode) noexcept {
     if (buffer == nullptr || key == nullptr) return nullptr;
     CVAttachmentStorage *storage = storageOf(buffer);
+    // The retain happens under the lock: a writer's release of the old
+    // value, which comes after its own locked section, cannot come first.
     StorageLock lock(storage);
     for (CVAttachmentMode mode = 0; mode < kModeCount; ++mode) {
         CFMutableDictionaryRef dictionary = storage->_dictionaries[mode];
         const void *value = dictionary != nullptr ? CFDictionaryGetValue(dictionary, key) : nullptr;
-        if (value != nullptr) return CFRetain(value);
+        if (value != nullptr) {
+            if (attachmentMode != nullptr) *attachmentMode = mode;
+            return CFRetain(value);
+        }
     }
     return nullptr;
+}
+
+CFTypeRef __CVBufferCopyAttachment(CFTypeRef buffer, CFStringRef key) {
+    return CVBufferCopyAttachment(static_cast<CVBufferRef>(const_cast<void *>(buffer)), key, nullptr);
 }
 
 void __CVBufferFinalize(CFTypeRef buffer) noexcept {

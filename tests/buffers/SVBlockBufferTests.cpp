@@ -139,6 +139,56 @@ TEST(SVBlockBuffer, ZeroLengthsAreRefusedAndLogged) {
     }
 }
 
+// Unallocated pieces cost nothing, so their lengths can add up past
+// SIZE_MAX; every append refuses the piece that would wrap the total, logs
+// why, and leaves the buffer as it was.
+TEST(SVBlockBuffer, AppendsThatWouldWrapTheLengthAreRefused) {
+    constexpr size_t kHalf = SIZE_MAX / 2 + 1;  // two of these wrap to 0
+    Buf small;
+    ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, 16, nullptr, nullptr, 0, 16, 0, &small.ref), kOK);
+    struct Case {
+        const char *name;
+        size_t lengthBefore;  // made of unallocated pieces of at most kHalf
+        size_t append;        // 0: append a reference to all of `small`
+        const char *function;
+        OSStatus status;
+    };
+    const Case cases[] = {
+        {"half + half", kHalf, kHalf, "SVBlockBufferAppendMemoryBlock", kBadLength},
+        {"max + 1", SIZE_MAX, 1, "SVBlockBufferAppendMemoryBlock", kBadLength},
+        {"max - 16 + reference of 16", SIZE_MAX - 15, 0, "SVBlockBufferAppendBufferReference", kBadLength},
+        {"max - 1 + 1 fits", SIZE_MAX - 1, 1, nullptr, kOK},
+        {"max - 16 + reference of 16 fits", SIZE_MAX - 16, 0, nullptr, kOK},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Buf buffer;
+        ASSERT_EQ(SVBlockBufferCreateEmpty(nullptr, 0, 0, &buffer.ref), kOK);
+        for (size_t left = c.lengthBefore; left > 0;) {
+            const size_t piece = left < kHalf ? left : kHalf;
+            ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, nullptr, piece, nullptr, nullptr, 0, piece, 0), kOK);
+            left -= piece;
+        }
+        LogCapture capture;
+        const OSStatus status =
+            c.append ? SVBlockBufferAppendMemoryBlock(buffer, nullptr, c.append, nullptr, nullptr, 0, c.append, 0)
+                     : SVBlockBufferAppendBufferReference(buffer, small, 0, 0, 0);
+        EXPECT_EQ(status, c.status);
+        const size_t added = c.append ? c.append : 16;
+        EXPECT_EQ(SVBlockBufferGetDataLength(buffer), c.status == kOK ? c.lengthBefore + added : c.lengthBefore);
+        if (c.status == kOK) {
+            EXPECT_EQ(capture.count(), 0u);
+            continue;
+        }
+        ASSERT_EQ(capture.count(), 1u);
+        EXPECT_EQ(capture.lines()[0].level, 3);
+        EXPECT_EQ(capture.lines()[0].function, c.function);
+        EXPECT_NE(capture.lines()[0].message.find("overflow"), std::string::npos);
+    }
+    // The refused reference did not keep the target.
+    EXPECT_EQ(CFGetRetainCount(small), 1);
+}
+
 TEST(SVBlockBuffer, CreateWithMemoryBlockFailuresLeaveNothingBehind) {
     TestAllocator structure;
     char sentinel;

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include "buffers/SVSimpleQueueInternal.h"
@@ -119,6 +121,69 @@ TEST(SVSimpleQueue, CreationFailuresClearTheOutPointer) {
 
 // Reset empties the queue and restarts the counts ten steps before the
 // 32-bit wrap; order and fullness hold across it.
+// An allocator that hands out memory filled with a pattern, so a test can
+// see which bytes creation wrote.
+constexpr unsigned char kPattern = 0xA5;
+void *patternAllocate(CFIndex size, CFOptionFlags, void *) {
+    void *memory = std::malloc(static_cast<size_t>(size));
+    if (memory) std::memset(memory, kPattern, static_cast<size_t>(size));
+    return memory;
+}
+void patternDeallocate(void *memory, void *) {
+    std::free(memory);
+}
+
+// Creation clears the fields but leaves the slots alone: a ring of 2^31
+// slots must not cost 16 GiB of writes before its first enqueue.
+TEST(SVSimpleQueue, CreationWritesNoSlot) {
+    CFAllocatorContext context = {0,       nullptr,           nullptr, nullptr, nullptr, patternAllocate,
+                                  nullptr, patternDeallocate, nullptr};
+    CFAllocatorRef allocator = CFAllocatorCreate(kCFAllocatorSystemDefault, &context);
+    ASSERT_NE(allocator, nullptr);
+    constexpr int32_t kCapacity = 1 << 16;
+    SVSimpleQueueRef queue = nullptr;
+    ASSERT_EQ(SVSimpleQueueCreate(allocator, kCapacity, &queue), 0);
+    EXPECT_EQ(SVSimpleQueueGetCount(queue), 0);
+    EXPECT_EQ(SVSimpleQueueGetHead(queue), nullptr);
+    EXPECT_EQ(SVSimpleQueueDequeue(queue), nullptr);
+    const auto *slots = reinterpret_cast<const unsigned char *>(SVSimpleQueueSlots(queue));
+    size_t untouched = 0;
+    for (size_t i = 0; i < kCapacity * sizeof(void *); ++i) untouched += slots[i] == kPattern;
+    EXPECT_EQ(untouched, kCapacity * sizeof(void *));
+    // The uncleared slots are still safe to use, across the wrap of the ring.
+    for (uintptr_t round = 0; round < 3; ++round) {
+        for (uintptr_t n = 1; n <= kCapacity; ++n) ASSERT_EQ(SVSimpleQueueEnqueue(queue, element(n)), 0);
+        EXPECT_EQ(SVSimpleQueueEnqueue(queue, element(1)), kSVSimpleQueueError_QueueIsFull);
+        for (uintptr_t n = 1; n <= kCapacity; ++n) ASSERT_EQ(SVSimpleQueueDequeue(queue), element(n));
+        EXPECT_EQ(SVSimpleQueueDequeue(queue), nullptr);
+    }
+    CFRelease(queue);
+    CFRelease(allocator);
+}
+
+// The largest capacity is accepted without touching its 16 GiB of slots
+// (or refused as out of memory where the system cannot reserve them); its
+// queue works for the few elements it is given.
+TEST(SVSimpleQueue, LargestCapacityCostsWhatIsUsed) {
+#if SV_TEST_SANITIZED
+    GTEST_SKIP() << "sanitizer allocators cap single allocations";
+#else
+    SVSimpleQueueRef queue = nullptr;
+    const OSStatus status = SVSimpleQueueCreate(nullptr, INT32_MAX, &queue);
+    if (status == kSVSimpleQueueError_AllocationFailed) {
+        EXPECT_EQ(queue, nullptr);
+        GTEST_SKIP() << "the system refused to reserve 16 GiB";
+    }
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(SVSimpleQueueGetCapacity(queue), INT32_MAX);
+    EXPECT_EQ(queue->indexMask, 0x7FFFFFFFu);
+    for (uintptr_t n = 1; n <= 1000; ++n) ASSERT_EQ(SVSimpleQueueEnqueue(queue, element(n)), 0);
+    EXPECT_EQ(SVSimpleQueueGetCount(queue), 1000);
+    for (uintptr_t n = 1; n <= 1000; ++n) ASSERT_EQ(SVSimpleQueueDequeue(queue), element(n));
+    CFRelease(queue);
+#endif
+}
+
 TEST(SVSimpleQueue, ResetRestartsTheCountsBeforeTheWrap) {
     Queue queue(3);
     ASSERT_EQ(SVSimpleQueueEnqueue(queue, element(7)), 0);

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <string>
@@ -346,6 +347,154 @@ TEST(CFNotificationCenterConcurrencyTest, ConcurrentPostsAndRegistrationChanges)
         EXPECT_LE(transient[t].load(), 3 * kIterations) << t;
     }
     EXPECT_EQ(everything.load(), kThreads * 3 * kIterations);
+}
+
+// ---- removal against delivery on other threads -------------------------------------
+
+// A callback that parks until released, to hold a delivery in progress.
+struct ParkedObserver {
+    std::atomic<bool> entered{false}, release{false}, finished{false};
+};
+
+void park(CFNotificationCenterRef, void *observer, CFNotificationName, const void *, CFDictionaryRef) {
+    auto *o = static_cast<ParkedObserver *>(observer);
+    o->entered.store(true);
+    while (!o->release.load()) std::this_thread::yield();
+    o->finished.store(true);
+}
+
+// Removal from another thread returns only after the call in progress has
+// returned, for both removal calls; a post that starts afterwards misses it.
+TEST(CFNotificationCenterRemovalTest, RemovalWaitsForACallInProgressOnAnotherThread) {
+    CFNotificationCenterRef center = CFNotificationCenterGetLocalCenter();
+    for (bool every : {false, true}) {
+        SCOPED_TRACE(every ? "RemoveEveryObserver" : "RemoveObserver");
+        ParkedObserver observer;
+        CFNotificationCenterAddObserver(center, &observer, park, CFSTR("Parked"), nullptr,
+                                        CFNotificationSuspensionBehaviorDeliverImmediately);
+        std::thread poster(
+            [&] { CFNotificationCenterPostNotification(center, CFSTR("Parked"), nullptr, nullptr, true); });
+        while (!observer.entered.load()) std::this_thread::yield();
+
+        std::atomic<bool> removed{false};
+        bool finishedWhenRemoved = false;
+        std::thread remover([&] {
+            if (every)
+                CFNotificationCenterRemoveEveryObserver(center, &observer);
+            else
+                CFNotificationCenterRemoveObserver(center, &observer, CFSTR("Parked"), nullptr);
+            finishedWhenRemoved = observer.finished.load();
+            removed.store(true);
+        });
+        // Long enough for an unwaiting removal to return.
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_FALSE(removed.load());
+        observer.release.store(true);
+        remover.join();
+        poster.join();
+        EXPECT_TRUE(finishedWhenRemoved);
+
+        observer.entered.store(false);
+        CFNotificationCenterPostNotification(center, CFSTR("Parked"), nullptr, nullptr, true);
+        EXPECT_FALSE(observer.entered.load());
+    }
+}
+
+// An observer's state, poisoned by its owner just before it is freed.
+struct Guarded {
+    static constexpr uint32_t kAlive = 0xA11CE, kDead = 0xDEAD;
+    std::atomic<uint32_t> state{kAlive};
+    std::atomic<int> *violations;
+};
+
+void checkAlive(CFNotificationCenterRef, void *observer, CFNotificationName, const void *, CFDictionaryRef) {
+    auto *o = static_cast<Guarded *>(observer);
+    for (int i = 0; i < 2; ++i) {  // the yield widens the window an unwaiting removal would hit
+        if (o->state.load() != Guarded::kAlive) o->violations->fetch_add(1);
+        std::this_thread::yield();
+    }
+}
+
+// One thread registers fresh observers and frees each right after removing
+// it (alternating the two removal calls); two others post in a loop.  No
+// callback may see a freed observer (and the sanitizers would report the
+// read of freed memory).
+TEST(CFNotificationCenterRemovalTest, ObserversFreedRightAfterRemovalAreNeverCalled) {
+    CFNotificationCenterRef center = CFNotificationCenterGetLocalCenter();
+    constexpr int kObservers = 3000;
+    std::atomic<int> violations{0};
+    std::atomic<bool> done{false};
+    std::vector<std::thread> posters;
+    for (int p = 0; p < 2; ++p)
+        posters.emplace_back([&] {
+            while (!done.load()) CFNotificationCenterPostNotification(center, CFSTR("Guarded"), nullptr, nullptr, true);
+        });
+    for (int i = 0; i < kObservers; ++i) {
+        auto *observer = new Guarded{};
+        observer->violations = &violations;
+        CFNotificationCenterAddObserver(center, observer, checkAlive, CFSTR("Guarded"), nullptr,
+                                        CFNotificationSuspensionBehaviorDeliverImmediately);
+        std::this_thread::yield();
+        if (i % 2)
+            CFNotificationCenterRemoveObserver(center, observer, CFSTR("Guarded"), nullptr);
+        else
+            CFNotificationCenterRemoveEveryObserver(center, observer);
+        observer->state.store(Guarded::kDead);
+        delete observer;
+    }
+    done.store(true);
+    for (std::thread &poster : posters) poster.join();
+    EXPECT_EQ(violations.load(), 0);
+}
+
+// Removal on the delivering thread never waits for its own callers: an
+// observer removes itself, and, from a nested post, the outer observer whose
+// call is still on the stack; both at once with RemoveEveryObserver too.
+// A wait here would never end (the test would time out).
+struct Nesting {
+    CFNotificationCenterRef center;
+    int outerCalls = 0, innerCalls = 0;
+    bool everyObserver = false;
+};
+
+void inner(CFNotificationCenterRef center, void *observer, CFNotificationName, const void *, CFDictionaryRef) {
+    auto *n = static_cast<Nesting *>(observer);
+    ++n->innerCalls;
+    const char *outerTag = reinterpret_cast<const char *>(n) + 1;  // the outer registration's observer
+    if (n->everyObserver) {
+        CFNotificationCenterRemoveEveryObserver(center, outerTag);
+        CFNotificationCenterRemoveEveryObserver(center, n);
+    } else {
+        CFNotificationCenterRemoveObserver(center, outerTag, CFSTR("Outer"), nullptr);
+        CFNotificationCenterRemoveObserver(center, n, nullptr, nullptr);
+    }
+}
+
+void outer(CFNotificationCenterRef center, void *observer, CFNotificationName, const void *, CFDictionaryRef) {
+    auto *n = reinterpret_cast<Nesting *>(static_cast<char *>(observer) - 1);
+    ++n->outerCalls;
+    CFNotificationCenterPostNotification(center, CFSTR("Inner"), nullptr, nullptr, true);
+    // Itself once more, after it has been removed from below.
+    CFNotificationCenterRemoveObserver(center, observer, nullptr, nullptr);
+}
+
+TEST(CFNotificationCenterRemovalTest, RemovalFromInsideNestedCallbacksDoesNotWaitForItsCallers) {
+    CFNotificationCenterRef center = CFNotificationCenterGetLocalCenter();
+    for (bool every : {false, true}) {
+        SCOPED_TRACE(every ? "RemoveEveryObserver" : "RemoveObserver");
+        Nesting n{center};
+        n.everyObserver = every;
+        char *outerTag = reinterpret_cast<char *>(&n) + 1;
+        CFNotificationCenterAddObserver(center, outerTag, outer, CFSTR("Outer"), nullptr,
+                                        CFNotificationSuspensionBehaviorDeliverImmediately);
+        CFNotificationCenterAddObserver(center, &n, inner, CFSTR("Inner"), nullptr,
+                                        CFNotificationSuspensionBehaviorDeliverImmediately);
+        CFNotificationCenterPostNotification(center, CFSTR("Outer"), nullptr, nullptr, true);
+        CFNotificationCenterPostNotification(center, CFSTR("Outer"), nullptr, nullptr, true);
+        CFNotificationCenterPostNotification(center, CFSTR("Inner"), nullptr, nullptr, true);
+        EXPECT_EQ(n.outerCalls, 1);
+        EXPECT_EQ(n.innerCalls, 1);
+    }
 }
 
 }  // namespace

@@ -363,6 +363,74 @@ TEST_F(CVBufferTest, ManyThreadsOnOneBufferKeepItConsistent) {
     EXPECT_EQ(CVBufferGetAttachments(buffer, kCVAttachmentMode_ShouldNotPropagate), nullptr);
 }
 
+// ---- owned reads --------------------------------------------------------------------
+
+TEST_F(CVBufferTest, CopyAttachmentReturnsAnOwnedValueAndItsMode) {
+    CFNumberRef value = number(5);
+    CVBufferSetAttachment(buffer, CFSTR("p"), value, kCVAttachmentMode_ShouldPropagate);
+    CVBufferSetAttachment(buffer, CFSTR("n"), kCFBooleanTrue, kCVAttachmentMode_ShouldNotPropagate);
+    struct Case {
+        CVBufferRef buffer;
+        CFStringRef key;
+        CFTypeRef expected;
+        CVAttachmentMode expectedMode;  // 77: left untouched
+    } cases[] = {
+        {buffer, CFSTR("p"), value, kCVAttachmentMode_ShouldPropagate},
+        {buffer, CFSTR("n"), kCFBooleanTrue, kCVAttachmentMode_ShouldNotPropagate},
+        {buffer, CFSTR("absent"), nullptr, 77},
+        {buffer, nullptr, nullptr, 77},
+        {nullptr, CFSTR("p"), nullptr, 77},
+    };
+    for (const Case &c : cases) {
+        CVAttachmentMode mode = 77;
+        CFTypeRef copy = CVBufferCopyAttachment(c.buffer, c.key, &mode);
+        EXPECT_EQ(copy, c.expected);
+        EXPECT_EQ(mode, c.expectedMode);
+        if (copy != nullptr) CFRelease(copy);
+    }
+    // Owned: it outlives its removal from the buffer.
+    CFTypeRef copy = CVBufferCopyAttachment(buffer, CFSTR("p"), nullptr);
+    EXPECT_EQ(CFGetRetainCount(value), 3);
+    CVBufferRemoveAllAttachments(buffer);
+    CFRelease(value);
+    EXPECT_EQ(CFGetRetainCount(copy), 1);
+    CFRelease(copy);
+}
+
+// One thread copies a value and uses it while another keeps replacing and
+// removing it; each value is freed as soon as the buffer lets it go.  A read
+// that retained only after the lock was dropped would use a freed value
+// (reported by the sanitizers) and release it once too often (seen here in
+// the live count).
+TEST_F(CVBufferTest, CopiedValuesSurviveReplacementOnAnotherThread) {
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    std::thread writer([&] {
+        for (int i = 0; i < kRounds * 2; ++i) {
+            CFTypeRef value = makeTracked();
+            CVBufferSetAttachment(buffer, CFSTR("hot"), value, i & 1);
+            CFRelease(value);  // the buffer holds the only reference
+            if (i % 3 == 0) CVBufferRemoveAttachment(buffer, CFSTR("hot"));
+            if (i % 11 == 0) CVBufferRemoveAllAttachments(buffer);
+        }
+        done.store(true);
+    });
+    std::thread reader([&] {
+        while (!done.load()) {
+            CFTypeRef value = CVBufferCopyAttachment(buffer, CFSTR("hot"), nullptr);
+            if (value == nullptr) continue;
+            std::this_thread::yield();                    // let the writer drop the buffer's reference
+            if (CFGetRetainCount(value) < 1) failures++;  // ours at least
+            CFRelease(value);
+        }
+    });
+    writer.join();
+    reader.join();
+    EXPECT_EQ(failures.load(), 0);
+    CVBufferRemoveAllAttachments(buffer);
+    EXPECT_EQ(gTrackedLive.load(), 0) << "every copy was released exactly once";
+}
+
 TEST_F(CVBufferTest, OppositePropagationsDoNotDeadlock) {
     CVBufferRef other = makeBearer();
     CVBufferSetAttachment(buffer, CFSTR("from-a"), kCFBooleanTrue, kCVAttachmentMode_ShouldPropagate);

@@ -590,6 +590,68 @@ TEST_F(SVBufferQueueTest, RemoveAndTestTriggers) {
     CFRelease(queue);
 }
 
+// A trigger that holds when installed is called back before the install
+// returns; that callback may remove it, and the install then hands back no
+// token rather than a freed one.
+struct InstallTimeCallback {
+    SVBufferQueueRef queue;
+    bool removeSelf;
+    bool installAnother;
+    int calls = 0;
+    OSStatus removeStatus = 1;
+    SVBufferQueueTriggerToken seen = nullptr, another = nullptr;
+    static void callback(void *refcon, SVBufferQueueTriggerToken token) {
+        auto *self = static_cast<InstallTimeCallback *>(refcon);
+        self->calls++;
+        self->seen = token;
+        if (self->removeSelf) self->removeStatus = SVBufferQueueRemoveTrigger(self->queue, token);
+        if (self->installAnother)
+            EXPECT_EQ(
+                SVBufferQueueInstallTriggerWithIntegerThreshold(self->queue, nullptr, nullptr, 11, 0, &self->another),
+                0);
+    }
+};
+
+TEST_F(SVBufferQueueTest, InstallHandsBackOnlyATokenThatStillExists) {
+    struct Case {
+        const char *name;
+        bool removeSelf, installAnother;
+    };
+    const Case cases[] = {{"kept", false, false}, {"removed", true, false}, {"removed, another installed", true, true}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        SVBufferQueueRef queue = makeQueue();
+        InstallTimeCallback state{queue, c.removeSelf, c.installAnother};
+        SVBufferQueueTriggerToken token = reinterpret_cast<SVBufferQueueTriggerToken>(&state);
+        // Count below 1 holds on the empty queue at once.
+        ASSERT_EQ(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, InstallTimeCallback::callback, &state,
+                                                                  kSVBufferQueueTrigger_WhenBufferCountBecomesLessThan,
+                                                                  1, &token),
+                  0);
+        EXPECT_EQ(state.calls, 1);
+        ASSERT_NE(state.seen, nullptr);
+        if (c.removeSelf) {
+            EXPECT_EQ(state.removeStatus, 0);
+            EXPECT_EQ(token, nullptr);
+            // The trigger is really gone: a change that would make it hold
+            // again calls nobody.
+            enqueueNew(queue, 1);
+            EXPECT_EQ(dequeuePTS(queue), 1);
+            EXPECT_EQ(state.calls, 1);
+        } else {
+            EXPECT_EQ(token, state.seen);
+            EXPECT_TRUE(SVBufferQueueTestTrigger(queue, token));
+            EXPECT_EQ(SVBufferQueueRemoveTrigger(queue, token), 0);
+        }
+        if (c.installAnother) {
+            ASSERT_NE(state.another, nullptr);
+            EXPECT_FALSE(SVBufferQueueTestTrigger(queue, state.another));
+            EXPECT_EQ(SVBufferQueueRemoveTrigger(queue, state.another), 0);
+        }
+        CFRelease(queue);
+    }
+}
+
 // ---- from inside a trigger callback ----------------------------------------------------------
 
 struct Reentry {
@@ -772,6 +834,90 @@ TEST_F(SVBufferQueueTest, SampleBufferRecordsReadTheSampleBuffersGetters) {
     CFRelease(queue);
     CFRelease(early);
     CFRelease(late);
+}
+
+// The queue's duration is the SVTimeAdd fold of its buffers' durations,
+// head first, from kSVTimeZero; the sample-buffer records keep a running
+// sum for it, which must give the same bits as the fold after every change,
+// whatever the durations: plain, mixed timescales, zero, negative, rounded,
+// other epochs, sums past INT64_MAX, and buffers invalidated while queued.
+SVSampleBufferRef makeTimedSampleBuffer(SVTime duration, int64_t pts) {
+    SVSampleTimingInfo timing = {duration, SVTimeMake(pts, 30), kSVTimeInvalid};
+    size_t size = 10;
+    SVSampleBufferRef sbuf = nullptr;
+    EXPECT_EQ(SVSampleBufferCreate(nullptr, nullptr, true, nullptr, nullptr, nullptr, 1, 1, &timing, 1, &size, &sbuf),
+              0);
+    return sbuf;
+}
+
+SVTime foldedDuration(SVBufferQueueRef queue) {
+    struct Fold {
+        static OSStatus add(SVBufferRef buffer, void *refcon) {
+            auto *total = static_cast<SVTime *>(refcon);
+            *total = SVTimeAdd(*total,
+                               SVSampleBufferGetDuration(static_cast<SVSampleBufferRef>(const_cast<void *>(buffer))));
+            return 0;
+        }
+    };
+    SVTime total = kSVTimeZero;
+    EXPECT_EQ(SVBufferQueueCallForEachBuffer(queue, Fold::add, &total), 0);
+    return total;
+}
+
+TEST_F(SVBufferQueueTest, SampleBufferQueueDurationIsTheFoldOfItsBuffers) {
+    SVTime rounded = SVTimeMake(2, 30);
+    rounded.flags |= kSVTimeFlags_HasBeenRounded;
+    const SVTime big = SVTimeMake(INT64_MAX / 2 + 1, 30);
+    struct Case {
+        const char *name;
+        std::vector<SVTime> durations;
+        int invalidate;  // index of a buffer invalidated while queued, or -1
+    };
+    const Case cases[] = {
+        {"plain, one timescale", {SVTimeMake(1, 30), SVTimeMake(2, 30), SVTimeMake(3, 30)}, -1},
+        {"one buffer", {SVTimeMake(7, 600)}, -1},
+        {"two timescales", {SVTimeMake(1, 30), SVTimeMake(1, 25), SVTimeMake(1, 30)}, -1},
+        {"a zero duration", {SVTimeMake(1, 30), SVTimeMake(0, 30), SVTimeMake(2, 30)}, -1},
+        {"a negative duration", {SVTimeMake(3, 30), SVTimeMake(-3, 30), SVTimeMake(2, 30)}, -1},
+        {"a rounded duration", {SVTimeMake(1, 30), rounded}, -1},
+        {"an epoch", {SVTimeMake(1, 30), SVTimeMakeWithEpoch(1, 30, 4)}, -1},
+        {"invalid and infinite", {SVTimeMake(1, 30), kSVTimeInvalid, kSVTimePositiveInfinity}, -1},
+        {"sum past INT64_MAX", {big, big, SVTimeMake(1, 30)}, -1},
+        {"invalidated while queued", {SVTimeMake(1, 30), SVTimeMake(2, 30), SVTimeMake(3, 30)}, 1},
+    };
+    for (const SVBufferCallbacks *record : {SVBufferQueueGetCallbacksForUnsortedSampleBuffers(),
+                                            SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS()}) {
+        for (const Case &c : cases) {
+            SCOPED_TRACE(c.name);
+            SVBufferQueueRef queue = nullptr;
+            ASSERT_EQ(SVBufferQueueCreate(nullptr, 0, record, &queue), 0);
+            std::vector<SVSampleBufferRef> buffers;
+            // Presentation times out of order, so the sorted queue inserts
+            // in the middle.
+            for (size_t i = 0; i < c.durations.size(); ++i) {
+                buffers.push_back(makeTimedSampleBuffer(c.durations[i], static_cast<int64_t>((i * 7) % 5)));
+                ASSERT_EQ(SVBufferQueueEnqueue(queue, buffers.back()), 0);
+                EXPECT_TRUE(sameTime(SVBufferQueueGetDuration(queue), foldedDuration(queue))) << "after enqueue " << i;
+            }
+            if (c.invalidate >= 0) {
+                const SVTime before = SVBufferQueueGetDuration(queue);
+                ASSERT_EQ(SVSampleBufferInvalidate(buffers[static_cast<size_t>(c.invalidate)]), 0);
+                EXPECT_FALSE(sameTime(SVBufferQueueGetDuration(queue), before));
+                EXPECT_TRUE(SVTIME_IS_INVALID(SVBufferQueueGetDuration(queue)));
+            }
+            for (size_t i = 0; i < c.durations.size(); ++i) {
+                CFRelease(SVBufferQueueDequeueAndRetain(queue));
+                EXPECT_TRUE(sameTime(SVBufferQueueGetDuration(queue), foldedDuration(queue))) << "after dequeue " << i;
+            }
+            EXPECT_TRUE(sameTime(SVBufferQueueGetDuration(queue), kSVTimeZero));
+            // Reset takes out what is left the same way.
+            ASSERT_EQ(SVBufferQueueEnqueue(queue, buffers[0]), 0);
+            ASSERT_EQ(SVBufferQueueReset(queue), 0);
+            EXPECT_TRUE(sameTime(SVBufferQueueGetDuration(queue), kSVTimeZero));
+            CFRelease(queue);
+            for (SVSampleBufferRef sbuf : buffers) CFRelease(sbuf);
+        }
+    }
 }
 
 // ---- producer and consumer ------------------------------------------------------------------

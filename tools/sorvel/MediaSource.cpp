@@ -4,6 +4,7 @@
 #include <Sorvel/SVNALUnit.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/avutil.h>
+#include <libavutil/intreadwrite.h>
 }
 
 namespace sorvel::tool {
@@ -191,15 +193,27 @@ bool looksLikeMP4(const std::string &path) {
 
 }  // namespace
 
-std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolError &error) {
+std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolError &error, bool videoRequired) {
     static std::once_flag once;
     std::call_once(once, [] {
         av_log_set_level(AV_LOG_WARNING);
         av_log_set_callback(libraryLog);
     });
     std::unique_ptr<MediaSource> source(new MediaSource());
-    if (!source->openInput(path, error) || !source->describeVideo(error)) return nullptr;
+    if (!source->openInput(path, error)) return nullptr;
+    ToolError videoError{kExitOK, ""};
+    if (!source->describeVideo(videoError)) {
+        if (videoRequired || videoError.code != kExitNoVideo) {
+            error = videoError;
+            return nullptr;
+        }
+        source->videoIndex_ = -1;
+    }
     source->describeAudio();
+    if (!source->hasVideo() && source->audio_.empty()) {
+        error = videoError;
+        return nullptr;
+    }
     return source;
 }
 
@@ -287,6 +301,7 @@ const char *MediaSource::decodeTimeSource() const {
 }
 
 std::string MediaSource::frameRateFraction() const {
+    if (videoIndex_ < 0) return "";
     const AVStream *stream = format_context_->streams[videoIndex_];
     const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
     if (rate.num <= 0 || rate.den <= 0) return "";
@@ -313,12 +328,14 @@ int64_t MediaSource::containerSize() const {
 }
 
 double MediaSource::declaredDuration() const {
+    if (videoIndex_ < 0) return NAN;
     const AVStream *stream = format_context_->streams[videoIndex_];
     if (stream->duration > 0) return stream->duration * av_q2d(stream->time_base);
     return NAN;
 }
 
 int64_t MediaSource::declaredStartTicks() const {
+    if (videoIndex_ < 0) return 0;
     const AVStream *stream = format_context_->streams[videoIndex_];
     return stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
 }
@@ -328,6 +345,7 @@ int64_t MediaSource::secondsToTicks(double seconds) const {
 }
 
 int64_t MediaSource::declaredFrameCount() const {
+    if (videoIndex_ < 0) return 0;
     return format_context_->streams[videoIndex_]->nb_frames;
 }
 
@@ -436,15 +454,20 @@ void MediaSource::describeAudio() {
                 break;
             case AV_CODEC_ID_AC3:
                 asbd.mFormatID = kAudioFormatAC3;
+                if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1536;  // six blocks of 256
                 break;
             case AV_CODEC_ID_EAC3:
                 asbd.mFormatID = kAudioFormatEnhancedAC3;
                 break;
             case AV_CODEC_ID_OPUS:
                 asbd.mFormatID = kAudioFormatOpus;
+                // Opus packets hold 2.5 to 120 ms, FLAC blocks vary too: the
+                // packet descriptions carry each one's frame count.
+                asbd.mFramesPerPacket = 0;
                 break;
             case AV_CODEC_ID_FLAC:
                 asbd.mFormatID = kAudioFormatFLAC;
+                asbd.mFramesPerPacket = 0;
                 break;
             case AV_CODEC_ID_PCM_S16LE:
             case AV_CODEC_ID_PCM_S16BE:
@@ -490,6 +513,10 @@ void MediaSource::describeAudio() {
                                            track.description.out());
         }
         if (stream->start_time != AV_NOPTS_VALUE) track.startSeconds = stream->start_time * av_q2d(stream->time_base);
+        if (stream->time_base.num > 0 && stream->time_base.den > 0) {
+            track.tickNumerator = stream->time_base.num;
+            track.tickDenominator = stream->time_base.den;
+        }
         audio_.push_back(std::move(track));
     }
 }
@@ -566,6 +593,7 @@ bool MediaSource::next(VideoSample &sample) {
                     if (track.packetCount == 1) track.startSeconds = pts * av_q2d(stream->time_base);
                     track.endSeconds = std::max(track.endSeconds, end);
                 }
+                makeAudioSample(track, packet_);
             }
             continue;
         }
@@ -575,6 +603,130 @@ bool MediaSource::next(VideoSample &sample) {
                                                         name_.c_str(), static_cast<long long>(nextIndex_))};
         if (makeSample(packet_, sample)) return true;
         if (problem_) return false;
+    }
+}
+
+// One audio packet as an audio sample buffer over the packet's memory:
+// compressed packets with one packet description each (its size from the
+// container, its frame count from the packet's duration where the format's
+// packets vary), PCM as a run of frames.  The encoder's delay that the
+// container signals becomes a trim at the start; a packet the container
+// cuts short (the last one, as a rule) gets the cut as a trim at its end.
+void MediaSource::makeAudioSample(AudioTrack &track, AVPacket *packet) {
+    const AudioStreamBasicDescription *asbd =
+        SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get());
+    if (!asbd || asbd->mSampleRate < 1 || packet->size <= 0) {
+        if (asbd) ++track.packetsSkipped;
+        return;
+    }
+    const int64_t rate = std::llround(asbd->mSampleRate);
+    const AVRational timeBase = {track.tickNumerator, track.tickDenominator};
+    const AVRational frameBase = {1, static_cast<int>(rate)};
+    const auto size = static_cast<size_t>(packet->size);
+    // Container frames of the packet, and what its side data says is to be
+    // skipped at the start and discarded at the end.
+    const int64_t containerFrames = packet->duration > 0 ? av_rescale_q(packet->duration, timeBase, frameBase) : 0;
+    size_t sideSize = 0;
+    const uint8_t *side = av_packet_get_side_data(packet, AV_PKT_DATA_SKIP_SAMPLES, &sideSize);
+    const int64_t skip = side && sideSize >= 8 ? AV_RL32(side) : 0;
+    const int64_t discard = side && sideSize >= 8 ? AV_RL32(side + 4) : 0;
+
+    const bool pcm = asbd->mFormatID == kAudioFormatLinearPCM;
+    SVItemCount count = 1;
+    int64_t frames = 0;
+    AudioStreamPacketDescription description = {0, 0, static_cast<UInt32>(size)};
+    if (pcm) {
+        if (asbd->mBytesPerFrame == 0 || size % asbd->mBytesPerFrame != 0) {
+            warn("some PCM packets do not hold whole frames; they were skipped");
+            ++track.packetsSkipped;
+            return;
+        }
+        count = static_cast<SVItemCount>(size / asbd->mBytesPerFrame);
+        frames = count;
+    } else if (asbd->mFramesPerPacket != 0) {
+        frames = asbd->mFramesPerPacket;
+    } else {
+        // The container's duration is what is played; the discarded end of
+        // the packet was decoded too.
+        frames = containerFrames + discard;
+        description.mVariableFramesInPacket = static_cast<UInt32>(frames);
+    }
+    if (frames <= 0) {
+        warn("some audio packets have no duration; they were skipped");
+        ++track.packetsSkipped;
+        return;
+    }
+
+    int64_t ticks = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    if (ticks == AV_NOPTS_VALUE) ticks = track.nextPts;
+    track.nextPts = ticks + (packet->duration > 0 ? packet->duration : av_rescale_q(frames, frameBase, timeBase));
+
+    Ref<SVBlockBufferRef> block;
+    OSStatus status;
+    AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr;
+    if (owner) {
+        const SVBlockBufferCustomBlockSource source = {0, nullptr, releasePacketBuffer, owner};
+        status =
+            SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, size, nullptr, &source, 0, size, 0, block.out());
+        if (status != 0) av_buffer_unref(&owner);
+    } else {
+        status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size, nullptr, nullptr, 0, size,
+                                                    kSVBlockBufferAssureMemoryNowFlag, block.out());
+        if (status == 0) status = SVBlockBufferReplaceDataBytes(packet->data, block.get(), 0, size);
+    }
+    Ref<SVSampleBufferRef> buffer;
+    if (status == 0)
+        status = SVAudioSampleBufferCreateReadyWithPacketDescriptions(
+            nullptr, block.get(), track.description.get(), count,
+            SVTimeMake(ticks * track.tickNumerator, track.tickDenominator), pcm ? nullptr : &description, buffer.out());
+    if (status != 0) {
+        warn(format("some audio packets could not be made into sample buffers (status %d)", static_cast<int>(status)));
+        ++track.packetsSkipped;
+        return;
+    }
+
+    // Trims: the skip at the start (or the stream's initial padding on its
+    // first packet); at the end the frames the container's duration cuts
+    // off the packet, or the discard its side data asks for, whichever is
+    // more.
+    int64_t trimStart = skip;
+    if (!side && track.bufferCount == 0)
+        trimStart = format_context_->streams[packet->stream_index]->codecpar->initial_padding;
+    const int64_t cut = !pcm && containerFrames > 0 && containerFrames < frames ? frames - containerFrames : 0;
+    trimStart = std::clamp<int64_t>(trimStart, 0, frames);
+    const int64_t trimEnd = std::clamp<int64_t>(std::max(cut, pcm ? 0 : discard), 0, frames - trimStart);
+    auto attachTrim = [&](CFStringRef key, int64_t trim) {
+        if (trim == 0) return;
+        Ref<CFDictionaryRef> value(SVTimeCopyAsDictionary(SVTimeMake(trim, static_cast<int32_t>(rate)), nullptr));
+        SVSetAttachment(buffer.get(), key, value.get(), kSVAttachmentMode_ShouldPropagate);
+    };
+    attachTrim(kSVSampleBufferAttachmentKey_TrimDurationAtStart, trimStart);
+    attachTrim(kSVSampleBufferAttachmentKey_TrimDurationAtEnd, trimEnd);
+
+    // The report reads the buffer back through the library.
+    AudioSample sample;
+    sample.index = track.bufferCount;
+    const SVTime pts = SVSampleBufferGetPresentationTimeStamp(buffer.get());
+    // The duration as the container states it: the buffer's, less the cut.
+    const SVTime toEnd =
+        SVTimeSubtract(SVSampleBufferGetDuration(buffer.get()), SVTimeMake(cut, static_cast<int32_t>(rate)));
+    sample.pts = SVTimeConvertScale(pts, track.tickDenominator, kSVTimeRoundingMethod_RoundTowardZero).value /
+                 track.tickNumerator;
+    sample.duration = SVTimeConvertScale(toEnd, track.tickDenominator, kSVTimeRoundingMethod_RoundTowardZero).value /
+                      track.tickNumerator;
+    sample.size = SVSampleBufferGetTotalSampleSize(buffer.get());
+    sample.frames = frames;
+    sample.trimStart = trimStart;
+    sample.trimEnd = trimEnd;
+    if (track.bufferCount == 0) track.outputStart = SVSampleBufferGetOutputPresentationTimeStamp(buffer.get());
+    track.outputDuration = SVTimeAdd(track.outputDuration, SVSampleBufferGetOutputDuration(buffer.get()));
+    ++track.bufferCount;
+    track.frames += frames;
+    track.primingFrames += trimStart;
+    track.remainderFrames += trimEnd;
+    if (keepAudio_) {
+        sample.buffer = std::move(buffer);
+        track.samples.push_back(std::move(sample));
     }
 }
 

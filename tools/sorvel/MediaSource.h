@@ -22,6 +22,19 @@ struct AVStream;
 
 namespace sorvel::tool {
 
+// One audio packet as an audio sample buffer (a run of frames for PCM).
+struct AudioSample {
+    Ref<SVSampleBufferRef> buffer;
+    int64_t index = 0;  // in the track, from 0
+    // The buffer's times in the stream's own ticks: presentation time, and
+    // its duration less what the container's duration cuts off its end.
+    int64_t pts = 0;
+    int64_t duration = 0;
+    size_t size = 0;
+    int64_t frames = 0;                  // frames the packet decodes to
+    int64_t trimStart = 0, trimEnd = 0;  // frames
+};
+
 struct AudioTrack {
     int streamIndex = 0;
     std::string codecName;
@@ -29,6 +42,18 @@ struct AudioTrack {
     int64_t packetCount = 0;
     double startSeconds = 0;
     double endSeconds = 0;
+    // The stream's time base (ticks of num/den seconds).
+    int32_t tickNumerator = 1, tickDenominator = 1;
+    // What the audio sample buffers made of the packets say.
+    int64_t bufferCount = 0;              // packets made into sample buffers
+    int64_t packetsSkipped = 0;           // packets that could not be (empty, untimed, damaged)
+    int64_t frames = 0;                   // decoded frames, priming and remainder included
+    int64_t primingFrames = 0;            // trimmed at the start (the encoder's delay)
+    int64_t remainderFrames = 0;          // trimmed at the end (padding of the last packet)
+    SVTime outputStart = kSVTimeInvalid;  // output presentation time of the first buffer
+    SVTime outputDuration = kSVTimeZero;  // sum of the buffers' output durations
+    int64_t nextPts = 0;                  // ticks: where a packet without a time stamp goes
+    std::vector<AudioSample> samples;     // kept only with MediaSource::keepAudioSamples
 };
 
 struct VideoSample {
@@ -44,8 +69,9 @@ struct VideoSample {
 
 class MediaSource {
 public:
-    // An empty path opens the demo stream compiled into the program.
-    static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error);
+    // An empty path opens the demo stream compiled into the program.  With
+    // `videoRequired` false a file with audio but no video opens too.
+    static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error, bool videoRequired = true);
     ~MediaSource();
     MediaSource(const MediaSource &) = delete;
     MediaSource &operator=(const MediaSource &) = delete;
@@ -91,6 +117,10 @@ public:
     double ticksToSeconds(int64_t ticks) const { return static_cast<double>(ticks) * tickNumerator_ / timescale_; }
     int64_t secondsToTicks(double seconds) const;
     std::vector<AudioTrack> &audioTracks() { return audio_; }
+    bool hasVideo() const { return videoIndex_ >= 0; }
+    // Every audio packet read becomes an audio sample buffer; with this set
+    // they are also kept in their track's `samples`.
+    void keepAudioSamples(bool keep) { keepAudio_ = keep; }
 
     // The next video sample in decode order.  False at the end of the
     // stream or when reading failed; problem() then tells which.
@@ -113,6 +143,7 @@ private:
     bool describeVideo(ToolError &error);
     void describeAudio();
     bool makeSample(AVPacket *packet, VideoSample &sample);
+    void makeAudioSample(AudioTrack &track, AVPacket *packet);
     void adoptInBandParameterSets(const uint8_t *data, size_t size);
     void warn(std::string message);
 
@@ -128,6 +159,7 @@ private:
     bool lengthPrefixed_ = true;
     Ref<SVFormatDescriptionRef> format_;
     std::vector<AudioTrack> audio_;
+    bool keepAudio_ = false;
     int64_t nextIndex_ = 0;
     int64_t lastDts_ = INT64_MIN;
     int64_t lastDuration_ = 0;

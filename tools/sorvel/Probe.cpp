@@ -258,8 +258,10 @@ std::string channelLayoutName(AudioChannelLayoutTag tag) {
 
 int runProbe(const ProbeOptions &options) {
     ToolError error;
-    std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
+    std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error, false);
     if (!source) return reportError(error);
+    source->keepAudioSamples(options.samples);
+    const bool hasVideo = source->hasVideo();
 
     const FourCharCode codec = source->codec();
     const int headerLength = source->nalUnitHeaderLength();
@@ -291,7 +293,7 @@ int runProbe(const ProbeOptions &options) {
     }
     if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
     summary.reorderDepth = reorderDepth(summary.rows);
-    if (!description) {
+    if (hasVideo && !description) {
         return reportError({source->problem() ? source->problem()->code : kExitTruncated,
                             format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
                                    codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC")});
@@ -328,7 +330,7 @@ int runProbe(const ProbeOptions &options) {
     std::vector<std::string> bridgeWarnings;
     const std::map<int, BridgeTrack> bridged =
         describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
-    const auto videoBridge = bridged.find(source->videoStreamIndex());
+    const auto videoBridge = hasVideo ? bridged.find(source->videoStreamIndex()) : bridged.end();
     if (videoBridge != bridged.end())
         crossCheckSampleDescription(videoBridge->second, description.get(),
                                     format("stream %d", source->videoStreamIndex()), bridgeWarnings);
@@ -348,93 +350,98 @@ int runProbe(const ProbeOptions &options) {
         json.integer("bit_rate", source->containerBitRate());
         json.integer("size", source->containerSize());
         json.endObject();
-        json.beginObject("video");
-        json.integer("stream_index", source->videoStreamIndex());
-        json.string("codec", codecName);
-        json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(description.get())));
-        if (haveInfo) {
-            json.string("profile", profileName(info));
-            json.integer("profile_idc", info.profile);
-            json.integer("level", info.level);
-            json.string("level_name", levelName(info));
-            if (codec == kSVVideoCodecType_HEVC) json.string("tier", info.tier ? "High" : "Main");
-            json.string("chroma_format", chromaName(info.chromaFormat));
-            json.integer("bit_depth_luma", info.bitDepthLuma);
-            json.integer("bit_depth_chroma", info.bitDepthChroma);
-            json.integer("coded_width", info.codedWidth);
-            json.integer("coded_height", info.codedHeight);
-        }
-        json.integer("width", dimensions.width);
-        json.integer("height", dimensions.height);
-        json.number("presentation_width", presentation.width);
-        json.number("presentation_height", presentation.height);
-        json.string("pixel_aspect_ratio",
-                    format("%lld:%lld", static_cast<long long>(sarH), static_cast<long long>(sarV)));
-        json.string("color_primaries", colourPrimaries);
-        json.string("transfer_function", transfer);
-        json.string("ycbcr_matrix", matrix);
-        json.boolean("full_range", fullRange);
-        json.string("chroma_location", chromaTop);
-        json.integer("field_count", fieldCount);
-        json.string("field_detail", fieldCount > 1 ? fields.words : "");
-        json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
-        json.integer("nal_unit_header_length", storedHeaderLength);
-        json.beginArray("parameter_sets");
-        for (const ParameterSet &set : sets) {
-            json.beginRow();
-            json.string("type", nalUnitTypeName(codec, set.type));
-            json.integer("size", static_cast<long long>(set.size));
-            json.string("bytes", set.hex);
-            json.endRow();
-        }
-        json.endArray();
-        json.integer("timescale", source->timescale());
-        json.integer("sample_count", static_cast<long long>(summary.rows.size()));
-        json.number("start_time", summary.start);
-        json.number("duration", duration);
-        json.number("frame_rate", frameRate);
-        json.string("frame_rate_fraction", source->frameRateFraction());
-        json.integer("total_size", static_cast<long long>(summary.bytes));
-        json.integer("sync_sample_count", summary.syncCount);
-        json.beginArray("sync_samples");
-        for (int64_t index : summary.syncIndices) json.integer(nullptr, index);
-        json.endArray();
-        json.integer("reorder_depth", summary.reorderDepth);
-        json.integer("presentation_delay", presentationDelay);
-        json.integer("format_changes", source->formatChanges());
-        json.string("decode_times", source->decodeTimeSource());
-        json.beginObject("nal_units");
-        for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
-        json.endObject();
-        if (videoBridge != bridged.end()) writeSampleDescriptionJson(json, videoBridge->second);
-        if (options.samples) {
-            json.beginArray("samples");
-            for (size_t i = 0; i < summary.rows.size(); ++i) {
-                const Row &row = summary.rows[i];
+        if (hasVideo) {
+            json.beginObject("video");
+            json.integer("stream_index", source->videoStreamIndex());
+            json.string("codec", codecName);
+            json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(description.get())));
+            if (haveInfo) {
+                json.string("profile", profileName(info));
+                json.integer("profile_idc", info.profile);
+                json.integer("level", info.level);
+                json.string("level_name", levelName(info));
+                if (codec == kSVVideoCodecType_HEVC) json.string("tier", info.tier ? "High" : "Main");
+                json.string("chroma_format", chromaName(info.chromaFormat));
+                json.integer("bit_depth_luma", info.bitDepthLuma);
+                json.integer("bit_depth_chroma", info.bitDepthChroma);
+                json.integer("coded_width", info.codedWidth);
+                json.integer("coded_height", info.codedHeight);
+            }
+            json.integer("width", dimensions.width);
+            json.integer("height", dimensions.height);
+            json.number("presentation_width", presentation.width);
+            json.number("presentation_height", presentation.height);
+            json.string("pixel_aspect_ratio",
+                        format("%lld:%lld", static_cast<long long>(sarH), static_cast<long long>(sarV)));
+            json.string("color_primaries", colourPrimaries);
+            json.string("transfer_function", transfer);
+            json.string("ycbcr_matrix", matrix);
+            json.boolean("full_range", fullRange);
+            json.string("chroma_location", chromaTop);
+            json.integer("field_count", fieldCount);
+            json.string("field_detail", fieldCount > 1 ? fields.words : "");
+            json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
+            json.integer("nal_unit_header_length", storedHeaderLength);
+            json.beginArray("parameter_sets");
+            for (const ParameterSet &set : sets) {
                 json.beginRow();
-                json.integer("index", static_cast<long long>(i));
-                if (SVTIME_IS_NUMERIC(row.dts))
-                    json.integer("dts", row.dts.value);
-                else
-                    json.null("dts");
-                json.integer("pts", row.pts.value);
-                json.integer("duration", SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0);
-                json.number("dts_time", seconds(row.dts));
-                json.number("pts_time", seconds(row.pts));
-                json.integer("size", static_cast<long long>(row.size));
-                json.boolean("sync", row.sync);
+                json.string("type", nalUnitTypeName(codec, set.type));
+                json.integer("size", static_cast<long long>(set.size));
+                json.string("bytes", set.hex);
                 json.endRow();
             }
             json.endArray();
+            json.integer("timescale", source->timescale());
+            json.integer("sample_count", static_cast<long long>(summary.rows.size()));
+            json.number("start_time", summary.start);
+            json.number("duration", duration);
+            json.number("frame_rate", frameRate);
+            json.string("frame_rate_fraction", source->frameRateFraction());
+            json.integer("total_size", static_cast<long long>(summary.bytes));
+            json.integer("sync_sample_count", summary.syncCount);
+            json.beginArray("sync_samples");
+            for (int64_t index : summary.syncIndices) json.integer(nullptr, index);
+            json.endArray();
+            json.integer("reorder_depth", summary.reorderDepth);
+            json.integer("presentation_delay", presentationDelay);
+            json.integer("format_changes", source->formatChanges());
+            json.string("decode_times", source->decodeTimeSource());
+            json.beginObject("nal_units");
+            for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
+            json.endObject();
+            if (videoBridge != bridged.end()) writeSampleDescriptionJson(json, videoBridge->second);
+            if (options.samples) {
+                json.beginArray("samples");
+                for (size_t i = 0; i < summary.rows.size(); ++i) {
+                    const Row &row = summary.rows[i];
+                    json.beginRow();
+                    json.integer("index", static_cast<long long>(i));
+                    if (SVTIME_IS_NUMERIC(row.dts))
+                        json.integer("dts", row.dts.value);
+                    else
+                        json.null("dts");
+                    json.integer("pts", row.pts.value);
+                    json.integer("duration", SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0);
+                    json.number("dts_time", seconds(row.dts));
+                    json.number("pts_time", seconds(row.pts));
+                    json.integer("size", static_cast<long long>(row.size));
+                    json.boolean("sync", row.sync);
+                    json.endRow();
+                }
+                json.endArray();
+            }
+            json.endObject();
+        } else {
+            json.null("video");
         }
-        json.endObject();
         json.beginArray("audio");
         for (const AudioTrack &track : source->audioTracks()) {
             json.beginObject();
             json.integer("stream_index", track.streamIndex);
             json.string("codec", track.codecName);
             json.integer("packet_count", track.packetCount);
-            json.number("duration", track.endSeconds - track.startSeconds);
+            json.number("duration",
+                        track.bufferCount ? seconds(track.outputDuration) : track.endSeconds - track.startSeconds);
             if (const AudioStreamBasicDescription *asbd =
                     SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
                 size_t layoutSize = 0, cookieSize = 0;
@@ -450,6 +457,32 @@ int runProbe(const ProbeOptions &options) {
                 json.integer("bits_per_channel", asbd->mBitsPerChannel);
                 json.string("channel_layout", layout ? channelLayoutName(layout->mChannelLayoutTag) : "");
                 json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
+                json.integer("timescale", track.tickDenominator);
+                json.integer("sample_buffer_count", track.bufferCount);
+                json.integer("packets_skipped", track.packetsSkipped);
+                json.integer("frame_count", track.frames);
+                json.integer("priming_frames", track.primingFrames);
+                json.integer("remainder_frames", track.remainderFrames);
+                json.number("start_time", seconds(track.outputStart));
+            }
+            if (options.samples) {
+                json.beginArray("samples");
+                for (const AudioSample &sample : track.samples) {
+                    json.beginRow();
+                    json.integer("index", static_cast<long long>(sample.index));
+                    // Decode order is presentation order for audio.
+                    json.integer("dts", sample.pts);
+                    json.integer("pts", sample.pts);
+                    json.integer("duration", sample.duration);
+                    json.number("pts_time",
+                                static_cast<double>(sample.pts) * track.tickNumerator / track.tickDenominator);
+                    json.integer("size", static_cast<long long>(sample.size));
+                    json.integer("frames", sample.frames);
+                    json.integer("trim_start", sample.trimStart);
+                    json.integer("trim_end", sample.trimEnd);
+                    json.endRow();
+                }
+                json.endArray();
             }
             if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
                 writeSampleDescriptionJson(json, found->second);
@@ -469,52 +502,58 @@ int runProbe(const ProbeOptions &options) {
         reportErrorsAsJson(false);  // the report is out; a failure after it is told on stderr only
     } else {
         printf("File          %s (%s)\n", source->name().c_str(), source->containerName().c_str());
-        printf("Video         %s '%s'", codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC",
-               fourCC(SVFormatDescriptionGetMediaSubType(description.get())).c_str());
-        if (haveInfo) {
-            printf(", %s profile, level %s", profileName(info).c_str(), levelName(info).c_str());
-            if (codec == kSVVideoCodecType_HEVC) printf(" (%s tier)", info.tier ? "High" : "Main");
-            printf(", %u-bit %s", info.bitDepthLuma, chromaName(info.chromaFormat));
+        if (!hasVideo) printf("Video         none\n");
+        if (hasVideo) {
+            printf("Video         %s '%s'", codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC",
+                   fourCC(SVFormatDescriptionGetMediaSubType(description.get())).c_str());
+            if (haveInfo) {
+                printf(", %s profile, level %s", profileName(info).c_str(), levelName(info).c_str());
+                if (codec == kSVVideoCodecType_HEVC) printf(" (%s tier)", info.tier ? "High" : "Main");
+                printf(", %u-bit %s", info.bitDepthLuma, chromaName(info.chromaFormat));
+            }
+            printf("\n");
+            if (haveInfo) printf("  Coded       %dx%d\n", info.codedWidth, info.codedHeight);
+            printf("  Dimensions  %dx%d\n", dimensions.width, dimensions.height);
+            printf("  Display     %gx%g, pixel aspect ratio %lld:%lld\n", presentation.width, presentation.height,
+                   static_cast<long long>(sarH), static_cast<long long>(sarV));
+            auto orUnspecified = [](const std::string &text) {
+                return text.empty() ? std::string("unspecified") : text;
+            };
+            printf("  Colour      primaries %s, transfer %s, matrix %s, %s range\n",
+                   orUnspecified(colourPrimaries).c_str(), orUnspecified(transfer).c_str(),
+                   orUnspecified(matrix).c_str(), fullRange ? "full" : "video");
+            printf("  Chroma      %s\n", orUnspecified(chromaTop).c_str());
+            if (fieldCount > 1)
+                printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount),
+                       fields.words.empty() ? "order not stated" : fields.words.c_str());
+            else
+                printf("  Fields      progressive\n");
+            printf("  NAL length  %d bytes\n", storedHeaderLength);
+            if (videoBridge != bridged.end())
+                printf("  Sample description %s\n", sampleDescriptionLine(videoBridge->second).c_str());
+            printf("  Parameter sets ");
+            for (size_t i = 0; i < sets.size(); ++i)
+                printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
+            printf("\n");
+            printf("Timing        timescale %d, %zu samples, start %.6f s, duration %.6f s", source->timescale(),
+                   summary.rows.size(), summary.start, duration);
+            if (!std::isnan(frameRate)) printf(", %.3f fps", frameRate);
+            printf("\n");
+            printf("  Sync        %lld:", static_cast<long long>(summary.syncCount));
+            for (size_t i = 0; i < summary.syncIndices.size() && i < 12; ++i)
+                printf(" %lld", static_cast<long long>(summary.syncIndices[i]));
+            if (summary.syncIndices.size() > 12) printf(" ...");
+            printf("\n");
+            printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
+                   static_cast<long long>(presentationDelay));
+            if (std::string(source->decodeTimeSource()) != "stored")
+                printf("  Decode times %s\n", source->decodeTimeSource());
+            printf("  NAL units  ");
+            for (const auto &[type, count] : summary.nalUnits)
+                printf(" %s %lld", nalUnitTypeName(codec, type), static_cast<long long>(count));
+            printf("\n");
+            if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
         }
-        printf("\n");
-        if (haveInfo) printf("  Coded       %dx%d\n", info.codedWidth, info.codedHeight);
-        printf("  Dimensions  %dx%d\n", dimensions.width, dimensions.height);
-        printf("  Display     %gx%g, pixel aspect ratio %lld:%lld\n", presentation.width, presentation.height,
-               static_cast<long long>(sarH), static_cast<long long>(sarV));
-        auto orUnspecified = [](const std::string &text) { return text.empty() ? std::string("unspecified") : text; };
-        printf("  Colour      primaries %s, transfer %s, matrix %s, %s range\n", orUnspecified(colourPrimaries).c_str(),
-               orUnspecified(transfer).c_str(), orUnspecified(matrix).c_str(), fullRange ? "full" : "video");
-        printf("  Chroma      %s\n", orUnspecified(chromaTop).c_str());
-        if (fieldCount > 1)
-            printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount),
-                   fields.words.empty() ? "order not stated" : fields.words.c_str());
-        else
-            printf("  Fields      progressive\n");
-        printf("  NAL length  %d bytes\n", storedHeaderLength);
-        if (videoBridge != bridged.end())
-            printf("  Sample description %s\n", sampleDescriptionLine(videoBridge->second).c_str());
-        printf("  Parameter sets ");
-        for (size_t i = 0; i < sets.size(); ++i)
-            printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
-        printf("\n");
-        printf("Timing        timescale %d, %zu samples, start %.6f s, duration %.6f s", source->timescale(),
-               summary.rows.size(), summary.start, duration);
-        if (!std::isnan(frameRate)) printf(", %.3f fps", frameRate);
-        printf("\n");
-        printf("  Sync        %lld:", static_cast<long long>(summary.syncCount));
-        for (size_t i = 0; i < summary.syncIndices.size() && i < 12; ++i)
-            printf(" %lld", static_cast<long long>(summary.syncIndices[i]));
-        if (summary.syncIndices.size() > 12) printf(" ...");
-        printf("\n");
-        printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
-               static_cast<long long>(presentationDelay));
-        if (std::string(source->decodeTimeSource()) != "stored")
-            printf("  Decode times %s\n", source->decodeTimeSource());
-        printf("  NAL units  ");
-        for (const auto &[type, count] : summary.nalUnits)
-            printf(" %s %lld", nalUnitTypeName(codec, type), static_cast<long long>(count));
-        printf("\n");
-        if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
         for (const AudioTrack &track : source->audioTracks()) {
             printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
             if (const AudioStreamBasicDescription *asbd =
@@ -534,8 +573,17 @@ int runProbe(const ProbeOptions &options) {
                    track.endSeconds - track.startSeconds);
             if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
                 printf("  Sample description %s\n", sampleDescriptionLine(found->second).c_str());
+            if (track.bufferCount)
+                printf(
+                    "  Timing      timescale %d, %lld frames (priming %lld, remainder %lld), start %.6f s, "
+                    "duration %.6f s\n",
+                    track.tickDenominator, static_cast<long long>(track.frames),
+                    static_cast<long long>(track.primingFrames), static_cast<long long>(track.remainderFrames),
+                    seconds(track.outputStart), seconds(track.outputDuration));
+            if (track.packetsSkipped)
+                printf("  Skipped     %lld packets\n", static_cast<long long>(track.packetsSkipped));
         }
-        if (options.samples) {
+        if (options.samples && hasVideo) {
             printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)",
                    "size", "sync");
             for (size_t i = 0; i < summary.rows.size(); ++i) {
@@ -548,6 +596,18 @@ int runProbe(const ProbeOptions &options) {
                        static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0),
                        dtsTime.c_str(), seconds(row.pts), row.size, row.sync ? "yes" : "");
             }
+        }
+        for (const AudioTrack &track : source->audioTracks()) {
+            if (!options.samples || track.samples.empty()) continue;
+            printf("\nAudio stream %d\n%8s %12s %12s %9s %12s %9s %7s %6s %6s\n", track.streamIndex, "packet", "dts",
+                   "pts", "duration", "pts (s)", "size", "frames", "trim<", "trim>");
+            for (const AudioSample &sample : track.samples)
+                printf("%8lld %12lld %12lld %9lld %12.6f %9zu %7lld %6lld %6lld\n",
+                       static_cast<long long>(sample.index), static_cast<long long>(sample.pts),
+                       static_cast<long long>(sample.pts), static_cast<long long>(sample.duration),
+                       static_cast<double>(sample.pts) * track.tickNumerator / track.tickDenominator, sample.size,
+                       static_cast<long long>(sample.frames), static_cast<long long>(sample.trimStart),
+                       static_cast<long long>(sample.trimEnd));
         }
         for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
         for (const std::string &warning : bridgeWarnings) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());

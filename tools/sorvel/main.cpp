@@ -49,7 +49,8 @@ constexpr const char kUsage[] =
     "with the Sorvel library.  Without FILE (or IN) the demo stream built into sorvel is used.\n"
     "\n"
     "  probe    the video stream's format description, timing, sync samples, reordering and\n"
-    "           NAL units; audio stream descriptions.  --samples adds a per-sample table.\n"
+    "           NAL units; audio streams' descriptions and timing (a file may have audio only).\n"
+    "           --samples adds a per-sample table, and one per audio stream of its packets.\n"
     "  annexb   writes the video as an Annex B elementary stream (OUT may be - for stdout).\n"
     "           OUT is never the input, and an existing OUT is replaced only with -y.\n"
     "  play     plays the samples in real time against a timebase on the host clock, without\n"
@@ -65,10 +66,12 @@ constexpr const char kProbeHelp[] =
     "\n"
     "Describes the video stream as the library sees it (codec, profile, level, sizes, colour, fields,\n"
     "parameter sets; sample count, timing, frame rate, sync samples, reordering, NAL units) and the\n"
-    "audio streams.  Without FILE the built-in demo stream is used.\n"
+    "audio streams: their stream descriptions, and the timing of the audio sample buffers made of their\n"
+    "packets (frames, the encoder's priming and the end's remainder trimmed, duration).  A file with\n"
+    "audio only is described too.  Without FILE the built-in demo stream is used.\n"
     "\n"
     "  --json      one JSON object; failures print {\"error\": {\"code\", \"message\"}}\n"
-    "  --samples   one row per sample in decode order\n";
+    "  --samples   one row per sample in decode order, and per audio packet (times in stream ticks)\n";
 constexpr const char kAnnexBHelp[] =
     "usage: sorvel annexb [-y] [IN] OUT\n"
     "\n"

@@ -53,6 +53,26 @@ typedef struct AudioStreamPacketDescription {
 
 #define kAudioStreamAnyRate 0.0
 
+/* ---- Buffer lists ---------------------------------------------------------
+ *
+ * The bytes of one or more buffers of audio: one buffer holding every
+ * channel interleaved (or a compressed stream), or one buffer per channel
+ * for non-interleaved linear PCM.  The record is variable-sized:
+ * mNumberBuffers buffers follow the count, so a list of n buffers occupies
+ * offsetof(AudioBufferList, mBuffers) + n * sizeof(AudioBuffer) bytes
+ * (sizeof(AudioBufferList) has room for one). */
+
+typedef struct AudioBuffer {
+    UInt32 mNumberChannels; /* channels interleaved in this buffer */
+    UInt32 mDataByteSize;   /* bytes at mData */
+    void *mData;
+} AudioBuffer;
+
+typedef struct AudioBufferList {
+    UInt32 mNumberBuffers;
+    AudioBuffer mBuffers[1];
+} AudioBufferList;
+
 /* Format identifiers (mFormatID). */
 enum {
     kAudioFormatLinearPCM = 0x6C70636D,            /* 'lpcm' */

@@ -7,6 +7,20 @@
  * takes effect at once (a removed observer is not called again, even by a
  * post already in progress), and an observer added during a post is first
  * called by the next post.  All calls are thread-safe.
+ *
+ * Removal and delivery across threads: once CFNotificationCenterRemoveObserver
+ * or CFNotificationCenterRemoveEveryObserver returns, no call to the removed
+ * registrations is in progress on any other thread and none will start, so
+ * the observer may be freed at once.  To give that, removal waits for calls
+ * already running on other threads to return.  It never waits for calls on
+ * its own thread (an observer removing itself or another observer from
+ * inside a callback, however deeply posts nest): those are its own callers.
+ * The rules that follow, as for joining a thread:
+ *   - do not remove an observer while holding a lock that its callback may
+ *     take on another thread;
+ *   - two callbacks running on two threads must not each remove the
+ *     other's observer (each would wait for the other to return).
+ * The center's own lock is never held while a callback runs.
  */
 #ifndef COREFOUNDATION_CFNOTIFICATIONCENTER_H
 #define COREFOUNDATION_CFNOTIFICATIONCENTER_H
@@ -44,7 +58,8 @@ CF_EXPORT void CFNotificationCenterAddObserver(CFNotificationCenterRef center, c
                                                CFNotificationCallback callBack, CFStringRef name, const void *object,
                                                CFNotificationSuspensionBehavior suspensionBehavior) CF_NOEXCEPT;
 /* Removes `observer`'s registrations that match `name` and `object` (NULL
- * matches any registration). */
+ * matches any registration), then waits until no call to them is in
+ * progress on another thread (see above). */
 CF_EXPORT void CFNotificationCenterRemoveObserver(CFNotificationCenterRef center, const void *observer,
                                                   CFNotificationName name, const void *object) CF_NOEXCEPT;
 CF_EXPORT void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef center,

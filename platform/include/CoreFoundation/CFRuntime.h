@@ -67,6 +67,15 @@ CF_EXPORT const CFRuntimeClass *_CFRuntimeGetClassWithTypeID(CFTypeID typeID) CF
 CF_EXPORT CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
                                              unsigned char *category) CF_NOEXCEPT;
 
+/* As _CFRuntimeCreateInstance, except that only the first `clearedBytes` of
+ * the `extraBytes` are zero-filled; the rest hold whatever the allocator
+ * returned.  For types with a large tail that is written before it is read
+ * (a ring of slots, say): creation then costs only what is touched, since
+ * untouched pages of a large allocation are never faulted in.  A
+ * `clearedBytes` outside 0..extraBytes returns NULL. */
+CF_EXPORT CFTypeRef _CFRuntimeCreateInstanceWithUnclearedTail(CFAllocatorRef allocator, CFTypeID typeID,
+                                                              CFIndex extraBytes, CFIndex clearedBytes) CF_NOEXCEPT;
+
 /* Makes caller-owned static storage (a CFRuntimeBase followed by the type's
  * fields) into an immortal instance of `typeID`: retain and release do nothing
  * and it is never finalized. */

@@ -20,11 +20,16 @@
  * at once: the storage guards itself with a small lock (its `_lock` word)
  * held only while the dictionaries are read or changed; values replaced or
  * removed are released after the lock is dropped, so a finalizer they run
- * may use the attachment functions freely.  Getters return borrowed
- * references that stay valid until the attachment (or, for
+ * may use the attachment functions freely.
+ *
+ * Getters (CVBufferGetAttachment, CVBufferGetAttachments) return borrowed
+ * references that stay valid only until the attachment (or, for
  * CVBufferGetAttachments, any attachment of that mode) is replaced or
- * removed; a caller that shares a buffer with writers on other threads
- * retains what it gets, or uses _CVBufferCopyAttachments.
+ * removed.  Retaining what a getter returned is not enough when another
+ * thread may replace or remove it: the writer's release can come between
+ * the get and the retain.  A caller that shares a buffer with writers on
+ * other threads uses CVBufferCopyAttachment or _CVBufferCopyAttachments,
+ * which retain under the storage's lock and return an owned reference.
  *
  * The functions cannot tell whether an object really carries the storage:
  * handing them any other object is undefined.  A NULL buffer does nothing
@@ -67,9 +72,15 @@ typedef struct CVAttachmentStorage {
 CF_EXPORT void CVBufferSetAttachment(CVBufferRef buffer, CFStringRef key, CFTypeRef value,
                                      CVAttachmentMode attachmentMode) CF_NOEXCEPT;
 /* The value for `key` or NULL; *attachmentMode (when not NULL) receives
- * the mode it was set with. */
+ * the mode it was set with.  Borrowed: see above for sharing with writers. */
 CF_EXPORT CFTypeRef CVBufferGetAttachment(CVBufferRef buffer, CFStringRef key,
                                           CVAttachmentMode *attachmentMode) CF_NOEXCEPT;
+/* As CVBufferGetAttachment, but the value is retained under the storage's
+ * lock and owned by the caller (release it), so it stays valid whatever
+ * other threads do to the buffer.  NULL (and *attachmentMode untouched)
+ * when the key is absent or the buffer or key is NULL. */
+CF_EXPORT CFTypeRef CVBufferCopyAttachment(CVBufferRef buffer, CFStringRef key,
+                                           CVAttachmentMode *attachmentMode) CF_NOEXCEPT;
 /* Removes `key` from whichever mode holds it; an absent key does nothing. */
 CF_EXPORT void CVBufferRemoveAttachment(CVBufferRef buffer, CFStringRef key) CF_NOEXCEPT;
 /* Removes every attachment of both modes. */

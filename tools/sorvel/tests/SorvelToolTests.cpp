@@ -449,12 +449,79 @@ TEST(SorvelProbe, EmbeddedStreamIsTheDemoFileWithItsAudio) {
     EXPECT_EQ(audio["channel_layout"].text, "Stereo");
     EXPECT_EQ(audio["magic_cookie_size"].integer(), 5);  // the AudioSpecificConfig of the esds
     EXPECT_EQ(audio["packet_count"].integer(), 142);
+    EXPECT_EQ(audio["sample_buffer_count"].integer(), 142);
+    EXPECT_EQ(audio["frame_count"].integer(), 142 * 1024);
 
     // Read from memory or from the file, the report is the same but for its name.
     const Outcome file = sorvel({"probe", kDemo, "--json"});
     expectExit(file, 0);
     EXPECT_EQ(parseJson(file.out)["file"].text, kDemo);
     EXPECT_EQ(embedded.out.substr(embedded.out.find("\"container\"")), file.out.substr(file.out.find("\"container\"")));
+}
+
+// Audio: every packet becomes an audio sample buffer.  Its presentation
+// time, duration (less what the container cuts off its end) and size agree
+// with ffprobe's packet list (tests/data/audio_*.packets: pts,dts,duration,size
+// from `ffprobe -show_entries packet=pts,dts,duration,size -of csv=p=0`), and
+// the stream's timing follows from the trims the container signals.
+TEST(SorvelProbe, AudioPacketsAgreeWithTheContainer) {
+    const struct {
+        const char *file, *format;
+        long long frames, priming, remainder;
+        double start, duration;
+    } cases[] = {
+        // 0.5 s of sine: after the trims every file but the raw AC-3 (which
+        // cannot say how much of its last frame is padding) is 0.5 s long.
+        {"audio_aac.m4a", "aac ", 23 * 1024, 1024, 478, 0, 0.5},
+        {"audio_opus.ogg", "opus", 24960, 312, 648, 0, 0.5},
+        {"audio_ac3.ac3", "ac-3", 15 * 1536, 0, 0, 0, 15 * 1536 / 44100.0},
+        {"audio_flac.flac", "flac", 22050, 0, 0, 0, 0.5},
+        {"audio_mp3.mp3", ".mp3", 21 * 1152, 1105, 1037, 1105 / 44100.0, 0.5},
+        {"audio_pcm.wav", "lpcm", 8000, 0, 0, 0, 0.5},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome r = sorvel({"probe", kMade + "/" + c.file, "--json", "--samples"});
+        expectExit(r, 0);
+        const Json probe = parseJson(r.out);
+        EXPECT_EQ(probe["video"].kind, Json::Null);
+        ASSERT_EQ(probe["audio"].items.size(), 1u);
+        const Json &audio = probe["audio"][0];
+        EXPECT_EQ(audio["format_id"].text, c.format);
+        std::istringstream reference(readFile(kMade + "/" + c.file + ".packets"));
+        std::vector<std::vector<long long>> packets;
+        for (std::string line; std::getline(reference, line);) {
+            std::vector<long long> fields;
+            std::istringstream columns(line);
+            for (std::string field; std::getline(columns, field, ',');) fields.push_back(std::stoll(field));
+            packets.push_back(fields);
+        }
+        const Json &samples = audio["samples"];
+        ASSERT_EQ(samples.items.size(), packets.size());
+        EXPECT_EQ(audio["packet_count"].integer(), static_cast<long long>(packets.size()));
+        EXPECT_EQ(audio["sample_buffer_count"].integer(), static_cast<long long>(packets.size()));
+        for (size_t i = 0; i < packets.size(); ++i) {
+            SCOPED_TRACE(i);
+            EXPECT_EQ(samples[i]["pts"].integer(), packets[i][0]);
+            EXPECT_EQ(samples[i]["dts"].integer(), packets[i][1]);
+            EXPECT_EQ(samples[i]["duration"].integer(), packets[i][2]);
+            EXPECT_EQ(samples[i]["size"].integer(), packets[i][3]);
+        }
+        EXPECT_EQ(audio["frame_count"].integer(), c.frames);
+        EXPECT_EQ(audio["priming_frames"].integer(), c.priming);
+        EXPECT_EQ(audio["remainder_frames"].integer(), c.remainder);
+        EXPECT_NEAR(audio["start_time"].number, c.start, 1e-6);
+        EXPECT_NEAR(audio["duration"].number, c.duration, 1e-6);
+        EXPECT_EQ(audio["frame_count"].integer() - c.priming - c.remainder,
+                  std::llround(audio["duration"].number * audio["sample_rate"].number));
+    }
+    // The text report names the timing too.
+    const Outcome text = sorvel({"probe", kMade + "/audio_aac.m4a"});
+    expectExit(text, 0);
+    EXPECT_NE(text.out.find("Video         none"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("23552 frames (priming 1024, remainder 478), start 0.000000 s, duration 0.500000 s"),
+              std::string::npos)
+        << text.out;
 }
 
 TEST(SorvelAnnexB, OtherContainersKeepTheirUnitsThroughAPipe) {
@@ -548,7 +615,7 @@ TEST(SorvelErrors, ExitStatusAndMessage) {
         {{"probe", dir.path.string()}, 3, "is a directory"},
         {{"probe", dir.file("empty.mp4")}, 3, "the file is empty"},
         {{"probe", dir.file("noise.bin", noise(1234))}, 3, "not a media file"},
-        {{"probe", kData + "/tool/audio_only.m4a"}, 4, "has no video stream"},
+        {{"annexb", kData + "/tool/audio_only.m4a", (dir.path / "none.h264").string()}, 4, "has no video stream"},
         {{"play", kData + "/tool/audio_only.m4a"}, 4, "has no video stream"},
         {{"probe", kData + "/tool/mpeg4_video.mp4"}, 5, "the video is mpeg4"},
         {{"probe", cutFront}, 6, "sample 44 is incomplete"},
