@@ -13,6 +13,7 @@
 #include "Json.h"
 #include "MediaSource.h"
 #include "ProbeOther.h"
+#include "SampleDescriptionProbe.h"
 #include "StreamDetails.h"
 
 namespace sorvel::tool {
@@ -337,6 +338,19 @@ int runProbe(const ProbeOptions &options) {
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
     const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
     const StreamDetails details = videoDetails(*source);
+    // Each track again, from the sample description the muxer wrote, and
+    // what differs from libavformat's view of the stream.
+    std::vector<std::string> bridgeWarnings;
+    const std::map<int, BridgeTrack> bridged =
+        describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
+    const auto videoBridge = hasVideo ? bridged.find(source->videoStreamIndex()) : bridged.end();
+    if (videoBridge != bridged.end())
+        crossCheckSampleDescription(videoBridge->second, description.get(),
+                                    format("stream %d", source->videoStreamIndex()), bridgeWarnings);
+    for (const AudioTrack &track : source->audioTracks())
+        if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+            crossCheckSampleDescription(found->second, track.description.get(), format("stream %d", track.streamIndex),
+                                        bridgeWarnings);
 
     if (options.json) {
         JsonWriter json(stdout);
@@ -410,6 +424,7 @@ int runProbe(const ProbeOptions &options) {
             json.beginObject("nal_units");
             for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
             json.endObject();
+            if (videoBridge != bridged.end()) writeSampleDescriptionJson(json, videoBridge->second);
             if (options.samples) {
                 json.beginArray("samples");
                 for (size_t i = 0; i < summary.rows.size(); ++i) {
@@ -485,11 +500,14 @@ int runProbe(const ProbeOptions &options) {
                 }
                 json.endArray();
             }
+            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+                writeSampleDescriptionJson(json, found->second);
             json.endObject();
         }
         json.endArray();
         json.beginArray("warnings");
         for (const std::string &warning : source->warnings()) json.string(nullptr, warning);
+        for (const std::string &warning : bridgeWarnings) json.string(nullptr, warning);
         if (source->samplesWithoutFormat())
             json.string(nullptr, format("%lld samples before the first parameter sets were skipped",
                                         static_cast<long long>(source->samplesWithoutFormat())));
@@ -529,6 +547,8 @@ int runProbe(const ProbeOptions &options) {
             printStreamDetails(details);
             printHdrMetadata(hdr);
             printf("  NAL length  %d bytes\n", storedHeaderLength);
+            if (videoBridge != bridged.end())
+                printf("  Sample description %s\n", sampleDescriptionLine(videoBridge->second).c_str());
             printf("  Parameter sets ");
             for (size_t i = 0; i < sets.size(); ++i)
                 printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
@@ -570,6 +590,8 @@ int runProbe(const ProbeOptions &options) {
             }
             printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount),
                    track.endSeconds - track.startSeconds);
+            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+                printf("  Sample description %s\n", sampleDescriptionLine(found->second).c_str());
             if (track.bufferCount)
                 printf(
                     "  Timing      timescale %d, %lld frames (priming %lld, remainder %lld), start %.6f s, "
@@ -607,6 +629,7 @@ int runProbe(const ProbeOptions &options) {
                        static_cast<long long>(sample.trimEnd));
         }
         for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
+        for (const std::string &warning : bridgeWarnings) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
         if (source->samplesWithoutFormat())
             fprintf(stderr, "sorvel: warning: %lld samples before the first parameter sets were skipped\n",
                     static_cast<long long>(source->samplesWithoutFormat()));

@@ -1385,4 +1385,46 @@ TEST(SorvelProbe, HdrMessagesOnlyInTheDescriptionAreRead) {
     }
 }
 
+// Each track is described again from its 'stsd' entry through the library's
+// sample-description bridge: the colour code points, exact aspect ratio and
+// atoms in the JSON, and a warning where libavformat's stream says otherwise.
+TEST(SorvelProbe, SampleDescriptionsThroughTheBridge) {
+    {
+        const Outcome r = sorvel({"probe", clipMedia("avc_high_642x362_sar40x33_smpte170m"), "--json"});
+        expectExit(r, 0);
+        const Json probe = parseJson(r.out);
+        const Json entry = probe["video"]["sample_description"];
+        EXPECT_EQ(entry["format"].text, "avc1");
+        EXPECT_EQ(entry["flavor"].text, "iso");
+        EXPECT_EQ(entry["color_primaries_code"].integer(), 6);
+        EXPECT_EQ(entry["transfer_function_code"].integer(), 1);
+        EXPECT_EQ(entry["ycbcr_matrix_code"].integer(), 6);
+        EXPECT_EQ(entry["pixel_aspect_ratio"].text, "40:33");
+        std::vector<std::string> atoms;
+        for (const Json &atom : entry["atoms"].items) atoms.push_back(atom.text);
+        EXPECT_NE(std::find(atoms.begin(), atoms.end(), "avcC"), atoms.end());
+        EXPECT_TRUE(probe["warnings"].items.empty()) << r.out;
+    }
+    const std::string file = kMade + "/colr_differs_from_sps.mov";
+    const Outcome r = sorvel({"probe", file, "--json"});
+    expectExit(r, 0);
+    const Json probe = parseJson(r.out);
+    const Json entry = probe["video"]["sample_description"];
+    EXPECT_EQ(entry["flavor"].text, "quicktime");
+    EXPECT_EQ(entry["color_primaries_code"].integer(), 1);
+    EXPECT_EQ(probe["audio"].items.at(0)["sample_description"]["channels"].integer(), 2);
+    std::string warnings;
+    for (const Json &warning : probe["warnings"].items) warnings += warning.text + "\n";
+    EXPECT_NE(warnings.find("colour primaries kCVImageBufferColorPrimaries_ITU_R_709_2, libavformat's stream "
+                            "kCVImageBufferColorPrimaries_EBU_3213"),
+              std::string::npos)
+        << warnings;
+    // the text report says the same on standard error
+    const Outcome text = sorvel({"probe", file});
+    expectExit(text, 0);
+    EXPECT_NE(text.err.find("sorvel: warning: stream 0: the sample description says matrix"), std::string::npos)
+        << text.err;
+    EXPECT_NE(text.out.find("Sample description 'avc1' (QuickTime)"), std::string::npos) << text.out;
+}
+
 }  // namespace
