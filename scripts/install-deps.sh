@@ -27,9 +27,10 @@ declare -A why=(
     [debhelper]="CI builds the Debian packages (debian/)"
     [dpkg-dev]="dpkg-buildpackage, for the Debian packages"
     [lintian]="CI checks the Debian packages"
+    [groff-base]="the sorvel tests render its man page to check it for warnings"
 )
 wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-dev libbenchmark-dev libavformat-dev
-    clang-format git gcc g++ doxygen python3 debhelper dpkg-dev lintian)
+    clang-format git gcc g++ doxygen python3 debhelper dpkg-dev lintian groff-base)
 # make mutate-check: its corpus is made from the test clips at run time.
 why[zzuf]="the seeded byte mutator behind make mutate-check"
 why[ffmpeg]="make mutate-check remuxes test clips to Matroska and MPEG-TS"

@@ -6,8 +6,8 @@
 // The allocator's state (a table of the blocks out, and the mutex) lives in
 // a record of its own that the allocator owns, because clients may keep the
 // allocator after the pool is gone; the pool's free list hangs off the pool
-// and goes away when the pool is invalidated.  One non-recursive lock
-// guards both (a spin lock, see Locked), and nothing calls back into client code while it is held.
+// and goes away when the pool is invalidated.  One non-recursive mutex
+// guards both, and nothing calls back into client code while it is held.
 //
 // Aging is lazy: there is no timer.  Stale entries are purged when an
 // allocation consults the free list and on every deallocation.  An entry's
@@ -23,7 +23,6 @@
 // are those of walking the whole list.
 
 #include <Sorvel/SVMemoryPool.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -63,44 +62,15 @@ constexpr double kDefaultAgeOutPeriod = 0.5;
 constexpr int kLeakWarningLine = 225;
 constexpr size_t kNotFound = SIZE_MAX;
 
-inline void cpuRelax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__)
-    __asm__ __volatile__("yield");
-#endif
-}
-
-// The state's non-recursive lock.  Every critical section is a few loads
-// and stores (plus, rarely, giving aged blocks back), so a test-and-set lock
-// that spins briefly and then yields replaces the pthread mutex: one atomic
-// exchange to take it and a plain release store to drop it, where the mutex
-// costs two atomic operations and two calls.  Only the cost differs: the
-// lock is still taken by every allocator callback, Flush, Invalidate and
-// finalize, and nothing calls client code while it is held.
 class Locked {
 public:
-    explicit Locked(State *state) noexcept : lock_(&state->lock) {
-        if (__builtin_expect(__atomic_exchange_n(lock_, 1u, __ATOMIC_ACQUIRE) == 0, 1)) return;
-        contend();
-    }
-    ~Locked() { __atomic_store_n(lock_, 0u, __ATOMIC_RELEASE); }
+    explicit Locked(State *state) noexcept : lock_(state->lock) { XPMutexAcquire(lock_); }
+    ~Locked() { XPMutexRelease(lock_); }
     Locked(const Locked &) = delete;
     Locked &operator=(const Locked &) = delete;
 
 private:
-    __attribute__((noinline)) void contend() noexcept {
-        for (unsigned spins = 1;; ++spins) {
-            while (__atomic_load_n(lock_, __ATOMIC_RELAXED) != 0) {
-                if (spins++ % 64 == 0)
-                    sched_yield();
-                else
-                    cpuRelax();
-            }
-            if (__atomic_exchange_n(lock_, 1u, __ATOMIC_ACQUIRE) == 0) return;
-        }
-    }
-    uint32_t *lock_;
+    XPMutexRef lock_;
 };
 
 size_t pageSize() noexcept {
@@ -329,6 +299,7 @@ void poolDeallocate(void *block, void *info) noexcept {
 
 void destroyState(State *state) noexcept {
     std::free(state->outstanding.slots);
+    XPMutexFree(state->lock);
     std::free(state);
 }
 
@@ -377,6 +348,11 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
 
     auto *state = static_cast<State *>(std::calloc(1, sizeof(State)));
     if (!state) return nullptr;
+    state->lock = XPMutexCreateNR();
+    if (!state->lock) {
+        std::free(state);
+        return nullptr;
+    }
     state->pool = pool.get();
     CFAllocatorContext context = {0,       state,        nullptr,        _SVMemoryPoolAllocatorRelease,
                                   nullptr, poolAllocate, poolReallocate, poolDeallocate,

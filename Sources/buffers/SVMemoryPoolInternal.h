@@ -48,10 +48,7 @@ struct OpaqueSVMemoryPool;
 struct SVMemoryPoolAllocatorState {
     OpaqueSVMemoryPool *pool;  // NULL once the pool is invalidated or finalized
     SVMemoryPoolOutstandingTable outstanding;
-    // Guards this record and the pool's free list: a non-recursive lock,
-    // 0 when free and 1 when held (a spin lock that yields; see Locked in
-    // SVMemoryPool.cpp).
-    uint32_t lock;
+    XPMutexRef lock;  // guards this record and the pool's free list
 };
 
 struct OpaqueSVMemoryPool {

@@ -66,6 +66,15 @@ OpaqueSVFormatDescription *SVFormatDescriptionCreateInstance(CFAllocatorRef allo
                                                              FourCharCode mediaSubType,
                                                              CFDictionaryRef extensions) noexcept;
 
+// A video description with owned copies of the parameter sets, of any
+// subtype (the sample-description bridge keeps 'avc3'/'hev1').  Returns 0 or
+// kSVFormatDescriptionError_AllocationFailed.
+OSStatus SVVideoFormatDescriptionCreateWithParameterSets(CFAllocatorRef allocator, FourCharCode subtype, int32_t width,
+                                                         int32_t height, CFDictionaryRef extensions, size_t count,
+                                                         const uint8_t *const *pointers, const size_t *sizes,
+                                                         int nalUnitHeaderLength,
+                                                         SVFormatDescriptionRef *formatDescriptionOut) noexcept;
+
 }  // namespace sorvel
 
 #endif  // SORVEL_SOURCES_SVFORMATDESCRIPTIONINTERNAL_H

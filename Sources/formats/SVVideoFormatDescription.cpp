@@ -20,6 +20,8 @@ SV_LOG_MODULE("Sorvel/Sources/SVFormatDescription");
 
 constexpr FourCharCode kAVC1 = 0x61766331;          // 'avc1'
 constexpr FourCharCode kHVC1 = 0x68766331;          // 'hvc1'
+constexpr FourCharCode kAVC3 = 0x61766333;          // 'avc3': parameter sets may also be in-band
+constexpr FourCharCode kHEV1 = 0x68657631;          // 'hev1'
 constexpr FourCharCode kUnknownImage = 0x7761743F;  // 'wat?'
 
 bool isVideo(SVFormatDescriptionRef desc) {
@@ -223,7 +225,9 @@ void splitAnnexB(const uint8_t *data, size_t size, std::vector<const uint8_t *> 
 
 OSStatus getParameterSetAtIndex(SVFormatDescriptionRef desc, FourCharCode subtype, size_t index,
                                 const uint8_t **pointerOut, size_t *sizeOut, size_t *countOut, int *headerLengthOut) {
-    if (!isVideo(desc) || desc->mediaSubType != subtype || index >= desc->video.parameterSetCount)
+    const FourCharCode other = subtype == kAVC1 ? kAVC3 : kHEV1;
+    if (!isVideo(desc) || (desc->mediaSubType != subtype && desc->mediaSubType != other) ||
+        index >= desc->video.parameterSetCount)
         return kSVFormatDescriptionError_InvalidParameter;
     if (pointerOut) *pointerOut = desc->video.parameterSets[index];
     if (sizeOut) *sizeOut = desc->video.parameterSetSizes[index];
@@ -308,6 +312,16 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
 }  // namespace
 
 namespace sorvel {
+
+OSStatus SVVideoFormatDescriptionCreateWithParameterSets(CFAllocatorRef allocator, FourCharCode subtype, int32_t width,
+                                                         int32_t height, CFDictionaryRef extensions, size_t count,
+                                                         const uint8_t *const *pointers, const size_t *sizes,
+                                                         int nalUnitHeaderLength,
+                                                         SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    *formatDescriptionOut = nullptr;
+    return createParameterSetDescription(allocator, subtype, width, height, extensions, count, pointers, sizes,
+                                         nalUnitHeaderLength, formatDescriptionOut);
+}
 
 void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVideoUsability &vui,
                                    uint32_t chromaFormatIdc, bool interlaced, const char *function, int line) {
@@ -642,15 +656,20 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     // Asking any other kind of description is a question with a "no" answer
     // (a tool walks every track), so like the parameter-set accessors it is
     // not logged; only an 'avc1'/'hvc1' description that cannot answer is.
-    if (!infoOut || !isVideo(desc) || (desc->mediaSubType != kAVC1 && desc->mediaSubType != kHVC1))
+    // 'avc3'/'hev1' descriptions read from sample entries hold the record's
+    // parameter sets and answer like 'avc1'/'hvc1'; without any (the sets
+    // are in-band) there is nothing to ask, silently.
+    const bool inBand = isVideo(desc) && (desc->mediaSubType == kAVC3 || desc->mediaSubType == kHEV1);
+    if (!infoOut || !isVideo(desc) || (desc->mediaSubType != kAVC1 && desc->mediaSubType != kHVC1 && !inBand) ||
+        (inBand && desc->video.parameterSetCount == 0))
         return kSVFormatDescriptionError_InvalidParameter;
-    const bool hevc = desc->mediaSubType == kHVC1;
+    const bool hevc = desc->mediaSubType == kHVC1 || desc->mediaSubType == kHEV1;
     for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
         const uint8_t *set = desc->video.parameterSets[i];
         const size_t size = desc->video.parameterSetSizes[i];
         if (size == 0 || (hevc ? (set[0] >> 1) & 0x3F : set[0] & 0x1FU) != (hevc ? 33U : 7U)) continue;
         SVVideoCodingInfo info{};
-        info.codecType = desc->mediaSubType;
+        info.codecType = hevc ? kHVC1 : kAVC1;
         const char *why = "";
         // The creators accepted this SPS, so a failure here means the parser
         // has since become stricter than the one that made the description.

@@ -594,8 +594,10 @@ typedef struct SVVideoCodingInfo {
     Boolean progressive; /* H.264 frame_mbs_only_flag; HEVC: !field_seq_flag */
 } SVVideoCodingInfo;
 
-/* Fills *infoOut from the description's first SPS.  kSVFormatDescriptionError_InvalidParameter for
- * NULL arguments, a description that is not video, a subtype other than 'avc1'/'hvc1', a description
+/* Fills *infoOut from the description's first SPS ('avc3'/'hev1' descriptions that hold parameter
+ * sets answer as 'avc1'/'hvc1').  kSVFormatDescriptionError_InvalidParameter for NULL arguments, a
+ * description that is not video, a subtype other than 'avc1'/'hvc1' ('avc3'/'hev1' without parameter
+ * sets are refused without a log line), a description
  * without an SPS, or an SPS that no longer parses (logged); *infoOut is left untouched on failure. */
 SV_EXPORT OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc,
                                                          SVVideoCodingInfo *infoOut) SV_NOEXCEPT;

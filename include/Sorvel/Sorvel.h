@@ -13,6 +13,7 @@
 #include <Sorvel/SVMetadata.h>
 #include <Sorvel/SVNALUnit.h>
 #include <Sorvel/SVSampleBuffer.h>
+#include <Sorvel/SVSampleDescription.h>
 #include <Sorvel/SVSimpleQueue.h>
 #include <Sorvel/SVStatus.h>
 #include <Sorvel/SVSync.h>

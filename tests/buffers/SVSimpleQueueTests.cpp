@@ -209,12 +209,14 @@ TEST(SVSimpleQueue, ProducerAndConsumerStress) {
 #if defined(SV_TEST_SANITIZED)
     constexpr uint64_t kElements = 300000;
 #else
-    constexpr uint64_t kElements = 10000000;
+    constexpr uint64_t kElements = 2000000;
 #endif
     constexpr int kRounds = 2;
     Queue queue(255);
-    // A broken queue must fail the test, not hang it.
+    // A broken queue must fail the test, not hang it; a stall is reported
+    // apart from a wrong element, so a starved machine is told from a bug.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::atomic<bool> stalled{false};
     auto stuck = [&deadline](unsigned spins) {
         return spins % (1u << 20) == 0 && std::chrono::steady_clock::now() > deadline;
     };
@@ -228,8 +230,8 @@ TEST(SVSimpleQueue, ProducerAndConsumerStress) {
                 const void *got = SVSimpleQueueDequeue(queue);
                 if (!got) {
                     if (++spins % 64 == 0) std::this_thread::yield();
-                    if (stuck(spins)) mismatch = true;
-                    if (mismatch) return;
+                    if (stuck(spins)) stalled = true;
+                    if (mismatch || stalled) return;
                     continue;
                 }
                 if (reinterpret_cast<uintptr_t>(got) != expected) {
@@ -252,7 +254,7 @@ TEST(SVSimpleQueue, ProducerAndConsumerStress) {
             }
         });
         unsigned spins = 0;
-        for (uint64_t n = 1; n <= kElements && !mismatch;) {
+        for (uint64_t n = 1; n <= kElements && !mismatch && !stalled;) {
             const OSStatus status = SVSimpleQueueEnqueue(queue, element(n));
             if (status == 0) {
                 n++;
@@ -261,13 +263,14 @@ TEST(SVSimpleQueue, ProducerAndConsumerStress) {
                 const int32_t count = SVSimpleQueueGetCount(queue);
                 if (count < 0 || count > 255) mismatch = true;
                 if (++spins % 64 == 0) std::this_thread::yield();
-                if (stuck(spins)) mismatch = true;
+                if (stuck(spins)) stalled = true;
             }
         }
         consumer.join();
         done = true;
         observer.join();
-        ASSERT_FALSE(mismatch) << "round " << round;
+        ASSERT_FALSE(stalled) << "round " << round << ": no progress for a minute";
+        ASSERT_FALSE(mismatch) << "round " << round << ": an element out of order or a count out of range";
         EXPECT_EQ(SVSimpleQueueGetCount(queue), 0);
         EXPECT_EQ(queue.ref->dequeueCount, static_cast<uint32_t>(0xFFFFFFF6u + kElements));
     }

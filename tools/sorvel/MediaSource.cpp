@@ -217,6 +217,15 @@ std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolErro
     return source;
 }
 
+std::unique_ptr<MediaSource> MediaSource::openForDescription(const std::string &path, ToolError &error) {
+    std::unique_ptr<MediaSource> source(new MediaSource());
+    if (!source->openInput(path, error)) return nullptr;
+    source->otherVideoIndex_ = av_find_best_stream(source->format_context_, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (source->otherVideoIndex_ < 0) source->otherVideoIndex_ = -1;
+    source->describeAudio();
+    return source;
+}
+
 MediaSource::~MediaSource() {
     av_packet_free(&packet_);
     avformat_close_input(&format_context_);

@@ -72,6 +72,13 @@ public:
     // An empty path opens the demo stream compiled into the program.  With
     // `videoRequired` false a file with audio but no video opens too.
     static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error, bool videoRequired = true);
+    // Opens a file whose video the library does not take (there is none, or
+    // it is not H.264 or HEVC) to describe its streams: the audio tracks as
+    // open() makes them, and the best video stream of any codec as
+    // otherVideoStreamIndex() (-1 for none).  codec() is 0 and next() reads
+    // to the end counting audio packets, returning no sample.
+    static std::unique_ptr<MediaSource> openForDescription(const std::string &path, ToolError &error);
+    int otherVideoStreamIndex() const { return otherVideoIndex_; }
     ~MediaSource();
     MediaSource(const MediaSource &) = delete;
     MediaSource &operator=(const MediaSource &) = delete;
@@ -121,6 +128,8 @@ public:
     // Every audio packet read becomes an audio sample buffer; with this set
     // they are also kept in their track's `samples`.
     void keepAudioSamples(bool keep) { keepAudio_ = keep; }
+    // The demuxer, for what the tool reads beyond the samples (tags, side data).
+    const AVFormatContext *formatContext() const { return format_context_; }
 
     // The next video sample in decode order.  False at the end of the
     // stream or when reading failed; problem() then tells which.
@@ -152,6 +161,7 @@ private:
     AVIOContext *memory_io_ = nullptr;
     AVPacket *packet_ = nullptr;
     int videoIndex_ = -1;
+    int otherVideoIndex_ = -1;
     FourCharCode codec_ = 0;
     int32_t timescale_ = 1;
     int64_t tickNumerator_ = 1;

@@ -9,8 +9,12 @@
 #include <map>
 
 #include "Commands.h"
+#include "HdrMetadata.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeOther.h"
+#include "SampleDescriptionProbe.h"
+#include "StreamDetails.h"
 
 namespace sorvel::tool {
 namespace {
@@ -258,6 +262,12 @@ std::string channelLayoutName(AudioChannelLayoutTag tag) {
 int runProbe(const ProbeOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error, false);
+    if (!source && (error.code == kExitNoVideo || error.code == kExitUnsupported)) {
+        // Video of another codec: described as far as the library can, rather than refused.
+        ToolError reopenError;
+        if (std::unique_ptr<MediaSource> other = MediaSource::openForDescription(options.file, reopenError))
+            return probeWithoutLibraryVideo(options, *other, error, kProbeSchemaVersion);
+    }
     if (!source) return reportError(error);
     source->keepAudioSamples(options.samples);
     const bool hasVideo = source->hasVideo();
@@ -265,6 +275,7 @@ int runProbe(const ProbeOptions &options) {
     const FourCharCode codec = source->codec();
     const int headerLength = source->nalUnitHeaderLength();
     VideoSummary summary;
+    HdrMetadata hdr;
     // The description of the first sample is the one reported: later
     // changes are counted.
     Ref<SVFormatDescriptionRef> description;
@@ -276,6 +287,7 @@ int runProbe(const ProbeOptions &options) {
         readSampleRow(sample.buffer.get(), row);
         countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
         if (codec == kSVVideoCodecType_H264) countFieldOrder(sample.buffer.get(), summary);
+        collectHdrMetadata(sample.buffer.get(), codec, headerLength, hdr);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -292,6 +304,7 @@ int runProbe(const ProbeOptions &options) {
     }
     if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
     summary.reorderDepth = reorderDepth(summary.rows);
+    if (hasVideo) collectHdrMetadata(description.get(), codec, hdr);
     if (hasVideo && !description) {
         return reportError({source->problem() ? source->problem()->code : kExitTruncated,
                             format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
@@ -324,6 +337,20 @@ int runProbe(const ProbeOptions &options) {
     const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
     const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
     const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
+    const StreamDetails details = videoDetails(*source);
+    // Each track again, from the sample description the muxer wrote, and
+    // what differs from libavformat's view of the stream.
+    std::vector<std::string> bridgeWarnings;
+    const std::map<int, BridgeTrack> bridged =
+        describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
+    const auto videoBridge = hasVideo ? bridged.find(source->videoStreamIndex()) : bridged.end();
+    if (videoBridge != bridged.end())
+        crossCheckSampleDescription(videoBridge->second, description.get(),
+                                    format("stream %d", source->videoStreamIndex()), bridgeWarnings);
+    for (const AudioTrack &track : source->audioTracks())
+        if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+            crossCheckSampleDescription(found->second, track.description.get(), format("stream %d", track.streamIndex),
+                                        bridgeWarnings);
 
     if (options.json) {
         JsonWriter json(stdout);
@@ -367,6 +394,8 @@ int runProbe(const ProbeOptions &options) {
             json.integer("field_count", fieldCount);
             json.string("field_detail", fieldCount > 1 ? fields.words : "");
             json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
+            writeStreamDetails(json, details);
+            writeHdrMetadata(json, hdr);
             json.integer("nal_unit_header_length", storedHeaderLength);
             json.beginArray("parameter_sets");
             for (const ParameterSet &set : sets) {
@@ -395,6 +424,7 @@ int runProbe(const ProbeOptions &options) {
             json.beginObject("nal_units");
             for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
             json.endObject();
+            if (videoBridge != bridged.end()) writeSampleDescriptionJson(json, videoBridge->second);
             if (options.samples) {
                 json.beginArray("samples");
                 for (size_t i = 0; i < summary.rows.size(); ++i) {
@@ -424,6 +454,7 @@ int runProbe(const ProbeOptions &options) {
             json.beginObject();
             json.integer("stream_index", track.streamIndex);
             json.string("codec", track.codecName);
+            json.string("profile", audioProfile(track));
             json.integer("packet_count", track.packetCount);
             json.number("duration",
                         track.bufferCount ? seconds(track.outputDuration) : track.endSeconds - track.startSeconds);
@@ -469,11 +500,14 @@ int runProbe(const ProbeOptions &options) {
                 }
                 json.endArray();
             }
+            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+                writeSampleDescriptionJson(json, found->second);
             json.endObject();
         }
         json.endArray();
         json.beginArray("warnings");
         for (const std::string &warning : source->warnings()) json.string(nullptr, warning);
+        for (const std::string &warning : bridgeWarnings) json.string(nullptr, warning);
         if (source->samplesWithoutFormat())
             json.string(nullptr, format("%lld samples before the first parameter sets were skipped",
                                         static_cast<long long>(source->samplesWithoutFormat())));
@@ -510,7 +544,11 @@ int runProbe(const ProbeOptions &options) {
                        fields.words.empty() ? "order not stated" : fields.words.c_str());
             else
                 printf("  Fields      progressive\n");
+            printStreamDetails(details);
+            printHdrMetadata(hdr);
             printf("  NAL length  %d bytes\n", storedHeaderLength);
+            if (videoBridge != bridged.end())
+                printf("  Sample description %s\n", sampleDescriptionLine(videoBridge->second).c_str());
             printf("  Parameter sets ");
             for (size_t i = 0; i < sets.size(); ++i)
                 printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
@@ -536,6 +574,7 @@ int runProbe(const ProbeOptions &options) {
         }
         for (const AudioTrack &track : source->audioTracks()) {
             printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
+            if (const std::string profile = audioProfile(track); !profile.empty()) printf(" %s", profile.c_str());
             if (const AudioStreamBasicDescription *asbd =
                     SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
                 size_t layoutSize = 0, cookieSize = 0;
@@ -551,6 +590,8 @@ int runProbe(const ProbeOptions &options) {
             }
             printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount),
                    track.endSeconds - track.startSeconds);
+            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
+                printf("  Sample description %s\n", sampleDescriptionLine(found->second).c_str());
             if (track.bufferCount)
                 printf(
                     "  Timing      timescale %d, %lld frames (priming %lld, remainder %lld), start %.6f s, "
@@ -588,6 +629,7 @@ int runProbe(const ProbeOptions &options) {
                        static_cast<long long>(sample.trimEnd));
         }
         for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
+        for (const std::string &warning : bridgeWarnings) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
         if (source->samplesWithoutFormat())
             fprintf(stderr, "sorvel: warning: %lld samples before the first parameter sets were skipped\n",
                     static_cast<long long>(source->samplesWithoutFormat()));

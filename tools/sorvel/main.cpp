@@ -71,7 +71,8 @@ constexpr const char kProbeHelp[] =
     "parameter sets; sample count, timing, frame rate, sync samples, reordering, NAL units) and the\n"
     "audio streams: their stream descriptions, and the timing of the audio sample buffers made of their\n"
     "packets (frames, the encoder's priming and the end's remainder trimmed, duration).  A file with\n"
-    "audio only is described too.  Without FILE the built-in demo stream is used.\n"
+    "audio only, or video of another codec, is described as far as the library can (exit status 0).\n"
+    "Without FILE the built-in demo stream is used.\n"
     "\n"
     "  --json      one JSON object; failures print {\"error\": {\"code\", \"message\"}}\n"
     "  --samples   one row per sample in decode order, and per audio packet (times in stream ticks)\n";

@@ -27,6 +27,8 @@
 #include <string>
 #include <vector>
 
+#include "AacConfig.h"
+
 extern char **environ;
 
 namespace {
@@ -618,7 +620,8 @@ TEST(SorvelErrors, ExitStatusAndMessage) {
         {{"annexb", kData + "/tool/audio_only.m4a", (dir.path / "none.h264").string()}, 4, "has no video stream"},
         // Without sound to play instead (see LipSyncTests for the sound).
         {{"play", kData + "/tool/audio_only.m4a", "--audio", "none"}, 4, "has no video stream"},
-        {{"probe", kData + "/tool/mpeg4_video.mp4"}, 5, "the video is mpeg4"},
+        {{"annexb", kData + "/tool/mpeg4_video.mp4", "-"}, 5, "the video is mpeg4"},
+        {{"play", kData + "/tool/mpeg4_video.mp4"}, 5, "the video is mpeg4"},
         {{"probe", cutFront}, 6, "sample 44 is incomplete"},
         {{"annexb", cutFront, (dir.path / "cut.h264").string()}, 6, "sample 44 is incomplete"},
         {{"play", cutFront, "--rate", "8", "--no-progress"}, 6, "sample 44 is incomplete"},
@@ -1034,6 +1037,395 @@ TEST(SorvelProbe, ContainerFiguresAndExactFrameRate) {
         if (c.streamIndex >= 0) EXPECT_EQ(probe["video"]["stream_index"].integer(), c.streamIndex);
         EXPECT_EQ(probe["video"]["stream_index"].kind, Json::Number);
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Runs `command` through the shell; standard error joins the output.
+Outcome shell(const std::string &command) {
+    Outcome result;
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) {
+        ADD_FAILURE() << "cannot run " << command;
+        return result;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.out.append(buffer, n);
+    const int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+const fs::path kToolSource = fs::path(kDemo).parent_path().parent_path();
+
+// The options a command's --help lists, as written ("--json", "-y", ...).
+std::vector<std::string> optionsInHelp(const std::string &command) {
+    const Outcome help = sorvel({command, "--help"});
+    std::vector<std::string> options;
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        for (std::string word; words >> word;) {
+            while (!word.empty() && (word.back() == ',' || word.back() == ']' || word.back() == '.')) word.pop_back();
+            if (word.size() > 1 && word[0] == '[') word.erase(0, 1);
+            if (word.size() > 1 && word[0] == '-' && word != "-" &&
+                std::find(options.begin(), options.end(), word) == options.end())
+                options.push_back(word);
+        }
+    }
+    return options;
+}
+
+TEST(SorvelInstall, ManPageRendersCleanlyAndCoversEveryOptionAndExitCode) {
+    const std::string page = (kToolSource / "sorvel.1").string();
+    const Outcome render = shell("groff -man -ww -z '" + page + "'");
+    EXPECT_EQ(render.exitCode, 0) << render.out;
+    EXPECT_EQ(render.out, "") << "groff warnings:\n" << render.out;
+    // Rendered as plain ASCII on unbroken lines, to look for names in.
+    const Outcome text = shell("groff -man -Tascii -P-cbou -rLL=1000n -rHY=0 '" + page + "'");
+    ASSERT_EQ(text.exitCode, 0) << text.out;
+    for (const char *command : {"probe", "annexb", "play"}) {
+        EXPECT_NE(text.out.find(std::string("sorvel ") + command), std::string::npos) << command;
+        for (const std::string &option : optionsInHelp(command))
+            EXPECT_NE(text.out.find(option), std::string::npos)
+                << command << " " << option << " is not in the man page";
+    }
+    // Every exit status the usage lists has its own entry.
+    for (const char *code : {"0", "1", "2", "3", "4", "5", "6", "130"})
+        EXPECT_NE(text.out.find(std::string("\n       ") + code + " "), std::string::npos) << "exit status " << code;
+    for (const char *field : {"schema_version", "frame_rate_fraction", "stream_index", "\"error\""})
+        EXPECT_NE(text.out.find(field), std::string::npos) << field;
+}
+
+TEST(SorvelInstall, CompletionParsesAndOffersCommandsAndOptions) {
+    const std::string script = (kToolSource / "completion" / "sorvel").string();
+    const Outcome syntax = shell("bash -n '" + script + "'");
+    EXPECT_EQ(syntax.exitCode, 0) << syntax.out;
+    // What the function offers for the words typed so far.
+    auto offered = [&](const std::string &words, int current) {
+        const Outcome r = shell("bash -c 'source \"" + script + "\"; COMP_WORDS=(" + words + "); COMP_CWORD=" +
+                                std::to_string(current) + "; _sorvel; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
+        EXPECT_EQ(r.exitCode, 0) << r.out;
+        std::vector<std::string> words_;
+        std::istringstream lines(r.out);
+        for (std::string line; std::getline(lines, line);)
+            if (!line.empty()) words_.push_back(line);
+        std::sort(words_.begin(), words_.end());
+        return words_;
+    };
+    EXPECT_EQ(offered("sorvel \"\"", 1), (std::vector<std::string>{"--help", "--version", "annexb", "play", "probe"}));
+    EXPECT_EQ(offered("sorvel p", 1), (std::vector<std::string>{"play", "probe"}));
+    // Each command's options are exactly what its --help lists.
+    for (const char *command : {"probe", "annexb", "play"}) {
+        std::vector<std::string> help = optionsInHelp(command);
+        help.push_back("--help");
+        std::sort(help.begin(), help.end());
+        help.erase(std::unique(help.begin(), help.end()), help.end());
+        EXPECT_EQ(offered(std::string("sorvel ") + command + " -", 2), help) << command;
+    }
+    // A number is expected after --rate: no file names, no options.
+    EXPECT_TRUE(offered("sorvel play --rate \"\"", 3).empty());
+}
+
+TEST(SorvelProbe, LanguageTagsAndRotationOfTheVideoStream) {
+    // rotated_tagged.mp4's track header holds the matrix of a picture to be
+    // turned 90 degrees clockwise; the demo stream has the identity matrix;
+    // a raw stream has no matrix and no tags at all.
+    const struct {
+        std::string file;
+        const char *language;
+        double rotation;
+        const char *rotationLine;
+        const char *handler;  // nullptr: no tags
+    } cases[] = {
+        {kMade + "/rotated_tagged.mp4", "fra", -90, "  Rotation    90 degrees clockwise (display matrix)\n", "Camera"},
+        {kDemo, "", 0, nullptr, "VideoHandler"},
+        {kMade + "/raw.h264", "", 0, nullptr, nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome json = sorvel({"probe", c.file, "--json"});
+        expectExit(json, 0);
+        const Json video = parseJson(json.out)["video"];
+        EXPECT_EQ(video["language"].text, c.language);
+        EXPECT_EQ(video["rotation"].kind, Json::Number);
+        EXPECT_EQ(video["rotation"].number, c.rotation);
+        EXPECT_EQ(video["tags"].kind, Json::Object);
+        if (c.handler)
+            EXPECT_EQ(video["tags"]["handler_name"].text, c.handler);
+        else
+            EXPECT_TRUE(video["tags"].fields.empty());
+
+        const Outcome text = sorvel({"probe", c.file});
+        expectExit(text, 0);
+        EXPECT_EQ(text.out.find("  Language    fra\n") != std::string::npos, std::string(c.language) == "fra");
+        if (c.rotationLine)
+            EXPECT_NE(text.out.find(c.rotationLine), std::string::npos) << text.out;
+        else
+            EXPECT_EQ(text.out.find("Rotation"), std::string::npos) << "no turn, no line:\n" << text.out;
+    }
+}
+
+TEST(SorvelProbe, HdrMetadataFromTheSEIIsExact) {
+    // Each file was encoded with master-display=G(13250,34500)B(7500,3000)
+    // R(34000,16000)WP(15635,16450)L(10000000,50) and a light level of
+    // 1000,400.  For the HEVC files libavcodec's side data of the first
+    // frame gives the same numbers (red_x=34000/50000, ...,
+    // min_luminance=50/10000, max_content=1000, max_average=400); Debian 12's
+    // libavcodec exports none for H.264, whose values are x264's input.
+    for (const char *name : {"hdr10.mp4", "hdr10.ts", "hdr_h264.mp4"}) {
+        SCOPED_TRACE(name);
+        const Outcome json = sorvel({"probe", kMade + "/" + name, "--json"});
+        expectExit(json, 0);
+        const Json video = parseJson(json.out)["video"];
+        const Json &m = video["mastering_display"];
+        const std::map<std::string, long long> expected = {
+            {"red_x", 34000},         {"red_y", 16000},         {"green_x", 13250},
+            {"green_y", 34500},       {"blue_x", 7500},         {"blue_y", 3000},
+            {"white_point_x", 15635}, {"white_point_y", 16450}, {"max_luminance", 10000000},
+            {"min_luminance", 50},
+        };
+        EXPECT_EQ(m.fields.size(), expected.size());
+        for (const auto &[key, value] : expected) EXPECT_EQ(m[key].integer(), value) << key;
+        EXPECT_EQ(video["content_light_level"]["max_cll"].integer(), 1000);
+        EXPECT_EQ(video["content_light_level"]["max_fall"].integer(), 400);
+
+        const Outcome text = sorvel({"probe", kMade + "/" + name});
+        expectExit(text, 0);
+        EXPECT_NE(text.out.find("  Mastering   R(0.68000,0.32000) G(0.26500,0.69000) B(0.15000,0.06000) "
+                                "WP(0.31270,0.32900), luminance 0.0050-1000.0000 cd/m2\n"),
+                  std::string::npos)
+            << text.out;
+        EXPECT_NE(text.out.find("  Light level MaxCLL 1000 cd/m2, MaxFALL 400 cd/m2\n"), std::string::npos) << text.out;
+    }
+
+    // Streams without the messages (H.264 and HEVC) say null and print no line.
+    for (const std::string file : {kDemo, kMade + "/raw.hevc"}) {
+        SCOPED_TRACE(file);
+        const Outcome plain = sorvel({"probe", file, "--json"});
+        expectExit(plain, 0);
+        const Json v = parseJson(plain.out)["video"];
+        EXPECT_EQ(v["mastering_display"].kind, Json::Null);
+        EXPECT_EQ(v["content_light_level"].kind, Json::Null);
+        EXPECT_EQ(sorvel({"probe", file}).out.find("Mastering"), std::string::npos);
+    }
+}
+
+TEST(SorvelAac, ProfileOfTheAudioSpecificConfig) {
+    // Configurations written out bit by bit: object type, sampling frequency
+    // index (15: 24-bit frequency), channel configuration, the core's three
+    // flags, then any backward-compatible extension.
+    const struct {
+        const char *what;
+        std::vector<uint8_t> config;
+        const char *name;
+    } cases[] = {
+        {"LC, 48 kHz stereo", {0x11, 0x90}, "LC"},
+        {"Main, 22.05 kHz stereo", {0x0B, 0x90}, "Main"},
+        {"LTP", {0x21, 0x90}, "LTP"},
+        {"SBR first (type 5) over LC", {0x2B, 0x11, 0x88, 0x00}, "HE-AAC"},
+        {"SBR and PS first (type 29) over LC", {0xEB, 0x09, 0x88, 0x00}, "HE-AACv2"},
+        {"type 5 cut before its core type", {0x2B, 0x11}, "HE-AAC"},
+        {"LC, then sync extension 0x2b7 with SBR", {0x13, 0x10, 0x56, 0xE5, 0x98}, "HE-AAC"},
+        {"LC, then SBR and sync extension 0x548 with PS", {0x13, 0x08, 0x56, 0xE5, 0x9D, 0x48, 0x80}, "HE-AACv2"},
+        {"LC, then sync extension saying no SBR", {0x13, 0x10, 0x56, 0xE5, 0x00}, "LC"},
+        {"escaped object type 39", {0xF8, 0xE6, 0x40}, "ELD"},
+        {"explicit 24-bit frequency", {0x17, 0x80, 0x5D, 0xC0, 0x10}, "LC"},
+        {"cut after the object type", {0x11}, "LC"},
+        {"escape cut short", {0xF8}, ""},
+        {"empty", {}, ""},
+    };
+    for (const auto &c : cases) {
+        const ::sorvel::tool::AacProfile profile = ::sorvel::tool::readAacProfile(c.config.data(), c.config.size());
+        EXPECT_EQ(::sorvel::tool::aacProfileName(profile), c.name) << c.what;
+    }
+    EXPECT_EQ(::sorvel::tool::aacProfileName(::sorvel::tool::readAacProfile(nullptr, 16)), "");
+}
+
+TEST(SorvelProbe, AacProfileOfEachAudioStream) {
+    const struct {
+        std::string file;
+        const char *profile;
+        const char *line;
+    } cases[] = {
+        {kDemo, "LC", "Audio         stream 1: aac LC 'aac ', 48000 Hz"},
+        {kMade + "/av_aac_main.mp4", "Main", "Audio         stream 1: aac Main 'aac ', 22050 Hz"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome json = sorvel({"probe", c.file, "--json"});
+        expectExit(json, 0);
+        EXPECT_EQ(parseJson(json.out)["audio"][0]["profile"].text, c.profile);
+        const Outcome text = sorvel({"probe", c.file});
+        expectExit(text, 0);
+        EXPECT_NE(text.out.find(c.line), std::string::npos) << text.out;
+    }
+}
+
+TEST(SorvelProbe, OtherCodecsAndAudioOnlyAreDescribedNotRefused) {
+    const struct {
+        std::string file;
+        const char *codec;  // nullptr: no video
+        const char *subtype;
+        const char *audioProfile;  // nullptr: no audio
+        const char *videoLine;
+    } cases[] = {
+        {kData + "/tool/audio_only.m4a", nullptr, "", "LC", "Video         none\n"},
+        {kMade + "/audio_main.m4a", nullptr, "", "Main", "Video         none\n"},
+        {kData + "/tool/mpeg4_video.mp4", "mpeg4", "mp4v", nullptr, "Video         stream 0: mpeg4 'mp4v', "},
+        {kMade + "/vp9.webm", "vp9", "vp09", nullptr, "Video         stream 0: vp9 'vp09', 64x48, 25/1 fps"},
+        {kMade + "/av1.mp4", "av1", "av01", nullptr, "Video         stream 0: av1 'av01', 64x48, 25/1 fps"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        const Outcome json = sorvel({"probe", c.file, "--json"});
+        expectExit(json, 0);
+        const Json probe = parseJson(json.out);
+        EXPECT_EQ(probe["schema_version"].integer(), 2);
+        EXPECT_GT(probe["format"]["size"].integer(), 0);
+        if (c.codec) {
+            EXPECT_EQ(probe["video"]["codec"].text, c.codec);
+            EXPECT_EQ(probe["video"]["media_subtype"].text, c.subtype);
+            EXPECT_GT(probe["video"]["width"].integer(), 0);
+            EXPECT_GT(probe["video"]["height"].integer(), 0);
+            EXPECT_FALSE(probe["video"]["samples_read"].boolean());
+            EXPECT_EQ(probe["video"]["stream_index"].integer(), 0);
+        } else {
+            EXPECT_EQ(probe["video"].kind, Json::Null);
+        }
+        if (c.audioProfile) {
+            ASSERT_EQ(probe["audio"].items.size(), 1u);
+            const Json &audio = probe["audio"][0];
+            EXPECT_EQ(audio["profile"].text, c.audioProfile);
+            EXPECT_EQ(audio["format_id"].text, "aac ");
+            EXPECT_GT(audio["packet_count"].integer(), 0) << "the packets are counted to the end";
+            EXPECT_GT(audio["duration"].number, 0.1);
+        } else {
+            EXPECT_TRUE(probe["audio"].items.empty());
+        }
+        // Why the video's samples were not read is said, not hidden; an
+        // audio-only file has its packets read and needs no warning.
+        EXPECT_EQ(probe["warnings"].items.size(), c.codec ? 1u : 0u);
+
+        const Outcome text = sorvel({"probe", c.file});
+        expectExit(text, 0);
+        EXPECT_NE(text.out.find(c.videoLine), std::string::npos) << text.out;
+        // The commands that need the samples still refuse, with their own status.
+        expectExit(sorvel({"annexb", c.file, "-"}), c.codec ? 5 : 4);
+    }
+}
+
+TEST(SorvelProbe, HdrMessagesOfTheWrongSizeAreNotRead) {
+    // In hdr_h264.mp4 the mastering display message (type 0x89, size 0x18)
+    // is alone in its SEI unit, its 24 bytes carrying one emulation
+    // prevention byte, and the light level sits in a unit of its own.
+    const std::string original = readFile(kMade + "/hdr_h264.mp4");
+    const std::string header("\x06\x89\x18\x33\xc2", 5);
+    const size_t at = original.find(header);
+    ASSERT_NE(at, std::string::npos);
+    ASSERT_EQ(original.find(header, at + 1), std::string::npos);
+    const TempDir dir;
+    const struct {
+        unsigned char size;
+        bool read;
+    } cases[] = {
+        {0x18, true},                  // as written
+        {0x19, true},                  // one byte more still ends inside the unit (its trailing bits)
+        {0x1A, false},                 // runs past the unit
+        {0x17, false},                 // one byte short of the message
+        {0x00, false}, {0xFF, false},  // a size that continues in the next byte
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.size));
+        std::string bytes = original;
+        bytes[at + 2] = static_cast<char>(c.size);
+        const Outcome r = sorvel({"probe", dir.file("sized.mp4", bytes), "--json"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["mastering_display"].kind, c.read ? Json::Object : Json::Null);
+        if (c.read) EXPECT_EQ(video["mastering_display"]["min_luminance"].integer(), 50);
+        EXPECT_EQ(video["content_light_level"]["max_cll"].integer(), 1000) << "another unit is not affected";
+    }
+}
+
+TEST(SorvelProbe, HdrMessagesOnlyInTheDescriptionAreRead) {
+    // hdr10.mp4 carries both messages twice: in its first sample (media data
+    // first) and in the SEI array of its hvcC (movie box last).  Renaming
+    // the payload types in one place leaves the other to be read.
+    const std::string original = readFile(kMade + "/hdr10.mp4");
+    const std::string mastering("\x4e\x01\x89\x18", 4), light("\x4e\x01\x90\x04", 4);
+    const size_t m1 = original.find(mastering), l1 = original.find(light);
+    ASSERT_NE(m1, std::string::npos);
+    ASSERT_NE(l1, std::string::npos);
+    const size_t m2 = original.find(mastering, m1 + 1), l2 = original.find(light, l1 + 1);
+    ASSERT_NE(m2, std::string::npos);
+    ASSERT_NE(l2, std::string::npos);
+    const TempDir dir;
+    const struct {
+        const char *what;
+        std::vector<size_t> renamed;
+        bool read;
+    } cases[] = {
+        {"only in the hvcC", {m1, l1}, true},
+        {"only in the sample", {m2, l2}, true},
+        {"in neither", {m1, l1, m2, l2}, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string bytes = original;
+        for (size_t at : c.renamed) ++bytes[at + 2];  // 137 -> 138, 144 -> 145: types that mean something else
+        const Outcome r = sorvel({"probe", dir.file("moved.mp4", bytes), "--json"});
+        expectExit(r, 0);
+        const Json video = parseJson(r.out)["video"];
+        EXPECT_EQ(video["mastering_display"]["red_x"].integer(), c.read ? 34000 : 0);
+        EXPECT_EQ(video["content_light_level"]["max_fall"].integer(), c.read ? 400 : 0);
+        EXPECT_EQ(video["mastering_display"].kind, c.read ? Json::Object : Json::Null);
+    }
+}
+
+// Each track is described again from its 'stsd' entry through the library's
+// sample-description bridge: the colour code points, exact aspect ratio and
+// atoms in the JSON, and a warning where libavformat's stream says otherwise.
+TEST(SorvelProbe, SampleDescriptionsThroughTheBridge) {
+    {
+        const Outcome r = sorvel({"probe", clipMedia("avc_high_642x362_sar40x33_smpte170m"), "--json"});
+        expectExit(r, 0);
+        const Json probe = parseJson(r.out);
+        const Json entry = probe["video"]["sample_description"];
+        EXPECT_EQ(entry["format"].text, "avc1");
+        EXPECT_EQ(entry["flavor"].text, "iso");
+        EXPECT_EQ(entry["color_primaries_code"].integer(), 6);
+        EXPECT_EQ(entry["transfer_function_code"].integer(), 1);
+        EXPECT_EQ(entry["ycbcr_matrix_code"].integer(), 6);
+        EXPECT_EQ(entry["pixel_aspect_ratio"].text, "40:33");
+        std::vector<std::string> atoms;
+        for (const Json &atom : entry["atoms"].items) atoms.push_back(atom.text);
+        EXPECT_NE(std::find(atoms.begin(), atoms.end(), "avcC"), atoms.end());
+        EXPECT_TRUE(probe["warnings"].items.empty()) << r.out;
+    }
+    const std::string file = kMade + "/colr_differs_from_sps.mov";
+    const Outcome r = sorvel({"probe", file, "--json"});
+    expectExit(r, 0);
+    const Json probe = parseJson(r.out);
+    const Json entry = probe["video"]["sample_description"];
+    EXPECT_EQ(entry["flavor"].text, "quicktime");
+    EXPECT_EQ(entry["color_primaries_code"].integer(), 1);
+    EXPECT_EQ(probe["audio"].items.at(0)["sample_description"]["channels"].integer(), 2);
+    std::string warnings;
+    for (const Json &warning : probe["warnings"].items) warnings += warning.text + "\n";
+    EXPECT_NE(warnings.find("colour primaries kCVImageBufferColorPrimaries_ITU_R_709_2, libavformat's stream "
+                            "kCVImageBufferColorPrimaries_EBU_3213"),
+              std::string::npos)
+        << warnings;
+    // the text report says the same on standard error
+    const Outcome text = sorvel({"probe", file});
+    expectExit(text, 0);
+    EXPECT_NE(text.err.find("sorvel: warning: stream 0: the sample description says matrix"), std::string::npos)
+        << text.err;
+    EXPECT_NE(text.out.find("Sample description 'avc1' (QuickTime)"), std::string::npos) << text.out;
 }
 
 }  // namespace
