@@ -402,3 +402,15 @@ OSStatus _SVSampleBufferOutputVideoSampleAsBytes(SVSampleBufferRef sbuf, int32_t
                      static_cast<OSStatus>(subtype), "Bad media format %s");
     return kSVSampleBufferError_InvalidMediaFormat;
 }
+
+OSStatus _SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(SVSampleBufferRef sbuf, int32_t extraDataMode,
+                                                                      SVSampleBufferPacketAllocatorFunction allocate,
+                                                                      void *refcon) noexcept {
+    // One writer for both forms: the function becomes the block the writer
+    // takes, and a NULL function a NULL block.
+    SVSampleBufferPacketAllocator packetAllocator = nullptr;
+    if (allocate != nullptr) packetAllocator = ^void *(size_t size) {
+            return allocate(size, refcon);
+        };
+    return _SVSampleBufferOutputVideoSampleAsBytes(sbuf, extraDataMode, packetAllocator);
+}

@@ -104,6 +104,29 @@ SVClockRef _SVClockCreateWithBlock(CFAllocatorRef allocator, SVClockTimeSourceBl
     return createClock(allocator, timeSource);
 }
 
+OSStatus _SVClockCreateWithFunction(CFAllocatorRef allocator, SVClockTimeSourceFunction getTime, void *refcon,
+                                    SVClockRef *clockOut) noexcept {
+    if (clockOut == nullptr) {
+        SV_LOG(3, "_SVClockCreateWithFunction", __LINE__, "clockOut is NULL");
+        return kSVClockError_MissingRequiredParameter;
+    }
+    // The function becomes the block the other creators give, so every
+    // clock reads its time the same way.
+    SVClockTimeSourceBlock timeSource = nullptr;
+    if (getTime != nullptr)
+        timeSource = ^SVTime(void) {
+          return getTime(refcon);
+        };
+    OpaqueSVClock *clock = createClock(allocator, timeSource);
+    if (clock == nullptr) {
+        *clockOut = nullptr;
+        SV_LOG(3, "_SVClockCreateWithFunction", __LINE__, "allocation failed");
+        return kSVClockError_AllocationFailed;
+    }
+    *clockOut = clock;
+    return 0;
+}
+
 OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noexcept {
     if (clockOut == nullptr) {
         SV_LOG(3, "SVAudioClockCreate", __LINE__, "clockOut is NULL");

@@ -61,6 +61,20 @@ SV_EXPORT SVClockRef SVClockGetHostTimeClock(void) SV_NOEXCEPT;
  * owns the new clock (CFRelease). */
 SV_EXPORT OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) SV_NOEXCEPT;
 
+/* A clock's time source as a function, given the refcon it was made with.
+ * It may run on several threads at once. */
+typedef SVTime (*SVClockTimeSourceFunction)(void *refcon);
+
+/* The function-pointer form of _SVClockCreateWithBlock (below), for every
+ * compiler: the clock's time is `getTime(refcon)`; a NULL `getTime` makes a
+ * clock that always reads kSVTimeInvalid.  `refcon` is not retained: it must
+ * stay valid until the clock is released.  Returns
+ * kSVClockError_MissingRequiredParameter for a NULL clockOut (nothing else
+ * is done), kSVClockError_AllocationFailed with NULL in *clockOut when the
+ * clock cannot be allocated.  The caller owns the new clock (CFRelease). */
+SV_EXPORT OSStatus _SVClockCreateWithFunction(CFAllocatorRef allocator, SVClockTimeSourceFunction getTime, void *refcon,
+                                              SVClockRef *clockOut) SV_NOEXCEPT;
+
 #if __BLOCKS__
 /* A clock's time source.  It may run on several threads at once. */
 typedef SVTime (^SVClockTimeSourceBlock)(void);

@@ -440,6 +440,14 @@ SV_EXPORT OSStatus SVSampleBufferWriteAnnexB(SVSampleBufferRef sampleBuffer, Boo
                                              const uint8_t *nalTypesToSkip, size_t skipCount,
                                              SVSampleBufferPacketAllocatorFunction allocate, void *refcon) SV_NOEXCEPT;
 
+/* The function-pointer form of _SVSampleBufferOutputVideoSampleAsBytes
+ * (below), for every compiler: the packet's memory comes from
+ * `allocate(size, refcon)`.  Same rules, statuses and log lines as the block
+ * form (a NULL `allocate` counts as a NULL block). */
+SV_EXPORT OSStatus _SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(
+    SVSampleBufferRef sbuf, int32_t extraDataMode, SVSampleBufferPacketAllocatorFunction allocate,
+    void *refcon) SV_NOEXCEPT;
+
 #if __BLOCKS__
 /* SVSampleBufferCallForEachSample with a block. */
 SV_EXPORT OSStatus SVSampleBufferCallBlockForEachSample(SVSampleBufferRef sbuf,

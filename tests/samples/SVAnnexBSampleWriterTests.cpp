@@ -381,3 +381,37 @@ TEST(SVAnnexBSampleWriter, FunctionFormFailures) {
               kSVFormatDescriptionError_AllocationFailed);
     EXPECT_EQ(state.calls, 1);
 }
+
+TEST(SVAnnexBSampleWriter, VideoSampleWriterFunctionFormWritesWhatTheBlockFormWrites) {
+    int32_t headerLength = 0;
+    Units sets = parameterSets("avc_baseline_176x144.len2", false, &headerLength);
+    auto desc = descriptionFromSets(false, sets, headerLength);
+    std::vector<Access> aus = accessUnits("avc_baseline_176x144.len2");
+    ASSERT_GE(aus.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        auto sbuf = sampleOf(aus[i].bytes, desc.get(), aus[i].sync);
+        for (int32_t mode : {0, 1}) {
+            __block Bytes byBlock;
+            OSStatus blockStatus = _SVSampleBufferOutputVideoSampleAsBytes(sbuf.get(), mode, ^void *(size_t size) {
+              byBlock.assign(size, 0);
+              return byBlock.data();
+            });
+            FunctionAllocation state;
+            EXPECT_EQ(
+                _SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(sbuf.get(), mode, allocateInto, &state),
+                blockStatus);
+            EXPECT_EQ(state.calls, 1) << "the refcon reaches the allocator once";
+            EXPECT_EQ(state.buffer, byBlock) << "sample " << i << " mode " << mode;
+        }
+    }
+    auto sbuf = sampleOf(aus[0].bytes, desc.get());
+    FunctionAllocation state;
+    state.fail = true;
+    EXPECT_EQ(_SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(sbuf.get(), 1, allocateInto, &state),
+              _SVSampleBufferOutputVideoSampleAsBytes(sbuf.get(), 1, ^void *(size_t) {
+                return nullptr;
+              }));
+    EXPECT_EQ(state.calls, 1);
+    EXPECT_EQ(_SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(sbuf.get(), 1, nullptr, &state),
+              _SVSampleBufferOutputVideoSampleAsBytes(sbuf.get(), 1, nullptr));
+}

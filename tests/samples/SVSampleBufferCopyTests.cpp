@@ -373,6 +373,70 @@ TEST(SVSampleBufferBytes, RawSamplesGoOutWithExtraDataBeforeSyncSamples) {
     EXPECT_EQ(status, 0);
 }
 
+// The function form's allocator: a vector reached through the refcon.
+void *growInto(size_t size, void *refcon) {
+    auto *packet = static_cast<std::vector<uint8_t> *>(refcon);
+    packet->assign(size, 0xEE);
+    return packet->data();
+}
+void *refuse(size_t, void *) {
+    return nullptr;
+}
+
+TEST(SVSampleBufferBytes, FunctionFormWritesAndFailsAsTheBlockForm) {
+    auto data = patternData(5);
+    auto extensions = extensionsWithExtraData({0xE0, 0xE1});
+    auto format = videoFormat('mp4v', extensions.get());
+    auto sbuf = dataSample(data.get(), 1, {}, {}, format.get());
+    for (int32_t mode : {0, 1}) {
+        OSStatus status = -1;
+        std::vector<uint8_t> byBlock = writeBytes(sbuf.get(), mode, &status), byFunction;
+        EXPECT_EQ(_SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(sbuf.get(), mode, growInto, &byFunction),
+                  status);
+        EXPECT_EQ(byFunction, byBlock) << "mode " << mode;
+    }
+    // Each failure: the same status and the same log line from both forms.
+    auto jpeg = videoFormat('jpeg');
+    auto jpegSample = dataSample(data.get(), 1, {}, {}, jpeg.get());
+    struct {
+        SVSampleBufferRef sbuf;
+        SVSampleBufferPacketAllocatorFunction allocate;
+        OSStatus status;
+        int logLines;
+    } cases[] = {
+        {sbuf.get(), refuse, kSVSampleBufferError_AllocationFailed, 1},
+        {sbuf.get(), nullptr, kSVSampleBufferError_RequiredParameterMissing, 0},
+        {jpegSample.get(), growInto, kSVSampleBufferError_InvalidMediaFormat, 1},
+        {nullptr, growInto, kSVSampleBufferError_RequiredParameterMissing, 0},
+    };
+    for (const auto &c : cases) {
+        std::vector<uint8_t> packet;
+        LogCapture functionLog(4);
+        EXPECT_EQ(_SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(c.sbuf, 1, c.allocate, &packet),
+                  c.status);
+        auto functionLines = functionLog.lines();
+        LogCapture blockLog(4);
+        __block std::vector<uint8_t> blockPacket;
+        SVSampleBufferPacketAllocator block = nullptr;
+        if (c.allocate == refuse) block = ^void *(size_t) {
+                return nullptr;
+            };
+        if (c.allocate == growInto) block = ^void *(size_t size) {
+                blockPacket.resize(size);
+                return blockPacket.data();
+            };
+        EXPECT_EQ(_SVSampleBufferOutputVideoSampleAsBytes(c.sbuf, 1, block), c.status);
+        auto blockLines = blockLog.lines();
+        ASSERT_EQ(functionLines.size(), size_t(c.logLines));
+        ASSERT_EQ(blockLines.size(), functionLines.size());
+        for (size_t i = 0; i < blockLines.size(); i++) {
+            EXPECT_EQ(functionLines[i].function, blockLines[i].function);
+            EXPECT_EQ(functionLines[i].line, blockLines[i].line);
+            EXPECT_EQ(functionLines[i].message, blockLines[i].message);
+        }
+    }
+}
+
 TEST(SVSampleBufferBytes, FailuresReturnTheirStatusAndLogTheirFixedLines) {
     LogCapture log(4);
     auto data = patternData(5);

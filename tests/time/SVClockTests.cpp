@@ -153,6 +153,69 @@ TEST(SVClock, BlockClockReadsItsSourceUntilInvalidated) {
     CFRelease(clock);
 }
 
+// A time source driven through its refcon: each reading advances it.
+struct Counter {
+    int calls = 0;
+    int64_t value = 0;
+};
+SVTime counterTime(void *refcon) {
+    Counter *counter = static_cast<Counter *>(refcon);
+    counter->calls++;
+    return SVTimeMake(counter->value++, 90000);
+}
+
+TEST(SVClock, FunctionClockReadsThroughItsRefconLikeTheBlockClock) {
+    Counter viaFunction, viaBlock;
+    Counter *blockCounter = &viaBlock;
+    TestAllocator counting;
+    SVClockRef functionClock = nullptr;
+    ASSERT_EQ(_SVClockCreateWithFunction(counting.get(), counterTime, &viaFunction, &functionClock), 0);
+    SVClockRef blockClock = _SVClockCreateWithBlock(nullptr, ^SVTime(void) {
+      return counterTime(blockCounter);
+    });
+    ASSERT_NE(blockClock, nullptr);
+    EXPECT_EQ(CFGetTypeID(functionClock), SVClockGetTypeID());
+    for (int i = 0; i < 3; i++) {
+        SVTime a = SVClockGetTime(functionClock), b = SVClockGetTime(blockClock);
+        EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "reading " << i;
+        expectTime(a, i, 90000);
+    }
+    SVTime anchor = kSVTimeInvalid, reference = kSVTimeInvalid;
+    EXPECT_EQ(SVClockGetAnchorTime(functionClock, &anchor, &reference), 0);
+    EXPECT_EQ(viaFunction.calls, 4) << "the refcon reaches the function, once per reading";
+    SVClockInvalidate(functionClock);
+    SVClockInvalidate(blockClock);
+    expectInvalid(SVClockGetTime(functionClock));
+    EXPECT_EQ(viaFunction.calls, 4) << "an invalidated clock does not call its function";
+    EXPECT_EQ(viaBlock.calls, 3);
+    CFRelease(functionClock);
+    CFRelease(blockClock);
+    EXPECT_EQ(counting.outstanding(), 0);
+
+    SVClockRef noSource = nullptr;
+    ASSERT_EQ(_SVClockCreateWithFunction(nullptr, nullptr, &viaFunction, &noSource), 0);
+    expectInvalid(SVClockGetTime(noSource));
+    CFRelease(noSource);
+}
+
+TEST(SVClock, FunctionClockFailuresAreStatusesAndLogLines) {
+    Counter counter;
+    {
+        LogCapture log;
+        EXPECT_EQ(_SVClockCreateWithFunction(nullptr, counterTime, &counter, nullptr),
+                  kSVClockError_MissingRequiredParameter);
+        expectOneLogLine(log, "_SVClockCreateWithFunction", "");
+    }
+    TestAllocator failing;
+    failing.failAlways();
+    LogCapture log;
+    SVClockRef clock = (SVClockRef)CFSTR("garbage");
+    EXPECT_EQ(_SVClockCreateWithFunction(failing.get(), counterTime, &counter, &clock), kSVClockError_AllocationFailed);
+    EXPECT_EQ(clock, nullptr);
+    expectOneLogLine(log, "_SVClockCreateWithFunction", "");
+    EXPECT_EQ(counter.calls, 0);
+}
+
 TEST(SVClock, MisuseGivesNeutralResults) {
     SVClockRef notAClock = (SVClockRef)CFSTR("not a clock");
     for (SVClockRef bad : {static_cast<SVClockRef>(nullptr), notAClock}) {
