@@ -35,6 +35,12 @@ wanted=(clang cmake ninja-build make pkg-config libblocksruntime-dev libgtest-de
 why[zzuf]="the seeded byte mutator behind make mutate-check"
 why[ffmpeg]="make mutate-check remuxes test clips to Matroska and MPEG-TS"
 wanted+=(zzuf ffmpeg)
+why[libavcodec-dev]="FFmpeg's decoders, which sorvel play decodes the sound with"
+why[libpulse-dev]="the PulseAudio client library, which sorvel play plays the sound through"
+why[pulseaudio]="the audio server (with a null sink) that the lip-sync tests play to"
+why[pulseaudio-utils]="pactl, with which the tests' audio server is checked and stopped"
+why[ffmpeg]="makes test clips: remuxes for make mutate-check, beeps for the lip-sync test"
+wanted+=(libavcodec-dev libpulse-dev pulseaudio pulseaudio-utils)
 
 # `install-deps.sh --bench` also installs the libraries the benchmarks
 # measure Sorvel against; the benchmark build skips any that are absent.

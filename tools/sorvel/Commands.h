@@ -29,6 +29,7 @@ struct PlayOptions {
     double duration = NAN;  // seconds; NaN: to the end (the start when reversing)
     bool progress = true;   // a progress line when standard error is a terminal
     bool json = false;
+    std::string audio = "auto";  // auto, pulse or none: how the sound is played
 };
 
 int runProbe(const ProbeOptions &options);

@@ -29,6 +29,8 @@
 #include "Commands.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "PresentationTimer.h"
+#include "audio/SoundSession.h"
 
 namespace sorvel::tool {
 namespace {
@@ -63,7 +65,10 @@ struct Flow {
     std::condition_variable changed;
     bool full = false;
     bool stop = false;
-    uint64_t enqueued = 0;     // samples enqueued so far: the player's wake-up signal
+    uint64_t enqueued = 0;  // samples enqueued so far: the player's wake-up signal
+    // The player's presentation timer, woken on every enqueue too; set
+    // while the player waits on it, cleared before it goes.
+    std::atomic<PresentationTimer *> timer{nullptr};
     int64_t groupsQueued = 0;  // backwards: groups of pictures enqueued whole
     bool readerDone = false;
     std::optional<ToolError> readerError;
@@ -152,6 +157,7 @@ private:
             ++flow_.enqueued;
         }
         flow_.changed.notify_all();
+        if (PresentationTimer *timer = flow_.timer.load()) timer->wake();
         return true;
     }
 
@@ -328,7 +334,14 @@ struct Report {
     double reached = NAN;  // the far edge of the last picture shown
     int64_t gaps = 0;      // jumps in presentation time that were skipped
     double gapSeconds = 0;
+    // When the presentation timer's handler ran against the deadline the
+    // timebase asked for, milliseconds.
+    audio::ErrorStats wakeUps{kLateMilliseconds};
 };
+
+// The presentation timer wakes the player this long before a picture's
+// moment; the rest is spun, which no timer wakes as precisely.
+constexpr uint64_t kSpinNanoseconds = 1000000;
 
 // A jump in presentation time between pictures shown one after the other
 // that is far beyond the frame duration is a damaged or restarted time line,
@@ -353,6 +366,18 @@ void drawProgress(double position, const Window &window, double end, const Repor
 int runPlay(const PlayOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
+    audio::AudioMode audioMode = audio::AudioMode::Auto;
+    audio::parseAudioMode(options.audio, audioMode);
+    if (!source && error.code == kExitNoVideo && audioMode != audio::AudioMode::None) {
+        // Sound without pictures: play the sound and report it.
+        std::string soundError;
+        const int status = audio::playSoundOnly(
+            audioMode, options.file, options.file.empty() ? "(embedded demo stream)" : options.file, options.rate,
+            options.start, options.duration, options.json, soundError);
+        if (status < 0) return reportError({kExitNoVideo, error.message + "; " + soundError});
+        if (status > 0) return reportError({kExitFailure, soundError});
+        return kExitOK;
+    }
     if (!source) return reportError(error);
     const bool reverse = options.rate < 0;
 
@@ -399,6 +424,14 @@ int runPlay(const PlayOptions &options) {
     SVBufferQueueInstallTrigger(queue.get(), queueDrained, &flow, kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
                                 SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken);
 
+    // The sound fills its output while the pictures preroll, and plays once
+    // they are ready.
+    audio::SoundSummary sound;
+    std::string soundError;
+    std::unique_ptr<audio::SoundSession> session =
+        audio::SoundSession::start(audioMode, options.file, options.rate, window.start, window.end, sound, soundError);
+    if (!session && !soundError.empty()) return reportError({kExitFailure, "sound: " + soundError});
+
     Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
 
@@ -425,10 +458,43 @@ int runPlay(const PlayOptions &options) {
 
     SVClockRef host = SVClockGetHostTimeClock();
     Ref<SVTimebaseRef> timebase;
-    SVTimebaseCreateWithMasterClock(nullptr, host, timebase.out());
-    const uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
-    SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
-                                   SVClockMakeHostTimeFromSystemUnits(startHost));
+    if (session && (!session->go(soundError) || !session->waitUntilPlaying(5.0, soundError))) {
+        session->finish({}, sound);
+        sound.state = "failed";
+        sound.reason = soundError;
+        session.reset();
+        if (audioMode == audio::AudioMode::Pulse) {
+            {
+                std::lock_guard<std::mutex> lock(flow.mutex);
+                flow.stop = true;
+            }
+            flow.changed.notify_all();
+            readerThread.join();
+            return reportError({kExitFailure, "sound: " + soundError});
+        }
+        // The sound never started: carry on by the host clock.
+        fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", soundError.c_str());
+    }
+    uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
+    if (session) {
+        // The pictures follow the sound: the timebase reads the presentation
+        // time of the sound leaving the device.
+        SVTimebaseCreateWithMasterClock(nullptr, session->clock(), timebase.out());
+        session->anchor(timebase.get());
+        startHost = hostNow();
+    } else {
+        SVTimebaseCreateWithMasterClock(nullptr, host, timebase.out());
+        SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
+                                       SVClockMakeHostTimeFromSystemUnits(startHost));
+    }
+    std::vector<audio::PictureShown> pictures;
+    // Every picture is scheduled with a timer dispatch source on the
+    // timebase; without one the player sleeps on the host clock instead.
+    std::string timerError;
+    std::unique_ptr<PresentationTimer> timer = PresentationTimer::create(timebase.get(), timerError);
+    if (!timer) fprintf(stderr, "sorvel: %s; sleeping on the host clock instead\n", timerError.c_str());
+    flow.timer.store(timer.get());
+    SVTime armedFor = kSVTimeInvalid;
 
     // Presentation is the one thing here that must not wait for the
     // scheduler: ask for a real-time priority and carry on without it when
@@ -470,9 +536,10 @@ int runPlay(const PlayOptions &options) {
             if (jump > std::max(kGapMinimumSeconds, kGapFrames * std::max(duration, frameSeconds))) {
                 ++report.gaps;
                 report.gapSeconds += jump;
-                SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate,
+                // The master's time now: the host clock's, or the sound's.
+                SVTimebaseSetRateAndAnchorTime(timebase.get(), session ? 1.0 : options.rate,
                                                SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
-                                               SVClockMakeHostTimeFromSystemUnits(hostNow()));
+                                               SVClockGetTime(SVTimebaseGetMasterClock(timebase.get())));
             }
         }
         // The picture that straddles the start is due at once.
@@ -485,8 +552,28 @@ int runPlay(const PlayOptions &options) {
         // the queue changes: an earlier picture may have become the head.
         // Then spin through the last millisecond.
         uint64_t now = hostNow();
-        if (now + 1000000 < dueHost) {
-            waitForChange(flow, dueHost - 1000000);
+        if (now + kSpinNanoseconds < dueHost) {
+            if (timer) {
+                // Armed for the spin's start on the timebase's own timeline,
+                // so that the timebase follows its clock (the sound's) and
+                // its changes; an enqueue or the progress bar wakes it too.
+                const SVTime early =
+                    SVTimeMakeWithSeconds(1e-9 * kSpinNanoseconds * std::fabs(options.rate), 1000000000);
+                const SVTime fire = reverse ? SVTimeAdd(due, early) : SVTimeSubtract(due, early);
+                if (SVTimeCompare(fire, armedFor) != 0 || !SVTIME_IS_VALID(armedFor)) {
+                    timer->arm(fire);
+                    armedFor = fire;
+                }
+                PresentationTimer::Firing firing;
+                const uint64_t patience = std::min<uint64_t>(dueHost - now, 100000000);
+                if (timer->wait(std::chrono::nanoseconds(patience), firing) == PresentationTimer::Outcome::Fired) {
+                    report.wakeUps.add(
+                        (static_cast<double>(firing.handlerHost) - static_cast<double>(firing.deadlineHost)) / 1e6);
+                    armedFor = kSVTimeInvalid;  // fired: a timer stays unarmed until armed again
+                }
+            } else {
+                waitForChange(flow, dueHost - kSpinNanoseconds);
+            }
             if (progress && hostNow() - lastDraw > 100000000) {
                 lastDraw = hostNow();
                 drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window,
@@ -508,6 +595,11 @@ int runPlay(const PlayOptions &options) {
             takenDue = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
                 SVSyncConvertTime(takenTime, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
         }
+        // The picture that straddles the start is presented from the start.
+        SVTime shownTime = SVSampleBufferGetOutputPresentationTimeStamp(taken);
+        if (reverse ? SVTimeCompare(shownTime, windowStart) > 0 : SVTimeCompare(shownTime, windowStart) < 0)
+            shownTime = windowStart;
+        pictures.push_back({seconds(shownTime), takenHost});
         CFRelease(taken);
         const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(takenDue)) / 1e6;
         ++report.shown;
@@ -518,6 +610,15 @@ int runPlay(const PlayOptions &options) {
         if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
         if (errorMs > kLateMilliseconds) ++report.late;
     }
+    if (session) {
+        // Sound that outlasts the pictures plays to its end.
+        while (!session->soundDone() && session->problem().empty() && !gInterrupted)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        session->finish(pictures, sound);
+        if (sound.state == "failed")
+            fprintf(stderr, "sorvel: the sound failed (%s)%s\n", sound.reason.c_str(),
+                    audioMode == audio::AudioMode::Pulse ? "" : "; the pictures went on by the last clock reading");
+    }
     const uint64_t endHost = hostNow();
     if (raised) pthread_setschedparam(pthread_self(), oldPolicy, &oldParameters);
     report.wall = std::max(0.0, (static_cast<double>(endHost) - static_cast<double>(startHost)) / 1e9);
@@ -527,6 +628,8 @@ int runPlay(const PlayOptions &options) {
     }
     flow.changed.notify_all();
     readerThread.join();
+    flow.timer.store(nullptr);
+    timer.reset();
     if (progress) fprintf(stderr, "\r%*s\r", 80, "");
 
     const double mean = report.shown ? report.errorSum / static_cast<double>(report.shown) : 0;
@@ -548,6 +651,13 @@ int runPlay(const PlayOptions &options) {
         json.integer("time_gaps", report.gaps);
         json.boolean("interrupted", gInterrupted);
         json.number("time_gap_seconds", report.gapSeconds);
+        json.beginObject("timer_wakeup_error_ms");
+        json.integer("count", report.wakeUps.count());
+        json.number("mean", report.wakeUps.count() ? report.wakeUps.mean() : NAN);
+        json.number("standard_deviation", report.wakeUps.count() ? report.wakeUps.standardDeviation() : NAN);
+        json.number("worst", report.wakeUps.count() ? report.wakeUps.worst() : NAN);
+        json.endObject();
+        audio::writeSoundJson(json, sound, pictures);
         json.endObject();
         json.finish();
         reportErrorsAsJson(false);
@@ -560,16 +670,23 @@ int runPlay(const PlayOptions &options) {
                kLateMilliseconds);
         printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
         if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+        if (report.wakeUps.count())
+            printf("  Timer wake-up   mean %+.3f ms, deviation %.3f ms, worst %+.3f ms after the deadline\n",
+                   report.wakeUps.mean(), report.wakeUps.standardDeviation(), report.wakeUps.worst());
         if (gInterrupted) printf("  Interrupted     playing stopped early\n");
         if (report.gaps)
             printf("  Time gaps       %lld skipped (%.3f s of presentation time)\n",
                    static_cast<long long>(report.gaps), report.gapSeconds);
+        audio::printSoundSummary(sound);
     }
     fflush(stdout);
     SVBufferQueueRemoveTrigger(queue.get(), fillToken);
     SVBufferQueueRemoveTrigger(queue.get(), drainToken);
     if (flow.readerError) return reportError(*flow.readerError);
-    return gInterrupted ? kExitInterrupted : kExitOK;
+    if (gInterrupted) return kExitInterrupted;
+    if (sound.state == "failed" && audioMode == audio::AudioMode::Pulse)
+        return reportError({kExitFailure, "sound: " + sound.reason});
+    return kExitOK;
 }
 
 }  // namespace sorvel::tool

@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "Json.h"
+#include "audio/SoundSession.h"
 
 namespace sorvel::tool {
 
@@ -43,7 +44,8 @@ namespace {
 constexpr const char kUsage[] =
     "usage: sorvel probe  [FILE] [--json] [--samples]\n"
     "       sorvel annexb [-y] [IN] OUT\n"
-    "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
+    "       sorvel play   [FILE] [--rate R] [--start T] [--duration D] [--audio auto|pulse|none]\n"
+    "                     [--json] [--no-progress]\n"
     "\n"
     "Reads MP4, Matroska, MPEG-TS or raw H.264/HEVC with libavformat and does everything else\n"
     "with the Sorvel library.  Without FILE (or IN) the demo stream built into sorvel is used.\n"
@@ -53,8 +55,9 @@ constexpr const char kUsage[] =
     "           --samples adds a per-sample table, and one per audio stream of its packets.\n"
     "  annexb   writes the video as an Annex B elementary stream (OUT may be - for stdout).\n"
     "           OUT is never the input, and an existing OUT is replaced only with -y.\n"
-    "  play     plays the samples in real time against a timebase on the host clock, without\n"
-    "           decoding: R is the rate (negative plays backwards), T and D are in seconds.\n"
+    "  play     plays the pictures in real time without decoding them, timed on the sound that\n"
+    "           a PulseAudio server plays (--audio auto, at rate 1) or on the host clock: R is\n"
+    "           the rate (negative plays backwards), T and D are in seconds.\n"
     "\n"
     "sorvel --version prints the version; sorvel COMMAND --help the options of a command.\n"
     "\n"
@@ -82,14 +85,18 @@ constexpr const char kAnnexBHelp[] =
     "\n"
     "  -y, --overwrite   replace OUT when it exists\n";
 constexpr const char kPlayHelp[] =
-    "usage: sorvel play [FILE] [--rate R] [--start T] [--duration D] [--json] [--no-progress]\n"
+    "usage: sorvel play [FILE] [--rate R] [--start T] [--duration D] [--audio auto|pulse|none]\n"
+    "                   [--json] [--no-progress]\n"
     "\n"
-    "Plays the samples in real time against a timebase on the host clock, without decoding, and\n"
-    "reports how close to their moment they were taken.  Ctrl-C stops and still reports.\n"
+    "Plays the samples in real time without decoding the pictures, and reports how close to their\n"
+    "moment they were taken.  At rate 1 the sound is played through a PulseAudio server and the\n"
+    "pictures follow it; otherwise they follow the host clock.  Ctrl-C stops and still reports.\n"
     "\n"
     "  --rate R        playback rate; negative plays backwards (the input must be seekable)\n"
     "  --start T       seconds from the start of the stream to begin at\n"
     "  --duration D    seconds to play\n"
+    "  --audio M       auto: sound when a server answers, else say so and go on without;\n"
+    "                  pulse: sound or fail; none: no sound\n"
     "  --json          the report as one JSON object\n"
     "  --no-progress   no progress bar on standard error\n";
 
@@ -133,6 +140,7 @@ int main(int argc, char **argv) {
     ProbeOptions probe;
     PlayOptions play;
     AnnexBOptions annexB;
+    audio::AudioMode mode;
     for (int i = 2; i < argc; ++i) {
         const std::string argument = argv[i];
         auto value = [&](double &out) {
@@ -151,6 +159,10 @@ int main(int argc, char **argv) {
         } else if (argument == "--duration" && command == "play") {
             if (!value(play.duration) || play.duration <= 0)
                 return usage("--duration needs a positive number of seconds");
+        } else if (argument == "--audio" && command == "play") {
+            if (i + 1 >= argc || !audio::parseAudioMode(argv[i + 1], mode))
+                return usage("--audio needs auto, pulse or none");
+            play.audio = argv[++i];
         } else if ((argument == "-y" || argument == "--overwrite") && command == "annexb") {
             annexB.overwrite = true;
         } else if (argument == "--no-progress" && command == "play") {
