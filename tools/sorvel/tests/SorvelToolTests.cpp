@@ -1203,7 +1203,7 @@ TEST(SorvelProbe, HdrMetadataFromTheSEIIsExact) {
     }
 
     // Streams without the messages (H.264 and HEVC) say null and print no line.
-    for (const std::string file : {kDemo, kMade + "/raw.hevc"}) {
+    for (const std::string &file : {std::string(kDemo), kMade + "/raw.hevc"}) {
         SCOPED_TRACE(file);
         const Outcome plain = sorvel({"probe", file, "--json"});
         expectExit(plain, 0);
