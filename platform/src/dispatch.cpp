@@ -224,6 +224,10 @@ Pool &pool() {
 }
 
 void *workerMain(void *) {
+    // Timer sources' handlers wait for their exact deadline on these threads
+    // (see prewake below); without this the kernel may defer that wake-up
+    // by up to 50 us.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
     Pool &p = pool();
     pthread_mutex_lock(&p.lock);
     for (;;) {
@@ -435,6 +439,7 @@ struct Source : Object {
     uint64_t interval = 0;  // 0: one-shot
     uint64_t firings = 0;
     bool inArmedList = false;
+    bool prewakeQueued = false;  // a prewake job sits on the target queue
     // Deliveries.
     uint64_t pending = 0;  // firings (timer) or merged sum (data add)
     uint64_t data = 0;     // what the current handler call delivers
@@ -565,6 +570,56 @@ Source *fireIfDueLocked(Timers &t, Source *source, uint64_t now) {
     return leaving;
 }
 
+// A firing handed from the timer thread to a worker costs a second
+// thread wake-up after the deadline.  So shortly before a deadline the
+// timer thread queues a prewake job on the source's target queue: a worker
+// picks it up early, sleeps on its own until the exact deadline, counts the
+// firing there and runs the handler next, on the same thread.  The firing
+// is still counted only once its deadline has passed, under the timer lock,
+// by whichever of the two gets there first, so re-arming and disarming keep
+// their meaning; a prewake that finds the deadline moved does nothing.  The
+// job holds the serial queue for at most kPrewakeLead.
+constexpr uint64_t kPrewakeLead = 150 * NSEC_PER_USEC;
+
+void prewake(void *context) {
+    Source *source = static_cast<Source *>(context);
+    Timers &t = timers();
+    Source *leaving = nullptr;
+    pthread_mutex_lock(&t.lock);
+    source->prewakeQueued = false;
+    uint64_t deadline = source->deadline;
+    if (!source->cancelled && deadline != DISPATCH_TIME_FOREVER && deadline <= monotonicNow() + kPrewakeLead) {
+        pthread_mutex_unlock(&t.lock);
+        timespec until = toTimespec(deadline);
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+        }
+        pthread_mutex_lock(&t.lock);
+        leaving = fireIfDueLocked(t, source, monotonicNow());
+    }
+    pthread_mutex_unlock(&t.lock);
+    if (leaving != nullptr) releaseObject(leaving);
+    releaseObject(source);
+}
+
+// The time the timer thread must next act for `source`: its prewake, or its
+// deadline once the prewake is queued.  Timer lock held.
+uint64_t nextActionLocked(const Source *source) {
+    if (source->deadline == DISPATCH_TIME_FOREVER || source->prewakeQueued || source->suspended > 0 ||
+        source->cancelled)
+        return source->deadline;
+    return source->deadline > kPrewakeLead ? source->deadline - kPrewakeLead : 0;
+}
+
+// Queues the prewake job of a source whose deadline is near.  Timer lock
+// held (enqueue takes only the queue's lock).
+void prewakeIfNearLocked(Source *source, uint64_t now) {
+    if (source->deadline == DISPATCH_TIME_FOREVER || source->deadline <= now) return;
+    if (nextActionLocked(source) > now || source->prewakeQueued || source->suspended > 0 || source->cancelled) return;
+    source->prewakeQueued = true;
+    retainObject(source);
+    enqueue(source->target, prewake, source);
+}
+
 void *timerThreadMain(void *) {
     // The kernel otherwise defers timed wake-ups by up to 50 us to batch them.
     prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
@@ -576,10 +631,12 @@ void *timerThreadMain(void *) {
         uint64_t now = monotonicNow();
         for (size_t i = 0; i < t.armed.size();) {
             Source *leaving = fireIfDueLocked(t, t.armed[i], now);
-            if (leaving != nullptr)
+            if (leaving != nullptr) {
                 released.push_back(leaving);
-            else
+            } else {
+                prewakeIfNearLocked(t.armed[i], now);
                 i++;
+            }
         }
         while (!t.after.empty() && t.after.begin()->first <= now) {
             due.push_back(t.after.begin()->second);
@@ -598,7 +655,7 @@ void *timerThreadMain(void *) {
             continue;
         }
         uint64_t next = DISPATCH_TIME_FOREVER;
-        for (Source *source : t.armed) next = std::min(next, source->deadline);
+        for (Source *source : t.armed) next = std::min(next, nextActionLocked(source));
         if (!t.after.empty()) next = std::min(next, t.after.begin()->first);
         waitUntil(&t.changed, &t.lock, next);
     }
