@@ -11,6 +11,7 @@
 #include <Block.h>
 #include <CoreFoundation/CFRunLoop.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -291,6 +292,24 @@ void invalidate(__CFRunLoopTimer *timer) {
     dropDetached(detached);
 }
 
+// While a run loop runs, its thread's timed waits are its timers' deadlines:
+// the kernel's default timer slack would defer each of them by up to 50 us,
+// so the slack is 1 ns for the run and the caller's own value afterwards.
+class PreciseTimedWaits {
+public:
+    PreciseTimedWaits() noexcept : saved_(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0)) {
+        if (saved_ > 1) prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
+    }
+    ~PreciseTimedWaits() {
+        if (saved_ > 1) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(saved_), 0, 0, 0);
+    }
+    PreciseTimedWaits(const PreciseTimedWaits &) = delete;
+    PreciseTimedWaits &operator=(const PreciseTimedWaits &) = delete;
+
+private:
+    int saved_;
+};
+
 }  // namespace
 
 extern "C" {
@@ -334,6 +353,7 @@ CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds
     }
     __CFRunLoop *rl = CFRunLoopGetCurrent();
     RunLoopState *s = rl->state;
+    PreciseTimedWaits precise;
     uint64_t start = hostNow();
     uint64_t limit = kNever;
     if (!(seconds >= 9.2e9)) limit = seconds <= 0 ? start : start + static_cast<uint64_t>(seconds * 1e9);
