@@ -134,7 +134,7 @@ const CFRuntimeClass kSVBufferQueueClass = {
 
 constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBufferQueueClass};
 
-constexpr SVTime kZeroedTime = {0, 0, 0, 0};
+using sorvel::time::kInvalid;
 
 // ---- locking and lifetime ----------------------------------------------------------
 
@@ -240,7 +240,7 @@ bool summedDurationLocked(SVBufferQueueRef queue, SVTime *durationOut) noexcept 
 }
 
 SVTime durationLocked(SVBufferQueueRef queue) noexcept {
-    if (queue->callbacks.getDuration == nullptr) return kZeroedTime;
+    if (queue->callbacks.getDuration == nullptr) return kInvalid;
     SVTime summed;
     if (summedDurationLocked(queue, &summed)) return summed;
     SVTime total = kSVTimeZero;
@@ -407,8 +407,8 @@ OSStatus resetLocked(SVBufferQueueRef queue, void (*callback)(SVBufferRef, void 
     queue->endOfData = false;
     fireTriggersLocked(queue);
     queue->wasReset = false;
-    queue->minPresentationTimeStamp = kZeroedTime;
-    queue->maxPresentationTimeStamp = kZeroedTime;
+    queue->minPresentationTimeStamp = kInvalid;
+    queue->maxPresentationTimeStamp = kInvalid;
     queue->extremesStale = false;
     return 0;
 }
@@ -590,8 +590,8 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
     queue->callbacks = *callbacks;
     queue->capacity = capacity;
     queue->triggers = triggers;
-    queue->minPresentationTimeStamp = kZeroedTime;
-    queue->maxPresentationTimeStamp = kZeroedTime;
+    queue->minPresentationTimeStamp = kInvalid;
+    queue->maxPresentationTimeStamp = kInvalid;
     queue->sumsDurations = callbacks->getDuration == sampleBufferDuration;
     *queueOut = queue;
     return 0;
@@ -699,7 +699,7 @@ Boolean SVBufferQueueIsEmpty(SVBufferQueueRef queue) noexcept {
 }
 
 SVTime SVBufferQueueGetDuration(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kZeroedTime;
+    if (queue == nullptr) return kInvalid;
     QueueLock lock(queue);
     return durationLocked(queue);
 }
@@ -830,7 +830,7 @@ OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue,
                                                          void *triggerRefcon, SVBufferQueueTriggerCondition condition,
                                                          int32_t threshold,
                                                          SVBufferQueueTriggerToken *triggerTokenOut) noexcept {
-    return installTrigger(queue, callback, triggerRefcon, condition, kZeroedTime, threshold, triggerTokenOut);
+    return installTrigger(queue, callback, triggerRefcon, condition, kInvalid, threshold, triggerTokenOut);
 }
 
 OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {

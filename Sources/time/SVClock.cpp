@@ -22,7 +22,7 @@ SV_LOG_MODULE("");
 
 namespace {
 
-constexpr SVTime kInvalidTime = {0, 0, 0, 0};
+using sorvel::time::kInvalid;
 
 void clockFinalize(CFTypeRef cf) noexcept;
 
@@ -147,7 +147,7 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
     int32_t timescale = truncateToInt32(sampleRate);
     OpaqueSVClock *clock = createClock(allocator, ^SVTime(void) {
       AudioTimeStamp now;
-      if (AudioDeviceGetCurrentTime(device, &now) != 0) return kInvalidTime;
+      if (AudioDeviceGetCurrentTime(device, &now) != 0) return kInvalid;
       return SVTimeMake(truncateToInt64(now.mSampleTime), timescale);
     });
     if (clock == nullptr) {
@@ -160,9 +160,9 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
 }
 
 SVTime SVClockGetTime(SVClockRef clock) noexcept {
-    if (clock == nullptr) return kInvalidTime;
+    if (clock == nullptr) return kInvalid;
     if (clock == hostClockIfMade()) return sorvel::clock::hostTimeNow();
-    if (!sorvel::clock::gClockClass.isInstance(clock)) return kInvalidTime;
+    if (!sorvel::clock::gClockClass.isInstance(clock)) return kInvalid;
     return sorvel::clock::currentTime(clock);
 }
 

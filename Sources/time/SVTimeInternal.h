@@ -156,6 +156,7 @@ constexpr bool isNumeric(const SVTime &time) noexcept {
     return (time.flags & 0x1Du) == kSVTimeFlags_Valid;
 }
 
+// All zero: the one "no answer" time every module returns.
 inline constexpr SVTime kInvalid = {0, 0, 0, 0};
 inline constexpr SVTime kZero = {0, 1, kSVTimeFlags_Valid, 0};
 inline constexpr SVTime kIndefinite = {0, 0, kSVTimeFlags_Valid | kSVTimeFlags_Indefinite, 0};
