@@ -152,6 +152,14 @@ __attribute__((always_inline)) inline Rescaled rescale(int64_t value, int32_t ol
     return rescaleLiteral(value, oldScale, newScale, method, function);
 }
 
+// A double truncated toward zero to 64 bits, saturating at the limits and
+// taking NaN as 0, where a plain conversion would be undefined.
+inline int64_t truncateToInt64(double x) noexcept {
+    if (__builtin_expect(std::fabs(x) < 9223372036854775808.0, 1)) return static_cast<int64_t>(x);
+    if (x != x) return 0;
+    return x > 0 ? kInt64Max : kInt64Min;  // -2^63 itself is the minimum too
+}
+
 constexpr bool isNumeric(const SVTime &time) noexcept {
     return (time.flags & 0x1Du) == kSVTimeFlags_Valid;
 }
