@@ -391,10 +391,10 @@ SVTime SVTimeMultiply(SVTime time, int32_t multiplier) noexcept {
 
 CFDictionaryRef SVTimeCopyAsDictionary(SVTime time, CFAllocatorRef allocator) noexcept {
     int32_t flags = static_cast<int32_t>(time.flags);  // the bit pattern, as a signed 32-bit number
-    Owned<CFNumberRef> value(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.value));
-    Owned<CFNumberRef> timescale(CFNumberCreate(allocator, kCFNumberSInt32Type, &time.timescale));
-    Owned<CFNumberRef> epoch(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.epoch));
-    Owned<CFNumberRef> flagNumber(CFNumberCreate(allocator, kCFNumberSInt32Type, &flags));
+    sorvel::SVRetained<CFNumberRef> value(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.value));
+    sorvel::SVRetained<CFNumberRef> timescale(CFNumberCreate(allocator, kCFNumberSInt32Type, &time.timescale));
+    sorvel::SVRetained<CFNumberRef> epoch(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.epoch));
+    sorvel::SVRetained<CFNumberRef> flagNumber(CFNumberCreate(allocator, kCFNumberSInt32Type, &flags));
     if (!value || !timescale || !epoch || !flagNumber) return nullptr;
     const void *keys[] = {kSVTimeValueKey, kSVTimeScaleKey, kSVTimeEpochKey, kSVTimeFlagsKey};
     const void *values[] = {value.get(), timescale.get(), epoch.get(), flagNumber.get()};

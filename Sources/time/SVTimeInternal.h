@@ -9,8 +9,7 @@
 // taken as the wrap it is in two's complement instead of the hardware trap).
 // A zero divisor is the one fatal case: a logged stop.
 //
-// Inline so the module's entry points and the tests share one copy; nothing
-// here allocates or locks.
+// Inline so the modules and the tests share one copy; nothing here allocates.
 #ifndef SORVEL_SOURCES_SVTIMEINTERNAL_H
 #define SORVEL_SOURCES_SVTIMEINTERNAL_H
 
@@ -21,6 +20,7 @@
 #include <limits>
 
 #include "core/SVLog.h"
+#include "core/SVObject.h"
 
 namespace sorvel::time {
 
@@ -251,28 +251,6 @@ __attribute__((always_inline)) inline SVTime convertScale(const SVTime &time, in
     }
     return convertScaleLiteral(time, newScale, method, function);
 }
-
-// Releases a CoreFoundation object it owns when it goes out of scope.
-template <typename Ref>
-class Owned {
-public:
-    explicit Owned(Ref ref = nullptr) noexcept : ref_(ref) {}
-    ~Owned() {
-        if (ref_) CFRelease(ref_);
-    }
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    Ref get() const noexcept { return ref_; }
-    explicit operator bool() const noexcept { return ref_ != nullptr; }
-    Ref release() noexcept {
-        Ref ref = ref_;
-        ref_ = nullptr;
-        return ref;
-    }
-
-private:
-    Ref ref_;
-};
 
 }  // namespace sorvel::time
 
