@@ -137,10 +137,10 @@ void blockBufferFinalize(CFTypeRef cf) noexcept {
     SubBlock *piece = buffer->firstSubBlock;
     while (piece) {
         SubBlock *next = piece->next;
-        // The count is always 1 today; the loop disposes of the record
-        // whatever it holds.
-        while (__atomic_fetch_sub(&piece->referenceCount, 1, __ATOMIC_ACQ_REL) != 1) {
-        }
+        // A record belongs to this buffer alone: a buffer that refers to
+        // this one makes a record of its own and retains this buffer, so no
+        // count guards the record and it is disposed of here, its block or
+        // its reference given back first.
         if (piece->isReference) {
             CFRelease(piece->allocatorOrBuffer);
         } else {
@@ -180,7 +180,7 @@ OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, si
 
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
     if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
-    piece->referenceCount = 1;
+    // Zero-filled: a reference piece has no memory block of its own.
     piece->isReference = 1;
     piece->allocatorOrBuffer = CFRetain(target);
     piece->offsetToData = offsetToData;
@@ -306,7 +306,6 @@ OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, void *memory
     // caller is trusted.
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
     if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
-    piece->referenceCount = 1;
     piece->memoryBlock = memoryBlock;
     piece->blockLength = blockLength;
     piece->allocatorOrBuffer = blockAllocator;

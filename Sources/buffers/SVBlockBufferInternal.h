@@ -12,9 +12,6 @@
 
 // One heap record (calloc/free) per piece, in data order.
 struct SVBlockBufferSubBlock {
-    // Set to 1 when the record is made; nothing increments it.  Finalize
-    // decrements it atomically until it drops from 1.
-    uint32_t referenceCount;
     SVBlockBufferSubBlock *next;
     // Memory piece: where its bytes begin inside the memory block.
     // Reference piece: where they begin inside the referenced buffer's data.

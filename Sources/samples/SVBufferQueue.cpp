@@ -83,9 +83,9 @@ namespace {
 using Trigger = opaqueSVBufferQueueTriggerToken;
 
 struct TriggerList {
+    // The installed triggers, doubly linked.
     Trigger *head;
     Trigger *tail;
-    CFIndex count;
 };
 
 // Nodes kept for reuse beyond this many are freed.
@@ -134,7 +134,7 @@ const CFRuntimeClass kSVBufferQueueClass = {
 
 constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBufferQueueClass};
 
-constexpr SVTime kZeroedTime = {0, 0, 0, 0};
+using sorvel::time::kInvalid;
 
 // ---- locking and lifetime ----------------------------------------------------------
 
@@ -240,7 +240,7 @@ bool summedDurationLocked(SVBufferQueueRef queue, SVTime *durationOut) noexcept 
 }
 
 SVTime durationLocked(SVBufferQueueRef queue) noexcept {
-    if (queue->callbacks.getDuration == nullptr) return kZeroedTime;
+    if (queue->callbacks.getDuration == nullptr) return kInvalid;
     SVTime summed;
     if (summedDurationLocked(queue, &summed)) return summed;
     SVTime total = kSVTimeZero;
@@ -407,8 +407,8 @@ OSStatus resetLocked(SVBufferQueueRef queue, void (*callback)(SVBufferRef, void 
     queue->endOfData = false;
     fireTriggersLocked(queue);
     queue->wasReset = false;
-    queue->minPresentationTimeStamp = kZeroedTime;
-    queue->maxPresentationTimeStamp = kZeroedTime;
+    queue->minPresentationTimeStamp = kInvalid;
+    queue->maxPresentationTimeStamp = kInvalid;
     queue->extremesStale = false;
     return 0;
 }
@@ -450,13 +450,13 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
         refreshExtremesLocked(queue);
         queue->extremeTriggers++;
     }
+    // Appended at the tail: triggers are tested in installation order.
     *trigger = {queue->triggers->tail, nullptr, callback, refcon, condition, time, threshold, false, false};
     if (queue->triggers->tail != nullptr)
         queue->triggers->tail->next = trigger;
     else
         queue->triggers->head = trigger;
     queue->triggers->tail = trigger;
-    queue->triggers->count++;
     if (tokenOut != nullptr) *tokenOut = trigger;
     // Called at once when it already holds, without the flag: installing is
     // not a change of the queue's contents, so the callback may remove the
@@ -577,7 +577,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
         return kSVBufferQueueError_InvalidBufferCallbacksStruct;
     auto *triggers = static_cast<TriggerList *>(CFAllocatorAllocate(allocator, sizeof(TriggerList), 0));
     if (triggers == nullptr) return kSVBufferQueueError_AllocationFailed;
-    *triggers = {nullptr, nullptr, 0};
+    *triggers = {nullptr, nullptr};
     OpaqueSVBufferQueue *queue = gSVBufferQueueClass.create(allocator);
     if (queue == nullptr) {
         CFAllocatorDeallocate(allocator, triggers);
@@ -590,8 +590,8 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
     queue->callbacks = *callbacks;
     queue->capacity = capacity;
     queue->triggers = triggers;
-    queue->minPresentationTimeStamp = kZeroedTime;
-    queue->maxPresentationTimeStamp = kZeroedTime;
+    queue->minPresentationTimeStamp = kInvalid;
+    queue->maxPresentationTimeStamp = kInvalid;
     queue->sumsDurations = callbacks->getDuration == sampleBufferDuration;
     *queueOut = queue;
     return 0;
@@ -699,7 +699,7 @@ Boolean SVBufferQueueIsEmpty(SVBufferQueueRef queue) noexcept {
 }
 
 SVTime SVBufferQueueGetDuration(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kZeroedTime;
+    if (queue == nullptr) return kInvalid;
     QueueLock lock(queue);
     return durationLocked(queue);
 }
@@ -830,7 +830,7 @@ OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue,
                                                          void *triggerRefcon, SVBufferQueueTriggerCondition condition,
                                                          int32_t threshold,
                                                          SVBufferQueueTriggerToken *triggerTokenOut) noexcept {
-    return installTrigger(queue, callback, triggerRefcon, condition, kZeroedTime, threshold, triggerTokenOut);
+    return installTrigger(queue, callback, triggerRefcon, condition, kInvalid, threshold, triggerTokenOut);
 }
 
 OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
@@ -838,6 +838,7 @@ OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTrigger
     QueueLock lock(queue);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (!isInstalledLocked(queue, triggerToken)) return kSVBufferQueueError_InvalidTriggerToken;
+    // Unlinked, mending the list's ends.
     TriggerList *triggers = queue->triggers;
     if (triggerToken->prev != nullptr)
         triggerToken->prev->next = triggerToken->next;
@@ -847,7 +848,6 @@ OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTrigger
         triggerToken->next->prev = triggerToken->prev;
     else
         triggers->tail = triggerToken->prev;
-    triggers->count--;
     if (isExtremeCondition(triggerToken->condition)) queue->extremeTriggers--;
     if (triggerToken->installing)
         triggerToken->removedWhileInstalling = true;  // its install call frees it

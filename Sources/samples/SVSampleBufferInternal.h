@@ -15,6 +15,7 @@
 
 #include "core/SVLog.h"
 #include "core/SVObject.h"
+#include "time/SVTimeInternal.h"
 
 // The two kinds.  Any other value in `kind` is a broken invariant.
 enum : uint32_t {
@@ -73,11 +74,6 @@ inline constexpr const char kSVSampleBufferSourcePath[] = "Sorvel/Sources/SVSamp
 [[noreturn]] inline void SVSampleBufferBug(const char *function, int line) noexcept {
     SVFatalStop(function, kSVSampleBufferSourcePath, line, "BUG");
 }
-
-// The all-zero time the output getters return for "no answer".  It is
-// spelled out rather than taken from kSVTimeInvalid so that it stays all
-// zero whatever kSVTimeInvalid's bits are.
-inline constexpr SVTime kSVSampleBufferZeroedTime = {0, 0, 0, 0};
 
 // A new, zero-filled instance (attachment storage empty, output
 // presentation time zeroed) or NULL.

@@ -17,8 +17,8 @@
 
 namespace {
 
-using sorvel::kSVSampleBufferZeroedTime;
 using sorvel::SVSampleBufferBug;
+using sorvel::time::kInvalid;
 using Buffer = OpaqueSVSampleBuffer;
 
 const Buffer *asBuffer(SVSampleBufferRef sbuf) noexcept {
@@ -93,7 +93,7 @@ SVTime outputPresentation(const Adjustments &adjust, SVTime duration, SVTime pre
 }
 
 SVTime outputDuration(const Adjustments &adjust, SVTime duration) noexcept {
-    if (adjust.speed.isZero) return kSVSampleBufferZeroedTime;
+    if (adjust.speed.isZero) return kInvalid;
     SVTime trimmed = SVTimeSubtract(SVTimeSubtract(duration, adjust.trimAtStart), adjust.trimAtEnd);
     return SVTimeMultiplyByFloat64(trimmed, 1.0 / adjust.speed.multiplier);
 }
@@ -102,7 +102,7 @@ SVTime outputDuration(const Adjustments &adjust, SVTime duration) noexcept {
 // by the speed.
 SVTime outputDecode(const Adjustments &adjust, SVTime outputPresentationTime, SVTime presentation,
                     SVTime decode) noexcept {
-    if (adjust.speed.isZero) return kSVSampleBufferZeroedTime;
+    if (adjust.speed.isZero) return kInvalid;
     SVTime lead = SVTimeMultiplyByFloat64(SVTimeSubtract(decode, presentation), 1.0 / adjust.speed.multiplier);
     return SVTimeAdd(outputPresentationTime, lead);
 }
@@ -130,7 +130,7 @@ SVTime bufferOutputPresentation(SVSampleBufferRef sbuf, const Adjustments &adjus
 // ==== Output timing ==========================================================
 
 SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) noexcept {
-    if (!isUsable(sbuf)) return kSVSampleBufferZeroedTime;
+    if (!isUsable(sbuf)) return kInvalid;
     const Buffer *b = asBuffer(sbuf);
     if (hasOverride(b)) return b->outputPresentationTimeStamp;
     if (hasNoAttachments(sbuf)) return bufferOutputPresentation(sbuf, kNoAdjustments);
@@ -149,7 +149,7 @@ OSStatus SVSampleBufferSetOutputPresentationTimeStamp(SVSampleBufferRef sbuf,
 }
 
 SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
-    if (!isUsable(sbuf)) return kSVSampleBufferZeroedTime;
+    if (!isUsable(sbuf)) return kInvalid;
     const Buffer *b = asBuffer(sbuf);
     if (b->kind != kSVSampleBufferKind_DataBuffer && b->kind != kSVSampleBufferKind_ImageBuffer)
         SVSampleBufferBug("SVSampleBufferGetOutputDecodeTimeStamp", __LINE__);
@@ -160,11 +160,11 @@ SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
 }
 
 SVTime SVSampleBufferGetOutputDuration(SVSampleBufferRef sbuf) noexcept {
-    if (!isUsable(sbuf)) return kSVSampleBufferZeroedTime;
+    if (!isUsable(sbuf)) return kInvalid;
     if (hasNoAttachments(sbuf)) return outputDuration(kNoAdjustments, SVSampleBufferGetDuration(sbuf));
     Adjustments adjust{};
     adjust.speed = readSpeed(sbuf);
-    if (adjust.speed.isZero) return kSVSampleBufferZeroedTime;
+    if (adjust.speed.isZero) return kInvalid;
     adjust.trimAtStart = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart);
     adjust.trimAtEnd = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtEnd);
     return outputDuration(adjust, SVSampleBufferGetDuration(sbuf));

@@ -22,7 +22,7 @@ SV_LOG_MODULE("");
 
 namespace {
 
-constexpr SVTime kInvalidTime = {0, 0, 0, 0};
+using sorvel::time::kInvalid;
 
 void clockFinalize(CFTypeRef cf) noexcept;
 
@@ -42,14 +42,14 @@ void clockFinalize(CFTypeRef cf) noexcept {
     if (clock->timeSource != nullptr) _Block_release(clock->timeSource);
 }
 
-// Truncation toward zero that saturates at the limits and takes NaN as 0,
-// as the time arithmetic converts floats (a plain conversion would be
-// undefined out of range).
-int64_t truncateToInt64(double x) noexcept {
-    if (std::fabs(x) < 9223372036854775808.0) return static_cast<int64_t>(x);
-    if (std::isnan(x)) return 0;
-    return x > 0 ? INT64_MAX : INT64_MIN;
-}
+// Floats become integers by truncation toward zero that saturates at the
+// limits and takes NaN as 0, as the time arithmetic converts them (a plain
+// conversion would be undefined out of range).  The 64-bit form is the time
+// arithmetic's own, time::truncateToInt64 in SVTimeInternal.h, so the audio
+// clock's sample times convert exactly as SVTimeMultiplyByFloat64's
+// products do; only the timescale, a 32-bit field, needs the narrow form
+// here.  Its bounds are the int32 limits, which a double holds exactly, so
+// the comparison below is exact.
 int32_t truncateToInt32(double x) noexcept {
     if (std::fabs(x) < 2147483648.0) return static_cast<int32_t>(x);
     if (std::isnan(x)) return 0;
@@ -147,8 +147,8 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
     int32_t timescale = truncateToInt32(sampleRate);
     OpaqueSVClock *clock = createClock(allocator, ^SVTime(void) {
       AudioTimeStamp now;
-      if (AudioDeviceGetCurrentTime(device, &now) != 0) return kInvalidTime;
-      return SVTimeMake(truncateToInt64(now.mSampleTime), timescale);
+      if (AudioDeviceGetCurrentTime(device, &now) != 0) return kInvalid;
+      return SVTimeMake(sorvel::time::truncateToInt64(now.mSampleTime), timescale);
     });
     if (clock == nullptr) {
         *clockOut = nullptr;
@@ -160,9 +160,9 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
 }
 
 SVTime SVClockGetTime(SVClockRef clock) noexcept {
-    if (clock == nullptr) return kInvalidTime;
+    if (clock == nullptr) return kInvalid;
     if (clock == hostClockIfMade()) return sorvel::clock::hostTimeNow();
-    if (!sorvel::clock::gClockClass.isInstance(clock)) return kInvalidTime;
+    if (!sorvel::clock::gClockClass.isInstance(clock)) return kInvalid;
     return sorvel::clock::currentTime(clock);
 }
 

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "core/SVObject.h"
+#include "time/SVTimeInternal.h"
 
 struct OpaqueSVClock {
     CFRuntimeBase base;
@@ -33,11 +34,11 @@ inline SVTime hostTimeNow() noexcept {
 
 // SVClockGetTime for an object known to be a clock.
 inline SVTime currentTime(const OpaqueSVClock *clock) noexcept {
-    if (__atomic_load_n(&clock->invalidated, __ATOMIC_RELAXED)) return {0, 0, 0, 0};
+    if (__atomic_load_n(&clock->invalidated, __ATOMIC_RELAXED)) return sorvel::time::kInvalid;
     // The host clock's block reads the same counter; skipping the call is
     // the only difference.
     if (clock->isHostClock) return hostTimeNow();
-    if (clock->timeSource == nullptr) return {0, 0, 0, 0};
+    if (clock->timeSource == nullptr) return sorvel::time::kInvalid;
     return clock->timeSource();
 }
 

@@ -26,7 +26,7 @@ using sorvel::sync::Kind;
 
 namespace {
 
-constexpr SVTime kInvalidTime = {0, 0, 0, 0};
+using sorvel::time::kInvalid;
 constexpr SVTime kZeroTime = {0, 1, kSVTimeFlags_Valid, 0};
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
@@ -115,14 +115,14 @@ double relativeRate(const Source &of, const Source &relativeTo, double whenDivis
 // timebase, whose every time corresponds to no single master time.
 SVTime stepUp(const OpaqueSVTimebase *timebase, SVTime time) noexcept {
     sorvel::timebase::State state = sorvel::timebase::readState(timebase);
-    if (state.rate == 0.0) return kInvalidTime;
+    if (state.rate == 0.0) return kInvalid;
     return SVTimeAdd(SVTimeMultiplyByFloat64(SVTimeSubtract(time, state.timebaseAnchor), 1.0 / state.rate),
                      state.masterAnchor);
 }
 
 SVTime up(Source x, CFTypeRef ancestor, SVTime time) noexcept {
     for (; x.object != ancestor; x = masterOf(x)) {
-        if (x.kind != Kind::Timebase) return kInvalidTime;
+        if (x.kind != Kind::Timebase) return kInvalid;
         time = stepUp(asTimebase(x), time);
     }
     return time;
@@ -130,7 +130,7 @@ SVTime up(Source x, CFTypeRef ancestor, SVTime time) noexcept {
 
 SVTime down(const Source &x, CFTypeRef ancestor, SVTime time) noexcept {
     if (x.object == ancestor) return time;
-    if (x.kind != Kind::Timebase) return kInvalidTime;
+    if (x.kind != Kind::Timebase) return kInvalid;
     SVTime onMaster = down(masterOf(x), ancestor, time);
     return sorvel::timebase::timeAt(sorvel::timebase::readState(asTimebase(x)), onMaster);
 }
@@ -145,7 +145,7 @@ SVTime convert(SVTime time, const Source &from, const Source &to) noexcept {
     // Sharing an ancestor is symmetric, so searching again from `to` would
     // find none either: the rates are the absolute ones.
     double rate = ratio(rateAbsolute(to), rateAbsolute(from), kNaN);
-    if (std::isnan(rate)) return kInvalidTime;
+    if (std::isnan(rate)) return kInvalid;
     SVTime toNow = timeOf(to);
     return SVTimeAdd(toNow, SVTimeMultiplyByFloat64(SVTimeSubtract(time, timeOf(from)), rate));
 }
@@ -171,7 +171,7 @@ SVTime timeOf(CFTypeRef object, Kind kind) noexcept {
         case Kind::Other:
             break;
     }
-    return kInvalidTime;
+    return kInvalid;
 }
 
 CFTypeRef ultimateMasterClock(const OpaqueSVTimebase *timebase) noexcept {

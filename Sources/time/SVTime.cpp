@@ -41,13 +41,13 @@ constexpr SVTime makeTime(int64_t value, int32_t timescale) noexcept {
     return {value, timescale, kSVTimeFlags_Valid, 0};
 }
 
-// A double truncated toward zero to 64 bits, saturating at the limits and
-// taking NaN as 0, where a plain conversion would be undefined.
-int64_t truncateToInt64(double x) noexcept {
-    if (__builtin_expect(std::fabs(x) < 9223372036854775808.0, 1)) return static_cast<int64_t>(x);
-    if (x != x) return 0;
-    return x > 0 ? kInt64Max : kInt64Min;  // -2^63 itself is the minimum too
-}
+// Doubles reach int64 through truncateToInt64 (SVTimeInternal.h): toward
+// zero, saturating at the limits, NaN as 0, where a plain conversion would
+// be undefined.  The clock converts its audio sample times with the same
+// rule, which is why it lives in the shared header.  The float multiply
+// and the seconds conversion below rely on the saturation: their products
+// may exceed the int64 range, and the result must then be the nearest
+// limit rather than whatever the hardware conversion yields.
 
 // Greatest common divisor of two positive timescales (binary method: no
 // divisions; the value is the one Euclid's algorithm gives).
@@ -391,10 +391,10 @@ SVTime SVTimeMultiply(SVTime time, int32_t multiplier) noexcept {
 
 CFDictionaryRef SVTimeCopyAsDictionary(SVTime time, CFAllocatorRef allocator) noexcept {
     int32_t flags = static_cast<int32_t>(time.flags);  // the bit pattern, as a signed 32-bit number
-    Owned<CFNumberRef> value(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.value));
-    Owned<CFNumberRef> timescale(CFNumberCreate(allocator, kCFNumberSInt32Type, &time.timescale));
-    Owned<CFNumberRef> epoch(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.epoch));
-    Owned<CFNumberRef> flagNumber(CFNumberCreate(allocator, kCFNumberSInt32Type, &flags));
+    sorvel::SVRetained<CFNumberRef> value(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.value));
+    sorvel::SVRetained<CFNumberRef> timescale(CFNumberCreate(allocator, kCFNumberSInt32Type, &time.timescale));
+    sorvel::SVRetained<CFNumberRef> epoch(CFNumberCreate(allocator, kCFNumberSInt64Type, &time.epoch));
+    sorvel::SVRetained<CFNumberRef> flagNumber(CFNumberCreate(allocator, kCFNumberSInt32Type, &flags));
     if (!value || !timescale || !epoch || !flagNumber) return nullptr;
     const void *keys[] = {kSVTimeValueKey, kSVTimeScaleKey, kSVTimeEpochKey, kSVTimeFlagsKey};
     const void *values[] = {value.get(), timescale.get(), epoch.get(), flagNumber.get()};

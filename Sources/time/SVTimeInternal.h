@@ -9,8 +9,7 @@
 // taken as the wrap it is in two's complement instead of the hardware trap).
 // A zero divisor is the one fatal case: a logged stop.
 //
-// Inline so the module's entry points and the tests share one copy; nothing
-// here allocates or locks.
+// Inline so the modules and the tests share one copy; nothing here allocates.
 #ifndef SORVEL_SOURCES_SVTIMEINTERNAL_H
 #define SORVEL_SOURCES_SVTIMEINTERNAL_H
 
@@ -21,6 +20,7 @@
 #include <limits>
 
 #include "core/SVLog.h"
+#include "core/SVObject.h"
 
 namespace sorvel::time {
 
@@ -152,10 +152,19 @@ __attribute__((always_inline)) inline Rescaled rescale(int64_t value, int32_t ol
     return rescaleLiteral(value, oldScale, newScale, method, function);
 }
 
+// A double truncated toward zero to 64 bits, saturating at the limits and
+// taking NaN as 0, where a plain conversion would be undefined.
+inline int64_t truncateToInt64(double x) noexcept {
+    if (__builtin_expect(std::fabs(x) < 9223372036854775808.0, 1)) return static_cast<int64_t>(x);
+    if (x != x) return 0;
+    return x > 0 ? kInt64Max : kInt64Min;  // -2^63 itself is the minimum too
+}
+
 constexpr bool isNumeric(const SVTime &time) noexcept {
     return (time.flags & 0x1Du) == kSVTimeFlags_Valid;
 }
 
+// All zero: the one "no answer" time every module returns.
 inline constexpr SVTime kInvalid = {0, 0, 0, 0};
 inline constexpr SVTime kZero = {0, 1, kSVTimeFlags_Valid, 0};
 inline constexpr SVTime kIndefinite = {0, 0, kSVTimeFlags_Valid | kSVTimeFlags_Indefinite, 0};
@@ -242,28 +251,6 @@ __attribute__((always_inline)) inline SVTime convertScale(const SVTime &time, in
     }
     return convertScaleLiteral(time, newScale, method, function);
 }
-
-// Releases a CoreFoundation object it owns when it goes out of scope.
-template <typename Ref>
-class Owned {
-public:
-    explicit Owned(Ref ref = nullptr) noexcept : ref_(ref) {}
-    ~Owned() {
-        if (ref_) CFRelease(ref_);
-    }
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    Ref get() const noexcept { return ref_; }
-    explicit operator bool() const noexcept { return ref_ != nullptr; }
-    Ref release() noexcept {
-        Ref ref = ref_;
-        ref_ = nullptr;
-        return ref;
-    }
-
-private:
-    Ref ref_;
-};
 
 }  // namespace sorvel::time
 

@@ -219,8 +219,8 @@ SVTime SVTimeMapDurationFromRangeToRange(SVTime duration, SVTimeRange fromRange,
 }
 
 CFDictionaryRef SVTimeRangeCopyAsDictionary(SVTimeRange range, CFAllocatorRef allocator) noexcept {
-    Owned<CFDictionaryRef> start(SVTimeCopyAsDictionary(range.start, allocator));
-    Owned<CFDictionaryRef> duration(SVTimeCopyAsDictionary(range.duration, allocator));
+    sorvel::SVRetained<CFDictionaryRef> start(SVTimeCopyAsDictionary(range.start, allocator));
+    sorvel::SVRetained<CFDictionaryRef> duration(SVTimeCopyAsDictionary(range.duration, allocator));
     if (!start || !duration) return nullptr;
     const void *keys[] = {kSVTimeRangeStartKey, kSVTimeRangeDurationKey};
     const void *values[] = {start.get(), duration.get()};
@@ -243,26 +243,26 @@ SVTimeMapping SVTimeMappingMakeFromDictionary(CFDictionaryRef dictionary) noexce
 }
 
 CFStringRef SVTimeRangeCopyDescription(CFAllocatorRef allocator, SVTimeRange range) noexcept {
-    Owned<CFStringRef> start(SVTimeCopyDescription(allocator, range.start));
-    Owned<CFStringRef> duration(SVTimeCopyDescription(allocator, range.duration));
+    sorvel::SVRetained<CFStringRef> start(SVTimeCopyDescription(allocator, range.start));
+    sorvel::SVRetained<CFStringRef> duration(SVTimeCopyDescription(allocator, range.duration));
     if (!start || !duration) return nullptr;
     return CFStringCreateWithFormat(allocator, nullptr, CFSTR("<%@, %@>"), start.get(), duration.get());
 }
 
 CFStringRef SVTimeMappingCopyDescription(CFAllocatorRef allocator, SVTimeMapping mapping) noexcept {
-    Owned<CFStringRef> source(SVTimeRangeCopyDescription(allocator, mapping.source));
-    Owned<CFStringRef> target(SVTimeRangeCopyDescription(allocator, mapping.target));
+    sorvel::SVRetained<CFStringRef> source(SVTimeRangeCopyDescription(allocator, mapping.source));
+    sorvel::SVRetained<CFStringRef> target(SVTimeRangeCopyDescription(allocator, mapping.target));
     if (!source || !target) return nullptr;
     return CFStringCreateWithFormat(allocator, nullptr, CFSTR("<%@, %@>"), source.get(), target.get());
 }
 
 void SVTimeRangeShow(SVTimeRange range) noexcept {
-    Owned<CFStringRef> description(SVTimeRangeCopyDescription(nullptr, range));
+    sorvel::SVRetained<CFStringRef> description(SVTimeRangeCopyDescription(nullptr, range));
     if (description) CFShow(description.get());
 }
 
 void SVTimeMappingShow(SVTimeMapping mapping) noexcept {
-    Owned<CFStringRef> description(SVTimeMappingCopyDescription(nullptr, mapping));
+    sorvel::SVRetained<CFStringRef> description(SVTimeMappingCopyDescription(nullptr, mapping));
     if (description) CFShow(description.get());
 }
 

@@ -41,7 +41,7 @@ const CFStringRef kSVTimebaseNotificationKey_EventTime = CFSTR("kSVTimebaseNotif
 
 namespace {
 
-constexpr SVTime kInvalidTime = {0, 0, 0, 0};
+using sorvel::time::kInvalid;
 constexpr SVTime kZeroTime = {0, 1, kSVTimeFlags_Valid, 0};
 
 void timebaseFinalize(CFTypeRef cf) noexcept;
@@ -160,7 +160,7 @@ void setRate(OpaqueSVTimebase *timebase, double rate, bool useCurrentTime) noexc
     {
         StateLock lock(timebase);
         State state = sorvel::timebase::readState(timebase);
-        SVTime now = kInvalidTime;
+        SVTime now = kInvalid;
         if (useCurrentTime) now = sorvel::timebase::timeAt(state, masterTime(timebase));
         oldRate = state.rate;
         if (rate == 0.0 && oldRate != 0.0) state.timebaseAnchor = now;
@@ -273,7 +273,7 @@ OSStatus SVTimebaseCreateWithMasterTimebase(CFAllocatorRef allocator, SVTimebase
 
 SVTime SVTimebaseGetTime(SVTimebaseRef timebase) noexcept {
     OpaqueSVTimebase *checkedTimebase = checked(timebase);
-    if (checkedTimebase == nullptr) return kInvalidTime;
+    if (checkedTimebase == nullptr) return kInvalid;
     return sorvel::timebase::currentTime(checkedTimebase);
 }
 

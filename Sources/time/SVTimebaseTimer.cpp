@@ -237,7 +237,7 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
     }
     TimerLock lock(tb);
     if (tb->timers == nullptr) __atomic_store_n(&tb->timers, new TimerRegistry, __ATOMIC_RELEASE);
-    Record record{timer, isSource, runLoop, Arm::None, {0, 0, 0, 0}, 0, 0};
+    Record record{timer, isSource, runLoop, Arm::None, sorvel::time::kInvalid, 0, 0};
     if (isSource) {
         dispatch_retain(static_cast<dispatch_source_t>(const_cast<void *>(timer)));
     } else {

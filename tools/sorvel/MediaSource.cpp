@@ -136,23 +136,20 @@ bool prefixesCoverSample(const uint8_t *data, size_t size, int prefix) {
     return covered == size;
 }
 
-// hvcC: 22 fixed bytes (the header length in byte 21), then arrays of units.
+// The parameter sets of an hvcC record, every unit of every array in order,
+// and its NAL unit header length.  An empty unit, or a record with none, is
+// damaged.
 bool hevcRecordSets(const uint8_t *record, size_t size, std::vector<Unit> &sets, int &headerLength) {
-    if (size < 23) return false;
-    headerLength = (record[21] & 3) + 1;
-    size_t position = 23;
-    for (unsigned array = 0, arrays = record[22]; array < arrays; ++array) {
-        if (position + 3 > size) return false;
-        const unsigned count = (record[position + 1] << 8) | record[position + 2];
-        position += 3;
-        for (unsigned i = 0; i < count; ++i) {
-            if (position + 2 > size) return false;
-            const size_t length = (record[position] << 8) | record[position + 1];
-            position += 2;
-            if (length == 0 || position + length > size) return false;
-            sets.push_back({record + position, length});
-            position += length;
-        }
+    size_t count = 0;
+    SVGetParameterSetFromHEVCDecoderConfigurationRecord(record, size, 0, nullptr, nullptr, &count, &headerLength);
+    for (size_t i = 0; i < count; ++i) {
+        const uint8_t *unit = nullptr;
+        size_t length = 0;
+        if (SVGetParameterSetFromHEVCDecoderConfigurationRecord(record, size, i, &unit, &length, nullptr, nullptr) !=
+                0 ||
+            length == 0)
+            return false;
+        sets.push_back({unit, length});
     }
     return !sets.empty();
 }
@@ -410,8 +407,8 @@ bool MediaSource::describeVideo(ToolError &error) {
                 headerLength, description.out());
         }
     } else if (lengthPrefixed_) {
-        // The library's hvcC-to-Annex B form keeps a type byte after every
-        // start code, so the arrays are read here instead.
+        // The units are taken one by one: the library's hvcC-to-Annex B form
+        // keeps a type byte after every start code.
         std::vector<Unit> sets;
         int headerLength = 4;
         if (hevcRecordSets(extra, extraSize, sets, headerLength)) {
