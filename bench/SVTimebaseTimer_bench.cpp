@@ -169,9 +169,9 @@ void BM_timerfd_Loop_WakeUpError(benchmark::State &state) {
         int64_t deadline = monotonicNow();
         for (int i = 0; i < kFirings; i++) {
             deadline += kSpacingNs;
-            itimerspec spec = {{0, 0},
-                               {static_cast<time_t>(deadline / 1000000000), static_cast<long>(deadline % 1000000000)}};
-            timerfd_settime(fd, TFD_TIMER_ABSTIME, &spec, nullptr);
+            itimerspec arming = {
+                {0, 0}, {static_cast<time_t>(deadline / 1000000000), static_cast<long>(deadline % 1000000000)}};
+            timerfd_settime(fd, TFD_TIMER_ABSTIME, &arming, nullptr);
             uint64_t expirations;
             if (read(fd, &expirations, sizeof expirations) != sizeof expirations) break;
             errors.push_back(monotonicNow() - deadline);

@@ -207,25 +207,25 @@ void PulseOutput::failLocked(std::string reason) {
 }
 
 bool PulseOutput::open(int sampleRate, const std::vector<Speaker> &speakers, double bufferSeconds, std::string &error) {
-    pa_sample_spec spec = {};
-    spec.format = PA_SAMPLE_FLOAT32NE;
-    spec.rate = sampleRate > 0 ? static_cast<uint32_t>(sampleRate) : 0;
-    spec.channels = speakers.size() <= PA_CHANNELS_MAX ? static_cast<uint8_t>(speakers.size()) : 0;
-    if (!pa_sample_spec_valid(&spec)) {
+    pa_sample_spec sampleFormat = {};
+    sampleFormat.format = PA_SAMPLE_FLOAT32NE;
+    sampleFormat.rate = sampleRate > 0 ? static_cast<uint32_t>(sampleRate) : 0;
+    sampleFormat.channels = speakers.size() <= PA_CHANNELS_MAX ? static_cast<uint8_t>(speakers.size()) : 0;
+    if (!pa_sample_spec_valid(&sampleFormat)) {
         error = "the audio server cannot play " + std::to_string(speakers.size()) + " channels at " +
                 std::to_string(sampleRate) + " Hz";
         return false;
     }
     pa_channel_map map;
     pa_channel_map_init(&map);
-    map.channels = spec.channels;
+    map.channels = sampleFormat.channels;
     int auxiliary = 0;
     for (size_t c = 0; c < speakers.size(); ++c) map.map[c] = positionOf(speakers[c], auxiliary);
-    if (!pa_channel_map_valid(&map) || !pa_channel_map_compatible(&map, &spec))
-        pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
+    if (!pa_channel_map_valid(&map) || !pa_channel_map_compatible(&map, &sampleFormat))
+        pa_channel_map_init_extend(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
 
     pa_threaded_mainloop_lock(loop_);
-    stream_ = pa_stream_new(context_, "sorvel play", &spec, &map);
+    stream_ = pa_stream_new(context_, "sorvel play", &sampleFormat, &map);
     if (!stream_) {
         error = "the audio server refused a stream of " + std::to_string(speakers.size()) + " channels at " +
                 std::to_string(sampleRate) + " Hz: " + contextError(context_);
@@ -233,13 +233,14 @@ bool PulseOutput::open(int sampleRate, const std::vector<Speaker> &speakers, dou
         return false;
     }
     sampleRate_ = sampleRate;
-    bytesPerFrame_ = static_cast<uint32_t>(pa_frame_size(&spec));
+    bytesPerFrame_ = static_cast<uint32_t>(pa_frame_size(&sampleFormat));
     pa_stream_set_state_callback(stream_, Callbacks::streamState, this);
     pa_stream_set_write_callback(stream_, Callbacks::signal, this);
     pa_stream_set_underflow_callback(stream_, Callbacks::underflow, this);
     pa_buffer_attr attributes;
     attributes.maxlength = static_cast<uint32_t>(-1);
-    attributes.tlength = static_cast<uint32_t>(pa_usec_to_bytes(static_cast<pa_usec_t>(bufferSeconds * 1e6), &spec));
+    attributes.tlength =
+        static_cast<uint32_t>(pa_usec_to_bytes(static_cast<pa_usec_t>(bufferSeconds * 1e6), &sampleFormat));
     attributes.prebuf = static_cast<uint32_t>(-1);
     attributes.minreq = static_cast<uint32_t>(-1);
     attributes.fragsize = static_cast<uint32_t>(-1);
