@@ -46,46 +46,6 @@ std::string libraryError(int status) {
     return text;
 }
 
-struct MemoryInput {
-    const uint8_t *data;
-    size_t size;
-    size_t position;
-};
-
-int readMemory(void *opaque, uint8_t *buffer, int size) {
-    auto *input = static_cast<MemoryInput *>(opaque);
-    const size_t left = input->size - input->position;
-    if (left == 0) return AVERROR_EOF;
-    const size_t count = std::min(left, static_cast<size_t>(size));
-    memcpy(buffer, input->data + input->position, count);
-    input->position += count;
-    return static_cast<int>(count);
-}
-
-int64_t seekMemory(void *opaque, int64_t offset, int whence) {
-    auto *input = static_cast<MemoryInput *>(opaque);
-    int64_t base = 0;
-    switch (whence & ~AVSEEK_FORCE) {
-        case AVSEEK_SIZE:
-            return static_cast<int64_t>(input->size);
-        case SEEK_SET:
-            base = 0;
-            break;
-        case SEEK_CUR:
-            base = static_cast<int64_t>(input->position);
-            break;
-        case SEEK_END:
-            base = static_cast<int64_t>(input->size);
-            break;
-        default:
-            return AVERROR(EINVAL);
-    }
-    const int64_t target = base + offset;
-    if (target < 0 || target > static_cast<int64_t>(input->size)) return AVERROR(EINVAL);
-    input->position = static_cast<size_t>(target);
-    return target;
-}
-
 bool isParameterSet(FourCharCode codec, unsigned type) {
     if (codec == kSVVideoCodecType_H264) return type == kH264NAL_SPS || type == kH264NAL_PPS;
     return type == kHEVCNAL_VPS || type == kHEVCNAL_SPS || type == kHEVCNAL_PPS;
@@ -226,11 +186,7 @@ std::unique_ptr<MediaSource> MediaSource::openForDescription(const std::string &
 MediaSource::~MediaSource() {
     av_packet_free(&packet_);
     avformat_close_input(&format_context_);
-    if (memory_io_) {
-        delete static_cast<MemoryInput *>(memory_io_->opaque);
-        av_freep(&memory_io_->buffer);
-        avio_context_free(&memory_io_);
-    }
+    closeEmbeddedStreamIO(memory_io_);
 }
 
 bool MediaSource::openInput(const std::string &path, ToolError &error) {
@@ -241,17 +197,9 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
     }
     if (path.empty()) {
         name_ = kEmbeddedStreamName;
-        size_t size = 0;
-        const uint8_t *data = embeddedStream(size);
-        auto *input = new MemoryInput{data, size, 0};
-        constexpr int kBufferSize = 16384;
-        auto *buffer = static_cast<unsigned char *>(av_malloc(kBufferSize));
-        memory_io_ =
-            buffer ? avio_alloc_context(buffer, kBufferSize, 0, input, readMemory, nullptr, seekMemory) : nullptr;
+        memory_io_ = openEmbeddedStreamIO();
         format_context_ = avformat_alloc_context();
         if (!memory_io_ || !format_context_) {
-            if (!memory_io_) delete input;
-            av_free(memory_io_ ? nullptr : buffer);
             error = {kExitFailure, "out of memory"};
             return false;
         }

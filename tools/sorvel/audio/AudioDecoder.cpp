@@ -28,46 +28,6 @@ constexpr double kLongestFilledGapSeconds = 10.0;
 // This many packets in a row that fail to decode end decoding.
 constexpr int64_t kFailuresInARow = 50;
 
-struct MemoryInput {
-    const uint8_t *data;
-    size_t size;
-    size_t position;
-};
-
-int readMemory(void *opaque, uint8_t *buffer, int size) {
-    auto *input = static_cast<MemoryInput *>(opaque);
-    const size_t left = input->size - input->position;
-    if (left == 0) return AVERROR_EOF;
-    const size_t count = std::min(left, static_cast<size_t>(size));
-    memcpy(buffer, input->data + input->position, count);
-    input->position += count;
-    return static_cast<int>(count);
-}
-
-int64_t seekMemory(void *opaque, int64_t offset, int whence) {
-    auto *input = static_cast<MemoryInput *>(opaque);
-    int64_t base;
-    switch (whence & ~AVSEEK_FORCE) {
-        case AVSEEK_SIZE:
-            return static_cast<int64_t>(input->size);
-        case SEEK_SET:
-            base = 0;
-            break;
-        case SEEK_CUR:
-            base = static_cast<int64_t>(input->position);
-            break;
-        case SEEK_END:
-            base = static_cast<int64_t>(input->size);
-            break;
-        default:
-            return AVERROR(EINVAL);
-    }
-    const int64_t target = base + offset;
-    if (target < 0 || target > static_cast<int64_t>(input->size)) return AVERROR(EINVAL);
-    input->position = static_cast<size_t>(target);
-    return target;
-}
-
 std::string errorText(int status) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(status, text, sizeof text);
@@ -191,11 +151,7 @@ AudioDecoder::~AudioDecoder() {
     av_packet_free(&packet_);
     avcodec_free_context(&codec_);
     avformat_close_input(&format_);
-    if (memoryIo_) {
-        delete static_cast<MemoryInput *>(memoryIo_->opaque);
-        av_freep(&memoryIo_->buffer);
-        avio_context_free(&memoryIo_);
-    }
+    closeEmbeddedStreamIO(memoryIo_);
 }
 
 bool AudioDecoder::openInput(const std::string &path, std::string &error) {
@@ -206,19 +162,9 @@ bool AudioDecoder::openInput(const std::string &path, std::string &error) {
         return false;
     }
     if (path.empty()) {
-        size_t size = 0;
-        const uint8_t *bytes = embeddedStream(size);
-        constexpr int kBufferSize = 65536;
-        auto *buffer = static_cast<uint8_t *>(av_malloc(kBufferSize));
-        auto *input = new MemoryInput{bytes, size, 0};
-        memoryIo_ =
-            buffer ? avio_alloc_context(buffer, kBufferSize, 0, input, readMemory, nullptr, seekMemory) : nullptr;
+        memoryIo_ = openEmbeddedStreamIO();
         format_ = avformat_alloc_context();
         if (!memoryIo_ || !format_) {
-            if (!memoryIo_) {
-                delete input;
-                av_free(buffer);
-            }
             error = "out of memory";
             return false;
         }
