@@ -91,6 +91,7 @@ struct PulseOutput::Callbacks {
     static void underflow(pa_stream *, void *userdata) {
         auto *self = static_cast<PulseOutput *>(userdata);
         self->underruns_.fetch_add(1);
+        self->reportDryLocked();
     }
 
     static void serverInfo(pa_context *, const pa_server_info *info, void *userdata) {
@@ -288,6 +289,22 @@ void PulseOutput::reportTimingLocked() {
                                       static_cast<int64_t>(pa_timeval_load(&wall)), host);
     reporter_->report(timing);
     if (reporter_->started()) clockRunning_.store(true);
+}
+
+void PulseOutput::reportDryLocked() {
+    if (!reporter_ || !stream_) return;
+    // The server says where the stream ran out; a timing query made later
+    // could find it playing again already (the writer refills it at once
+    // after a pause of the whole process), and the stand would go unseen.
+    const int64_t index = pa_stream_get_underflow_index(stream_);
+    if (index < 0) return;
+    const pa_timing_info *info = pa_stream_get_timing_info(stream_);
+    StreamTiming timing;
+    timing.readIndexBytes = index;
+    timing.deviceLatencyMicros = info ? static_cast<int64_t>(info->sink_usec) : 0;
+    timing.playing = false;
+    timing.hostTime = monotonicNow();
+    reporter_->report(timing);
 }
 
 void PulseOutput::hold() {

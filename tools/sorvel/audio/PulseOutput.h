@@ -89,6 +89,9 @@ private:
     bool waitLocked(double timeoutSeconds, const std::function<bool()> &done);
     void failLocked(std::string reason);
     void reportTimingLocked();
+    // Tells the device that the stream ran dry: its clock stands at the
+    // sample where the data ended until a timing finds it playing again.
+    void reportDryLocked();
 
     pa_threaded_mainloop *loop_ = nullptr;
     pa_context *context_ = nullptr;
