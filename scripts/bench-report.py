@@ -238,7 +238,7 @@ def program_rows(build, bench_dir, runs):
     ours_out, peer_out = os.path.join(scratch, "sorvel.h264"), os.path.join(scratch, "ffmpeg.h264")
     pairs = [
         ("sorvel annexb vs ffmpeg -c:v copy -bsf:v h264_mp4toannexb",
-         [sorvel, "annexb", media, ours_out],
+         [sorvel, "annexb", "-y", media, ours_out],
          ["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-i", media, "-map", "0:v:0", "-c:v", "copy",
           "-bsf:v", "h264_mp4toannexb", "-f", "h264", peer_out]),
         ("sorvel probe --samples --json vs ffprobe -show_packets -of json",
