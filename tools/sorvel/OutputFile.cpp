@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 namespace sorvel::tool {
 namespace {
@@ -110,6 +111,9 @@ bool OutputFile::open(const std::string &path, const std::string &input, bool ov
         error = {kExitFailure, format("%s: %s", path.c_str(), strerror(why))};
         return false;
     }
+    constexpr size_t kBufferBytes = 1 << 20;
+    buffer_.reset(new (std::nothrow) char[kBufferBytes]);
+    if (buffer_) setvbuf(stream_, buffer_.get(), _IOFBF, kBufferBytes);
     return true;
 }
 
@@ -122,7 +126,10 @@ bool OutputFile::commit(ToolError &error) {
         return true;
     }
     FILE *stream = std::exchange(stream_, nullptr);
-    if (!stream || fflush(stream) != 0 || fsync(fileno(stream)) != 0 || fclose(stream) != 0) {
+    // Made durable before it replaces a file, so that a crash leaves the old
+    // one or the whole new one; a new name has nothing to lose, and the sync
+    // of a large output costs as much as the rest of a conversion.
+    if (!stream || fflush(stream) != 0 || (overwrite_ && fsync(fileno(stream)) != 0) || fclose(stream) != 0) {
         error = {kExitFailure, format("%s: %s", path_.c_str(), strerror(errno))};
         discard();
         return false;

@@ -10,6 +10,7 @@
 #define SORVEL_TOOLS_SORVEL_OUTPUTFILE_H
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "Tool.h"
@@ -37,6 +38,9 @@ private:
 
     std::string path_, temporary_;
     FILE *stream_ = nullptr;
+    // The stream's buffer: large, so that a conversion makes a few large
+    // writes instead of two per sample.
+    std::unique_ptr<char[]> buffer_;
     bool overwrite_ = false;
 };
 
