@@ -23,6 +23,17 @@ enum : uint32_t {
     kSVSampleBufferKind_DataBuffer = 1,
 };
 
+// A seqlock-guarded copy of the output-timing adjustments: `sequence` is
+// odd while a reader that computed them stores them; `changes` is the
+// attachment storage's change count they were read at.  Every field is
+// accessed atomically, so readers on several threads may share it.
+struct SVOutputAdjustmentCache {
+    uint32_t sequence;
+    uint32_t changes;
+    uint64_t filled;
+    uint64_t words[9];
+};
+
 struct OpaqueSVSampleBuffer {
     CFRuntimeBase base;
     // Must come first after the header: CoreVideo's attachment calls work on
@@ -62,6 +73,9 @@ struct OpaqueSVSampleBuffer {
     SVSampleBufferRef trackedBuffer;     // retained; the buffer whose readiness this one shares
     SVTime outputPresentationTimeStamp;  // all zero until set
     CFArrayRef sampleAttachmentsArray;   // per-sample mutable dictionaries, made on demand
+    // What the output-timing getters read from the attachments, kept until
+    // the attachments change (SVSampleBufferTiming.cpp); zero-filled = empty.
+    SVOutputAdjustmentCache outputAdjustments;
 };
 
 namespace sorvel {

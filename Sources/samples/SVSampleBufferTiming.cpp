@@ -7,11 +7,15 @@
 //   duration:     ((D - trimStart) - trimEnd) * (1 / speed);
 //   decode:       OP + (T - P) * (1 / speed),
 // where a speed of exactly 0.0 makes the duration and decode rules answer
-// the all-zero time.  The attachments are read once per call.
+// the all-zero time.  The attachments are read at most once per call, and
+// not at all while they have not changed (see the adjustment cache below).
 
+#include <CoreFoundation/CFDictionary.h>
 #include <CoreVideo/CVBuffer.h>
 #include <Sorvel/SVAttachment.h>
 #include <Sorvel/SVSampleBuffer.h>
+
+#include <cstring>
 
 #include "samples/SVSampleBufferInternal.h"
 
@@ -43,9 +47,12 @@ CFTypeRef attachment(SVSampleBufferRef sbuf, CFStringRef key) noexcept {
 }
 
 // A trim attachment: an SVTime dictionary; anything that does not make a
-// valid time counts as zero.
-SVTime readTrim(SVSampleBufferRef sbuf, CFStringRef key) noexcept {
-    SVTime trim = SVTimeMakeFromDictionary(static_cast<CFDictionaryRef>(attachment(sbuf, key)));
+// valid time counts as zero.  A mutable dictionary may change without the
+// buffer knowing, so what it gives is not cached.
+SVTime readTrim(SVSampleBufferRef sbuf, CFStringRef key, bool &cacheable) noexcept {
+    const auto dictionary = static_cast<CFDictionaryRef>(attachment(sbuf, key));
+    if (_CFDictionaryIsMutable(dictionary)) cacheable = false;
+    SVTime trim = SVTimeMakeFromDictionary(dictionary);
     return SVTIME_IS_VALID(trim) ? trim : kSVTimeZero;
 }
 
@@ -79,11 +86,63 @@ struct Adjustments {
 constexpr SVTime kZeroTrim = {0, 1, kSVTimeFlags_Valid, 0};  // kSVTimeZero
 constexpr Adjustments kNoAdjustments = {kZeroTrim, kZeroTrim, {1.0, false}, false};
 
-Adjustments readAdjustments(SVSampleBufferRef sbuf) noexcept {
-    if (hasNoAttachments(sbuf)) return kNoAdjustments;
-    return {readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart),
-            readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtEnd), readSpeed(sbuf),
+Adjustments readAdjustments(SVSampleBufferRef sbuf, bool &cacheable) noexcept {
+    return {readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart, cacheable),
+            readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtEnd, cacheable), readSpeed(sbuf),
             attachment(sbuf, kSVSampleBufferAttachmentKey_Reverse) == kCFBooleanTrue};
+}
+
+// ---- The adjustment cache ----------------------------------------------------
+// Four locked dictionary look-ups and two time dictionaries parsed on every
+// call were nearly all the cost of the output getters, for values that
+// change seldom.  A buffer keeps what it last read with the attachment
+// storage's change count; the answers are those a fresh read would give.
+// Readers on several threads share the cache through a sequence count: one
+// that finds it being filled, or stale, reads the attachments itself.
+
+constexpr size_t kCacheWords = sizeof(SVOutputAdjustmentCache::words) / sizeof(uint64_t);
+static_assert(sizeof(Adjustments) <= sizeof(SVOutputAdjustmentCache::words), "the cache holds the adjustments");
+
+bool loadCached(SVOutputAdjustmentCache &cache, uint32_t changes, Adjustments &adjust) noexcept {
+    const uint32_t before = __atomic_load_n(&cache.sequence, __ATOMIC_ACQUIRE);
+    if ((before & 1) != 0 || !__atomic_load_n(&cache.filled, __ATOMIC_RELAXED) ||
+        __atomic_load_n(&cache.changes, __ATOMIC_RELAXED) != changes)
+        return false;
+    uint64_t words[kCacheWords];
+    for (size_t i = 0; i < kCacheWords; i++) words[i] = __atomic_load_n(&cache.words[i], __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    if (__atomic_load_n(&cache.sequence, __ATOMIC_RELAXED) != before) return false;
+    memcpy(&adjust, words, sizeof adjust);
+    return true;
+}
+
+// Stores unless another reader is storing at the same moment.
+void storeCached(SVOutputAdjustmentCache &cache, uint32_t changes, const Adjustments &adjust) noexcept {
+    uint32_t sequence = __atomic_load_n(&cache.sequence, __ATOMIC_RELAXED);
+    if ((sequence & 1) != 0 || !__atomic_compare_exchange_n(&cache.sequence, &sequence, sequence + 1, false,
+                                                            __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        return;
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    uint64_t words[kCacheWords] = {};
+    memcpy(words, &adjust, sizeof adjust);
+    for (size_t i = 0; i < kCacheWords; i++) __atomic_store_n(&cache.words[i], words[i], __ATOMIC_RELAXED);
+    __atomic_store_n(&cache.changes, changes, __ATOMIC_RELAXED);
+    __atomic_store_n(&cache.filled, uint64_t{1}, __ATOMIC_RELAXED);
+    __atomic_store_n(&cache.sequence, sequence + 2, __ATOMIC_RELEASE);
+}
+
+Adjustments adjustmentsOf(SVSampleBufferRef sbuf) noexcept {
+    if (hasNoAttachments(sbuf)) return kNoAdjustments;
+    auto *b = reinterpret_cast<Buffer *>(sbuf);
+    // Taken before the attachments are read: a change made meanwhile leaves
+    // the stored copy stale, and the next reader reads again.
+    const uint32_t changes = __atomic_load_n(&b->attachments._changes, __ATOMIC_ACQUIRE);
+    Adjustments adjust;
+    if (loadCached(b->outputAdjustments, changes, adjust)) return adjust;
+    bool cacheable = true;
+    adjust = readAdjustments(sbuf, cacheable);
+    if (cacheable) storeCached(b->outputAdjustments, changes, adjust);
+    return adjust;
 }
 
 // The speed does not enter the presentation rule.
@@ -133,12 +192,7 @@ SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) noex
     if (!isUsable(sbuf)) return kInvalid;
     const Buffer *b = asBuffer(sbuf);
     if (hasOverride(b)) return b->outputPresentationTimeStamp;
-    if (hasNoAttachments(sbuf)) return bufferOutputPresentation(sbuf, kNoAdjustments);
-    Adjustments adjust{};
-    adjust.trimAtStart = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart);
-    adjust.reverse = attachment(sbuf, kSVSampleBufferAttachmentKey_Reverse) == kCFBooleanTrue;
-    if (adjust.reverse) adjust.trimAtEnd = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtEnd);
-    return bufferOutputPresentation(sbuf, adjust);
+    return bufferOutputPresentation(sbuf, adjustmentsOf(sbuf));
 }
 
 OSStatus SVSampleBufferSetOutputPresentationTimeStamp(SVSampleBufferRef sbuf,
@@ -153,7 +207,7 @@ SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
     const Buffer *b = asBuffer(sbuf);
     if (b->kind != kSVSampleBufferKind_DataBuffer && b->kind != kSVSampleBufferKind_ImageBuffer)
         SVSampleBufferBug("SVSampleBufferGetOutputDecodeTimeStamp", __LINE__);
-    const Adjustments adjust = readAdjustments(sbuf);
+    const Adjustments adjust = adjustmentsOf(sbuf);
     // For the image kind the buffer-wide decode time is its inline one.
     return outputDecode(adjust, bufferOutputPresentation(sbuf, adjust), SVSampleBufferGetPresentationTimeStamp(sbuf),
                         SVSampleBufferGetDecodeTimeStamp(sbuf));
@@ -161,13 +215,7 @@ SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
 
 SVTime SVSampleBufferGetOutputDuration(SVSampleBufferRef sbuf) noexcept {
     if (!isUsable(sbuf)) return kInvalid;
-    if (hasNoAttachments(sbuf)) return outputDuration(kNoAdjustments, SVSampleBufferGetDuration(sbuf));
-    Adjustments adjust{};
-    adjust.speed = readSpeed(sbuf);
-    if (adjust.speed.isZero) return kInvalid;
-    adjust.trimAtStart = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtStart);
-    adjust.trimAtEnd = readTrim(sbuf, kSVSampleBufferAttachmentKey_TrimDurationAtEnd);
-    return outputDuration(adjust, SVSampleBufferGetDuration(sbuf));
+    return outputDuration(adjustmentsOf(sbuf), SVSampleBufferGetDuration(sbuf));
 }
 
 // ==== Timing arrays ==========================================================
@@ -209,7 +257,7 @@ OSStatus SVSampleBufferGetOutputSampleTimingInfoArray(SVSampleBufferRef sbuf, SV
     OSStatus status =
         SVSampleBufferGetSampleTimingInfoArray(sbuf, timingArrayEntries, timingArrayOut, timingArrayEntriesNeededOut);
     if (!timingArrayOut || status != 0) return status;
-    const Adjustments adjust = readAdjustments(sbuf);
+    const Adjustments adjust = adjustmentsOf(sbuf);
     // Every slot of the caller's capacity, filled or not; the override is
     // a buffer-wide answer and plays no part per sample.
     for (SVItemCount i = 0; i < timingArrayEntries; i++) {

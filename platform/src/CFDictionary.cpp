@@ -143,6 +143,11 @@ CFMutableDictionaryRef CFDictionaryCreateMutableCopy(CFAllocatorRef allocator, C
     return copyDictionary(allocator, theDict, true, capacity);
 }
 
+Boolean _CFDictionaryIsMutable(CFDictionaryRef theDict) noexcept {
+    if (theDict == nullptr || CFGetTypeID(theDict) != kCFDictionaryTypeID) return false;
+    return theDict->table.isMutable;
+}
+
 CFIndex CFDictionaryGetCount(CFDictionaryRef theDict) noexcept {
     CF_VALIDATE(theDict, kCFDictionaryTypeID);
     return theDict->table.count;

@@ -64,6 +64,11 @@ private:
     uint32_t *word_;
 };
 
+// Raises the change count; lock held, after the change.
+void noteChangeLocked(CVAttachmentStorage *storage) {
+    __atomic_store_n(&storage->_changes, storage->_changes + 1, __ATOMIC_RELEASE);
+}
+
 // Objects to release once the lock is dropped.  Room is reserved before
 // the lock is taken, so nothing is allocated while it is held.
 class Graveyard {
@@ -134,6 +139,7 @@ void setEntries(CFTypeRef buffer, const void *const *keys, const void *const *va
             if (keys[i] == nullptr || values[i] == nullptr) continue;
             setLocked(storage, keys[i], values[i], mode, graveyard);
         }
+        noteChangeLocked(storage);
         break;
     }
     if (fresh != nullptr) CFRelease(fresh);  // another thread made the dictionary first
@@ -213,6 +219,7 @@ void CVBufferRemoveAttachment(CVBufferRef buffer, CFStringRef key) noexcept {
     StorageLock lock(storage);
     for (CVAttachmentMode mode = 0; mode < kModeCount; ++mode)
         removeKeyLocked(storage->_dictionaries[mode], key, graveyard);
+    noteChangeLocked(storage);
 }
 
 void CVBufferRemoveAllAttachments(CVBufferRef buffer) noexcept {
@@ -225,6 +232,7 @@ void CVBufferRemoveAllAttachments(CVBufferRef buffer) noexcept {
             doomed[mode] = storage->_dictionaries[mode];
             __atomic_store_n(&storage->_dictionaries[mode], nullptr, __ATOMIC_RELEASE);
         }
+        noteChangeLocked(storage);
     }
     for (CFMutableDictionaryRef dictionary : doomed)
         if (dictionary != nullptr) CFRelease(dictionary);

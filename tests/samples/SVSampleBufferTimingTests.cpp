@@ -7,9 +7,12 @@
 #include <Sorvel/SVSampleBuffer.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <thread>
 #include <vector>
 
 #include "core/SVObject.h"
@@ -256,6 +259,91 @@ TEST(SVSampleBufferPerSample, SizeArrayStatuses) {
     EXPECT_EQ(SVSampleBufferGetSampleSizeArray(shared.get(), 3, out, &needed), kSVSampleBufferError_Invalidated);
     EXPECT_EQ(SVSampleBufferGetSampleSize(shared.get(), 0), 0u);
     EXPECT_EQ(SVSampleBufferGetTotalSampleSize(shared.get()), 0u);
+}
+
+// The output getters keep what they read from the attachments until the
+// attachments change: every kind of change must be seen at once, and a
+// trim that can change behind the buffer's back must never be kept.
+TEST(SVSampleBufferOutputTiming, EveryChangeOfTheAttachmentsIsSeen) {
+    auto sbuf = dataSample(1, {{T(5), T(10), T(9)}});  // presented at 10 s for 5 s, decoded at 9 s
+    auto other = dataSample(1, {{T(5), T(10), T(9)}});
+    SVRetained<CFDictionaryRef> trimOfThree(SVTimeCopyAsDictionary(T(3), nullptr));
+    SVRetained<CFMutableDictionaryRef> mutableTrim(CFDictionaryCreateMutableCopy(
+        nullptr, 0, SVRetained<CFDictionaryRef>(SVTimeCopyAsDictionary(T(1), nullptr)).get()));
+    const int64_t two = 2;
+    SVRetained<CFNumberRef> twoSeconds(CFNumberCreate(nullptr, kCFNumberSInt64Type, &two));
+    struct Step {
+        const char *change;
+        std::function<void()> apply;
+        double presentation, duration;
+    } steps[] = {
+        {"a trim at start", [&] { attachTime(sbuf.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, T(1)); }, 11,
+         4},
+        {"the trim replaced", [&] { attachTime(sbuf.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, T(2)); },
+         12, 3},
+        {"double speed", [&] { attachSpeed(sbuf.get(), 2.0); }, 12, 1.5},
+        {"the speed removed",
+         [&] { CVBufferRemoveAttachment((CVBufferRef)sbuf.get(), kSVSampleBufferAttachmentKey_SpeedMultiplier); }, 12,
+         3},
+        {"reversed", [&] { attach(sbuf.get(), kSVSampleBufferAttachmentKey_Reverse, kCFBooleanTrue); }, 15, 3},
+        {"all removed", [&] { CVBufferRemoveAllAttachments((CVBufferRef)sbuf.get()); }, 10, 5},
+        {"set as a dictionary, not propagated",
+         [&] {
+             const void *keys[] = {kSVSampleBufferAttachmentKey_TrimDurationAtStart};
+             const void *values[] = {trimOfThree.get()};
+             SVRetained<CFDictionaryRef> attachments(CFDictionaryCreate(
+                 nullptr, keys, values, 1, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
+             CVBufferSetAttachments((CVBufferRef)sbuf.get(), attachments.get(), kCVAttachmentMode_ShouldNotPropagate);
+         },
+         13, 2},
+        {"propagated from another buffer",
+         [&] {
+             attachTime(other.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, T(4));
+             CVBufferPropagateAttachments((CVBufferRef)other.get(), (CVBufferRef)sbuf.get());
+         },
+         14, 1},
+        {"a mutable trim",
+         [&] { attach(sbuf.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, mutableTrim.get()); }, 11, 4},
+        {"the mutable trim changed in place",
+         [&] { CFDictionarySetValue(mutableTrim.get(), CFSTR("value"), twoSeconds.get()); }, 12, 3},
+    };
+    for (const Step &step : steps) {
+        // Read before and after, so that a kept answer would show.
+        (void)SVSampleBufferGetOutputPresentationTimeStamp(sbuf.get());
+        step.apply();
+        for (int read = 0; read < 2; read++) {
+            EXPECT_EQ(SVTimeGetSeconds(SVSampleBufferGetOutputPresentationTimeStamp(sbuf.get())), step.presentation)
+                << step.change;
+            EXPECT_EQ(SVTimeGetSeconds(SVSampleBufferGetOutputDuration(sbuf.get())), step.duration) << step.change;
+        }
+    }
+}
+
+// Readers share the kept adjustments while a writer flips them: every
+// answer is one the attachments had (the TSan build checks the sharing).
+TEST(SVSampleBufferOutputTiming, ReadersAndAWriterAgreeOnEveryAnswer) {
+    auto sbuf = dataSample(1, {{T(5), T(10), T(9)}});
+    SVRetained<CFDictionaryRef> trims[] = {SVRetained<CFDictionaryRef>(SVTimeCopyAsDictionary(T(1), nullptr)),
+                                           SVRetained<CFDictionaryRef>(SVTimeCopyAsDictionary(T(2), nullptr))};
+    attach(sbuf.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, trims[0].get());
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; r++)
+        readers.emplace_back([&] {
+            while (!done.load()) {
+                const double pts = SVTimeGetSeconds(SVSampleBufferGetOutputPresentationTimeStamp(sbuf.get()));
+                const double dts = SVTimeGetSeconds(SVSampleBufferGetOutputDecodeTimeStamp(sbuf.get()));
+                if ((pts != 11 && pts != 12) || (dts != 10 && dts != 11)) wrong++;
+            }
+        });
+    for (int i = 0; i < 20000; i++)
+        attach(sbuf.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, trims[i % 2].get());
+    attach(sbuf.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, trims[1].get());
+    done = true;
+    for (std::thread &reader : readers) reader.join();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(SVTimeGetSeconds(SVSampleBufferGetOutputPresentationTimeStamp(sbuf.get())), 12);
 }
 
 }  // namespace

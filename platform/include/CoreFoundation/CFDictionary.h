@@ -82,6 +82,12 @@ CF_EXPORT void CFDictionaryReplaceValue(CFMutableDictionaryRef theDict, const vo
 CF_EXPORT void CFDictionaryRemoveValue(CFMutableDictionaryRef theDict, const void *key) CF_NOEXCEPT;
 CF_EXPORT void CFDictionaryRemoveAllValues(CFMutableDictionaryRef theDict) CF_NOEXCEPT;
 
+/* Whether `theDict` was made mutable (and so may change after it was
+ * handed on): a reader that caches what it derives from a dictionary
+ * caches only what an immutable one gives.  False for NULL and for an
+ * object that is not a dictionary. */
+CF_EXPORT Boolean _CFDictionaryIsMutable(CFDictionaryRef theDict) CF_NOEXCEPT;
+
 CF_EXTERN_C_END
 
 #endif /* COREFOUNDATION_CFDICTIONARY_H */

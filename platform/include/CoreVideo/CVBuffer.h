@@ -59,11 +59,14 @@ typedef uint32_t CVAttachmentMode;
 enum { kCVAttachmentMode_ShouldNotPropagate = 0, kCVAttachmentMode_ShouldPropagate = 1 };
 
 /* Private to the attachment functions; lay it out in your object, never
- * touch its fields. */
+ * write its fields.  `_changes` may be read (atomically, with acquire
+ * order): every call that changes either dictionary raises it, after the
+ * change, so an object can cache what it derives from its attachments and
+ * notice when they change. */
 typedef struct CVAttachmentStorage {
     CFMutableDictionaryRef _dictionaries[2]; /* indexed by mode; created on first set */
     uint32_t _lock;                          /* 0 = unlocked */
-    uint32_t _reserved;
+    uint32_t _changes;                       /* raised by every change */
 } CVAttachmentStorage;
 
 /* Sets `key` to `value` (both retained) in `attachmentMode`'s dictionary,
