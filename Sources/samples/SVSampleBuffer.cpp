@@ -445,6 +445,8 @@ Boolean SVSampleBufferHasDataFailed(SVSampleBufferRef sbuf, OSStatus *statusOut)
 
 // ==== Invalidation ===========================================================
 
+uint64_t sorvel::gSVSampleBufferInvalidations = 0;
+
 OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) noexcept {
     if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
@@ -463,6 +465,7 @@ OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) noexcept {
         b->invalidating = 0;
     }
     b->invalidated = 1;
+    __atomic_fetch_add(&sorvel::gSVSampleBufferInvalidations, 1, __ATOMIC_RELEASE);
     return 0;
 }
 

@@ -23,6 +23,17 @@ enum : uint32_t {
     kSVSampleBufferKind_DataBuffer = 1,
 };
 
+namespace sorvel {
+// How many sample buffers have been invalidated in this process, raised
+// (release order) after each one's flag is set: a reader that saw no
+// invalidated buffer among its own at one count knows, while the count
+// stands, that none has been since.
+extern uint64_t gSVSampleBufferInvalidations;
+inline uint64_t SVSampleBufferInvalidationCount() noexcept {
+    return __atomic_load_n(&gSVSampleBufferInvalidations, __ATOMIC_ACQUIRE);
+}
+}  // namespace sorvel
+
 // A seqlock-guarded copy of the output-timing adjustments: `sequence` is
 // odd while a reader that computed them stores them; `changes` is the
 // attachment storage's change count they were read at.  Every field is
