@@ -804,6 +804,51 @@ SVSampleBufferRef makeSampleBuffer(int64_t pts, int64_t duration = 1, size_t siz
     return sbuf;
 }
 
+// The same with the library's own sample-buffer callbacks, where enqueue
+// and dequeue take their reference only once a trigger is about to run;
+// a copied record with one callback of the client's takes it at once.
+TEST_F(SVBufferQueueTest, ASampleBufferQueueReleasedInsideATriggerCallbackLivesUntilTheCallReturns) {
+    SVBufferCallbacks mixed = *SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS();
+    mixed.getSize = [](SVBufferRef, void *) -> size_t { return 1; };
+    for (const SVBufferCallbacks *record :
+         {SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS(),
+          SVBufferQueueGetCallbacksForUnsortedSampleBuffers(), static_cast<const SVBufferCallbacks *>(&mixed)}) {
+        for (bool onDequeue : {false, true}) {
+            SCOPED_TRACE(onDequeue ? "dequeue" : "enqueue");
+            SVBufferQueueRef queue = nullptr;
+            ASSERT_EQ(SVBufferQueueCreate(nullptr, 0, record, &queue), 0);
+            SVSampleBufferRef sample = makeSampleBuffer(3);
+            if (onDequeue) ASSERT_EQ(SVBufferQueueEnqueue(queue, sample), 0);
+            auto releaseQueue = [](void *refcon, SVBufferQueueTriggerToken) {
+                CFRelease(static_cast<SVBufferQueueRef>(refcon));
+            };
+            int secondRan = 0;
+            auto second = [](void *refcon, SVBufferQueueTriggerToken) { ++*static_cast<int *>(refcon); };
+            SVBufferQueueTriggerToken token;
+            LogCapture log;
+            // Count above 0 after the enqueue; below 1 after the dequeue.
+            const SVBufferQueueTriggerCondition condition = onDequeue ? 10 : 11;
+            ASSERT_EQ(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, releaseQueue, queue, condition,
+                                                                      onDequeue ? 1 : 0, &token),
+                      0);
+            ASSERT_EQ(SVBufferQueueInstallTriggerWithIntegerThreshold(queue, second, &secondRan, 11, -1, &token), 0);
+            secondRan = 0;
+            if (onDequeue) {
+                SVBufferRef out = SVBufferQueueDequeueAndRetain(queue);
+                EXPECT_EQ(out, static_cast<SVBufferRef>(sample));
+                if (out) CFRelease(out);
+            } else {
+                EXPECT_EQ(SVBufferQueueEnqueue(queue, sample), 0);
+            }
+            EXPECT_EQ(secondRan, 1);
+            auto lines = log.lines();
+            ASSERT_EQ(lines.size(), 1u);
+            EXPECT_EQ(lines[0].message, "Invalid: Attempting to finalize a queue From TriggerCallback");
+            CFRelease(sample);
+        }
+    }
+}
+
 TEST_F(SVBufferQueueTest, SampleBufferRecordsReadTheSampleBuffersGetters) {
     const SVBufferCallbacks *unsorted = SVBufferQueueGetCallbacksForUnsortedSampleBuffers();
     const SVBufferCallbacks *sorted = SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS();
