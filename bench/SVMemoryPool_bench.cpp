@@ -13,8 +13,10 @@
 //   build/bench/SVMemoryPool_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 #include <Sorvel/SVMemoryPool.h>
+#include <XPLog/XPLog.h>
 #include <benchmark/benchmark.h>
 #include <sys/mman.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -64,6 +66,24 @@ void BM_Malloc(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_Malloc)->Apply(sizes);
+
+// The floor of a pool that keeps its blocks across threads and ages them:
+// an uncontended lock and unlock for the allocate and again for the free,
+// and one read of the monotonic counter for the free's time of release.
+void BM_Floor_TwoLockPairsAndAClockRead(benchmark::State &state) {
+    XPMutexRef mutex = XPMutexCreateNR();
+    for (auto _ : state) {
+        XPMutexAcquire(mutex);
+        XPMutexRelease(mutex);
+        XPMutexAcquire(mutex);
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        benchmark::DoNotOptimize(now);
+        XPMutexRelease(mutex);
+    }
+    XPMutexFree(mutex);
+}
+BENCHMARK(BM_Floor_TwoLockPairsAndAClockRead);
 
 void BM_PosixMemalign(benchmark::State &state) {
     const size_t size = static_cast<size_t>(state.range(0));

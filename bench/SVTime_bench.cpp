@@ -175,6 +175,27 @@ void BM_SVTimeConvertScale(benchmark::State &state) {
 }
 BENCHMARK(BM_SVTimeConvertScale);
 
+// The floor of SVTimeConvertScale's shape: a call that is not inlined,
+// taking and returning a 24-byte time in memory (as the C interface must),
+// around one 64-bit multiplication and division with its remainder.  The
+// peers take and return plain integers in registers.
+__attribute__((noinline)) SVTime floorConvertShape(SVTime time, int32_t newTimescale) {
+    const int64_t product = time.value * newTimescale;
+    const int64_t result = product / time.timescale, rest = product % time.timescale;
+    return {result + (2 * rest >= time.timescale), newTimescale, time.flags | (rest != 0), time.epoch};
+}
+SVTime (*volatile gFloorConvertShape)(SVTime, int32_t) = floorConvertShape;
+
+void BM_Floor_ConvertScaleShape(benchmark::State &state) {
+    const auto &in = inputs();
+    size_t i = 0;
+    for (auto _ : state) {
+        const Input &x = in[i++ & (kInputs - 1)];
+        benchmark::DoNotOptimize(gFloorConvertShape(x.time, x.newTimescale));
+    }
+}
+BENCHMARK(BM_Floor_ConvertScaleShape);
+
 #if SORVEL_BENCH_HAVE_LIBAVUTIL
 void BM_av_rescale_rnd(benchmark::State &state) {
     const auto &in = inputs();
