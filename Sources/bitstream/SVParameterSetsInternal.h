@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-// Private to the video format descriptions: a bit reader for H.264/HEVC
+// Private to the video format descriptions: the unescaping of H.264/HEVC
 // RBSPs, the parsed sequence-parameter-set fields the descriptions need, and
 // the builders of the avcC and hvcC decoder configuration records.
 #ifndef SORVEL_SOURCES_SVPARAMETERSETSINTERNAL_H
@@ -11,75 +11,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "bitstream/SVBitReader.h"
+
 namespace sorvel {
 
 // Removes emulation-prevention bytes (00 00 03 -> 00 00) from a NAL unit.
 std::vector<uint8_t> SVUnescapeRBSP(const uint8_t *data, size_t size);
-
-// MSB-first reader over an unescaped RBSP.  Reading past the end sets a
-// sticky error flag and yields zeros, so a parser checks `failed()` once at
-// its end (and before any loop whose bound comes from the stream).
-class SVBitReader {
-public:
-    SVBitReader(const uint8_t *data, size_t size) noexcept : data_(data), bits_(size * 8) {}
-
-    uint32_t bits(unsigned count) noexcept {
-        uint32_t value = 0;
-        for (unsigned i = 0; i < count; ++i) value = (value << 1) | bit();
-        return value;
-    }
-    uint32_t bit() noexcept {
-        if (position_ >= bits_) {
-            failed_ = true;
-            return 0;
-        }
-        const uint32_t value = (data_[position_ >> 3] >> (7 - (position_ & 7))) & 1;
-        ++position_;
-        return value;
-    }
-    void skip(size_t count) noexcept {
-        if (count > bits_ - position_) {
-            failed_ = true;
-            position_ = bits_;
-        } else {
-            position_ += count;
-        }
-    }
-    // Exp-Golomb; codes longer than 32 bits are malformed and fail.
-    uint32_t ue() noexcept {
-        unsigned zeros = 0;
-        while (bit() == 0) {
-            if (failed_ || ++zeros > 31) {
-                failed_ = true;
-                return 0;
-            }
-        }
-        return static_cast<uint32_t>((uint64_t{1} << zeros) - 1 + bits(zeros));
-    }
-    int32_t se() noexcept {
-        const uint32_t code = ue();
-        return (code & 1) ? static_cast<int32_t>((code >> 1) + 1) : -static_cast<int32_t>(code >> 1);
-    }
-    // The value when it is at most `max`, else fails.
-    uint32_t ue(uint32_t max) noexcept {
-        const uint32_t value = ue();
-        if (value > max) failed_ = true;
-        return value;
-    }
-    int32_t se(int32_t min, int32_t max) noexcept {
-        const int32_t value = se();
-        if (value < min || value > max) failed_ = true;
-        return value;
-    }
-    void fail() noexcept { failed_ = true; }
-    bool failed() const noexcept { return failed_; }
-
-private:
-    const uint8_t *data_;
-    size_t bits_;
-    size_t position_ = 0;
-    bool failed_ = false;
-};
 
 // The video-usability fields that become extensions.  -1 means absent.
 struct SVVideoUsability {

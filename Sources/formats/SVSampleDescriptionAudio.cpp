@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "bitstream/SVParameterSetsInternal.h"
+#include "bitstream/SVBitReader.h"
 #include "core/SVLog.h"
 #include "formats/SVSampleDescriptionInternal.h"
 
