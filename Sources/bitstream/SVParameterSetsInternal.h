@@ -76,6 +76,19 @@ struct SVHEVCSPS {
     SVVideoUsability vui;
 };
 
+// The start of vui_parameters(), written alike by both codecs: aspect
+// ratio, overscan, video signal type and chroma location.
+void SVReadVUIPictureFields(SVBitReader &reader, SVVideoUsability &vui);
+
+// The cropped columns and rows of an H.264 frame-cropping or HEVC
+// conformance window (its flag and four offsets), in luma samples given the
+// offsets' units.  Zero when the flag is clear.
+struct SVCropWindow {
+    uint64_t x = 0;
+    uint64_t y = 0;
+};
+SVCropWindow SVReadCropWindow(SVBitReader &reader, uint64_t unitX, uint64_t unitY);
+
 // Parse a whole NAL unit (header included).  On failure they return false
 // and describe the first problem in `why` (a static string).
 bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why);
