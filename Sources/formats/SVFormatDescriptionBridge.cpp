@@ -26,6 +26,7 @@ namespace {
 SV_LOG_MODULE("Sorvel/Sources/SVFormatDescriptionBridge");
 
 using sorvel::SVAtom;
+using sorvel::SVBadAtom;
 using sorvel::SVFourCC;
 using sorvel::SVReadBE16;
 using sorvel::SVReadBE32;
@@ -139,13 +140,8 @@ void setRatio(CFMutableDictionaryRef dict, CFStringRef key, int64_t numerator, i
         sorvel::SVSetDouble(dict, key, double(numerator) / double(denominator));
 }
 
-OSStatus badAtom(const char *function, const char *why) {
-    SV_LOG(3, function, __LINE__, "Bad sample description atom: %s", why);
-    return kSVSampleDescriptionError_BadAtom;
-}
-
 OSStatus readColour(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 4) return badAtom(function, "'colr' without a type");
+    if (atom.size < 4) return SVBadAtom(function, "'colr' without a type");
     const FourCharCode type = SVReadBE32(atom.payload);
     const uint8_t *p = atom.payload + 4;
     const size_t n = atom.size - 4;
@@ -157,8 +153,8 @@ OSStatus readColour(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
         return 0;
     }
     const bool nclx = type == SVFourCC("nclx");
-    if (!nclx && type != SVFourCC("nclc")) return badAtom(function, "'colr' of unknown type");
-    if (n < (nclx ? 7u : 6u)) return badAtom(function, "'colr' shorter than its type needs");
+    if (!nclx && type != SVFourCC("nclc")) return SVBadAtom(function, "'colr' of unknown type");
+    if (n < (nclx ? 7u : 6u)) return SVBadAtom(function, "'colr' shorter than its type needs");
     const int primaries = SVReadBE16(p), transfer = SVReadBE16(p + 2), matrix = SVReadBE16(p + 4);
     // Unspecified or unmapped codes have no opinion: whatever the parameter
     // sets said stays.
@@ -180,9 +176,9 @@ OSStatus readColour(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
 }
 
 OSStatus readAspect(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 8) return badAtom(function, "'pasp' shorter than 8 bytes");
+    if (atom.size < 8) return SVBadAtom(function, "'pasp' shorter than 8 bytes");
     const uint32_t h = SVReadBE32(atom.payload), v = SVReadBE32(atom.payload + 4);
-    if (h == 0 || v == 0) return badAtom(function, "'pasp' with a zero spacing");
+    if (h == 0 || v == 0) return SVBadAtom(function, "'pasp' with a zero spacing");
     CFMutableDictionaryRef aspect = sorvel::SVCreateMutableDictionary();
     if (!aspect) return kSVSampleDescriptionError_AllocationFailed;
     sorvel::SVSetInt(aspect, kCVImageBufferPixelAspectRatioHorizontalSpacingKey, h);
@@ -193,14 +189,14 @@ OSStatus readAspect(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
 }
 
 OSStatus readCleanAperture(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 32) return badAtom(function, "'clap' shorter than 32 bytes");
+    if (atom.size < 32) return SVBadAtom(function, "'clap' shorter than 32 bytes");
     int64_t v[8];
     for (int i = 0; i < 8; ++i) {
         const uint32_t raw = SVReadBE32(atom.payload + 4 * i);
         // Widths, heights and denominators are unsigned; offsets signed.
         v[i] = (i == 4 || i == 6) ? int64_t(int32_t(raw)) : int64_t(raw);
     }
-    if (!v[1] || !v[3] || !v[5] || !v[7]) return badAtom(function, "'clap' with a zero denominator");
+    if (!v[1] || !v[3] || !v[5] || !v[7]) return SVBadAtom(function, "'clap' with a zero denominator");
     CFMutableDictionaryRef clap = sorvel::SVCreateMutableDictionary();
     if (!clap) return kSVSampleDescriptionError_AllocationFailed;
     const CFStringRef valueKeys[] = {kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
@@ -227,9 +223,9 @@ OSStatus readCleanAperture(const SVAtom &atom, CFMutableDictionaryRef ext, const
 }
 
 OSStatus readFields(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 2) return badAtom(function, "'fiel' shorter than 2 bytes");
+    if (atom.size < 2) return SVBadAtom(function, "'fiel' shorter than 2 bytes");
     const unsigned count = atom.payload[0], detail = atom.payload[1];
-    if (count != 1 && count != 2) return badAtom(function, "'fiel' with a field count other than 1 or 2");
+    if (count != 1 && count != 2) return SVBadAtom(function, "'fiel' with a field count other than 1 or 2");
     sorvel::SVSetInt(ext, kCVImageBufferFieldCountKey, count);
     CFStringRef value = nullptr;
     if (count == 2) {
@@ -258,7 +254,7 @@ OSStatus readFields(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
 }
 
 OSStatus readGamma(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 4) return badAtom(function, "'gama' shorter than 4 bytes");
+    if (atom.size < 4) return SVBadAtom(function, "'gama' shorter than 4 bytes");
     sorvel::SVSetDouble(ext, kCVImageBufferGammaLevelKey, SVReadBE32(atom.payload) / 65536.0);
     return 0;
 }
@@ -305,6 +301,11 @@ void mergeDerived(CFDictionaryRef from, CFMutableDictionaryRef to) {
 }  // namespace
 
 namespace sorvel {
+
+OSStatus SVBadAtom(const char *function, const char *why) {
+    SV_LOG(3, function, __LINE__, "Bad sample description atom: %s", why);
+    return kSVSampleDescriptionError_BadAtom;
+}
 
 bool SVWalkAtoms(const uint8_t *begin, const uint8_t *end, std::vector<SVAtom> &atoms, const char *function) {
     const uint8_t *p = begin;
@@ -501,7 +502,7 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
         if (const SVAtom *esds = SVFindAtom(r.atoms, SVFourCC("esds"))) {
             SVElementaryStream es;
             const char *why = "";
-            if (!SVParseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
+            if (!SVParseESDS(esds->payload, esds->size, es, why)) return SVBadAtom(r.function, why);
         }
     }
     // The parameter sets' view first, so that the atoms can override it.
@@ -514,7 +515,7 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
         const char *why = "";
         if (!(avc ? splitAVCC(record->payload, record->size, sets, why)
                   : splitHVCC(record->payload, record->size, sets, why)))
-            return badAtom(r.function, why);
+            return SVBadAtom(r.function, why);
         if (hasSPS(sets, hevc)) {
             const OSStatus status = avc ? SVVideoFormatDescriptionCreateFromH264ParameterSets(
                                               kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
@@ -524,7 +525,7 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
                                               sets.sizes.data(), sets.nalUnitHeaderLength, nullptr, &derived);
             if (status == kSVFormatDescriptionError_AllocationFailed) return kSVSampleDescriptionError_AllocationFailed;
             if (status != 0)
-                return badAtom(r.function, "the decoder configuration record's parameter sets are unusable");
+                return SVBadAtom(r.function, "the decoder configuration record's parameter sets are unusable");
         }
     }
     CFReleaser derivedGuard{derived};
