@@ -202,6 +202,21 @@ uint32_t readBE16(const uint8_t *p) noexcept {
     return (static_cast<uint32_t>(p[0]) << 8) | p[1];
 }
 
+// Calls visit(unit) for `units` length-prefixed units from *position on;
+// false when one does not fit in the record.
+template <typename Visit>
+bool readRecordUnits(const uint8_t *record, size_t size, size_t &position, uint32_t units, Visit &&visit) noexcept {
+    for (uint32_t i = 0; i < units; ++i) {
+        if (size - position < 2) return false;
+        const size_t length = readBE16(record + position);
+        position += 2;
+        if (size - position < length) return false;
+        visit(RecordUnit{record + position, length});
+        position += length;
+    }
+    return true;
+}
+
 // Calls visit(unit) for each parameter set of an avcC record in order (SPSs,
 // then PPSs); false when the record is too short for what it announces.
 template <typename Visit>
@@ -213,14 +228,7 @@ bool readAVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Vis
         if (position >= size) return false;
         const uint32_t units = group == 0 ? (record[position] & 0x1F) : record[position];
         ++position;
-        for (uint32_t i = 0; i < units; ++i) {
-            if (size - position < 2) return false;
-            const size_t length = readBE16(record + position);
-            position += 2;
-            if (size - position < length) return false;
-            visit(RecordUnit{record + position, length});
-            position += length;
-        }
+        if (!readRecordUnits(record, size, position, units, visit)) return false;
     }
     return true;
 }
@@ -236,14 +244,7 @@ bool readHEVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Vi
         if (size - position < 3) return false;
         const uint32_t units = readBE16(record + position + 1);
         position += 3;
-        for (uint32_t u = 0; u < units; ++u) {
-            if (size - position < 2) return false;
-            const size_t length = readBE16(record + position);
-            position += 2;
-            if (size - position < length) return false;
-            visit(RecordUnit{record + position, length});
-            position += length;
-        }
+        if (!readRecordUnits(record, size, position, units, visit)) return false;
     }
     return true;
 }

@@ -52,35 +52,43 @@ struct ParameterSets {
     int nalUnitHeaderLength = 0;
 };
 
+// One array of a record: `count` units, each a 16-bit length and its
+// bytes, from `at` on.  Empty units are skipped.
+bool readUnitArray(const uint8_t *p, size_t n, size_t &at, unsigned count, ParameterSets &sets, const char *pastTheEnd,
+                   const char *&why) {
+    for (unsigned i = 0; i < count; ++i) {
+        if (n - at < 2) return why = pastTheEnd, false;
+        const size_t length = SVReadBE16(p + at);
+        at += 2;
+        if (n - at < length) return why = pastTheEnd, false;
+        if (length) {
+            sets.pointers.push_back(p + at);
+            sets.sizes.push_back(length);
+        }
+        at += length;
+    }
+    return true;
+}
+
 // avcC: the SPS, PPS and (for the high profiles) SPS-extension arrays.
 bool splitAVCC(const uint8_t *p, size_t n, ParameterSets &sets, const char *&why) {
     if (n < 7) return why = "avcC shorter than 7 bytes", false;
     if (p[0] != 1) return why = "avcC version is not 1", false;
     sets.nalUnitHeaderLength = (p[4] & 3) + 1;
     size_t at = 5;
-    auto array = [&](unsigned count) {
-        for (unsigned i = 0; i < count; ++i) {
-            if (n - at < 2) return why = "avcC parameter set past the end", false;
-            const size_t length = SVReadBE16(p + at);
-            at += 2;
-            if (n - at < length) return why = "avcC parameter set past the end", false;
-            if (length) {
-                sets.pointers.push_back(p + at);
-                sets.sizes.push_back(length);
-            }
-            at += length;
-        }
-        return true;
-    };
-    if (!array(p[at++] & 0x1F)) return false;
+    constexpr const char *kPastTheEnd = "avcC parameter set past the end";
+    const unsigned spsCount = p[at++] & 0x1F;
+    if (!readUnitArray(p, n, at, spsCount, sets, kPastTheEnd, why)) return false;
     if (at >= n) return why = "avcC without a PPS count", false;
-    if (!array(p[at++])) return false;
+    const unsigned ppsCount = p[at++];
+    if (!readUnitArray(p, n, at, ppsCount, sets, kPastTheEnd, why)) return false;
     // The extension is only there for the high profiles; what follows it
     // (or a record without it) is left alone, as decoders do.
     const uint8_t profile = p[1];
     if ((profile == 100 || profile == 110 || profile == 122 || profile == 144) && n - at >= 4) {
         at += 3;
-        if (!array(p[at++])) return false;
+        const unsigned extensionCount = p[at++];
+        if (!readUnitArray(p, n, at, extensionCount, sets, kPastTheEnd, why)) return false;
     }
     return true;
 }
@@ -95,17 +103,7 @@ bool splitHVCC(const uint8_t *p, size_t n, ParameterSets &sets, const char *&why
         if (n - at < 3) return why = "hvcC array past the end", false;
         const unsigned count = SVReadBE16(p + at + 1);
         at += 3;
-        for (unsigned i = 0; i < count; ++i) {
-            if (n - at < 2) return why = "hvcC NAL unit past the end", false;
-            const size_t length = SVReadBE16(p + at);
-            at += 2;
-            if (n - at < length) return why = "hvcC NAL unit past the end", false;
-            if (length) {
-                sets.pointers.push_back(p + at);
-                sets.sizes.push_back(length);
-            }
-            at += length;
-        }
+        if (!readUnitArray(p, n, at, count, sets, "hvcC NAL unit past the end", why)) return false;
     }
     return true;
 }
