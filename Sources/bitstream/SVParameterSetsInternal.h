@@ -110,6 +110,23 @@ CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint
 CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets, const size_t *sizes,
                                                  size_t count, int nalUnitHeaderLength);
 
+// The same parser and record builder picked by the SPS type, for code that
+// handles both codecs alike.
+inline bool SVParseSPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why) {
+    return SVParseH264SPS(nal, size, sps, why);
+}
+inline bool SVParseSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char *&why) {
+    return SVParseHEVCSPS(nal, size, sps, why);
+}
+inline CFDataRef SVCreateDecoderConfigurationRecord(const SVH264SPS &sps, const uint8_t *const *sets,
+                                                    const size_t *sizes, size_t count, int nalUnitHeaderLength) {
+    return SVCreateAVCDecoderConfigurationRecord(sps, sets, sizes, count, nalUnitHeaderLength);
+}
+inline CFDataRef SVCreateDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets,
+                                                    const size_t *sizes, size_t count, int nalUnitHeaderLength) {
+    return SVCreateHEVCDecoderConfigurationRecord(sps, sets, sizes, count, nalUnitHeaderLength);
+}
+
 // Adds the pixel aspect ratio, colour, range, chroma-location and field
 // extensions to `extensions`, logging the codes that have no value as
 // `function` at `line` of the video module.  chromaFormatIdc gives the

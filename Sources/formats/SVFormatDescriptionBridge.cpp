@@ -186,6 +186,20 @@ OSStatus readAspect(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
     return 0;
 }
 
+// The clean-aperture keys in the order of the 'clap' fields: width,
+// height, horizontal offset, vertical offset.
+struct CleanApertureKeys {
+    CFStringRef value[4];
+    CFStringRef rational[4];
+};
+CleanApertureKeys cleanApertureKeys() {
+    return {{kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
+             kCVImageBufferCleanApertureHorizontalOffsetKey, kCVImageBufferCleanApertureVerticalOffsetKey},
+            {kSVFormatDescriptionKey_CleanApertureWidthRational, kSVFormatDescriptionKey_CleanApertureHeightRational,
+             kSVFormatDescriptionKey_CleanApertureHorizontalOffsetRational,
+             kSVFormatDescriptionKey_CleanApertureVerticalOffsetRational}};
+}
+
 OSStatus readCleanAperture(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
     if (atom.size < 32) return SVBadAtom(function, "'clap' shorter than 32 bytes");
     int64_t v[8];
@@ -197,22 +211,16 @@ OSStatus readCleanAperture(const SVAtom &atom, CFMutableDictionaryRef ext, const
     if (!v[1] || !v[3] || !v[5] || !v[7]) return SVBadAtom(function, "'clap' with a zero denominator");
     CFMutableDictionaryRef clap = sorvel::SVCreateMutableDictionary();
     if (!clap) return kSVSampleDescriptionError_AllocationFailed;
-    const CFStringRef valueKeys[] = {kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
-                                     kCVImageBufferCleanApertureHorizontalOffsetKey,
-                                     kCVImageBufferCleanApertureVerticalOffsetKey};
-    const CFStringRef rationalKeys[] = {kSVFormatDescriptionKey_CleanApertureWidthRational,
-                                        kSVFormatDescriptionKey_CleanApertureHeightRational,
-                                        kSVFormatDescriptionKey_CleanApertureHorizontalOffsetRational,
-                                        kSVFormatDescriptionKey_CleanApertureVerticalOffsetRational};
+    const CleanApertureKeys keys = cleanApertureKeys();
     bool ok = true;
     for (int i = 0; i < 4; ++i) {
-        setRatio(clap, valueKeys[i], v[2 * i], v[2 * i + 1]);
+        setRatio(clap, keys.value[i], v[2 * i], v[2 * i + 1]);
         CFArrayRef rational = createRational(v[2 * i], v[2 * i + 1]);
         if (!rational) {
             ok = false;
             break;
         }
-        CFDictionarySetValue(clap, rationalKeys[i], rational);
+        CFDictionarySetValue(clap, keys.rational[i], rational);
         CFRelease(rational);
     }
     if (ok) CFDictionarySetValue(ext, kCVImageBufferCleanApertureKey, clap);
@@ -622,17 +630,11 @@ bool fitsField(int64_t v, bool isSigned) {
 
 // 'clap' from the dictionary: Rational keys first, then the value keys.
 bool cleanAperturePayload(CFDictionaryRef clap, sorvel::SVByteWriter &w) {
-    const CFStringRef valueKeys[] = {kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
-                                     kCVImageBufferCleanApertureHorizontalOffsetKey,
-                                     kCVImageBufferCleanApertureVerticalOffsetKey};
-    const CFStringRef rationalKeys[] = {kSVFormatDescriptionKey_CleanApertureWidthRational,
-                                        kSVFormatDescriptionKey_CleanApertureHeightRational,
-                                        kSVFormatDescriptionKey_CleanApertureHorizontalOffsetRational,
-                                        kSVFormatDescriptionKey_CleanApertureVerticalOffsetRational};
+    const CleanApertureKeys keys = cleanApertureKeys();
     for (int i = 0; i < 4; ++i) {
         int64_t n = 0, d = 1;
-        if (!readRationalValue(CFDictionaryGetValue(clap, rationalKeys[i]), n, d) &&
-            !readRationalValue(CFDictionaryGetValue(clap, valueKeys[i]), n, d)) {
+        if (!readRationalValue(CFDictionaryGetValue(clap, keys.rational[i]), n, d) &&
+            !readRationalValue(CFDictionaryGetValue(clap, keys.value[i]), n, d)) {
             if (i < 2) return false;  // offsets default to the centre
             n = 0, d = 1;
         }
@@ -649,39 +651,35 @@ CFStringRef stringExtension(SVFormatDescriptionRef desc, CFStringRef key) {
     return v && CFGetTypeID(v) == CFStringGetTypeID() ? static_cast<CFStringRef>(v) : nullptr;
 }
 
+// The record built from the SPS at `index` and all the sets.
+template <typename SPS>
+CFDataRef createRecordFromSPS(const std::vector<const uint8_t *> &pointers, const std::vector<size_t> &sizes,
+                              size_t index, int headerLength) {
+    SPS sps;
+    const char *why = "";
+    if (!sorvel::SVParseSPS(pointers[index], sizes[index], sps, why)) return nullptr;
+    return sorvel::SVCreateDecoderConfigurationRecord(sps, pointers.data(), sizes.data(), pointers.size(),
+                                                      headerLength);
+}
+
 // The decoder configuration record of a parameter-set description without
 // one in its atoms.
 CFDataRef createRecordFromParameterSets(SVFormatDescriptionRef desc, bool hevc) {
+    const auto get =
+        hevc ? SVVideoFormatDescriptionGetHEVCParameterSetAtIndex : SVVideoFormatDescriptionGetH264ParameterSetAtIndex;
     const uint8_t *first = nullptr;
     size_t firstSize = 0, count = 0;
     int headerLength = 0;
-    OSStatus status =
-        hevc ? SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, 0, &first, &firstSize, &count, &headerLength)
-             : SVVideoFormatDescriptionGetH264ParameterSetAtIndex(desc, 0, &first, &firstSize, &count, &headerLength);
-    if (status) return nullptr;
+    if (get(desc, 0, &first, &firstSize, &count, &headerLength)) return nullptr;
     std::vector<const uint8_t *> pointers(count);
     std::vector<size_t> sizes(count);
-    for (size_t i = 0; i < count; ++i) {
-        if (hevc)
-            SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, i, &pointers[i], &sizes[i], nullptr, nullptr);
-        else
-            SVVideoFormatDescriptionGetH264ParameterSetAtIndex(desc, i, &pointers[i], &sizes[i], nullptr, nullptr);
-    }
-    const char *why = "";
+    for (size_t i = 0; i < count; ++i) get(desc, i, &pointers[i], &sizes[i], nullptr, nullptr);
     for (size_t i = 0; i < count; ++i) {
         if (sizes[i] == 0) continue;
-        if (hevc && ((pointers[i][0] >> 1) & 0x3F) == 33) {
-            sorvel::SVHEVCSPS sps;
-            if (!sorvel::SVParseHEVCSPS(pointers[i], sizes[i], sps, why)) return nullptr;
-            return sorvel::SVCreateHEVCDecoderConfigurationRecord(sps, pointers.data(), sizes.data(), count,
-                                                                  headerLength);
-        }
-        if (!hevc && (pointers[i][0] & 0x1F) == 7) {
-            sorvel::SVH264SPS sps;
-            if (!sorvel::SVParseH264SPS(pointers[i], sizes[i], sps, why)) return nullptr;
-            return sorvel::SVCreateAVCDecoderConfigurationRecord(sps, pointers.data(), sizes.data(), count,
-                                                                 headerLength);
-        }
+        if (hevc && ((pointers[i][0] >> 1) & 0x3F) == 33)
+            return createRecordFromSPS<sorvel::SVHEVCSPS>(pointers, sizes, i, headerLength);
+        if (!hevc && (pointers[i][0] & 0x1F) == 7)
+            return createRecordFromSPS<sorvel::SVH264SPS>(pointers, sizes, i, headerLength);
     }
     return nullptr;
 }

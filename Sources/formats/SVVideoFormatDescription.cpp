@@ -651,13 +651,6 @@ void fillPictureInfo(SVVideoCodingInfo &info, const SPS &sps) noexcept {
     info.height = sps.height;
 }
 
-bool parseSPS(const uint8_t *set, size_t size, sorvel::SVH264SPS &sps, const char *&why) {
-    return sorvel::SVParseH264SPS(set, size, sps, why);
-}
-bool parseSPS(const uint8_t *set, size_t size, sorvel::SVHEVCSPS &sps, const char *&why) {
-    return sorvel::SVParseHEVCSPS(set, size, sps, why);
-}
-
 void fillCodecInfo(SVVideoCodingInfo &info, const sorvel::SVH264SPS &sps) noexcept {
     info.codecType = kAVC1;
     info.profile = sps.profileIdc;
@@ -678,7 +671,7 @@ void fillCodecInfo(SVVideoCodingInfo &info, const sorvel::SVHEVCSPS &sps) noexce
 template <typename SPS>
 bool codingInfoOfSPS(const uint8_t *set, size_t size, SVVideoCodingInfo &info, const char *&why) {
     SPS sps;
-    if (!parseSPS(set, size, sps, why)) return false;
+    if (!sorvel::SVParseSPS(set, size, sps, why)) return false;
     info = SVVideoCodingInfo{};
     fillCodecInfo(info, sps);
     fillPictureInfo(info, sps);
