@@ -1,18 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // H.264 sequence-parameter-set parsing and the avcC record.
-#include <Sorvel/SVNALUnit.h>
-
 #include <algorithm>
 
 #include "bitstream/SVParameterSetsInternal.h"
 
 namespace sorvel {
-
-std::vector<uint8_t> SVUnescapeRBSP(const uint8_t *data, size_t size) {
-    std::vector<uint8_t> out(size);
-    out.resize(_SVUnemulateNALData(data, size, out.data()));
-    return out;
-}
 
 namespace {
 
@@ -48,31 +40,10 @@ void skipScalingList(SVBitReader &reader, int size) {
     }
 }
 
-void parseH264VUI(SVBitReader &reader, SVVideoUsability &vui) {
-    if (reader.bit()) {
-        vui.aspectRatioIdc = static_cast<int>(reader.bits(8));
-        if (vui.aspectRatioIdc == 255) {
-            vui.sarWidth = reader.bits(16);
-            vui.sarHeight = reader.bits(16);
-        }
-    }
-    if (reader.bit()) reader.bit();  // overscan_appropriate_flag
-    if (reader.bit()) {
-        vui.videoSignalTypePresent = true;
-        reader.bits(3);  // video_format
-        vui.fullRange = reader.bit() != 0;
-        if (reader.bit()) {
-            vui.colourPrimaries = static_cast<int>(reader.bits(8));
-            vui.transferCharacteristics = static_cast<int>(reader.bits(8));
-            vui.matrixCoefficients = static_cast<int>(reader.bits(8));
-        }
-    }
-    if (reader.bit()) {
-        vui.chromaLocTop = static_cast<int>(reader.ue(5));
-        vui.chromaLocBottom = static_cast<int>(reader.ue(5));
-    }
-    // What a picture-timing SEI holds comes next.  Its parse works on a copy
-    // so that a damaged tail never fails an SPS whose earlier fields are fine.
+// What a picture-timing SEI holds, which follows the picture fields of the
+// VUI.  Its parse works on a copy so that a damaged tail never fails an SPS
+// whose earlier fields are fine.
+void readH264PictureTimingFields(const SVBitReader &reader, SVVideoUsability &vui) {
     SVBitReader tail = reader;
     if (tail.bit()) tail.skip(65);  // num_units_in_tick, time_scale, fixed_frame_rate_flag
     bool delays = false;
@@ -101,6 +72,60 @@ void parseH264VUI(SVBitReader &reader, SVVideoUsability &vui) {
     vui.picStructPresent = picStruct;
 }
 
+// chroma_format_idc to seq_scaling_matrix_present_flag's lists, present in
+// the high profiles only.
+bool readH264HighProfileFields(SVBitReader &reader, SVH264SPS &sps, const char *&why) {
+    sps.chromaFormatIdc = reader.ue(3);
+    if (sps.chromaFormatIdc == 3) sps.separateColourPlane = reader.bit() != 0;
+    sps.bitDepthLumaMinus8 = reader.ue(6);
+    sps.bitDepthChromaMinus8 = reader.ue(6);
+    reader.bit();  // qpprime_y_zero_transform_bypass_flag
+    if (reader.failed()) {
+        why = "bad chroma format or bit depth";
+        return false;
+    }
+    if (reader.bit()) {
+        const int lists = sps.chromaFormatIdc != 3 ? 8 : 12;
+        for (int i = 0; i < lists && !reader.failed(); ++i)
+            if (reader.bit()) skipScalingList(reader, i < 6 ? 16 : 64);
+        if (reader.failed()) {
+            why = "bad scaling list";
+            return false;
+        }
+    }
+    return true;
+}
+
+// The picture-order-count fields after pic_order_cnt_type; none is kept.
+void skipPicOrderCountFields(SVBitReader &reader, uint32_t pocType) {
+    if (pocType == 0) {
+        reader.ue(12);  // log2_max_pic_order_cnt_lsb_minus4
+    } else if (pocType == 1) {
+        reader.bit();  // delta_pic_order_always_zero_flag
+        reader.se();   // offset_for_non_ref_pic
+        reader.se();   // offset_for_top_to_bottom_field
+        const uint32_t cycle = reader.ue(255);
+        for (uint32_t i = 0; i < cycle && !reader.failed(); ++i) reader.se();
+    }
+}
+
+// frame_cropping: the offsets count in chroma samples (and in field rows
+// for field coding) unless there is no chroma.
+bool readH264Cropping(SVBitReader &reader, SVH264SPS &sps, const char *&why) {
+    const bool chromaAbsent = sps.chromaFormatIdc == 0 || sps.separateColourPlane;
+    const uint64_t cropUnitX = chromaAbsent ? 1 : (sps.chromaFormatIdc == 3 ? 1 : 2);
+    const uint64_t cropUnitY = (chromaAbsent ? 1 : (sps.chromaFormatIdc == 1 ? 2 : 1)) * (sps.frameMbsOnly ? 1 : 2);
+    const SVCropWindow crop = SVReadCropWindow(reader, cropUnitX, cropUnitY);
+    if (reader.failed() || crop.x >= static_cast<uint64_t>(sps.codedWidth) ||
+        crop.y >= static_cast<uint64_t>(sps.codedHeight)) {
+        why = "bad frame cropping";
+        return false;
+    }
+    sps.width = sps.codedWidth - static_cast<int32_t>(crop.x);
+    sps.height = sps.codedHeight - static_cast<int32_t>(crop.y);
+    return true;
+}
+
 }  // namespace
 
 bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why) {
@@ -123,43 +148,14 @@ bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char 
         why = "bad seq_parameter_set_id";
         return false;
     }
-    bool separateColourPlane = false;
-    if (isHighProfile(sps.profileIdc)) {
-        sps.chromaFormatIdc = reader.ue(3);
-        if (sps.chromaFormatIdc == 3) separateColourPlane = reader.bit() != 0;
-        sps.separateColourPlane = separateColourPlane;
-        sps.bitDepthLumaMinus8 = reader.ue(6);
-        sps.bitDepthChromaMinus8 = reader.ue(6);
-        reader.bit();  // qpprime_y_zero_transform_bypass_flag
-        if (reader.failed()) {
-            why = "bad chroma format or bit depth";
-            return false;
-        }
-        if (reader.bit()) {
-            const int lists = sps.chromaFormatIdc != 3 ? 8 : 12;
-            for (int i = 0; i < lists && !reader.failed(); ++i)
-                if (reader.bit()) skipScalingList(reader, i < 6 ? 16 : 64);
-            if (reader.failed()) {
-                why = "bad scaling list";
-                return false;
-            }
-        }
-    }
+    if (isHighProfile(sps.profileIdc) && !readH264HighProfileFields(reader, sps, why)) return false;
     sps.log2MaxFrameNum = reader.ue(12) + 4;
     const uint32_t pocType = reader.ue(2);
     if (reader.failed()) {
         why = "bad log2_max_frame_num or pic_order_cnt_type";
         return false;
     }
-    if (pocType == 0) {
-        reader.ue(12);  // log2_max_pic_order_cnt_lsb_minus4
-    } else if (pocType == 1) {
-        reader.bit();  // delta_pic_order_always_zero_flag
-        reader.se();   // offset_for_non_ref_pic
-        reader.se();   // offset_for_top_to_bottom_field
-        const uint32_t cycle = reader.ue(255);
-        for (uint32_t i = 0; i < cycle && !reader.failed(); ++i) reader.se();
-    }
+    skipPicOrderCountFields(reader, pocType);
     reader.ue(32);  // max_num_ref_frames (legal up to 16; some encoders overstate it)
     reader.bit();   // gaps_in_frame_num_value_allowed_flag
     // Bounded so that every derived size fits a signed 32-bit value.
@@ -174,26 +170,11 @@ bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char 
     }
     sps.codedWidth = static_cast<int32_t>(widthMbs * 16);
     sps.codedHeight = static_cast<int32_t>(heightMapUnits * 16 * (sps.frameMbsOnly ? 1 : 2));
-    uint32_t cropLeft = 0, cropRight = 0, cropTop = 0, cropBottom = 0;
-    if (reader.bit()) {
-        cropLeft = reader.ue();
-        cropRight = reader.ue();
-        cropTop = reader.ue();
-        cropBottom = reader.ue();
+    if (!readH264Cropping(reader, sps, why)) return false;
+    if (reader.bit()) {  // vui_parameters_present_flag
+        SVReadVUIPictureFields(reader, sps.vui);
+        readH264PictureTimingFields(reader, sps.vui);
     }
-    const bool chromaAbsent = sps.chromaFormatIdc == 0 || separateColourPlane;
-    const uint64_t cropUnitX = chromaAbsent ? 1 : (sps.chromaFormatIdc == 3 ? 1 : 2);
-    const uint64_t cropUnitY = (chromaAbsent ? 1 : (sps.chromaFormatIdc == 1 ? 2 : 1)) * (sps.frameMbsOnly ? 1 : 2);
-    const uint64_t cropX = cropUnitX * (uint64_t{cropLeft} + cropRight);
-    const uint64_t cropY = cropUnitY * (uint64_t{cropTop} + cropBottom);
-    if (reader.failed() || cropX >= static_cast<uint64_t>(sps.codedWidth) ||
-        cropY >= static_cast<uint64_t>(sps.codedHeight)) {
-        why = "bad frame cropping";
-        return false;
-    }
-    sps.width = sps.codedWidth - static_cast<int32_t>(cropX);
-    sps.height = sps.codedHeight - static_cast<int32_t>(cropY);
-    if (reader.bit()) parseH264VUI(reader, sps.vui);
     if (reader.failed()) {
         why = "bad VUI parameters";
         return false;

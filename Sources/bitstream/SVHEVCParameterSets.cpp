@@ -83,32 +83,69 @@ void parseShortTermRefPicSet(SVBitReader &reader, uint32_t index, uint32_t *numD
 }
 
 void parseHEVCVUI(SVBitReader &reader, SVVideoUsability &vui) {
-    if (reader.bit()) {
-        vui.aspectRatioIdc = static_cast<int>(reader.bits(8));
-        if (vui.aspectRatioIdc == 255) {
-            vui.sarWidth = reader.bits(16);
-            vui.sarHeight = reader.bits(16);
-        }
-    }
-    if (reader.bit()) reader.bit();  // overscan_appropriate_flag
-    if (reader.bit()) {
-        vui.videoSignalTypePresent = true;
-        reader.bits(3);  // video_format
-        vui.fullRange = reader.bit() != 0;
-        if (reader.bit()) {
-            vui.colourPrimaries = static_cast<int>(reader.bits(8));
-            vui.transferCharacteristics = static_cast<int>(reader.bits(8));
-            vui.matrixCoefficients = static_cast<int>(reader.bits(8));
-        }
-    }
-    if (reader.bit()) {
-        vui.chromaLocTop = static_cast<int>(reader.ue(5));
-        vui.chromaLocBottom = static_cast<int>(reader.ue(5));
-    }
+    SVReadVUIPictureFields(reader, vui);
     reader.bit();  // neutral_chroma_indication_flag
     vui.fieldSeq = reader.bit() != 0;
     // Frame-field info, default display window, timing and restrictions
     // follow; nothing of them is used.
+}
+
+// sps_max_sub_layers_minus1's ordering info, then the coding and transform
+// block sizes; none is kept.
+bool skipHEVCBlockFields(SVBitReader &reader, uint32_t maxSubLayersMinus1, const char *&why) {
+    const bool orderingInfo = reader.bit() != 0;
+    for (uint32_t i = orderingInfo ? 0 : maxSubLayersMinus1; i <= maxSubLayersMinus1; ++i) {
+        reader.ue(16);  // sps_max_dec_pic_buffering_minus1
+        reader.ue(16);  // sps_max_num_reorder_pics
+        reader.ue();    // sps_max_latency_increase_plus1
+    }
+    reader.ue(3);  // log2_min_luma_coding_block_size_minus3
+    reader.ue(3);  // log2_diff_max_min_luma_coding_block_size
+    reader.ue(3);  // log2_min_luma_transform_block_size_minus2
+    reader.ue(3);  // log2_diff_max_min_luma_transform_block_size
+    reader.ue(4);  // max_transform_hierarchy_depth_inter
+    reader.ue(4);  // max_transform_hierarchy_depth_intra
+    if (reader.failed()) {
+        why = "bad bit depth, ordering or block sizes";
+        return false;
+    }
+    return true;
+}
+
+// Scaling lists, AMP, SAO and PCM; none is kept.
+void skipHEVCCodingTools(SVBitReader &reader) {
+    if (reader.bit() && reader.bit()) skipScalingListData(reader);
+    reader.bit();        // amp_enabled_flag
+    reader.bit();        // sample_adaptive_offset_enabled_flag
+    if (reader.bit()) {  // pcm_enabled_flag
+        reader.bits(8);  // pcm sample bit depths
+        reader.ue(2);    // log2_min_pcm_luma_coding_block_size_minus3
+        reader.ue(2);    // log2_diff_max_min_pcm_luma_coding_block_size
+        reader.bit();    // pcm_loop_filter_disabled_flag
+    }
+}
+
+// The short- and long-term reference picture sets, through
+// strong_intra_smoothing_enabled_flag.
+bool skipHEVCReferencePictureSets(SVBitReader &reader, uint32_t log2MaxPocLsb, const char *&why) {
+    const uint32_t shortTermSets = reader.ue(64);
+    if (reader.failed()) {
+        why = "bad scaling list, PCM or short-term reference sets";
+        return false;
+    }
+    uint32_t numDeltaPocs[64] = {};
+    for (uint32_t i = 0; i < shortTermSets && !reader.failed(); ++i) parseShortTermRefPicSet(reader, i, numDeltaPocs);
+    if (reader.bit()) {  // long_term_ref_pics_present_flag
+        const uint32_t longTerm = reader.ue(32);
+        for (uint32_t i = 0; i < longTerm && !reader.failed(); ++i) reader.skip(log2MaxPocLsb + 1);
+    }
+    reader.bit();  // sps_temporal_mvp_enabled_flag
+    reader.bit();  // strong_intra_smoothing_enabled_flag
+    if (reader.failed()) {
+        why = "bad reference picture sets";
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -165,66 +202,21 @@ bool SVParseHEVCSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char 
     }
     sps.codedWidth = static_cast<int32_t>(width);
     sps.codedHeight = static_cast<int32_t>(height);
-    uint64_t cropX = 0, cropY = 0;
-    if (reader.bit()) {
-        const uint64_t subWidth = sps.chromaFormatIdc == 1 || sps.chromaFormatIdc == 2 ? 2 : 1;
-        const uint64_t subHeight = sps.chromaFormatIdc == 1 ? 2 : 1;
-        cropX = uint64_t{reader.ue()} * subWidth;
-        cropX += uint64_t{reader.ue()} * subWidth;
-        cropY = uint64_t{reader.ue()} * subHeight;
-        cropY += uint64_t{reader.ue()} * subHeight;
-    }
-    if (reader.failed() || cropX >= width || cropY >= height) {
+    const uint64_t subWidth = sps.chromaFormatIdc == 1 || sps.chromaFormatIdc == 2 ? 2 : 1;
+    const uint64_t subHeight = sps.chromaFormatIdc == 1 ? 2 : 1;
+    const SVCropWindow crop = SVReadCropWindow(reader, subWidth, subHeight);
+    if (reader.failed() || crop.x >= width || crop.y >= height) {
         why = "bad conformance window";
         return false;
     }
-    sps.width = static_cast<int32_t>(width - cropX);
-    sps.height = static_cast<int32_t>(height - cropY);
+    sps.width = static_cast<int32_t>(width - crop.x);
+    sps.height = static_cast<int32_t>(height - crop.y);
     sps.bitDepthLumaMinus8 = reader.ue(8);
     sps.bitDepthChromaMinus8 = reader.ue(8);
     const uint32_t log2MaxPocLsb = reader.ue(12) + 4;
-    const bool orderingInfo = reader.bit() != 0;
-    for (uint32_t i = orderingInfo ? 0 : sps.maxSubLayersMinus1; i <= sps.maxSubLayersMinus1; ++i) {
-        reader.ue(16);  // sps_max_dec_pic_buffering_minus1
-        reader.ue(16);  // sps_max_num_reorder_pics
-        reader.ue();    // sps_max_latency_increase_plus1
-    }
-    reader.ue(3);  // log2_min_luma_coding_block_size_minus3
-    reader.ue(3);  // log2_diff_max_min_luma_coding_block_size
-    reader.ue(3);  // log2_min_luma_transform_block_size_minus2
-    reader.ue(3);  // log2_diff_max_min_luma_transform_block_size
-    reader.ue(4);  // max_transform_hierarchy_depth_inter
-    reader.ue(4);  // max_transform_hierarchy_depth_intra
-    if (reader.failed()) {
-        why = "bad bit depth, ordering or block sizes";
-        return false;
-    }
-    if (reader.bit() && reader.bit()) skipScalingListData(reader);
-    reader.bit();        // amp_enabled_flag
-    reader.bit();        // sample_adaptive_offset_enabled_flag
-    if (reader.bit()) {  // pcm_enabled_flag
-        reader.bits(8);  // pcm sample bit depths
-        reader.ue(2);    // log2_min_pcm_luma_coding_block_size_minus3
-        reader.ue(2);    // log2_diff_max_min_pcm_luma_coding_block_size
-        reader.bit();    // pcm_loop_filter_disabled_flag
-    }
-    const uint32_t shortTermSets = reader.ue(64);
-    if (reader.failed()) {
-        why = "bad scaling list, PCM or short-term reference sets";
-        return false;
-    }
-    uint32_t numDeltaPocs[64] = {};
-    for (uint32_t i = 0; i < shortTermSets && !reader.failed(); ++i) parseShortTermRefPicSet(reader, i, numDeltaPocs);
-    if (reader.bit()) {  // long_term_ref_pics_present_flag
-        const uint32_t longTerm = reader.ue(32);
-        for (uint32_t i = 0; i < longTerm && !reader.failed(); ++i) reader.skip(log2MaxPocLsb + 1);
-    }
-    reader.bit();  // sps_temporal_mvp_enabled_flag
-    reader.bit();  // strong_intra_smoothing_enabled_flag
-    if (reader.failed()) {
-        why = "bad reference picture sets";
-        return false;
-    }
+    if (!skipHEVCBlockFields(reader, sps.maxSubLayersMinus1, why)) return false;
+    skipHEVCCodingTools(reader);
+    if (!skipHEVCReferencePictureSets(reader, log2MaxPocLsb, why)) return false;
     if (reader.bit()) parseHEVCVUI(reader, sps.vui);
     if (reader.failed()) {
         why = "bad VUI parameters";

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-// Private to the video format descriptions: a bit reader for H.264/HEVC
+// Private to the video format descriptions: the unescaping of H.264/HEVC
 // RBSPs, the parsed sequence-parameter-set fields the descriptions need, and
 // the builders of the avcC and hvcC decoder configuration records.
 #ifndef SORVEL_SOURCES_SVPARAMETERSETSINTERNAL_H
@@ -11,75 +11,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "bitstream/SVBitReader.h"
+
 namespace sorvel {
 
 // Removes emulation-prevention bytes (00 00 03 -> 00 00) from a NAL unit.
 std::vector<uint8_t> SVUnescapeRBSP(const uint8_t *data, size_t size);
-
-// MSB-first reader over an unescaped RBSP.  Reading past the end sets a
-// sticky error flag and yields zeros, so a parser checks `failed()` once at
-// its end (and before any loop whose bound comes from the stream).
-class SVBitReader {
-public:
-    SVBitReader(const uint8_t *data, size_t size) noexcept : data_(data), bits_(size * 8) {}
-
-    uint32_t bits(unsigned count) noexcept {
-        uint32_t value = 0;
-        for (unsigned i = 0; i < count; ++i) value = (value << 1) | bit();
-        return value;
-    }
-    uint32_t bit() noexcept {
-        if (position_ >= bits_) {
-            failed_ = true;
-            return 0;
-        }
-        const uint32_t value = (data_[position_ >> 3] >> (7 - (position_ & 7))) & 1;
-        ++position_;
-        return value;
-    }
-    void skip(size_t count) noexcept {
-        if (count > bits_ - position_) {
-            failed_ = true;
-            position_ = bits_;
-        } else {
-            position_ += count;
-        }
-    }
-    // Exp-Golomb; codes longer than 32 bits are malformed and fail.
-    uint32_t ue() noexcept {
-        unsigned zeros = 0;
-        while (bit() == 0) {
-            if (failed_ || ++zeros > 31) {
-                failed_ = true;
-                return 0;
-            }
-        }
-        return static_cast<uint32_t>((uint64_t{1} << zeros) - 1 + bits(zeros));
-    }
-    int32_t se() noexcept {
-        const uint32_t code = ue();
-        return (code & 1) ? static_cast<int32_t>((code >> 1) + 1) : -static_cast<int32_t>(code >> 1);
-    }
-    // The value when it is at most `max`, else fails.
-    uint32_t ue(uint32_t max) noexcept {
-        const uint32_t value = ue();
-        if (value > max) failed_ = true;
-        return value;
-    }
-    int32_t se(int32_t min, int32_t max) noexcept {
-        const int32_t value = se();
-        if (value < min || value > max) failed_ = true;
-        return value;
-    }
-    void fail() noexcept { failed_ = true; }
-    bool failed() const noexcept { return failed_; }
-
-private:
-    const uint8_t *data_;
-    size_t bits_;
-    size_t position_ = 0;
-    bool failed_ = false;
-};
 
 // The video-usability fields that become extensions.  -1 means absent.
 struct SVVideoUsability {
@@ -139,6 +76,19 @@ struct SVHEVCSPS {
     SVVideoUsability vui;
 };
 
+// The start of vui_parameters(), written alike by both codecs: aspect
+// ratio, overscan, video signal type and chroma location.
+void SVReadVUIPictureFields(SVBitReader &reader, SVVideoUsability &vui);
+
+// The cropped columns and rows of an H.264 frame-cropping or HEVC
+// conformance window (its flag and four offsets), in luma samples given the
+// offsets' units.  Zero when the flag is clear.
+struct SVCropWindow {
+    uint64_t x = 0;
+    uint64_t y = 0;
+};
+SVCropWindow SVReadCropWindow(SVBitReader &reader, uint64_t unitX, uint64_t unitY);
+
 // Parse a whole NAL unit (header included).  On failure they return false
 // and describe the first problem in `why` (a static string).
 bool SVParseH264SPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why);
@@ -159,6 +109,23 @@ CFDataRef SVCreateAVCDecoderConfigurationRecord(const SVH264SPS &sps, const uint
                                                 size_t count, int nalUnitHeaderLength);
 CFDataRef SVCreateHEVCDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets, const size_t *sizes,
                                                  size_t count, int nalUnitHeaderLength);
+
+// The same parser and record builder picked by the SPS type, for code that
+// handles both codecs alike.
+inline bool SVParseSPS(const uint8_t *nal, size_t size, SVH264SPS &sps, const char *&why) {
+    return SVParseH264SPS(nal, size, sps, why);
+}
+inline bool SVParseSPS(const uint8_t *nal, size_t size, SVHEVCSPS &sps, const char *&why) {
+    return SVParseHEVCSPS(nal, size, sps, why);
+}
+inline CFDataRef SVCreateDecoderConfigurationRecord(const SVH264SPS &sps, const uint8_t *const *sets,
+                                                    const size_t *sizes, size_t count, int nalUnitHeaderLength) {
+    return SVCreateAVCDecoderConfigurationRecord(sps, sets, sizes, count, nalUnitHeaderLength);
+}
+inline CFDataRef SVCreateDecoderConfigurationRecord(const SVHEVCSPS &sps, const uint8_t *const *sets,
+                                                    const size_t *sizes, size_t count, int nalUnitHeaderLength) {
+    return SVCreateHEVCDecoderConfigurationRecord(sps, sets, sizes, count, nalUnitHeaderLength);
+}
 
 // Adds the pixel aspect ratio, colour, range, chroma-location and field
 // extensions to `extensions`, logging the codes that have no value as

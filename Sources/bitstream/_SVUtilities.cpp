@@ -13,6 +13,7 @@
 
 #include <cstring>
 
+#include "bitstream/SVBitReader.h"
 #include "bitstream/_SVUtilitiesInternal.h"
 #include "core/SVLog.h"
 
@@ -21,6 +22,7 @@ namespace {
 SV_LOG_MODULE("Sorvel/Sources/_SVUtilities");
 
 using sorvel::kFourByteStartCode;
+using sorvel::SVBitReader;
 using sorvel::walkLengthPrefixed;
 
 // The format-description family's codes, which these calls share; the bytes
@@ -70,64 +72,18 @@ const uint8_t *findStartCode(const uint8_t *from, const uint8_t *last, int32_t n
     return nullptr;
 }
 
-// ==== Record bit reader ======================================================
-
-// MSB-first over a record.  A read past the end yields zero bits and does
-// not advance, which is what makes short records come out zero-filled.
-class BitReader {
-public:
-    BitReader(const uint8_t *bytes, size_t size) noexcept : bytes_(bytes), bits_(bytes ? size * 8 : 0) {}
-
-    uint32_t read(unsigned count) noexcept {
-        uint32_t value = 0;
-        for (unsigned i = 0; i < count; ++i) value = (value << 1) | readBit();
-        return value;
-    }
-
-    // Copies `count` bytes (zeros past the end) to out, or only skips them
-    // when out is null.
-    void readBytes(uint8_t *out, size_t count) noexcept {
-        if ((position_ & 7) == 0) {
-            const size_t available = position_ < bits_ ? (bits_ - position_) / 8 : 0;
-            const size_t real = count < available ? count : available;
-            if (out) {
-                if (real) std::memcpy(out, bytes_ + position_ / 8, real);
-                if (count > real) std::memset(out + real, 0, count - real);
-            }
-            position_ += real * 8;
-            return;
-        }
-        for (size_t i = 0; i < count; ++i) {
-            const uint8_t byte = static_cast<uint8_t>(read(8));
-            if (out) out[i] = byte;
-        }
-    }
-
-private:
-    uint32_t readBit() noexcept {
-        if (position_ >= bits_) return 0;
-        const uint32_t bit = (bytes_[position_ / 8] >> (7 - (position_ & 7))) & 1;
-        ++position_;
-        return bit;
-    }
-
-    const uint8_t *bytes_;
-    size_t bits_;
-    size_t position_ = 0;
-};
-
 // Walks an avcC record's parameter sets the lenient way (zeros past the
 // end): visit(reader, length) must consume `length` bytes.
 template <typename Visit>
 int32_t walkAVCRecord(const uint8_t *record, size_t size, Visit &&visit) noexcept {
-    BitReader reader(record, size);
-    reader.read(32);
-    const int32_t headerLength = static_cast<int32_t>(reader.read(8) & 3) + 1;
-    reader.read(3);
-    const uint32_t sequenceSets = reader.read(5);
-    for (uint32_t i = 0; i < sequenceSets; ++i) visit(reader, 0, reader.read(16));
-    const uint32_t pictureSets = reader.read(8);
-    for (uint32_t i = 0; i < pictureSets; ++i) visit(reader, 0, reader.read(16));
+    SVBitReader reader(record, size);
+    reader.bits(32);
+    const int32_t headerLength = static_cast<int32_t>(reader.bits(8) & 3) + 1;
+    reader.bits(3);
+    const uint32_t sequenceSets = reader.bits(5);
+    for (uint32_t i = 0; i < sequenceSets; ++i) visit(reader, 0, reader.bits(16));
+    const uint32_t pictureSets = reader.bits(8);
+    for (uint32_t i = 0; i < pictureSets; ++i) visit(reader, 0, reader.bits(16));
     return headerLength;
 }
 
@@ -136,14 +92,14 @@ int32_t walkAVCRecord(const uint8_t *record, size_t size, Visit &&visit) noexcep
 template <typename Visit>
 int32_t walkHEVCRecord(const uint8_t *record, size_t size, Visit &&visit) noexcept {
     const int32_t headerLength = (record[21] & 3) + 1;
-    BitReader reader(record, size);
+    SVBitReader reader(record, size);
     reader.readBytes(nullptr, 22);
-    const uint32_t arrays = reader.read(8);
+    const uint32_t arrays = reader.bits(8);
     for (uint32_t a = 0; a < arrays; ++a) {
-        reader.read(2);
-        const uint32_t type = reader.read(6);
-        const uint32_t units = reader.read(16);
-        for (uint32_t u = 0; u < units; ++u) visit(reader, type, reader.read(16));
+        reader.bits(2);
+        const uint32_t type = reader.bits(6);
+        const uint32_t units = reader.bits(16);
+        for (uint32_t u = 0; u < units; ++u) visit(reader, type, reader.bits(16));
     }
     return headerLength;
 }
@@ -156,13 +112,13 @@ OSStatus concatenate(Walk &&walk, size_t prefixBytes, int32_t *nalUnitHeaderLeng
     CFMutableDataRef data = CFDataCreateMutable(nullptr, 0);
     if (!data) return kAllocationFailed;
     size_t total = 0;
-    walk([&](BitReader &reader, uint32_t, uint32_t length) {
+    walk([&](SVBitReader &reader, uint32_t, uint32_t length) {
         reader.readBytes(nullptr, length);
         total += prefixBytes + length;
     });
     CFDataSetLength(data, static_cast<CFIndex>(total));
     uint8_t *out = CFDataGetMutableBytePtr(data);
-    const int32_t headerLength = walk([&](BitReader &reader, uint32_t type, uint32_t length) {
+    const int32_t headerLength = walk([&](SVBitReader &reader, uint32_t type, uint32_t length) {
         std::memcpy(out, kFourByteStartCode, 4);
         out += 4;
         if (prefixBytes == 5) *out++ = static_cast<uint8_t>(type);
@@ -246,6 +202,21 @@ uint32_t readBE16(const uint8_t *p) noexcept {
     return (static_cast<uint32_t>(p[0]) << 8) | p[1];
 }
 
+// Calls visit(unit) for `units` length-prefixed units from *position on;
+// false when one does not fit in the record.
+template <typename Visit>
+bool readRecordUnits(const uint8_t *record, size_t size, size_t &position, uint32_t units, Visit &&visit) noexcept {
+    for (uint32_t i = 0; i < units; ++i) {
+        if (size - position < 2) return false;
+        const size_t length = readBE16(record + position);
+        position += 2;
+        if (size - position < length) return false;
+        visit(RecordUnit{record + position, length});
+        position += length;
+    }
+    return true;
+}
+
 // Calls visit(unit) for each parameter set of an avcC record in order (SPSs,
 // then PPSs); false when the record is too short for what it announces.
 template <typename Visit>
@@ -257,14 +228,7 @@ bool readAVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Vis
         if (position >= size) return false;
         const uint32_t units = group == 0 ? (record[position] & 0x1F) : record[position];
         ++position;
-        for (uint32_t i = 0; i < units; ++i) {
-            if (size - position < 2) return false;
-            const size_t length = readBE16(record + position);
-            position += 2;
-            if (size - position < length) return false;
-            visit(RecordUnit{record + position, length});
-            position += length;
-        }
+        if (!readRecordUnits(record, size, position, units, visit)) return false;
     }
     return true;
 }
@@ -280,14 +244,7 @@ bool readHEVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Vi
         if (size - position < 3) return false;
         const uint32_t units = readBE16(record + position + 1);
         position += 3;
-        for (uint32_t u = 0; u < units; ++u) {
-            if (size - position < 2) return false;
-            const size_t length = readBE16(record + position);
-            position += 2;
-            if (size - position < length) return false;
-            visit(RecordUnit{record + position, length});
-            position += length;
-        }
+        if (!readRecordUnits(record, size, position, units, visit)) return false;
     }
     return true;
 }

@@ -26,6 +26,7 @@ namespace {
 SV_LOG_MODULE("Sorvel/Sources/SVFormatDescriptionBridge");
 
 using sorvel::SVAtom;
+using sorvel::SVBadAtom;
 using sorvel::SVFourCC;
 using sorvel::SVReadBE16;
 using sorvel::SVReadBE32;
@@ -51,35 +52,43 @@ struct ParameterSets {
     int nalUnitHeaderLength = 0;
 };
 
+// One array of a record: `count` units, each a 16-bit length and its
+// bytes, from `at` on.  Empty units are skipped.
+bool readUnitArray(const uint8_t *p, size_t n, size_t &at, unsigned count, ParameterSets &sets, const char *pastTheEnd,
+                   const char *&why) {
+    for (unsigned i = 0; i < count; ++i) {
+        if (n - at < 2) return why = pastTheEnd, false;
+        const size_t length = SVReadBE16(p + at);
+        at += 2;
+        if (n - at < length) return why = pastTheEnd, false;
+        if (length) {
+            sets.pointers.push_back(p + at);
+            sets.sizes.push_back(length);
+        }
+        at += length;
+    }
+    return true;
+}
+
 // avcC: the SPS, PPS and (for the high profiles) SPS-extension arrays.
 bool splitAVCC(const uint8_t *p, size_t n, ParameterSets &sets, const char *&why) {
     if (n < 7) return why = "avcC shorter than 7 bytes", false;
     if (p[0] != 1) return why = "avcC version is not 1", false;
     sets.nalUnitHeaderLength = (p[4] & 3) + 1;
     size_t at = 5;
-    auto array = [&](unsigned count) {
-        for (unsigned i = 0; i < count; ++i) {
-            if (n - at < 2) return why = "avcC parameter set past the end", false;
-            const size_t length = SVReadBE16(p + at);
-            at += 2;
-            if (n - at < length) return why = "avcC parameter set past the end", false;
-            if (length) {
-                sets.pointers.push_back(p + at);
-                sets.sizes.push_back(length);
-            }
-            at += length;
-        }
-        return true;
-    };
-    if (!array(p[at++] & 0x1F)) return false;
+    constexpr const char *kPastTheEnd = "avcC parameter set past the end";
+    const unsigned spsCount = p[at++] & 0x1F;
+    if (!readUnitArray(p, n, at, spsCount, sets, kPastTheEnd, why)) return false;
     if (at >= n) return why = "avcC without a PPS count", false;
-    if (!array(p[at++])) return false;
+    const unsigned ppsCount = p[at++];
+    if (!readUnitArray(p, n, at, ppsCount, sets, kPastTheEnd, why)) return false;
     // The extension is only there for the high profiles; what follows it
     // (or a record without it) is left alone, as decoders do.
     const uint8_t profile = p[1];
     if ((profile == 100 || profile == 110 || profile == 122 || profile == 144) && n - at >= 4) {
         at += 3;
-        if (!array(p[at++])) return false;
+        const unsigned extensionCount = p[at++];
+        if (!readUnitArray(p, n, at, extensionCount, sets, kPastTheEnd, why)) return false;
     }
     return true;
 }
@@ -94,17 +103,7 @@ bool splitHVCC(const uint8_t *p, size_t n, ParameterSets &sets, const char *&why
         if (n - at < 3) return why = "hvcC array past the end", false;
         const unsigned count = SVReadBE16(p + at + 1);
         at += 3;
-        for (unsigned i = 0; i < count; ++i) {
-            if (n - at < 2) return why = "hvcC NAL unit past the end", false;
-            const size_t length = SVReadBE16(p + at);
-            at += 2;
-            if (n - at < length) return why = "hvcC NAL unit past the end", false;
-            if (length) {
-                sets.pointers.push_back(p + at);
-                sets.sizes.push_back(length);
-            }
-            at += length;
-        }
+        if (!readUnitArray(p, n, at, count, sets, "hvcC NAL unit past the end", why)) return false;
     }
     return true;
 }
@@ -139,13 +138,8 @@ void setRatio(CFMutableDictionaryRef dict, CFStringRef key, int64_t numerator, i
         sorvel::SVSetDouble(dict, key, double(numerator) / double(denominator));
 }
 
-OSStatus badAtom(const char *function, const char *why) {
-    SV_LOG(3, function, __LINE__, "Bad sample description atom: %s", why);
-    return kSVSampleDescriptionError_BadAtom;
-}
-
 OSStatus readColour(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 4) return badAtom(function, "'colr' without a type");
+    if (atom.size < 4) return SVBadAtom(function, "'colr' without a type");
     const FourCharCode type = SVReadBE32(atom.payload);
     const uint8_t *p = atom.payload + 4;
     const size_t n = atom.size - 4;
@@ -157,8 +151,8 @@ OSStatus readColour(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
         return 0;
     }
     const bool nclx = type == SVFourCC("nclx");
-    if (!nclx && type != SVFourCC("nclc")) return badAtom(function, "'colr' of unknown type");
-    if (n < (nclx ? 7u : 6u)) return badAtom(function, "'colr' shorter than its type needs");
+    if (!nclx && type != SVFourCC("nclc")) return SVBadAtom(function, "'colr' of unknown type");
+    if (n < (nclx ? 7u : 6u)) return SVBadAtom(function, "'colr' shorter than its type needs");
     const int primaries = SVReadBE16(p), transfer = SVReadBE16(p + 2), matrix = SVReadBE16(p + 4);
     // Unspecified or unmapped codes have no opinion: whatever the parameter
     // sets said stays.
@@ -180,9 +174,9 @@ OSStatus readColour(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
 }
 
 OSStatus readAspect(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 8) return badAtom(function, "'pasp' shorter than 8 bytes");
+    if (atom.size < 8) return SVBadAtom(function, "'pasp' shorter than 8 bytes");
     const uint32_t h = SVReadBE32(atom.payload), v = SVReadBE32(atom.payload + 4);
-    if (h == 0 || v == 0) return badAtom(function, "'pasp' with a zero spacing");
+    if (h == 0 || v == 0) return SVBadAtom(function, "'pasp' with a zero spacing");
     CFMutableDictionaryRef aspect = sorvel::SVCreateMutableDictionary();
     if (!aspect) return kSVSampleDescriptionError_AllocationFailed;
     sorvel::SVSetInt(aspect, kCVImageBufferPixelAspectRatioHorizontalSpacingKey, h);
@@ -192,33 +186,41 @@ OSStatus readAspect(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
     return 0;
 }
 
+// The clean-aperture keys in the order of the 'clap' fields: width,
+// height, horizontal offset, vertical offset.
+struct CleanApertureKeys {
+    CFStringRef value[4];
+    CFStringRef rational[4];
+};
+CleanApertureKeys cleanApertureKeys() {
+    return {{kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
+             kCVImageBufferCleanApertureHorizontalOffsetKey, kCVImageBufferCleanApertureVerticalOffsetKey},
+            {kSVFormatDescriptionKey_CleanApertureWidthRational, kSVFormatDescriptionKey_CleanApertureHeightRational,
+             kSVFormatDescriptionKey_CleanApertureHorizontalOffsetRational,
+             kSVFormatDescriptionKey_CleanApertureVerticalOffsetRational}};
+}
+
 OSStatus readCleanAperture(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 32) return badAtom(function, "'clap' shorter than 32 bytes");
+    if (atom.size < 32) return SVBadAtom(function, "'clap' shorter than 32 bytes");
     int64_t v[8];
     for (int i = 0; i < 8; ++i) {
         const uint32_t raw = SVReadBE32(atom.payload + 4 * i);
         // Widths, heights and denominators are unsigned; offsets signed.
         v[i] = (i == 4 || i == 6) ? int64_t(int32_t(raw)) : int64_t(raw);
     }
-    if (!v[1] || !v[3] || !v[5] || !v[7]) return badAtom(function, "'clap' with a zero denominator");
+    if (!v[1] || !v[3] || !v[5] || !v[7]) return SVBadAtom(function, "'clap' with a zero denominator");
     CFMutableDictionaryRef clap = sorvel::SVCreateMutableDictionary();
     if (!clap) return kSVSampleDescriptionError_AllocationFailed;
-    const CFStringRef valueKeys[] = {kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
-                                     kCVImageBufferCleanApertureHorizontalOffsetKey,
-                                     kCVImageBufferCleanApertureVerticalOffsetKey};
-    const CFStringRef rationalKeys[] = {kSVFormatDescriptionKey_CleanApertureWidthRational,
-                                        kSVFormatDescriptionKey_CleanApertureHeightRational,
-                                        kSVFormatDescriptionKey_CleanApertureHorizontalOffsetRational,
-                                        kSVFormatDescriptionKey_CleanApertureVerticalOffsetRational};
+    const CleanApertureKeys keys = cleanApertureKeys();
     bool ok = true;
     for (int i = 0; i < 4; ++i) {
-        setRatio(clap, valueKeys[i], v[2 * i], v[2 * i + 1]);
+        setRatio(clap, keys.value[i], v[2 * i], v[2 * i + 1]);
         CFArrayRef rational = createRational(v[2 * i], v[2 * i + 1]);
         if (!rational) {
             ok = false;
             break;
         }
-        CFDictionarySetValue(clap, rationalKeys[i], rational);
+        CFDictionarySetValue(clap, keys.rational[i], rational);
         CFRelease(rational);
     }
     if (ok) CFDictionarySetValue(ext, kCVImageBufferCleanApertureKey, clap);
@@ -227,9 +229,9 @@ OSStatus readCleanAperture(const SVAtom &atom, CFMutableDictionaryRef ext, const
 }
 
 OSStatus readFields(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 2) return badAtom(function, "'fiel' shorter than 2 bytes");
+    if (atom.size < 2) return SVBadAtom(function, "'fiel' shorter than 2 bytes");
     const unsigned count = atom.payload[0], detail = atom.payload[1];
-    if (count != 1 && count != 2) return badAtom(function, "'fiel' with a field count other than 1 or 2");
+    if (count != 1 && count != 2) return SVBadAtom(function, "'fiel' with a field count other than 1 or 2");
     sorvel::SVSetInt(ext, kCVImageBufferFieldCountKey, count);
     CFStringRef value = nullptr;
     if (count == 2) {
@@ -258,7 +260,7 @@ OSStatus readFields(const SVAtom &atom, CFMutableDictionaryRef ext, const char *
 }
 
 OSStatus readGamma(const SVAtom &atom, CFMutableDictionaryRef ext, const char *function) {
-    if (atom.size < 4) return badAtom(function, "'gama' shorter than 4 bytes");
+    if (atom.size < 4) return SVBadAtom(function, "'gama' shorter than 4 bytes");
     sorvel::SVSetDouble(ext, kCVImageBufferGammaLevelKey, SVReadBE32(atom.payload) / 65536.0);
     return 0;
 }
@@ -291,6 +293,56 @@ void readVisualFields(const uint8_t *e, CFMutableDictionaryRef ext) {
     sorvel::SVSetInt(ext, kSVFormatDescriptionExtension_ColorTableID, int16_t(SVReadBE16(e + 84)));
 }
 
+// The description the entry's 'avcC' or 'hvcC' parameter sets make, in
+// *derived (NULL without a record or an SPS in it).
+OSStatus describeDecoderConfiguration(const sorvel::SVEntryReader &r, bool hevc, ParameterSets &sets,
+                                      SVFormatDescriptionRef *derived) {
+    const SVAtom *record = sorvel::SVFindAtom(r.atoms, SVFourCC(hevc ? "hvcC" : "avcC"));
+    if (!record) return 0;
+    const char *why = "";
+    if (!(hevc ? splitHVCC(record->payload, record->size, sets, why)
+               : splitAVCC(record->payload, record->size, sets, why)))
+        return SVBadAtom(r.function, why);
+    if (!hasSPS(sets, hevc)) return 0;
+    const OSStatus status = hevc ? SVVideoFormatDescriptionCreateFromHEVCParameterSets(
+                                       kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
+                                       sets.sizes.data(), sets.nalUnitHeaderLength, nullptr, derived)
+                                 : SVVideoFormatDescriptionCreateFromH264ParameterSets(
+                                       kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
+                                       sets.sizes.data(), sets.nalUnitHeaderLength, derived);
+    if (status == kSVFormatDescriptionError_AllocationFailed) return kSVSampleDescriptionError_AllocationFailed;
+    if (status != 0) return SVBadAtom(r.function, "the decoder configuration record's parameter sets are unusable");
+    return 0;
+}
+
+// The interpreted atoms, each over what the parameter sets said.
+OSStatus readVisualAtoms(const sorvel::SVEntryReader &r, CFMutableDictionaryRef merged) {
+    for (const SVAtom &atom : r.atoms) {
+        OSStatus status = 0;
+        switch (atom.code) {
+            case SVFourCC("colr"):
+                status = readColour(atom, merged, r.function);
+                break;
+            case SVFourCC("pasp"):
+                status = readAspect(atom, merged, r.function);
+                break;
+            case SVFourCC("clap"):
+                status = readCleanAperture(atom, merged, r.function);
+                break;
+            case SVFourCC("fiel"):
+                status = readFields(atom, merged, r.function);
+                break;
+            case SVFourCC("gama"):
+                status = readGamma(atom, merged, r.function);
+                break;
+            default:
+                break;
+        }
+        if (status) return status;
+    }
+    return 0;
+}
+
 // Copies every entry of `from` into `to`, except the atoms dictionary.
 void mergeDerived(CFDictionaryRef from, CFMutableDictionaryRef to) {
     if (!from) return;
@@ -305,6 +357,11 @@ void mergeDerived(CFDictionaryRef from, CFMutableDictionaryRef to) {
 }  // namespace
 
 namespace sorvel {
+
+OSStatus SVBadAtom(const char *function, const char *why) {
+    SV_LOG(3, function, __LINE__, "Bad sample description atom: %s", why);
+    return kSVSampleDescriptionError_BadAtom;
+}
 
 bool SVWalkAtoms(const uint8_t *begin, const uint8_t *end, std::vector<SVAtom> &atoms, const char *function) {
     const uint8_t *p = begin;
@@ -501,32 +558,14 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
         if (const SVAtom *esds = SVFindAtom(r.atoms, SVFourCC("esds"))) {
             SVElementaryStream es;
             const char *why = "";
-            if (!SVParseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
+            if (!SVParseESDS(esds->payload, esds->size, es, why)) return SVBadAtom(r.function, why);
         }
     }
     // The parameter sets' view first, so that the atoms can override it.
     ParameterSets sets;
     SVFormatDescriptionRef derived = nullptr;
-    const SVAtom *record = avc    ? SVFindAtom(r.atoms, SVFourCC("avcC"))
-                           : hevc ? SVFindAtom(r.atoms, SVFourCC("hvcC"))
-                                  : nullptr;
-    if (record) {
-        const char *why = "";
-        if (!(avc ? splitAVCC(record->payload, record->size, sets, why)
-                  : splitHVCC(record->payload, record->size, sets, why)))
-            return badAtom(r.function, why);
-        if (hasSPS(sets, hevc)) {
-            const OSStatus status = avc ? SVVideoFormatDescriptionCreateFromH264ParameterSets(
-                                              kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
-                                              sets.sizes.data(), sets.nalUnitHeaderLength, &derived)
-                                        : SVVideoFormatDescriptionCreateFromHEVCParameterSets(
-                                              kCFAllocatorDefault, sets.pointers.size(), sets.pointers.data(),
-                                              sets.sizes.data(), sets.nalUnitHeaderLength, nullptr, &derived);
-            if (status == kSVFormatDescriptionError_AllocationFailed) return kSVSampleDescriptionError_AllocationFailed;
-            if (status != 0)
-                return badAtom(r.function, "the decoder configuration record's parameter sets are unusable");
-        }
-    }
+    if (avc || hevc)
+        if (OSStatus status = describeDecoderConfiguration(r, hevc, sets, &derived)) return status;
     CFReleaser derivedGuard{derived};
     CFMutableDictionaryRef merged = SVCreateMutableDictionary();
     if (!merged) return kSVSampleDescriptionError_AllocationFailed;
@@ -537,29 +576,7 @@ OSStatus SVReadVisualSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFM
                          CFDictionaryGetValue(ext, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms));
     readVisualFields(e, merged);
 
-    for (const SVAtom &atom : r.atoms) {
-        OSStatus status = 0;
-        switch (atom.code) {
-            case SVFourCC("colr"):
-                status = readColour(atom, merged, r.function);
-                break;
-            case SVFourCC("pasp"):
-                status = readAspect(atom, merged, r.function);
-                break;
-            case SVFourCC("clap"):
-                status = readCleanAperture(atom, merged, r.function);
-                break;
-            case SVFourCC("fiel"):
-                status = readFields(atom, merged, r.function);
-                break;
-            case SVFourCC("gama"):
-                status = readGamma(atom, merged, r.function);
-                break;
-            default:
-                break;
-        }
-        if (status) return status;
-    }
+    if (OSStatus status = readVisualAtoms(r, merged)) return status;
 
     OSStatus status;
     if (derived) {
@@ -613,17 +630,11 @@ bool fitsField(int64_t v, bool isSigned) {
 
 // 'clap' from the dictionary: Rational keys first, then the value keys.
 bool cleanAperturePayload(CFDictionaryRef clap, sorvel::SVByteWriter &w) {
-    const CFStringRef valueKeys[] = {kCVImageBufferCleanApertureWidthKey, kCVImageBufferCleanApertureHeightKey,
-                                     kCVImageBufferCleanApertureHorizontalOffsetKey,
-                                     kCVImageBufferCleanApertureVerticalOffsetKey};
-    const CFStringRef rationalKeys[] = {kSVFormatDescriptionKey_CleanApertureWidthRational,
-                                        kSVFormatDescriptionKey_CleanApertureHeightRational,
-                                        kSVFormatDescriptionKey_CleanApertureHorizontalOffsetRational,
-                                        kSVFormatDescriptionKey_CleanApertureVerticalOffsetRational};
+    const CleanApertureKeys keys = cleanApertureKeys();
     for (int i = 0; i < 4; ++i) {
         int64_t n = 0, d = 1;
-        if (!readRationalValue(CFDictionaryGetValue(clap, rationalKeys[i]), n, d) &&
-            !readRationalValue(CFDictionaryGetValue(clap, valueKeys[i]), n, d)) {
+        if (!readRationalValue(CFDictionaryGetValue(clap, keys.rational[i]), n, d) &&
+            !readRationalValue(CFDictionaryGetValue(clap, keys.value[i]), n, d)) {
             if (i < 2) return false;  // offsets default to the centre
             n = 0, d = 1;
         }
@@ -640,58 +651,49 @@ CFStringRef stringExtension(SVFormatDescriptionRef desc, CFStringRef key) {
     return v && CFGetTypeID(v) == CFStringGetTypeID() ? static_cast<CFStringRef>(v) : nullptr;
 }
 
+// The record built from the SPS at `index` and all the sets.
+template <typename SPS>
+CFDataRef createRecordFromSPS(const std::vector<const uint8_t *> &pointers, const std::vector<size_t> &sizes,
+                              size_t index, int headerLength) {
+    SPS sps;
+    const char *why = "";
+    if (!sorvel::SVParseSPS(pointers[index], sizes[index], sps, why)) return nullptr;
+    return sorvel::SVCreateDecoderConfigurationRecord(sps, pointers.data(), sizes.data(), pointers.size(),
+                                                      headerLength);
+}
+
 // The decoder configuration record of a parameter-set description without
 // one in its atoms.
 CFDataRef createRecordFromParameterSets(SVFormatDescriptionRef desc, bool hevc) {
+    const auto get =
+        hevc ? SVVideoFormatDescriptionGetHEVCParameterSetAtIndex : SVVideoFormatDescriptionGetH264ParameterSetAtIndex;
     const uint8_t *first = nullptr;
     size_t firstSize = 0, count = 0;
     int headerLength = 0;
-    OSStatus status =
-        hevc ? SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, 0, &first, &firstSize, &count, &headerLength)
-             : SVVideoFormatDescriptionGetH264ParameterSetAtIndex(desc, 0, &first, &firstSize, &count, &headerLength);
-    if (status) return nullptr;
+    if (get(desc, 0, &first, &firstSize, &count, &headerLength)) return nullptr;
     std::vector<const uint8_t *> pointers(count);
     std::vector<size_t> sizes(count);
-    for (size_t i = 0; i < count; ++i) {
-        if (hevc)
-            SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(desc, i, &pointers[i], &sizes[i], nullptr, nullptr);
-        else
-            SVVideoFormatDescriptionGetH264ParameterSetAtIndex(desc, i, &pointers[i], &sizes[i], nullptr, nullptr);
-    }
-    const char *why = "";
+    for (size_t i = 0; i < count; ++i) get(desc, i, &pointers[i], &sizes[i], nullptr, nullptr);
     for (size_t i = 0; i < count; ++i) {
         if (sizes[i] == 0) continue;
-        if (hevc && ((pointers[i][0] >> 1) & 0x3F) == 33) {
-            sorvel::SVHEVCSPS sps;
-            if (!sorvel::SVParseHEVCSPS(pointers[i], sizes[i], sps, why)) return nullptr;
-            return sorvel::SVCreateHEVCDecoderConfigurationRecord(sps, pointers.data(), sizes.data(), count,
-                                                                  headerLength);
-        }
-        if (!hevc && (pointers[i][0] & 0x1F) == 7) {
-            sorvel::SVH264SPS sps;
-            if (!sorvel::SVParseH264SPS(pointers[i], sizes[i], sps, why)) return nullptr;
-            return sorvel::SVCreateAVCDecoderConfigurationRecord(sps, pointers.data(), sizes.data(), count,
-                                                                 headerLength);
-        }
+        if (hevc && ((pointers[i][0] >> 1) & 0x3F) == 33)
+            return createRecordFromSPS<sorvel::SVHEVCSPS>(pointers, sizes, i, headerLength);
+        if (!hevc && (pointers[i][0] & 0x1F) == 7)
+            return createRecordFromSPS<sorvel::SVH264SPS>(pointers, sizes, i, headerLength);
     }
     return nullptr;
 }
 
-}  // namespace
-
-namespace sorvel {
-
-OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteWriter &w, const char *function) {
+// The entry header and the 70 bytes of visual fields after it, the size
+// left as zero for the caller to patch.  An ISO entry zeroes the fields that
+// ISO files leave zero.
+void writeVisualFixedPart(SVFormatDescriptionRef desc, FourCharCode format, SVVideoDimensions dims, bool iso,
+                          sorvel::SVByteWriter &w) {
     CFDictionaryRef ext = SVFormatDescriptionGetExtensions(desc);
-    const FourCharCode format = SVFormatDescriptionGetMediaSubType(desc);
-    const SVVideoDimensions dims = SVVideoFormatDescriptionGetDimensions(desc);
-    if (dims.width < 0 || dims.width > 0xFFFF || dims.height < 0 || dims.height > 0xFFFF) {
-        SV_LOG(3, function, __LINE__, "Dimensions %dx%d do not fit a sample description", int(dims.width),
-               int(dims.height));
-        return kSVSampleDescriptionError_UnsupportedFormat;
-    }
     int64_t v = 0;
-    auto field = [&](CFStringRef key, int64_t fallback) { return (!iso && SVGetInt(ext, key, &v)) ? v : fallback; };
+    auto field = [&](CFStringRef key, int64_t fallback) {
+        return (!iso && sorvel::SVGetInt(ext, key, &v)) ? v : fallback;
+    };
     w.u32(0);  // size, patched at the end
     w.u32(format);
     w.zeros(6);
@@ -699,23 +701,24 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
     w.u16(uint32_t(field(kSVFormatDescriptionExtension_Version, 0)));
     w.u16(uint32_t(field(kSVFormatDescriptionExtension_RevisionLevel, 0)));
     FourCharCode vendor = 0;
-    if (!iso) SVCodeForString(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_Vendor), &vendor);
+    if (!iso)
+        sorvel::SVCodeForString(SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_Vendor), &vendor);
     w.u32(vendor);
     w.u32(uint32_t(field(kSVFormatDescriptionExtension_TemporalQuality, 0)));
     w.u32(uint32_t(field(kSVFormatDescriptionExtension_SpatialQuality, 0)));
     w.u16(uint32_t(dims.width));
     w.u16(uint32_t(dims.height));
-    double resolution = 72;
     auto fixed = [&](CFStringRef key) {
         double r = 72;
-        if (!SVGetDouble(ext, key, &r) || r < 0 || r >= 65536) r = resolution;
+        if (!sorvel::SVGetDouble(ext, key, &r) || r < 0 || r >= 65536) r = 72;
         return uint32_t(std::llround(r * 65536));
     };
     w.u32(fixed(kSVFormatDescriptionExtension_HorizontalResolution));
     w.u32(fixed(kSVFormatDescriptionExtension_VerticalResolution));
     w.u32(0);  // data size
     int64_t frames = 1;
-    if (SVGetInt(ext, kSVFormatDescriptionExtension_FrameCount, &frames) && (frames < 0 || frames > 0xFFFF)) frames = 1;
+    if (sorvel::SVGetInt(ext, kSVFormatDescriptionExtension_FrameCount, &frames) && (frames < 0 || frames > 0xFFFF))
+        frames = 1;
     w.u16(uint32_t(frames));
     uint8_t name[32] = {};
     if (CFStringRef string = stringExtension(desc, kSVFormatDescriptionExtension_CompressorName)) {
@@ -726,72 +729,133 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
     }
     w.append(name, 32);
     int64_t depth = 24, table = -1;
-    SVGetInt(ext, kSVFormatDescriptionExtension_Depth, &depth);
-    SVGetInt(ext, kSVFormatDescriptionExtension_ColorTableID, &table);
+    sorvel::SVGetInt(ext, kSVFormatDescriptionExtension_Depth, &depth);
+    sorvel::SVGetInt(ext, kSVFormatDescriptionExtension_ColorTableID, &table);
     w.u16(uint32_t(depth));
     // A colour table only follows an ID of 0 with a palette depth; written
     // without one it would be read back wrongly, so none is claimed.
     w.u16(table == 0 ? 0xFFFF : uint32_t(table));
+}
 
-    std::vector<FourCharCode> regenerated = {SVFourCC("colr"), SVFourCC("pasp"), SVFourCC("clap"), SVFourCC("fiel"),
-                                             SVFourCC("gama")};
-    const bool avc = format == kAVC1 || format == kAVC3, hevc = format == kHVC1 || format == kHEV1;
-    if (avc || hevc) {
-        const char *code = avc ? "avcC" : "hvcC";
-        regenerated.push_back(SVFourCC(avc ? "avcC" : "hvcC"));
-        CFDataRef record = SVGetAtomPayload(desc, code);
-        CFDataRef built = record ? nullptr : createRecordFromParameterSets(desc, hevc);
-        if (CFDataRef use = record ? record : built)
-            w.atom(SVFourCC(avc ? "avcC" : "hvcC"), CFDataGetBytePtr(use), size_t(CFDataGetLength(use)));
-        if (built) CFRelease(built);
-    }
+// 'avcC' or 'hvcC': the record the description was read with, else one
+// built from its parameter sets.
+void writeDecoderConfigurationAtom(SVFormatDescriptionRef desc, bool hevc, std::vector<FourCharCode> &regenerated,
+                                   sorvel::SVByteWriter &w) {
+    const FourCharCode code = SVFourCC(hevc ? "hvcC" : "avcC");
+    regenerated.push_back(code);
+    CFDataRef record = sorvel::SVGetAtomPayload(desc, hevc ? "hvcC" : "avcC");
+    CFDataRef built = record ? nullptr : createRecordFromParameterSets(desc, hevc);
+    if (CFDataRef use = record ? record : built) w.atom(code, CFDataGetBytePtr(use), size_t(CFDataGetLength(use)));
+    if (built) CFRelease(built);
+}
 
-    // colour
+// The transfer function's code for 'colr', with a stated gamma of 2.2 or
+// 2.8 as its own code.
+int transferCodeForColour(SVFormatDescriptionRef desc, CFStringRef transfer) {
+    int transferCode = SVTransferFunctionGetIntegerCodePointForString(transfer);
+    double gamma = 0;
+    if (transfer && CFEqual(transfer, kCVImageBufferTransferFunction_UseGamma) &&
+        sorvel::SVGetDouble(SVFormatDescriptionGetExtensions(desc), kCVImageBufferGammaLevelKey, &gamma))
+        transferCode = std::fabs(gamma - 2.2) < 1e-6 ? 4 : std::fabs(gamma - 2.8) < 1e-6 ? 5 : 2;
+    return transferCode;
+}
+
+// 'colr': the ICC profile when there is one, else the colour codes ('nclx'
+// with the range in ISO files, 'nclc' in QuickTime's) when any is set.
+void writeColourAtom(SVFormatDescriptionRef desc, bool iso, sorvel::SVByteWriter &w) {
+    sorvel::SVByteWriter colr;
     if (CFTypeRef icc = SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_ICCProfile);
         icc && CFGetTypeID(icc) == CFDataGetTypeID()) {
-        SVByteWriter colr;
         colr.u32(SVFourCC("prof"));
         colr.append(CFDataGetBytePtr(static_cast<CFDataRef>(icc)),
                     size_t(CFDataGetLength(static_cast<CFDataRef>(icc))));
         w.atom(SVFourCC("colr"), colr.bytes);
-    } else {
-        CFStringRef primaries = stringExtension(desc, kCVImageBufferColorPrimariesKey);
-        CFStringRef transfer = stringExtension(desc, kCVImageBufferTransferFunctionKey);
-        CFStringRef matrix = stringExtension(desc, kCVImageBufferYCbCrMatrixKey);
-        CFTypeRef range = SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_FullRangeVideo);
-        if (primaries || transfer || matrix || (iso && range)) {
-            int transferCode = SVTransferFunctionGetIntegerCodePointForString(transfer);
-            double gamma = 0;
-            if (transfer && CFEqual(transfer, kCVImageBufferTransferFunction_UseGamma) &&
-                SVGetDouble(ext, kCVImageBufferGammaLevelKey, &gamma))
-                transferCode = std::fabs(gamma - 2.2) < 1e-6 ? 4 : std::fabs(gamma - 2.8) < 1e-6 ? 5 : 2;
-            SVByteWriter colr;
-            colr.u32(SVFourCC(iso ? "nclx" : "nclc"));
-            colr.u16(uint32_t(SVColorPrimariesGetIntegerCodePointForString(primaries)));
-            colr.u16(uint32_t(transferCode));
-            colr.u16(uint32_t(SVYCbCrMatrixGetIntegerCodePointForString(matrix)));
-            if (iso)
-                colr.u8(range && CFGetTypeID(range) == CFBooleanGetTypeID() &&
-                                CFBooleanGetValue(static_cast<CFBooleanRef>(range))
-                            ? 0x80
-                            : 0);
-            w.atom(SVFourCC("colr"), colr.bytes);
-        }
+        return;
     }
-    // pixel aspect ratio, only when it is not square
-    if (CFTypeRef aspect = SVFormatDescriptionGetExtension(desc, kCVImageBufferPixelAspectRatioKey);
-        aspect && CFGetTypeID(aspect) == CFDictionaryGetTypeID()) {
-        auto dict = static_cast<CFDictionaryRef>(aspect);
-        int64_t h = 0, vv = 0;
-        if (SVGetInt(dict, kCVImageBufferPixelAspectRatioHorizontalSpacingKey, &h) &&
-            SVGetInt(dict, kCVImageBufferPixelAspectRatioVerticalSpacingKey, &vv) && h > 0 && vv > 0 &&
-            h <= UINT32_MAX && vv <= UINT32_MAX && h != vv) {
-            SVByteWriter pasp;
-            pasp.u32(uint32_t(h));
-            pasp.u32(uint32_t(vv));
-            w.atom(SVFourCC("pasp"), pasp.bytes);
-        }
+    CFStringRef primaries = stringExtension(desc, kCVImageBufferColorPrimariesKey);
+    CFStringRef transfer = stringExtension(desc, kCVImageBufferTransferFunctionKey);
+    CFStringRef matrix = stringExtension(desc, kCVImageBufferYCbCrMatrixKey);
+    CFTypeRef range = SVFormatDescriptionGetExtension(desc, kSVFormatDescriptionExtension_FullRangeVideo);
+    if (!primaries && !transfer && !matrix && !(iso && range)) return;
+    colr.u32(SVFourCC(iso ? "nclx" : "nclc"));
+    colr.u16(uint32_t(SVColorPrimariesGetIntegerCodePointForString(primaries)));
+    colr.u16(uint32_t(transferCodeForColour(desc, transfer)));
+    colr.u16(uint32_t(SVYCbCrMatrixGetIntegerCodePointForString(matrix)));
+    if (iso)
+        colr.u8(range && CFGetTypeID(range) == CFBooleanGetTypeID() &&
+                        CFBooleanGetValue(static_cast<CFBooleanRef>(range))
+                    ? 0x80
+                    : 0);
+    w.atom(SVFourCC("colr"), colr.bytes);
+}
+
+// 'pasp', only when the pixels are not square.
+void writePixelAspectAtom(SVFormatDescriptionRef desc, sorvel::SVByteWriter &w) {
+    CFTypeRef aspect = SVFormatDescriptionGetExtension(desc, kCVImageBufferPixelAspectRatioKey);
+    if (!aspect || CFGetTypeID(aspect) != CFDictionaryGetTypeID()) return;
+    auto dict = static_cast<CFDictionaryRef>(aspect);
+    int64_t h = 0, v = 0;
+    if (sorvel::SVGetInt(dict, kCVImageBufferPixelAspectRatioHorizontalSpacingKey, &h) &&
+        sorvel::SVGetInt(dict, kCVImageBufferPixelAspectRatioVerticalSpacingKey, &v) && h > 0 && v > 0 &&
+        h <= UINT32_MAX && v <= UINT32_MAX && h != v) {
+        sorvel::SVByteWriter pasp;
+        pasp.u32(uint32_t(h));
+        pasp.u32(uint32_t(v));
+        w.atom(SVFourCC("pasp"), pasp.bytes);
     }
+}
+
+// 'fiel' (QuickTime only): the field count and, for two, their order.
+void writeFieldsAtom(SVFormatDescriptionRef desc, sorvel::SVByteWriter &w) {
+    int64_t fields = 0;
+    if (!sorvel::SVGetInt(SVFormatDescriptionGetExtensions(desc), kCVImageBufferFieldCountKey, &fields) ||
+        (fields != 1 && fields != 2))
+        return;
+    uint8_t detail = 0;
+    CFStringRef d = stringExtension(desc, kCVImageBufferFieldDetailKey);
+    if (fields == 2 && d) {
+        if (CFEqual(d, kCVImageBufferFieldDetailTemporalTopFirst)) detail = 1;
+        if (CFEqual(d, kCVImageBufferFieldDetailTemporalBottomFirst)) detail = 6;
+        if (CFEqual(d, kCVImageBufferFieldDetailSpatialFirstLineEarly)) detail = 9;
+        if (CFEqual(d, kCVImageBufferFieldDetailSpatialFirstLineLate)) detail = 14;
+    }
+    const uint8_t fiel[2] = {uint8_t(fields), detail};
+    w.atom(SVFourCC("fiel"), fiel, 2);
+}
+
+// 'gama' (QuickTime only), unless 'colr' carries the gamma already.
+void writeGammaAtom(SVFormatDescriptionRef desc, sorvel::SVByteWriter &w) {
+    double gamma = 0;
+    CFStringRef transfer = stringExtension(desc, kCVImageBufferTransferFunctionKey);
+    const bool gammaInColr = transfer && CFEqual(transfer, kCVImageBufferTransferFunction_UseGamma);
+    if (!gammaInColr &&
+        sorvel::SVGetDouble(SVFormatDescriptionGetExtensions(desc), kCVImageBufferGammaLevelKey, &gamma) && gamma > 0 &&
+        gamma < 65536) {
+        sorvel::SVByteWriter gama;
+        gama.u32(uint32_t(std::llround(gamma * 65536)));
+        w.atom(SVFourCC("gama"), gama.bytes);
+    }
+}
+
+}  // namespace
+
+namespace sorvel {
+
+OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteWriter &w, const char *function) {
+    const FourCharCode format = SVFormatDescriptionGetMediaSubType(desc);
+    const SVVideoDimensions dims = SVVideoFormatDescriptionGetDimensions(desc);
+    if (dims.width < 0 || dims.width > 0xFFFF || dims.height < 0 || dims.height > 0xFFFF) {
+        SV_LOG(3, function, __LINE__, "Dimensions %dx%d do not fit a sample description", int(dims.width),
+               int(dims.height));
+        return kSVSampleDescriptionError_UnsupportedFormat;
+    }
+    writeVisualFixedPart(desc, format, dims, iso, w);
+    std::vector<FourCharCode> regenerated = {SVFourCC("colr"), SVFourCC("pasp"), SVFourCC("clap"), SVFourCC("fiel"),
+                                             SVFourCC("gama")};
+    if (format == kAVC1 || format == kAVC3 || format == kHVC1 || format == kHEV1)
+        writeDecoderConfigurationAtom(desc, format == kHVC1 || format == kHEV1, regenerated, w);
+    writeColourAtom(desc, iso, w);
+    writePixelAspectAtom(desc, w);
     if (CFTypeRef clap = SVFormatDescriptionGetExtension(desc, kCVImageBufferCleanApertureKey);
         clap && CFGetTypeID(clap) == CFDictionaryGetTypeID()) {
         SVByteWriter payload;
@@ -801,27 +865,8 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
             SV_LOG(4, function, __LINE__, "Clean aperture not written: its values do not fit the 'clap' fields");
     }
     if (!iso) {
-        int64_t fields = 0;
-        if (SVGetInt(ext, kCVImageBufferFieldCountKey, &fields) && (fields == 1 || fields == 2)) {
-            uint8_t detail = 0;
-            CFStringRef d = stringExtension(desc, kCVImageBufferFieldDetailKey);
-            if (fields == 2 && d) {
-                if (CFEqual(d, kCVImageBufferFieldDetailTemporalTopFirst)) detail = 1;
-                if (CFEqual(d, kCVImageBufferFieldDetailTemporalBottomFirst)) detail = 6;
-                if (CFEqual(d, kCVImageBufferFieldDetailSpatialFirstLineEarly)) detail = 9;
-                if (CFEqual(d, kCVImageBufferFieldDetailSpatialFirstLineLate)) detail = 14;
-            }
-            const uint8_t fiel[2] = {uint8_t(fields), detail};
-            w.atom(SVFourCC("fiel"), fiel, 2);
-        }
-        double gamma = 0;
-        CFStringRef transfer = stringExtension(desc, kCVImageBufferTransferFunctionKey);
-        const bool gammaInColr = transfer && CFEqual(transfer, kCVImageBufferTransferFunction_UseGamma);
-        if (!gammaInColr && SVGetDouble(ext, kCVImageBufferGammaLevelKey, &gamma) && gamma > 0 && gamma < 65536) {
-            SVByteWriter gama;
-            gama.u32(uint32_t(std::llround(gamma * 65536)));
-            w.atom(SVFourCC("gama"), gama.bytes);
-        }
+        writeFieldsAtom(desc, w);
+        writeGammaAtom(desc, w);
     }
     SVWriteRemainingAtoms(desc, regenerated, w);
     return 0;
@@ -901,6 +946,73 @@ OSStatus copyEntryBytes(SVFormatDescriptionRef desc, CFStringRef flavor, std::ve
     return 0;
 }
 
+// Where the atoms of a sound description start: after the fixed part of
+// its version, which version 2 states itself.  `kFunction` is the entry
+// point's name, as its log lines give it.
+OSStatus soundAtomsOffset(const uint8_t *bytes, uint32_t size, bool iso, size_t &atomsAt, const char *kFunction) {
+    const unsigned version = SVReadBE16(bytes + 16);
+    if (version > 2) {
+        SV_LOG(3, kFunction, __LINE__, "Sound description version %u is not supported", version);
+        return kSVSampleDescriptionError_UnsupportedVersion;
+    }
+    // An ISO version 1 entry keeps the version 0 layout (its rate may be
+    // in 'srat'); QuickTime's version 1 adds four 32-bit fields.  A NULL
+    // flavour takes version 1 as QuickTime's, by far the common one.
+    atomsAt = version == 0 || (version == 1 && iso) ? 36 : version == 1 ? 52 : 72;
+    if (size < atomsAt) {
+        SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt),
+               size);
+        return kSVSampleDescriptionError_Truncated;
+    }
+    // Version 2 states where its fixed part ends.
+    if (version == 2) {
+        const uint32_t structSize = SVReadBE32(bytes + 36);
+        if (structSize < 72 || structSize > size) {
+            SV_LOG(3, kFunction, __LINE__, "Sound description version 2 states %u fixed bytes of %u", structSize, size);
+            return kSVSampleDescriptionError_Truncated;
+        }
+        atomsAt = structSize;
+    }
+    return 0;
+}
+
+// Moves `atomsAt` past the colour table of an image description: a palette
+// follows an ID of 0 at the palette depths.
+OSStatus skipColourTable(const uint8_t *bytes, uint32_t size, size_t &atomsAt, const char *kFunction) {
+    const unsigned depth = SVReadBE16(bytes + 82);
+    if (SVReadBE16(bytes + 84) != 0 ||
+        !(depth == 1 || depth == 2 || depth == 4 || depth == 8 || (depth >= 33 && depth <= 40)))
+        return 0;
+    if (size - atomsAt < 8) {
+        SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
+        return kSVSampleDescriptionError_Truncated;
+    }
+    const size_t entries = size_t(SVReadBE16(bytes + atomsAt + 6)) + 1;
+    if ((size - atomsAt - 8) / 8 < entries) {
+        SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
+        return kSVSampleDescriptionError_Truncated;
+    }
+    atomsAt += 8 + 8 * entries;
+    return 0;
+}
+
+// The extensions every entry gives (its atoms and its verbatim bytes),
+// then the media type's half.
+OSStatus readEntry(CFAllocatorRef allocator, sorvel::SVEntryReader &r, bool video, SVFormatDescriptionRef *out) {
+    CFMutableDictionaryRef ext = sorvel::SVCreateMutableDictionary();
+    CFDictionaryRef atoms = sorvel::SVCreateAtomsDictionary(r.atoms);
+    CFDataRef verbatim = CFDataCreate(kCFAllocatorDefault, r.entry, CFIndex(r.size));
+    CFReleaser g1{ext}, g2{atoms}, g3{verbatim};
+    if (!ext || !atoms || !verbatim) return kSVSampleDescriptionError_AllocationFailed;
+    CFDictionarySetValue(ext, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms, atoms);
+    CFDictionarySetValue(ext,
+                         r.iso ? kSVFormatDescriptionExtension_VerbatimISOSampleEntry
+                               : kSVFormatDescriptionExtension_VerbatimSampleDescription,
+                         verbatim);
+    return video ? sorvel::SVReadVisualSampleEntry(allocator, r, ext, out)
+                 : sorvel::SVReadAudioSampleEntry(allocator, r, ext, out);
+}
+
 }  // namespace
 
 extern "C" {
@@ -948,48 +1060,9 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
         return kSVSampleDescriptionError_MediaTypeMismatch;
     }
     size_t atomsAt = fixedSize;
-    if (!video) {
-        const unsigned version = SVReadBE16(bytes + 16);
-        if (version > 2) {
-            SV_LOG(3, kFunction, __LINE__, "Sound description version %u is not supported", version);
-            return kSVSampleDescriptionError_UnsupportedVersion;
-        }
-        // An ISO version 1 entry keeps the version 0 layout (its rate may be
-        // in 'srat'); QuickTime's version 1 adds four 32-bit fields.  A NULL
-        // flavour takes version 1 as QuickTime's, by far the common one.
-        atomsAt = version == 0 || (version == 1 && family == Family::ISO) ? 36 : version == 1 ? 52 : 72;
-        if (size < atomsAt) {
-            SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt),
-                   size);
-            return kSVSampleDescriptionError_Truncated;
-        }
-        // Version 2 states where its fixed part ends.
-        if (version == 2) {
-            const uint32_t structSize = SVReadBE32(bytes + 36);
-            if (structSize < 72 || structSize > size) {
-                SV_LOG(3, kFunction, __LINE__, "Sound description version 2 states %u fixed bytes of %u", structSize,
-                       size);
-                return kSVSampleDescriptionError_Truncated;
-            }
-            atomsAt = structSize;
-        }
-    } else {
-        // A palette follows an ID of 0 at the palette depths.
-        const unsigned depth = SVReadBE16(bytes + 82);
-        if (SVReadBE16(bytes + 84) == 0 &&
-            (depth == 1 || depth == 2 || depth == 4 || depth == 8 || (depth >= 33 && depth <= 40))) {
-            if (size - atomsAt < 8) {
-                SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
-                return kSVSampleDescriptionError_Truncated;
-            }
-            const size_t entries = size_t(SVReadBE16(bytes + atomsAt + 6)) + 1;
-            if ((size - atomsAt - 8) / 8 < entries) {
-                SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
-                return kSVSampleDescriptionError_Truncated;
-            }
-            atomsAt += 8 + 8 * entries;
-        }
-    }
+    if (OSStatus status = video ? skipColourTable(bytes, size, atomsAt, kFunction)
+                                : soundAtomsOffset(bytes, size, family == Family::ISO, atomsAt, kFunction))
+        return status;
     if (!sorvel::SVWalkAtoms(bytes + atomsAt, bytes + size, r.atoms, kFunction))
         return kSVSampleDescriptionError_BadAtom;
     if (family == Family::Infer) {
@@ -1000,18 +1073,7 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
     }
     r.iso = family == Family::ISO;
 
-    CFMutableDictionaryRef ext = sorvel::SVCreateMutableDictionary();
-    CFDictionaryRef atoms = sorvel::SVCreateAtomsDictionary(r.atoms);
-    CFDataRef verbatim = CFDataCreate(kCFAllocatorDefault, bytes, CFIndex(size));
-    CFReleaser g1{ext}, g2{atoms}, g3{verbatim};
-    if (!ext || !atoms || !verbatim) return kSVSampleDescriptionError_AllocationFailed;
-    CFDictionarySetValue(ext, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms, atoms);
-    CFDictionarySetValue(ext,
-                         r.iso ? kSVFormatDescriptionExtension_VerbatimISOSampleEntry
-                               : kSVFormatDescriptionExtension_VerbatimSampleDescription,
-                         verbatim);
-    const OSStatus status = video ? sorvel::SVReadVisualSampleEntry(allocator, r, ext, formatDescriptionOut)
-                                  : sorvel::SVReadAudioSampleEntry(allocator, r, ext, formatDescriptionOut);
+    const OSStatus status = readEntry(allocator, r, video, formatDescriptionOut);
     if (status == kSVSampleDescriptionError_AllocationFailed)
         SV_LOG(3, kFunction, __LINE__, "Allocation failed while reading a sample description");
     return status;

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "bitstream/SVParameterSetsInternal.h"
+#include "bitstream/SVBitReader.h"
 #include "core/SVLog.h"
 #include "formats/SVSampleDescriptionInternal.h"
 
@@ -25,11 +25,6 @@ using sorvel::SVReadBE32;
 
 constexpr FourCharCode kMP4A = SVFourCC("mp4a"), kALAC = SVFourCC("alac"), kAC3 = SVFourCC("ac-3"),
                        kLPCM = SVFourCC("lpcm");
-
-OSStatus badAtom(const char *function, const char *why) {
-    SV_LOG(3, function, __LINE__, "Bad sample description atom: %s", why);
-    return kSVSampleDescriptionError_BadAtom;
-}
 
 // ---- 'esds' -------------------------------------------------------------------
 
@@ -167,10 +162,10 @@ bool isAAC(FourCharCode id) {
 // ---- 'chan' -------------------------------------------------------------------
 
 OSStatus readChannelLayout(const SVAtom &atom, std::vector<uint8_t> &layout, const char *function) {
-    if (atom.size < 16) return badAtom(function, "'chan' shorter than 16 bytes");
+    if (atom.size < 16) return sorvel::SVBadAtom(function, "'chan' shorter than 16 bytes");
     const uint8_t *p = atom.payload + 4;
     const uint32_t count = SVReadBE32(p + 8);
-    if ((atom.size - 16) / 20 < count) return badAtom(function, "'chan' descriptions past the end");
+    if ((atom.size - 16) / 20 < count) return sorvel::SVBadAtom(function, "'chan' descriptions past the end");
     layout.assign(offsetof(AudioChannelLayout, mChannelDescriptions) + count * sizeof(AudioChannelDescription), 0);
     auto *l = reinterpret_cast<AudioChannelLayout *>(layout.data());
     l->mChannelLayoutTag = SVReadBE32(p);
@@ -217,15 +212,19 @@ bool SVAudioEntryLooksQuickTime(const uint8_t *e, size_t, FourCharCode format) {
     return isQuickTimePCM(format) || format == SVFourCC("ulaw") || format == SVFourCC("alaw");
 }
 
-OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMutableDictionaryRef ext,
-                                SVFormatDescriptionRef *out) {
+}  // namespace sorvel
+
+namespace {
+
+using sorvel::SVEntryReader;
+
+// The rate, channels and sample size of the fixed part, by version; `bits`
+// is the sample size field.
+void readSoundFixedFields(const SVEntryReader &r, unsigned version, AudioStreamBasicDescription &asbd, unsigned &bits) {
     const uint8_t *e = r.entry;
-    const unsigned version = SVReadBE16(e + 16);
-    AudioStreamBasicDescription asbd = {};
-    asbd.mFormatID = r.format;
-    unsigned bits = SVReadBE16(e + 26);
+    bits = SVReadBE16(e + 26);
     if (version == 2) {
-        uint64_t rateBits = SVReadBE64(e + 40);
+        uint64_t rateBits = sorvel::SVReadBE64(e + 40);
         std::memcpy(&asbd.mSampleRate, &rateBits, 8);
         if (!std::isfinite(asbd.mSampleRate) || asbd.mSampleRate < 0) asbd.mSampleRate = 0;
         asbd.mChannelsPerFrame = SVReadBE32(e + 48);
@@ -233,105 +232,147 @@ OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMu
         asbd.mFormatFlags = SVReadBE32(e + 60);
         asbd.mBytesPerPacket = SVReadBE32(e + 64);
         asbd.mFramesPerPacket = SVReadBE32(e + 68);
-    } else {
-        asbd.mChannelsPerFrame = SVReadBE16(e + 24);
-        asbd.mSampleRate = SVReadBE32(e + 32) / 65536.0;
-        if (version == 1 && r.iso) {
-            // ISO's version 1 entry: rates above 65535 Hz live in 'srat'
-            if (const SVAtom *srat = SVFindAtom(r.atoms, SVFourCC("srat")); srat && srat->size >= 8)
-                asbd.mSampleRate = SVReadBE32(srat->payload + 4);
-        } else if (version == 1) {
-            asbd.mFramesPerPacket = SVReadBE32(e + 36);
-            asbd.mBytesPerPacket = SVReadBE32(e + 40);
-        }
+        return;
     }
+    asbd.mChannelsPerFrame = SVReadBE16(e + 24);
+    asbd.mSampleRate = SVReadBE32(e + 32) / 65536.0;
+    if (version == 1 && r.iso) {
+        // ISO's version 1 entry: rates above 65535 Hz live in 'srat'
+        if (const SVAtom *srat = sorvel::SVFindAtom(r.atoms, SVFourCC("srat")); srat && srat->size >= 8)
+            asbd.mSampleRate = SVReadBE32(srat->payload + 4);
+    } else if (version == 1) {
+        asbd.mFramesPerPacket = SVReadBE32(e + 36);
+        asbd.mBytesPerPacket = SVReadBE32(e + 40);
+    }
+}
+
+// 'esds': AAC takes its format, rate, channels and frame count from the
+// AudioSpecificConfig, which becomes the cookie; MPEG audio layer 3 is named.
+OSStatus readMPEG4AudioAtoms(const std::vector<SVAtom> &atoms, const char *function, AudioStreamBasicDescription &asbd,
+                             std::vector<uint8_t> &cookie) {
+    const SVAtom *esds = sorvel::SVFindAtom(atoms, SVFourCC("esds"));
+    if (!esds) return 0;
+    sorvel::SVElementaryStream es;
+    const char *why = "";
+    if (!sorvel::SVParseESDS(esds->payload, esds->size, es, why)) return sorvel::SVBadAtom(function, why);
+    if (es.objectType == 0x40 || (es.objectType >= 0x66 && es.objectType <= 0x68)) {
+        AACConfig aac;
+        if (!es.config || !parseASC(es.config, es.configSize, aac))
+            return sorvel::SVBadAtom(function, "'esds' without a usable AudioSpecificConfig");
+        cookie.assign(es.config, es.config + es.configSize);
+        asbd.mFormatID = aacFormat(aac.objectType);
+        asbd.mSampleRate = aac.sampleRate;
+        if (aac.channels) asbd.mChannelsPerFrame = aac.channels;
+        asbd.mFramesPerPacket = aac.framesPerPacket;
+        asbd.mBytesPerPacket = 0;
+    } else if (es.objectType == 0x6B || es.objectType == 0x69) {
+        asbd.mFormatID = kAudioFormatMPEGLayer3;
+        asbd.mFramesPerPacket = 1152;
+        asbd.mBytesPerPacket = 0;
+    }
+    return 0;
+}
+
+// 'alac': its 24-byte configuration is the cookie and states the format.
+OSStatus readALACAtom(const std::vector<SVAtom> &atoms, const char *function, AudioStreamBasicDescription &asbd,
+                      std::vector<uint8_t> &cookie) {
+    const SVAtom *config = nullptr;
+    for (const SVAtom &atom : atoms)
+        if (atom.code == kALAC) config = &atom;  // the last: inside 'wave' after 'frma'
+    if (!config) return 0;
+    if (config->size < 28) return sorvel::SVBadAtom(function, "'alac' shorter than 28 bytes");
+    const uint8_t *c = config->payload + 4;
+    cookie.assign(c, c + 24);
+    asbd.mFramesPerPacket = SVReadBE32(c);
+    const unsigned bits = c[5];
+    asbd.mChannelsPerFrame = c[9];
+    asbd.mSampleRate = SVReadBE32(c + 20);
+    asbd.mFormatFlags = bits == 16 ? 1 : bits == 20 ? 2 : bits == 24 ? 3 : bits == 32 ? 4 : 0;
+    return 0;
+}
+
+// 'dac3': the rate code and the channel mode with its LFE bit.
+OSStatus readAC3Atom(const std::vector<SVAtom> &atoms, const char *function, AudioStreamBasicDescription &asbd) {
+    if (const SVAtom *dac3 = sorvel::SVFindAtom(atoms, SVFourCC("dac3"))) {
+        if (dac3->size < 3) return sorvel::SVBadAtom(function, "'dac3' shorter than 3 bytes");
+        static const double kRates[] = {48000, 44100, 32000, 0};
+        static const unsigned kChannels[] = {2, 1, 2, 3, 3, 4, 4, 5};
+        const uint32_t v = uint32_t(dac3->payload[0]) << 16 | uint32_t(dac3->payload[1]) << 8 | dac3->payload[2];
+        if (kRates[v >> 22]) asbd.mSampleRate = kRates[v >> 22];
+        asbd.mChannelsPerFrame = kChannels[(v >> 11) & 7] + ((v >> 10) & 1);
+    }
+    asbd.mFramesPerPacket = 1536;
+    asbd.mBytesPerPacket = 0;
+    return 0;
+}
+
+// QuickTime's PCM codes as linear PCM: the code fixes the sample size,
+// float and byte order ('enda' can turn the order little).  A version 2
+// 'lpcm' entry states its flags itself.
+void describeQuickTimePCM(FourCharCode f, unsigned version, bool littleEndian, unsigned &bits,
+                          AudioStreamBasicDescription &asbd) {
+    asbd.mFormatID = kLPCM;
+    if (f != kLPCM || version != 2) {
+        const bool isFloat = f == SVFourCC("fl32") || f == SVFourCC("fl64");
+        if (f == SVFourCC("in24")) bits = 24;
+        if (f == SVFourCC("in32") || f == SVFourCC("fl32")) bits = 32;
+        if (f == SVFourCC("fl64")) bits = 64;
+        bool big =
+            f == SVFourCC("twos") || f == SVFourCC("NONE") || f == SVFourCC("in24") || f == SVFourCC("in32") || isFloat;
+        if (littleEndian) big = false;
+        asbd.mFormatFlags = kAudioFormatFlagIsPacked | (isFloat ? kAudioFormatFlagIsFloat : 0) |
+                            (big && bits > 8 ? kAudioFormatFlagIsBigEndian : 0) |
+                            (!isFloat && f != SVFourCC("raw ") ? kAudioFormatFlagIsSignedInteger : 0);
+    }
+    asbd.mFramesPerPacket = 1;
+    asbd.mBytesPerPacket = asbd.mChannelsPerFrame * (bits / 8);
+    asbd.mBytesPerFrame = asbd.mBytesPerPacket;
+}
+
+// The codec atoms' view of the stream; `bits` ends as the bits per channel
+// (zero for compressed formats).
+OSStatus readCodecAtoms(const SVEntryReader &r, const std::vector<SVAtom> &atoms, unsigned version,
+                        AudioStreamBasicDescription &asbd, unsigned &bits, std::vector<uint8_t> &cookie) {
+    const FourCharCode f = r.format;
+    OSStatus status = 0;
+    if (f == kMP4A || f == kALAC || f == kAC3 || f == SVFourCC("ec-3")) {
+        if (f == kMP4A) status = readMPEG4AudioAtoms(atoms, r.function, asbd, cookie);
+        if (f == kALAC) status = readALACAtom(atoms, r.function, asbd, cookie);
+        if (f == kAC3) status = readAC3Atom(atoms, r.function, asbd);
+        if (f == SVFourCC("ec-3")) asbd.mFramesPerPacket = 1536;
+        bits = 0;
+    } else if (isQuickTimePCM(f)) {
+        bool littleEndian = false;
+        if (const SVAtom *enda = sorvel::SVFindAtom(atoms, SVFourCC("enda")); enda && enda->size >= 2)
+            littleEndian = SVReadBE16(enda->payload) != 0;
+        describeQuickTimePCM(f, version, littleEndian, bits, asbd);
+    } else if (f == SVFourCC("ulaw") || f == SVFourCC("alaw")) {
+        bits = 8;
+        asbd.mFramesPerPacket = 1;
+        asbd.mBytesPerPacket = asbd.mBytesPerFrame = asbd.mChannelsPerFrame;
+    }
+    return status;
+}
+
+}  // namespace
+
+namespace sorvel {
+
+OSStatus SVReadAudioSampleEntry(CFAllocatorRef allocator, SVEntryReader &r, CFMutableDictionaryRef ext,
+                                SVFormatDescriptionRef *out) {
+    const unsigned version = SVReadBE16(r.entry + 16);
+    AudioStreamBasicDescription asbd = {};
+    asbd.mFormatID = r.format;
+    unsigned bits = 0;
+    readSoundFixedFields(r, version, asbd, bits);
 
     // 'wave' holds the codec atoms in QuickTime's versions 1 and 2.
     std::vector<SVAtom> atoms = r.atoms;
     if (const SVAtom *wave = SVFindAtom(r.atoms, SVFourCC("wave")))
         if (!SVWalkAtoms(wave->payload, wave->payload + wave->size, atoms, r.function))
             return kSVSampleDescriptionError_BadAtom;
-    bool littleEndian = false;
-    if (const SVAtom *enda = SVFindAtom(atoms, SVFourCC("enda")); enda && enda->size >= 2)
-        littleEndian = SVReadBE16(enda->payload) != 0;
-
     std::vector<uint8_t> cookie;
-    const FourCharCode f = r.format;
-    if (f == kMP4A) {
-        const SVAtom *esds = SVFindAtom(atoms, SVFourCC("esds"));
-        if (esds) {
-            SVElementaryStream es;
-            const char *why = "";
-            if (!SVParseESDS(esds->payload, esds->size, es, why)) return badAtom(r.function, why);
-            if (es.objectType == 0x40 || (es.objectType >= 0x66 && es.objectType <= 0x68)) {
-                AACConfig aac;
-                if (!es.config || !parseASC(es.config, es.configSize, aac))
-                    return badAtom(r.function, "'esds' without a usable AudioSpecificConfig");
-                cookie.assign(es.config, es.config + es.configSize);
-                asbd.mFormatID = aacFormat(aac.objectType);
-                asbd.mSampleRate = aac.sampleRate;
-                if (aac.channels) asbd.mChannelsPerFrame = aac.channels;
-                asbd.mFramesPerPacket = aac.framesPerPacket;
-                asbd.mBytesPerPacket = 0;
-            } else if (es.objectType == 0x6B || es.objectType == 0x69) {
-                asbd.mFormatID = kAudioFormatMPEGLayer3;
-                asbd.mFramesPerPacket = 1152;
-                asbd.mBytesPerPacket = 0;
-            }
-        }
-        bits = 0;
-    } else if (f == kALAC) {
-        const SVAtom *config = nullptr;
-        for (const SVAtom &atom : atoms)
-            if (atom.code == kALAC) config = &atom;  // the last: inside 'wave' after 'frma'
-        if (config) {
-            if (config->size < 28) return badAtom(r.function, "'alac' shorter than 28 bytes");
-            const uint8_t *c = config->payload + 4;
-            cookie.assign(c, c + 24);
-            asbd.mFramesPerPacket = SVReadBE32(c);
-            bits = c[5];
-            asbd.mChannelsPerFrame = c[9];
-            asbd.mSampleRate = SVReadBE32(c + 20);
-            asbd.mFormatFlags = bits == 16 ? 1 : bits == 20 ? 2 : bits == 24 ? 3 : bits == 32 ? 4 : 0;
-        }
-        bits = 0;
-    } else if (f == kAC3) {
-        if (const SVAtom *dac3 = SVFindAtom(atoms, SVFourCC("dac3"))) {
-            if (dac3->size < 3) return badAtom(r.function, "'dac3' shorter than 3 bytes");
-            static const double kRates[] = {48000, 44100, 32000, 0};
-            static const unsigned kChannels[] = {2, 1, 2, 3, 3, 4, 4, 5};
-            const uint32_t v = uint32_t(dac3->payload[0]) << 16 | uint32_t(dac3->payload[1]) << 8 | dac3->payload[2];
-            if (kRates[v >> 22]) asbd.mSampleRate = kRates[v >> 22];
-            asbd.mChannelsPerFrame = kChannels[(v >> 11) & 7] + ((v >> 10) & 1);
-        }
-        asbd.mFramesPerPacket = 1536;
-        asbd.mBytesPerPacket = 0;
-        bits = 0;
-    } else if (f == SVFourCC("ec-3")) {
-        asbd.mFramesPerPacket = 1536;
-        bits = 0;
-    } else if (isQuickTimePCM(f)) {
-        asbd.mFormatID = kLPCM;
-        if (f != kLPCM || version != 2) {
-            const bool isFloat = f == SVFourCC("fl32") || f == SVFourCC("fl64");
-            if (f == SVFourCC("in24")) bits = 24;
-            if (f == SVFourCC("in32") || f == SVFourCC("fl32")) bits = 32;
-            if (f == SVFourCC("fl64")) bits = 64;
-            bool big = f == SVFourCC("twos") || f == SVFourCC("NONE") || f == SVFourCC("in24") ||
-                       f == SVFourCC("in32") || isFloat;
-            if (littleEndian) big = false;
-            asbd.mFormatFlags = kAudioFormatFlagIsPacked | (isFloat ? kAudioFormatFlagIsFloat : 0) |
-                                (big && bits > 8 ? kAudioFormatFlagIsBigEndian : 0) |
-                                (!isFloat && f != SVFourCC("raw ") ? kAudioFormatFlagIsSignedInteger : 0);
-        }
-        asbd.mFramesPerPacket = 1;
-        asbd.mBytesPerPacket = asbd.mChannelsPerFrame * (bits / 8);
-        asbd.mBytesPerFrame = asbd.mBytesPerPacket;
-    } else if (f == SVFourCC("ulaw") || f == SVFourCC("alaw")) {
-        bits = 8;
-        asbd.mFramesPerPacket = 1;
-        asbd.mBytesPerPacket = asbd.mBytesPerFrame = asbd.mChannelsPerFrame;
-    }
+    if (OSStatus status = readCodecAtoms(r, atoms, version, asbd, bits, cookie)) return status;
     asbd.mBitsPerChannel = bits;
 
     std::vector<uint8_t> layout;
@@ -378,6 +419,100 @@ std::vector<uint8_t> buildESDS(uint8_t objectType, const uint8_t *config, size_t
     return esds.bytes;
 }
 
+// The fixed part after the entry header: version 2's stated fields, or
+// version 0's (with version 1's packet fields when the codec atoms go in
+// 'wave').
+void writeSoundFixedFields(const AudioStreamBasicDescription *asbd, bool version2, bool wave, SVByteWriter &w) {
+    if (version2) {
+        w.u16(2), w.u16(0), w.u32(0);
+        w.u16(3), w.u16(16), w.u16(0xFFFE), w.u16(0);
+        w.u32(0x10000);
+        w.u32(72);
+        uint64_t rate;
+        std::memcpy(&rate, &asbd->mSampleRate, 8);
+        w.u64(rate);
+        w.u32(asbd->mChannelsPerFrame);
+        w.u32(0x7F000000);
+        w.u32(asbd->mBitsPerChannel);
+        w.u32(asbd->mFormatFlags);
+        w.u32(asbd->mBytesPerPacket);
+        w.u32(asbd->mFramesPerPacket);
+        return;
+    }
+    w.u16(wave ? 1 : 0), w.u16(0), w.u32(0);
+    w.u16(asbd->mChannelsPerFrame);
+    w.u16(asbd->mBitsPerChannel && asbd->mBitsPerChannel <= 0xFFFF ? asbd->mBitsPerChannel : 16);
+    w.u16(wave ? 0xFFFE : 0), w.u16(0);  // compression ID -2: variable-rate
+    w.u32(uint32_t(std::llround(asbd->mSampleRate * 65536)));
+    if (wave) {
+        w.u32(asbd->mFramesPerPacket);
+        w.u32(0), w.u32(0);  // bytes per packet and per frame vary
+        w.u32(2);            // bytes per sample, as for 16-bit output
+    }
+}
+
+// The codec atoms ('esds' or 'alac') built from the format and cookie;
+// `regenerated` gains the codes they replace in the atoms dictionary.
+SVByteWriter codecAtoms(FourCharCode id, const uint8_t *cookie, size_t cookieSize,
+                        std::vector<FourCharCode> &regenerated) {
+    SVByteWriter codec;
+    if (isAAC(id) || id == kAudioFormatMPEGLayer3) {
+        regenerated.push_back(SVFourCC("esds"));
+        regenerated.push_back(SVFourCC("wave"));
+        const std::vector<uint8_t> esds =
+            isAAC(id) ? buildESDS(0x40, cookie, cookieSize, 0) : buildESDS(0x6B, nullptr, 0, 0);
+        codec.atom(SVFourCC("esds"), esds);
+    } else if (id == kALAC && cookieSize >= 24) {
+        regenerated.push_back(kALAC);
+        regenerated.push_back(SVFourCC("wave"));
+        SVByteWriter alac;
+        alac.u32(0);
+        alac.append(cookie + cookieSize - 24, 24);
+        codec.atom(kALAC, alac.bytes);
+    } else if (id == kLPCM) {
+        regenerated.push_back(SVFourCC("wave"));
+    }
+    return codec;
+}
+
+// 'wave': 'frma', for MPEG-4 audio an 'mp4a' marker, the codec atoms and a
+// terminator.
+void writeWaveAtom(FourCharCode format, const SVByteWriter &codec, SVByteWriter &w) {
+    SVByteWriter inner;
+    inner.u32(12), inner.u32(SVFourCC("frma")), inner.u32(format);
+    if (format == kMP4A) inner.u32(12), inner.u32(kMP4A), inner.u32(0);
+    inner.append(codec.bytes.data(), codec.bytes.size());
+    inner.u32(8), inner.u32(0);  // terminator
+    w.atom(SVFourCC("wave"), inner.bytes);
+}
+
+// 'chan' from the layout, with as many descriptions as `layoutSize` holds.
+void writeChannelLayoutAtom(const AudioChannelLayout *layout, size_t layoutSize, SVByteWriter &w) {
+    const size_t fit =
+        (layoutSize - offsetof(AudioChannelLayout, mChannelDescriptions)) / sizeof(AudioChannelDescription);
+    const uint32_t count = uint32_t(std::min<size_t>(layout->mNumberChannelDescriptions, fit));
+    SVByteWriter chan;
+    chan.u32(0);
+    chan.u32(layout->mChannelLayoutTag);
+    chan.u32(layout->mChannelBitmap);
+    chan.u32(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        AudioChannelDescription d;
+        std::memcpy(&d,
+                    reinterpret_cast<const uint8_t *>(layout) + offsetof(AudioChannelLayout, mChannelDescriptions) +
+                        i * sizeof d,
+                    sizeof d);
+        chan.u32(d.mChannelLabel);
+        chan.u32(d.mChannelFlags);
+        for (int k = 0; k < 3; ++k) {
+            uint32_t bits;
+            std::memcpy(&bits, &d.mCoordinates[k], 4);
+            chan.u32(bits);
+        }
+    }
+    w.atom(SVFourCC("chan"), chan.bytes);
+}
+
 }  // namespace
 
 OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool version2, SVByteWriter &w,
@@ -407,85 +542,15 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
     w.u32(format);
     w.zeros(6);
     w.u16(1);
-    if (version2) {
-        w.u16(2), w.u16(0), w.u32(0);
-        w.u16(3), w.u16(16), w.u16(0xFFFE), w.u16(0);
-        w.u32(0x10000);
-        w.u32(72);
-        uint64_t rate;
-        std::memcpy(&rate, &asbd->mSampleRate, 8);
-        w.u64(rate);
-        w.u32(asbd->mChannelsPerFrame);
-        w.u32(0x7F000000);
-        w.u32(asbd->mBitsPerChannel);
-        w.u32(asbd->mFormatFlags);
-        w.u32(asbd->mBytesPerPacket);
-        w.u32(asbd->mFramesPerPacket);
-    } else {
-        w.u16(wave ? 1 : 0), w.u16(0), w.u32(0);
-        w.u16(asbd->mChannelsPerFrame);
-        w.u16(asbd->mBitsPerChannel && asbd->mBitsPerChannel <= 0xFFFF ? asbd->mBitsPerChannel : 16);
-        w.u16(wave ? 0xFFFE : 0), w.u16(0);  // compression ID -2: variable-rate
-        w.u32(uint32_t(std::llround(asbd->mSampleRate * 65536)));
-        if (wave) {
-            w.u32(asbd->mFramesPerPacket);
-            w.u32(0), w.u32(0);  // bytes per packet and per frame vary
-            w.u32(2);            // bytes per sample, as for 16-bit output
-        }
-    }
+    writeSoundFixedFields(asbd, version2, wave, w);
     std::vector<FourCharCode> regenerated = {SVFourCC("chan")};
-    SVByteWriter codec;  // the codec atoms, for 'wave' or the entry itself
-    if (isAAC(id) || id == kAudioFormatMPEGLayer3) {
-        regenerated.push_back(SVFourCC("esds"));
-        regenerated.push_back(SVFourCC("wave"));
-        const std::vector<uint8_t> esds =
-            isAAC(id) ? buildESDS(0x40, cookie, cookieSize, 0) : buildESDS(0x6B, nullptr, 0, 0);
-        codec.atom(SVFourCC("esds"), esds);
-    } else if (id == kALAC && cookieSize >= 24) {
-        regenerated.push_back(kALAC);
-        regenerated.push_back(SVFourCC("wave"));
-        SVByteWriter alac;
-        alac.u32(0);
-        alac.append(cookie + cookieSize - 24, 24);
-        codec.atom(kALAC, alac.bytes);
-    } else if (pcm) {
-        regenerated.push_back(SVFourCC("wave"));
-    }
-    if (wave) {
-        SVByteWriter inner;
-        inner.u32(12), inner.u32(SVFourCC("frma")), inner.u32(format);
-        if (format == kMP4A) inner.u32(12), inner.u32(kMP4A), inner.u32(0);
-        inner.append(codec.bytes.data(), codec.bytes.size());
-        inner.u32(8), inner.u32(0);  // terminator
-        w.atom(SVFourCC("wave"), inner.bytes);
-    } else {
+    const SVByteWriter codec = codecAtoms(id, cookie, cookieSize, regenerated);
+    if (wave)
+        writeWaveAtom(format, codec, w);
+    else
         w.append(codec.bytes.data(), codec.bytes.size());
-    }
-    if (!iso && layout && layoutSize >= offsetof(AudioChannelLayout, mChannelDescriptions)) {
-        const size_t fit =
-            (layoutSize - offsetof(AudioChannelLayout, mChannelDescriptions)) / sizeof(AudioChannelDescription);
-        const uint32_t count = uint32_t(std::min<size_t>(layout->mNumberChannelDescriptions, fit));
-        SVByteWriter chan;
-        chan.u32(0);
-        chan.u32(layout->mChannelLayoutTag);
-        chan.u32(layout->mChannelBitmap);
-        chan.u32(count);
-        for (uint32_t i = 0; i < count; ++i) {
-            AudioChannelDescription d;
-            std::memcpy(&d,
-                        reinterpret_cast<const uint8_t *>(layout) + offsetof(AudioChannelLayout, mChannelDescriptions) +
-                            i * sizeof d,
-                        sizeof d);
-            chan.u32(d.mChannelLabel);
-            chan.u32(d.mChannelFlags);
-            for (int k = 0; k < 3; ++k) {
-                uint32_t bits;
-                std::memcpy(&bits, &d.mCoordinates[k], 4);
-                chan.u32(bits);
-            }
-        }
-        w.atom(SVFourCC("chan"), chan.bytes);
-    }
+    if (!iso && layout && layoutSize >= offsetof(AudioChannelLayout, mChannelDescriptions))
+        writeChannelLayoutAtom(layout, layoutSize, w);
     SVWriteRemainingAtoms(desc, regenerated, w);
     return 0;
 }

@@ -93,6 +93,9 @@ struct SVEntryReader {
 // past `end`.
 bool SVWalkAtoms(const uint8_t *begin, const uint8_t *end, std::vector<SVAtom> &atoms, const char *function);
 
+// Logs a malformed child atom as `function` and returns BadAtom.
+OSStatus SVBadAtom(const char *function, const char *why);
+
 // The first atom of `code`, or NULL.
 const SVAtom *SVFindAtom(const std::vector<SVAtom> &atoms, FourCharCode code);
 

@@ -210,17 +210,22 @@ CFMutableDictionaryRef createRecordExtensions(CFDictionaryRef callerExtensions, 
 
 // The units of an Annex B run, as the flexible enumerator finds them:
 // counted first, then collected.
-void splitAnnexB(const uint8_t *data, size_t size, std::vector<const uint8_t *> &pointers, std::vector<size_t> &sizes) {
+struct NALUnits {
+    std::vector<const uint8_t *> pointers;
+    std::vector<size_t> sizes;
+};
+NALUnits splitAnnexB(const uint8_t *data, size_t size) {
+    NALUnits units;
     const size_t count = _SVEnumerateAnnexBNALUnitsFlexible(data, size, nullptr);
-    pointers.reserve(count);
-    sizes.reserve(count);
-    std::vector<const uint8_t *> *pointersRef = &pointers;
-    std::vector<size_t> *sizesRef = &sizes;
+    units.pointers.reserve(count);
+    units.sizes.reserve(count);
+    NALUnits *unitsRef = &units;
     _SVEnumerateAnnexBNALUnitsFlexible(data, size, ^int(const uint8_t *unit, size_t length) {
-      pointersRef->push_back(unit);
-      sizesRef->push_back(length);
+      unitsRef->pointers.push_back(unit);
+      unitsRef->sizes.push_back(length);
       return 0;
     });
+    return units;
 }
 
 OSStatus getParameterSetAtIndex(SVFormatDescriptionRef desc, FourCharCode subtype, size_t index,
@@ -559,11 +564,10 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
     SVFormatDescriptionRef *formatDescriptionOut) noexcept {
     if (!data || !size || !formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
-    std::vector<const uint8_t *> pointers;
-    std::vector<size_t> sizes;
-    splitAnnexB(data, size, pointers, sizes);
-    return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, pointers.size(), pointers.data(),
-                                                               sizes.data(), nalUnitHeaderLength, formatDescriptionOut);
+    const NALUnits units = splitAnnexB(data, size);
+    return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, units.pointers.size(), units.pointers.data(),
+                                                               units.sizes.data(), nalUnitHeaderLength,
+                                                               formatDescriptionOut);
 }
 
 OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
@@ -596,11 +600,10 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
     SVFormatDescriptionRef *formatDescriptionOut) noexcept {
     if (!data || !size || !formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
-    std::vector<const uint8_t *> pointers;
-    std::vector<size_t> sizes;
-    splitAnnexB(data, size, pointers, sizes);
-    return SVVideoFormatDescriptionCreateFromHEVCParameterSets(
-        allocator, pointers.size(), pointers.data(), sizes.data(), nalUnitHeaderLength, nullptr, formatDescriptionOut);
+    const NALUnits units = splitAnnexB(data, size);
+    return SVVideoFormatDescriptionCreateFromHEVCParameterSets(allocator, units.pointers.size(), units.pointers.data(),
+                                                               units.sizes.data(), nalUnitHeaderLength, nullptr,
+                                                               formatDescriptionOut);
 }
 
 OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
@@ -648,6 +651,33 @@ void fillPictureInfo(SVVideoCodingInfo &info, const SPS &sps) noexcept {
     info.height = sps.height;
 }
 
+void fillCodecInfo(SVVideoCodingInfo &info, const sorvel::SVH264SPS &sps) noexcept {
+    info.codecType = kAVC1;
+    info.profile = sps.profileIdc;
+    info.level = sps.levelIdc;
+    info.constraintFlags = sps.constraintFlags;
+    info.progressive = sps.frameMbsOnly;
+}
+void fillCodecInfo(SVVideoCodingInfo &info, const sorvel::SVHEVCSPS &sps) noexcept {
+    info.codecType = kHVC1;
+    info.profile = sps.generalProfileIdc;
+    info.level = sps.generalLevelIdc;
+    info.tier = sps.generalTier;
+    info.profileCompatibility = sps.generalProfileCompatibility;
+    info.progressive = !sps.vui.fieldSeq;
+}
+
+// What one SPS says, or false with the parser's reason.
+template <typename SPS>
+bool codingInfoOfSPS(const uint8_t *set, size_t size, SVVideoCodingInfo &info, const char *&why) {
+    SPS sps;
+    if (!sorvel::SVParseSPS(set, size, sps, why)) return false;
+    info = SVVideoCodingInfo{};
+    fillCodecInfo(info, sps);
+    fillPictureInfo(info, sps);
+    return true;
+}
+
 }  // namespace
 }
 
@@ -669,33 +699,13 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
         const size_t size = desc->video.parameterSetSizes[i];
         if (size == 0 || (hevc ? (set[0] >> 1) & 0x3F : set[0] & 0x1FU) != (hevc ? 33U : 7U)) continue;
         SVVideoCodingInfo info{};
-        info.codecType = hevc ? kHVC1 : kAVC1;
         const char *why = "";
         // The creators accepted this SPS, so a failure here means the parser
         // has since become stricter than the one that made the description.
-        if (hevc) {
-            sorvel::SVHEVCSPS sps;
-            if (!sorvel::SVParseHEVCSPS(set, size, sps, why)) {
-                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
-                return kSVFormatDescriptionError_InvalidParameter;
-            }
-            info.profile = sps.generalProfileIdc;
-            info.level = sps.generalLevelIdc;
-            info.tier = sps.generalTier;
-            info.profileCompatibility = sps.generalProfileCompatibility;
-            fillPictureInfo(info, sps);
-            info.progressive = !sps.vui.fieldSeq;
-        } else {
-            sorvel::SVH264SPS sps;
-            if (!sorvel::SVParseH264SPS(set, size, sps, why)) {
-                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
-                return kSVFormatDescriptionError_InvalidParameter;
-            }
-            info.profile = sps.profileIdc;
-            info.level = sps.levelIdc;
-            info.constraintFlags = sps.constraintFlags;
-            fillPictureInfo(info, sps);
-            info.progressive = sps.frameMbsOnly;
+        if (!(hevc ? codingInfoOfSPS<sorvel::SVHEVCSPS>(set, size, info, why)
+                   : codingInfoOfSPS<sorvel::SVH264SPS>(set, size, info, why))) {
+            SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+            return kSVFormatDescriptionError_InvalidParameter;
         }
         *infoOut = info;
         return 0;

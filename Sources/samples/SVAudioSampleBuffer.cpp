@@ -175,19 +175,11 @@ OSStatus checkDescriptions(const AudioStreamPacketDescription *packets, SVItemCo
     return 0;
 }
 
-OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
-                                 SVSampleBufferMakeDataReadyCallback makeDataReadyCallback, void *makeDataReadyRefcon,
-                                 SVFormatDescriptionRef formatDescription, SVItemCount numSamples,
-                                 SVTime presentationTimeStamp, const AudioStreamPacketDescription *packetDescriptions,
-                                 SVSampleBufferRef *sampleBufferOut, const char *function) noexcept {
-    if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
-    *sampleBufferOut = nullptr;
-    if (!formatDescription) {
-        SV_LOG(3, function, __LINE__, "an audio sample buffer needs a format description");
-        return kSVSampleBufferError_RequiredParameterMissing;
-    }
-    Layout layout;
-    if (OSStatus status = layoutOf(formatDescription, function, &layout)) return status;
+// What the format and the packet count must satisfy for the buffer to be
+// timed and its packets found: a usable rate, a count that fits, and
+// packet descriptions exactly where the format needs them.
+OSStatus checkPacketing(const Layout &layout, SVItemCount numSamples,
+                        const AudioStreamPacketDescription *packetDescriptions, const char *function) noexcept {
     const AudioStreamBasicDescription &asbd = *layout.asbd;
     char formatName[XP_OSSTATUS_STRING_SIZE];
     _XPFormatOSStatus(formatName, static_cast<OSStatus>(asbd.mFormatID));
@@ -214,15 +206,21 @@ OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef data
                formatName);
         return kSVSampleBufferError_InvalidAudioData;
     }
+    return 0;
+}
 
+// The data, when there is some, must hold exactly the packets: as the
+// descriptions place them (which also give the frame total), else
+// `numSamples` constant-size packets.
+OSStatus checkDataLength(const Layout &layout, SVBlockBufferRef dataBuffer, SVItemCount numSamples,
+                         const AudioStreamPacketDescription *packetDescriptions, const char *function,
+                         int64_t *totalFramesOut) noexcept {
     size_t dataLength = 0;
     if (dataBuffer) dataLength = SVBlockBufferGetDataLength(dataBuffer);
-    int64_t totalFrames = 0;
-    if (packetDescriptions) {
-        if (OSStatus status = checkDescriptions(packetDescriptions, numSamples, asbd.mFramesPerPacket,
-                                                dataBuffer ? &dataLength : nullptr, function, &totalFrames))
-            return status;
-    } else if (dataBuffer) {
+    if (packetDescriptions)
+        return checkDescriptions(packetDescriptions, numSamples, layout.asbd->mFramesPerPacket,
+                                 dataBuffer ? &dataLength : nullptr, function, totalFramesOut);
+    if (dataBuffer) {
         size_t expected;
         if (__builtin_mul_overflow(static_cast<size_t>(numSamples), layout.bytesPerPacket, &expected) ||
             expected != dataLength) {
@@ -231,14 +229,17 @@ OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef data
             return kSVSampleBufferError_InvalidAudioData;
         }
     }
+    return 0;
+}
 
-    SVSampleTimingInfo timing;
-    timing.duration = asbd.mFramesPerPacket != 0 ? framesTime(asbd.mFramesPerPacket, asbd.mSampleRate)
-                                                 : spreadTime(totalFrames, numSamples, asbd.mSampleRate);
-    timing.presentationTimeStamp = presentationTimeStamp;
-    timing.decodeTimeStamp = kSVTimeInvalid;
-
-    // Sizes: exact per packet from the descriptions, else the one constant.
+// The sample buffer with its sizes: exact per packet from the
+// descriptions, else the one constant.
+OSStatus createWithPacketSizes(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
+                               SVSampleBufferMakeDataReadyCallback makeDataReadyCallback, void *makeDataReadyRefcon,
+                               SVFormatDescriptionRef formatDescription, SVItemCount numSamples,
+                               const SVSampleTimingInfo &timing, const Layout &layout,
+                               const AudioStreamPacketDescription *packetDescriptions,
+                               SVSampleBufferRef *sbufOut) noexcept {
     size_t inlineSizes[kInlineSizes];
     size_t *sizes = inlineSizes;
     SVItemCount sizeCount = 1;
@@ -252,10 +253,42 @@ OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef data
     } else {
         sizes[0] = layout.bytesPerPacket;
     }
-    SVSampleBufferRef sbuf = nullptr;
-    OSStatus status = SVSampleBufferCreate(allocator, dataBuffer, dataReady, makeDataReadyCallback, makeDataReadyRefcon,
-                                           formatDescription, numSamples, 1, &timing, sizeCount, sizes, &sbuf);
+    const OSStatus status =
+        SVSampleBufferCreate(allocator, dataBuffer, dataReady, makeDataReadyCallback, makeDataReadyRefcon,
+                             formatDescription, numSamples, 1, &timing, sizeCount, sizes, sbufOut);
     if (sizes != inlineSizes) sorvel::SVSampleBufferFreeArray(allocator, sizes);
+    return status;
+}
+
+OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
+                                 SVSampleBufferMakeDataReadyCallback makeDataReadyCallback, void *makeDataReadyRefcon,
+                                 SVFormatDescriptionRef formatDescription, SVItemCount numSamples,
+                                 SVTime presentationTimeStamp, const AudioStreamPacketDescription *packetDescriptions,
+                                 SVSampleBufferRef *sampleBufferOut, const char *function) noexcept {
+    if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
+    *sampleBufferOut = nullptr;
+    if (!formatDescription) {
+        SV_LOG(3, function, __LINE__, "an audio sample buffer needs a format description");
+        return kSVSampleBufferError_RequiredParameterMissing;
+    }
+    Layout layout;
+    if (OSStatus status = layoutOf(formatDescription, function, &layout)) return status;
+    const AudioStreamBasicDescription &asbd = *layout.asbd;
+    if (OSStatus status = checkPacketing(layout, numSamples, packetDescriptions, function)) return status;
+    int64_t totalFrames = 0;
+    if (OSStatus status = checkDataLength(layout, dataBuffer, numSamples, packetDescriptions, function, &totalFrames))
+        return status;
+
+    SVSampleTimingInfo timing;
+    timing.duration = asbd.mFramesPerPacket != 0 ? framesTime(asbd.mFramesPerPacket, asbd.mSampleRate)
+                                                 : spreadTime(totalFrames, numSamples, asbd.mSampleRate);
+    timing.presentationTimeStamp = presentationTimeStamp;
+    timing.decodeTimeStamp = kSVTimeInvalid;
+
+    SVSampleBufferRef sbuf = nullptr;
+    OSStatus status =
+        createWithPacketSizes(allocator, dataBuffer, dataReady, makeDataReadyCallback, makeDataReadyRefcon,
+                              formatDescription, numSamples, timing, layout, packetDescriptions, &sbuf);
     if (status != 0) return status;
     Buffer *b = asBuffer(sbuf);
     if (packetDescriptions) {

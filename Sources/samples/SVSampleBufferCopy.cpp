@@ -285,6 +285,51 @@ OSStatus SVSampleBufferCreateCopyWithNewTiming(CFAllocatorRef allocator, SVSampl
     return 0;
 }
 
+namespace {
+
+// The timing entries of a range copy: the audio layout's one entry, else
+// the source's single entry or its entries for the range.  False when an
+// allocation fails.
+bool copyRangeTiming(CFAllocatorRef allocator, const Buffer *source, CFRange sampleRange,
+                     const sorvel::SVAudioRange &audio, SVSampleTimingInfo **timingOut,
+                     SVItemCount *timingCountOut) noexcept {
+    if (audio.hasTiming) {
+        *timingOut = static_cast<SVSampleTimingInfo *>(
+            sorvel::SVSampleBufferCopyArray(allocator, &audio.timing, 1, sizeof(SVSampleTimingInfo)));
+        *timingCountOut = 1;
+        return *timingOut != nullptr;
+    }
+    if (source->numSampleTimingEntries == 0 || !source->sampleTimingArray) return true;
+    const bool one = source->numSampleTimingEntries == 1;
+    *timingCountOut = one ? 1 : sampleRange.length;
+    if (*timingCountOut == 0) return true;
+    *timingOut = static_cast<SVSampleTimingInfo *>(
+        sorvel::SVSampleBufferCopyArray(allocator, source->sampleTimingArray + (one ? 0 : sampleRange.location),
+                                        *timingCountOut, sizeof(SVSampleTimingInfo)));
+    return *timingOut != nullptr;
+}
+
+// The data of a range copy: the audio layout's own bytes (taken over from
+// `audio`), else a reference to the range's bytes of the source's data.
+CFTypeRef rangeData(CFAllocatorRef allocator, const Buffer *source, const RangeBytes &bytes,
+                    sorvel::SVAudioRange &audio) noexcept {
+    if (audio.hasData) {
+        CFTypeRef data = audio.data;  // ownership moves
+        audio.data = nullptr;
+        return data;
+    }
+    if (!source->dataOrImageBuffer) return nullptr;
+    // Not checked, deliberately: a reference that cannot be made leaves the
+    // new buffer without data.
+    SVBlockBufferRef data = nullptr;
+    SVBlockBufferCreateWithBufferReference(allocator,
+                                           static_cast<SVBlockBufferRef>(const_cast<void *>(source->dataOrImageBuffer)),
+                                           bytes.offset, bytes.length, 0, &data);
+    return data;
+}
+
+}  // namespace
+
 OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSampleBufferRef sbuf, CFRange sampleRange,
                                                 SVSampleBufferRef *sampleBufferOut) noexcept {
     const Buffer *source = asBuffer(sbuf);
@@ -309,26 +354,9 @@ OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSamp
 
     SVItemCount timingCount = 0;
     SVSampleTimingInfo *timing = nullptr;
-    if (audio.hasTiming) {
-        timing = static_cast<SVSampleTimingInfo *>(
-            sorvel::SVSampleBufferCopyArray(allocator, &audio.timing, 1, sizeof(SVSampleTimingInfo)));
-        if (!timing) {
-            sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
-            return kSVSampleBufferError_AllocationFailed;
-        }
-        timingCount = 1;
-    } else if (source->numSampleTimingEntries != 0 && source->sampleTimingArray) {
-        const bool one = source->numSampleTimingEntries == 1;
-        timingCount = one ? 1 : sampleRange.length;
-        if (timingCount > 0) {
-            timing = static_cast<SVSampleTimingInfo *>(
-                sorvel::SVSampleBufferCopyArray(allocator, source->sampleTimingArray + (one ? 0 : sampleRange.location),
-                                                timingCount, sizeof(SVSampleTimingInfo)));
-            if (!timing) {
-                sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
-                return kSVSampleBufferError_AllocationFailed;
-            }
-        }
+    if (!copyRangeTiming(allocator, source, sampleRange, audio, &timing, &timingCount)) {
+        sorvel::SVAudioSampleBufferReleaseRange(allocator, &audio);
+        return kSVSampleBufferError_AllocationFailed;
     }
     RangeBytes bytes = rangeBytes(allocator, source, sampleRange);
     if (bytes.allocationFailed) {
@@ -346,18 +374,7 @@ OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSamp
     }
     sorvel::SVSampleBufferApplyCopyRules(copy, source);
     copy->kind = kSVSampleBufferKind_DataBuffer;
-    if (audio.hasData) {
-        copy->dataOrImageBuffer = audio.data;  // ownership moves
-        audio.data = nullptr;
-    } else if (source->dataOrImageBuffer) {
-        // Not checked, deliberately: a reference that cannot be made leaves
-        // the new buffer without data.
-        SVBlockBufferRef data = nullptr;
-        SVBlockBufferCreateWithBufferReference(
-            allocator, static_cast<SVBlockBufferRef>(const_cast<void *>(source->dataOrImageBuffer)), bytes.offset,
-            bytes.length, 0, &data);
-        copy->dataOrImageBuffer = data;
-    }
+    copy->dataOrImageBuffer = rangeData(allocator, source, bytes, audio);
     copy->numSamples = sampleRange.length;
     copy->numSampleTimingEntries = timingCount;
     copy->sampleTimingArray = timing;

@@ -19,6 +19,7 @@
 // test compiles its own copy of them.
 #include "bitstream/SVH264ParameterSets.cpp"
 #include "bitstream/SVHEVCParameterSets.cpp"
+#include "bitstream/SVParameterSetsCommon.cpp"
 
 namespace {
 
