@@ -339,7 +339,12 @@ TEST_P(LipSync, BeepsLeaveTheSinkWhenTheirPicturesAreShown) {
     // Goal: within 2 ms; a shared machine gets some slack, judged on medians.
     EXPECT_LT(median(magnitudes), 3.0) << "A/V offsets measured through the monitor (ms):" << list << "\n"
                                        << player.out.substr(player.out.find("\"sound\""), 900);
-    EXPECT_LT(std::fabs(measured.back() - measured.front()), 4.0) << "the offset drifts (ms):" << list;
+    // Drift: the later half's median against the earlier half's, so that one
+    // late beep at either end (another process had the core) does not count.
+    const size_t half = measured.size() / 2;
+    const double earlier = median(std::vector<double>(measured.begin(), measured.begin() + half));
+    const double later = median(std::vector<double>(measured.end() - half, measured.end()));
+    EXPECT_LT(std::fabs(later - earlier), 4.0) << "the offset drifts (ms):" << list;
     EXPECT_LT(median(disagreement), 1.0) << "the player's own offsets disagree with the monitor's (ms):" << list;
     // The device's rate, once its clock runs steadily: a machine so busy
     // that the server ran dry leaves stretches too short to measure it.
