@@ -370,11 +370,16 @@ int runPlay(const PlayOptions &options) {
     audio::parseAudioMode(options.audio, audioMode);
     if (!source && error.code == kExitNoVideo && audioMode != audio::AudioMode::None) {
         // Sound without pictures: play the sound and report it.
+        const audio::SoundOnlyRequest request{
+            audioMode,    options.file,  options.file.empty() ? "(embedded demo stream)" : options.file,
+            options.rate, options.start, options.duration,
+            options.json};
         std::string soundError;
-        const int status = audio::playSoundOnly(
-            audioMode, options.file, options.file.empty() ? "(embedded demo stream)" : options.file, options.rate,
-            options.start, options.duration, options.json, soundError);
+        StopOnInterrupt stopOnInterrupt;
+        const int status = audio::playSoundOnly(request, gInterrupted, soundError);
         if (status < 0) return reportError({kExitNoVideo, error.message + "; " + soundError});
+        // As with pictures: an interrupted run ends with its own status, after its report.
+        if (gInterrupted) return kExitInterrupted;
         if (status > 0) return reportError({kExitFailure, soundError});
         return kExitOK;
     }

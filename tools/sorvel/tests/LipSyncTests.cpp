@@ -397,6 +397,7 @@ TEST_F(SoundTest, SoundWithoutPicturesPlaysAndReports) {
     EXPECT_EQ(player.exitCode, 0) << player.err;
     EXPECT_EQ(field(player.out, "state"), "played");
     EXPECT_EQ(field(player.out, "samples_shown"), "0");
+    EXPECT_EQ(field(player.out, "interrupted"), "false");
     const double wall = std::stod(field(player.out, "wall_seconds"));
     EXPECT_GT(wall, 1.9) << "the whole sound is played";
     EXPECT_LT(wall, 4.0);
@@ -405,6 +406,39 @@ TEST_F(SoundTest, SoundWithoutPicturesPlaysAndReports) {
     ASSERT_TRUE(fast.wait(20));
     EXPECT_EQ(fast.exitCode, 4) << "nothing to play at rate 2: no pictures, and sound at rate 1 only";
     EXPECT_NE(fast.err.find("no video stream; sound is played at rate 1 only"), std::string::npos) << fast.err;
+}
+
+// Ctrl-C during sound-only playing stops the sound at once and still
+// reports, as it does with pictures: the report says it was interrupted and
+// the status is 130.
+TEST_F(SoundTest, InterruptedSoundWithoutPicturesStopsAndReports) {
+    const std::string clip = make("long.m4a", beeps(44100, 10) + " -c:a aac");
+    for (const bool json : {true, false}) {
+        SCOPED_TRACE(json ? "json" : "text");
+        std::vector<std::string> arguments{"play", clip};
+        if (json) arguments.push_back("--json");
+        Child player(arguments);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+        kill(player.pid(), SIGINT);
+        // Ten seconds of sound: ending within four of the start is the interrupt's doing.
+        ASSERT_TRUE(player.wait(4.0)) << "Ctrl-C must end sound-only playing";
+        EXPECT_EQ(player.signal, 0) << "killed by the signal instead of stopping";
+        EXPECT_EQ(player.exitCode, 130) << player.err;
+        EXPECT_EQ(player.err, "");
+        for (const char *report : {"AddressSanitizer", "LeakSanitizer", "runtime error:"})
+            EXPECT_EQ(player.err.find(report), std::string::npos) << player.err;
+        if (json) {
+            EXPECT_EQ(field(player.out, "interrupted"), "true") << player.out;
+            EXPECT_EQ(field(player.out, "state"), "played") << player.out;
+            const double wall = std::stod(field(player.out, "wall_seconds"));
+            EXPECT_GT(wall, 0.3);
+            EXPECT_LT(wall, 3.5);
+        } else {
+            EXPECT_NE(player.out.find("(sound only, no video stream)"), std::string::npos) << player.out;
+            EXPECT_NE(player.out.find("  Interrupted     playing stopped early\n"), std::string::npos) << player.out;
+            EXPECT_NE(player.out.find("  Sound           aac"), std::string::npos) << player.out;
+        }
+    }
 }
 
 TEST_F(SoundTest, SoundTheServerOrTheDecoderRefusesIsSaidOnOneLine) {
