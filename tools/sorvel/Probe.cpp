@@ -12,6 +12,7 @@
 #include "HdrMetadata.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeAudio.h"
 #include "ProbeOther.h"
 #include "SampleDescriptionProbe.h"
 #include "StreamDetails.h"
@@ -240,23 +241,6 @@ std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, Four
     return sets;
 }
 
-std::string channelLayoutName(AudioChannelLayoutTag tag) {
-    switch (tag) {
-        case kAudioChannelLayoutTag_Mono:
-            return "Mono";
-        case kAudioChannelLayoutTag_Stereo:
-            return "Stereo";
-        case kAudioChannelLayoutTag_MPEG_5_1_A:
-            return "MPEG 5.1 A";
-        case kAudioChannelLayoutTag_MPEG_7_1_A:
-            return "MPEG 7.1 A";
-        default:
-            if ((tag & 0xFFFF0000u) == kAudioChannelLayoutTag_DiscreteInOrder)
-                return format("%u discrete channels", tag & 0xFFFF);
-            return format("tag 0x%08x", tag);
-    }
-}
-
 }  // namespace
 
 int runProbe(const ProbeOptions &options) {
@@ -341,8 +325,7 @@ int runProbe(const ProbeOptions &options) {
     // Each track again, from the sample description the muxer wrote, and
     // what differs from libavformat's view of the stream.
     std::vector<std::string> bridgeWarnings;
-    const std::map<int, BridgeTrack> bridged =
-        describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
+    const BridgedTracks bridged = describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
     const auto videoBridge = hasVideo ? bridged.find(source->videoStreamIndex()) : bridged.end();
     if (videoBridge != bridged.end())
         crossCheckSampleDescription(videoBridge->second, description.get(),
@@ -355,14 +338,7 @@ int runProbe(const ProbeOptions &options) {
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();
-        json.integer("schema_version", kProbeSchemaVersion);
-        json.string("file", source->name());
-        json.string("container", source->containerName());
-        json.beginObject("format");
-        json.number("duration", source->containerDuration());
-        json.integer("bit_rate", source->containerBitRate());
-        json.integer("size", source->containerSize());
-        json.endObject();
+        writeContainerJson(json, *source, kProbeSchemaVersion);
         if (hasVideo) {
             json.beginObject("video");
             json.integer("stream_index", source->videoStreamIndex());
@@ -449,62 +425,7 @@ int runProbe(const ProbeOptions &options) {
         } else {
             json.null("video");
         }
-        json.beginArray("audio");
-        for (const AudioTrack &track : source->audioTracks()) {
-            json.beginObject();
-            json.integer("stream_index", track.streamIndex);
-            json.string("codec", track.codecName);
-            json.string("profile", audioProfile(track));
-            json.integer("packet_count", track.packetCount);
-            json.number("duration",
-                        track.bufferCount ? seconds(track.outputDuration) : track.endSeconds - track.startSeconds);
-            if (const AudioStreamBasicDescription *asbd =
-                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-                size_t layoutSize = 0, cookieSize = 0;
-                const AudioChannelLayout *layout =
-                    SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
-                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                json.string("format_id", fourCC(asbd->mFormatID));
-                json.number("sample_rate", asbd->mSampleRate);
-                json.integer("format_flags", asbd->mFormatFlags);
-                json.integer("channels", asbd->mChannelsPerFrame);
-                json.integer("frames_per_packet", asbd->mFramesPerPacket);
-                json.integer("bytes_per_packet", asbd->mBytesPerPacket);
-                json.integer("bits_per_channel", asbd->mBitsPerChannel);
-                json.string("channel_layout", layout ? channelLayoutName(layout->mChannelLayoutTag) : "");
-                json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
-                json.integer("timescale", track.tickDenominator);
-                json.integer("sample_buffer_count", track.bufferCount);
-                json.integer("packets_skipped", track.packetsSkipped);
-                json.integer("frame_count", track.frames);
-                json.integer("priming_frames", track.primingFrames);
-                json.integer("remainder_frames", track.remainderFrames);
-                json.number("start_time", seconds(track.outputStart));
-            }
-            if (options.samples) {
-                json.beginArray("samples");
-                for (const AudioSample &sample : track.samples) {
-                    json.beginRow();
-                    json.integer("index", static_cast<long long>(sample.index));
-                    // Decode order is presentation order for audio.
-                    json.integer("dts", sample.pts);
-                    json.integer("pts", sample.pts);
-                    json.integer("duration", sample.duration);
-                    json.number("pts_time",
-                                static_cast<double>(sample.pts) * track.tickNumerator / track.tickDenominator);
-                    json.integer("size", static_cast<long long>(sample.size));
-                    json.integer("frames", sample.frames);
-                    json.integer("trim_start", sample.trimStart);
-                    json.integer("trim_end", sample.trimEnd);
-                    json.endRow();
-                }
-                json.endArray();
-            }
-            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
-                writeSampleDescriptionJson(json, found->second);
-            json.endObject();
-        }
-        json.endArray();
+        writeAudioStreamsJson(json, *source, options.samples, bridged);
         json.beginArray("warnings");
         for (const std::string &warning : source->warnings()) json.string(nullptr, warning);
         for (const std::string &warning : bridgeWarnings) json.string(nullptr, warning);
@@ -572,36 +493,7 @@ int runProbe(const ProbeOptions &options) {
             printf("\n");
             if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
         }
-        for (const AudioTrack &track : source->audioTracks()) {
-            printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
-            if (const std::string profile = audioProfile(track); !profile.empty()) printf(" %s", profile.c_str());
-            if (const AudioStreamBasicDescription *asbd =
-                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-                size_t layoutSize = 0, cookieSize = 0;
-                const AudioChannelLayout *layout =
-                    SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
-                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                printf(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes",
-                       fourCC(asbd->mFormatID).c_str(), asbd->mSampleRate, asbd->mChannelsPerFrame,
-                       layout ? channelLayoutName(layout->mChannelLayoutTag).c_str() : "no layout",
-                       asbd->mFramesPerPacket, cookieSize);
-            } else {
-                printf(" (no stream description for this codec)");
-            }
-            printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount),
-                   track.endSeconds - track.startSeconds);
-            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
-                printf("  Sample description %s\n", sampleDescriptionLine(found->second).c_str());
-            if (track.bufferCount)
-                printf(
-                    "  Timing      timescale %d, %lld frames (priming %lld, remainder %lld), start %.6f s, "
-                    "duration %.6f s\n",
-                    track.tickDenominator, static_cast<long long>(track.frames),
-                    static_cast<long long>(track.primingFrames), static_cast<long long>(track.remainderFrames),
-                    seconds(track.outputStart), seconds(track.outputDuration));
-            if (track.packetsSkipped)
-                printf("  Skipped     %lld packets\n", static_cast<long long>(track.packetsSkipped));
-        }
+        printAudioStreams(*source, bridged);
         if (options.samples && hasVideo) {
             printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)",
                    "size", "sync");
@@ -616,18 +508,7 @@ int runProbe(const ProbeOptions &options) {
                        dtsTime.c_str(), seconds(row.pts), row.size, row.sync ? "yes" : "");
             }
         }
-        for (const AudioTrack &track : source->audioTracks()) {
-            if (!options.samples || track.samples.empty()) continue;
-            printf("\nAudio stream %d\n%8s %12s %12s %9s %12s %9s %7s %6s %6s\n", track.streamIndex, "packet", "dts",
-                   "pts", "duration", "pts (s)", "size", "frames", "trim<", "trim>");
-            for (const AudioSample &sample : track.samples)
-                printf("%8lld %12lld %12lld %9lld %12.6f %9zu %7lld %6lld %6lld\n",
-                       static_cast<long long>(sample.index), static_cast<long long>(sample.pts),
-                       static_cast<long long>(sample.pts), static_cast<long long>(sample.duration),
-                       static_cast<double>(sample.pts) * track.tickNumerator / track.tickDenominator, sample.size,
-                       static_cast<long long>(sample.frames), static_cast<long long>(sample.trimStart),
-                       static_cast<long long>(sample.trimEnd));
-        }
+        printAudioSampleTables(*source);
         for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
         for (const std::string &warning : bridgeWarnings) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
         if (source->samplesWithoutFormat())

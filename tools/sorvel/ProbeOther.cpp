@@ -10,6 +10,7 @@
 #include "Commands.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeAudio.h"
 #include "StreamDetails.h"
 
 extern "C" {
@@ -68,48 +69,12 @@ OtherVideo describeOtherVideo(const MediaSource &source) {
     return video;
 }
 
-std::string audioLine(const AudioTrack &track, const std::string &layout) {
-    std::string line = format("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
-    if (const std::string profile = audioProfile(track); !profile.empty()) line += " " + profile;
-    if (const AudioStreamBasicDescription *asbd =
-            SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-        size_t cookieSize = 0;
-        SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-        line += format(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes",
-                       fourCC(asbd->mFormatID).c_str(), asbd->mSampleRate, asbd->mChannelsPerFrame, layout.c_str(),
-                       asbd->mFramesPerPacket, cookieSize);
-    } else {
-        line += " (no stream description for this codec)";
-    }
-    return line + format("; %lld packets, %.3f s", static_cast<long long>(track.packetCount),
-                         track.endSeconds - track.startSeconds);
-}
-
-std::string layoutName(const AudioTrack &track) {
-    size_t size = 0;
-    const AudioChannelLayout *layout = SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &size);
-    if (!layout) return "";
-    switch (layout->mChannelLayoutTag) {
-        case kAudioChannelLayoutTag_Mono:
-            return "Mono";
-        case kAudioChannelLayoutTag_Stereo:
-            return "Stereo";
-        case kAudioChannelLayoutTag_MPEG_5_1_A:
-            return "MPEG 5.1 A";
-        case kAudioChannelLayoutTag_MPEG_7_1_A:
-            return "MPEG 7.1 A";
-        default:
-            if ((layout->mChannelLayoutTag & 0xFFFF0000u) == kAudioChannelLayoutTag_DiscreteInOrder)
-                return format("%u discrete channels", layout->mChannelLayoutTag & 0xFFFF);
-            return format("tag 0x%08x", layout->mChannelLayoutTag);
-    }
-}
-
 }  // namespace
 
 int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, const ToolError &why,
                              int schemaVersion) {
     // Reading to the end counts the audio packets and their span.
+    source.keepAudioSamples(options.samples);
     VideoSample sample;
     while (source.next(sample)) {
     }
@@ -122,14 +87,7 @@ int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, c
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();
-        json.integer("schema_version", schemaVersion);
-        json.string("file", source.name());
-        json.string("container", source.containerName());
-        json.beginObject("format");
-        json.number("duration", source.containerDuration());
-        json.integer("bit_rate", source.containerBitRate());
-        json.integer("size", source.containerSize());
-        json.endObject();
+        writeContainerJson(json, source, schemaVersion);
         if (video.streamIndex >= 0) {
             json.beginObject("video");
             json.integer("stream_index", video.streamIndex);
@@ -144,31 +102,7 @@ int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, c
         } else {
             json.null("video");
         }
-        json.beginArray("audio");
-        for (const AudioTrack &track : source.audioTracks()) {
-            json.beginObject();
-            json.integer("stream_index", track.streamIndex);
-            json.string("codec", track.codecName);
-            json.string("profile", audioProfile(track));
-            json.integer("packet_count", track.packetCount);
-            json.number("duration", track.endSeconds - track.startSeconds);
-            if (const AudioStreamBasicDescription *asbd =
-                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-                size_t cookieSize = 0;
-                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                json.string("format_id", fourCC(asbd->mFormatID));
-                json.number("sample_rate", asbd->mSampleRate);
-                json.integer("format_flags", asbd->mFormatFlags);
-                json.integer("channels", asbd->mChannelsPerFrame);
-                json.integer("frames_per_packet", asbd->mFramesPerPacket);
-                json.integer("bytes_per_packet", asbd->mBytesPerPacket);
-                json.integer("bits_per_channel", asbd->mBitsPerChannel);
-                json.string("channel_layout", layoutName(track));
-                json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
-            }
-            json.endObject();
-        }
-        json.endArray();
+        writeAudioStreamsJson(json, source, options.samples, {});
         json.beginArray("warnings");
         json.string(nullptr, why.message);
         for (const std::string &warning : source.warnings()) json.string(nullptr, warning);
@@ -188,8 +122,8 @@ int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, c
         } else {
             printf("Video         none\n");
         }
-        for (const AudioTrack &track : source.audioTracks())
-            printf("%s\n", audioLine(track, layoutName(track).empty() ? "no layout" : layoutName(track)).c_str());
+        printAudioStreams(source, {});
+        if (options.samples) printAudioSampleTables(source);
         for (const std::string &warning : source.warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
     }
     fflush(stdout);
