@@ -46,7 +46,9 @@ struct OtherVideo {
     int streamIndex = -1;
     std::string codecName;
     Ref<SVFormatDescriptionRef> description;
-    std::string frameRate;  // exact fraction, "" when not declared
+    SVVideoDimensions dimensions = {0, 0};  // the description's
+    std::string subtype;                    // the description's media subtype as text
+    std::string frameRate;                  // exact fraction, "" when not declared
     StreamDetails details;
 };
 
@@ -63,10 +65,43 @@ OtherVideo describeOtherVideo(const MediaSource &source) {
     // container stores (0 when it stores none).
     SVVideoFormatDescriptionCreate(nullptr, type ? type : parameters->codec_tag, parameters->width, parameters->height,
                                    nullptr, reinterpret_cast<SVVideoFormatDescriptionRef *>(video.description.out()));
+    if (video.description) {
+        video.dimensions = SVVideoFormatDescriptionGetDimensions(video.description.get());
+        video.subtype = fourCC(SVFormatDescriptionGetMediaSubType(video.description.get()));
+    }
     const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
     if (rate.num > 0 && rate.den > 0) video.frameRate = format("%d/%d", rate.num, rate.den);
     video.details = streamDetails(stream);
     return video;
+}
+
+void writeOtherVideoJson(JsonWriter &json, const OtherVideo &video) {
+    if (video.streamIndex < 0) {
+        json.null("video");
+        return;
+    }
+    json.beginObject("video");
+    json.integer("stream_index", video.streamIndex);
+    json.string("codec", video.codecName);
+    json.string("media_subtype", video.subtype);
+    json.integer("width", video.dimensions.width);
+    json.integer("height", video.dimensions.height);
+    json.string("frame_rate_fraction", video.frameRate);
+    writeStreamDetails(json, video.details);
+    json.boolean("samples_read", false);
+    json.endObject();
+}
+
+void printOtherVideo(const OtherVideo &video) {
+    if (video.streamIndex < 0) {
+        printf("Video         none\n");
+        return;
+    }
+    printf("Video         stream %d: %s '%s', %dx%d", video.streamIndex, video.codecName.c_str(), video.subtype.c_str(),
+           video.dimensions.width, video.dimensions.height);
+    if (!video.frameRate.empty()) printf(", %s fps", video.frameRate.c_str());
+    printf(" (described only: sorvel reads the samples of H.264 and HEVC)\n");
+    printStreamDetails(video.details);
 }
 
 }  // namespace
@@ -79,29 +114,11 @@ int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, c
     while (source.next(sample)) {
     }
     const OtherVideo video = describeOtherVideo(source);
-    const SVVideoDimensions dimensions =
-        video.description ? SVVideoFormatDescriptionGetDimensions(video.description.get()) : SVVideoDimensions{0, 0};
-    const std::string subtype =
-        video.description ? fourCC(SVFormatDescriptionGetMediaSubType(video.description.get())) : "";
-
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();
         writeContainerJson(json, source, schemaVersion);
-        if (video.streamIndex >= 0) {
-            json.beginObject("video");
-            json.integer("stream_index", video.streamIndex);
-            json.string("codec", video.codecName);
-            json.string("media_subtype", subtype);
-            json.integer("width", dimensions.width);
-            json.integer("height", dimensions.height);
-            json.string("frame_rate_fraction", video.frameRate);
-            writeStreamDetails(json, video.details);
-            json.boolean("samples_read", false);
-            json.endObject();
-        } else {
-            json.null("video");
-        }
+        writeOtherVideoJson(json, video);
         writeAudioStreamsJson(json, source, options.samples, {});
         json.beginArray("warnings");
         json.string(nullptr, why.message);
@@ -113,15 +130,7 @@ int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, c
         reportErrorsAsJson(false);
     } else {
         printf("File          %s (%s)\n", source.name().c_str(), source.containerName().c_str());
-        if (video.streamIndex >= 0) {
-            printf("Video         stream %d: %s '%s', %dx%d", video.streamIndex, video.codecName.c_str(),
-                   subtype.c_str(), dimensions.width, dimensions.height);
-            if (!video.frameRate.empty()) printf(", %s fps", video.frameRate.c_str());
-            printf(" (described only: sorvel reads the samples of H.264 and HEVC)\n");
-            printStreamDetails(video.details);
-        } else {
-            printf("Video         none\n");
-        }
+        printOtherVideo(video);
         printAudioStreams(source, {});
         if (options.samples) printAudioSampleTables(source);
         for (const std::string &warning : source.warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
