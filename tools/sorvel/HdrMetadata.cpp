@@ -12,7 +12,6 @@ namespace sorvel::tool {
 namespace {
 
 constexpr unsigned kMasteringDisplayPayload = 137, kContentLightLevelPayload = 144;
-constexpr unsigned kHEVCNAL_PrefixSEI = 39, kHEVCNAL_SuffixSEI = 40;
 
 unsigned read16(const uint8_t *p) {
     return static_cast<unsigned>(p[0]) << 8 | p[1];
@@ -61,7 +60,7 @@ void readMessages(const uint8_t *p, size_t size, HdrMetadata &metadata) {
 
 // One NAL unit without its length prefix.
 void readUnit(const uint8_t *nal, size_t length, FourCharCode codec, HdrMetadata &metadata) {
-    const size_t nalHeader = codec == kSVVideoCodecType_HEVC ? 2 : 1;
+    const size_t nalHeader = nalUnitHeaderSize(codec);
     if (length <= nalHeader) return;
     const unsigned type = nalUnitType(codec, nal[0]);
     const bool sei = codec == kSVVideoCodecType_HEVC ? (type == kHEVCNAL_PrefixSEI || type == kHEVCNAL_SuffixSEI)

@@ -46,6 +46,10 @@ std::string libraryError(int status) {
     return text;
 }
 
+// The length prefix of the samples the tool makes from Annex B, and the
+// one assumed before a decoder configuration record says otherwise.
+constexpr int kLengthPrefixSize = 4;
+
 bool isParameterSet(FourCharCode codec, unsigned type) {
     if (codec == kSVVideoCodecType_H264) return type == kH264NAL_SPS || type == kH264NAL_PPS;
     return type == kHEVCNAL_VPS || type == kHEVCNAL_SPS || type == kHEVCNAL_PPS;
@@ -342,7 +346,7 @@ void attachTrim(SVSampleBufferRef buffer, CFStringRef key, int64_t frames, int64
 // memory cannot be had; `status` is then unset.
 bool lengthPrefixedCopy(const std::vector<Unit> &units, Ref<SVBlockBufferRef> &block, OSStatus &status) {
     size_t total = 0;
-    for (const Unit &unit : units) total += 4 + unit.size;
+    for (const Unit &unit : units) total += kLengthPrefixSize + unit.size;
     auto *bytes = static_cast<uint8_t *>(malloc(total));
     if (!bytes) return false;
     uint8_t *write = bytes;
@@ -566,7 +570,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     Ref<SVFormatDescriptionRef> description;
     OSStatus status = 0;
     if (lengthPrefixed_ && codec_ == kSVVideoCodecType_H264) {
-        int32_t headerLength = 4;
+        int32_t headerLength = kLengthPrefixSize;
         Ref<CFMutableDataRef> annexB;
         status = _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(extra, extraSize, &headerLength,
                                                                                      annexB.out());
@@ -580,7 +584,7 @@ bool MediaSource::describeVideo(ToolError &error) {
         // The units are taken one by one: the library's hvcC-to-Annex B form
         // keeps a type byte after every start code.
         std::vector<Unit> sets;
-        int headerLength = 4;
+        int headerLength = kLengthPrefixSize;
         if (hevcRecordSets(extra, extraSize, sets, headerLength)) {
             nalUnitHeaderLength_ = headerLength;
             status = describe(codec_, sets, headerLength, description.out());
@@ -588,7 +592,7 @@ bool MediaSource::describeVideo(ToolError &error) {
             status = kSVFormatDescriptionError_InvalidParameter;
         }
     } else {
-        nalUnitHeaderLength_ = 4;
+        nalUnitHeaderLength_ = kLengthPrefixSize;
         if (extraSize > 0) adoptInBandParameterSets(extra, extraSize);
         formatChanges_ = 0;
         return true;

@@ -119,23 +119,28 @@ int reorderDepth(const std::vector<Row> &rows) {
     return static_cast<int>(depth);
 }
 
+// Bits of H.264's constraint_set byte (constraint_set0 is 0x80).
+constexpr uint32_t kH264ConstraintSet1 = 0x40, kH264ConstraintSet3 = 0x10;
+// The H.264 profile whose level_idc 11 with constraint_set3 means level 1b.
+constexpr unsigned kH264ProfileExtended = 88;
+
 std::string profileName(const SVVideoCodingInfo &info) {
     if (info.codecType == kSVVideoCodecType_H264) {
         switch (info.profile) {
             case 66:
-                return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
+                return (info.constraintFlags & kH264ConstraintSet1) ? "Constrained Baseline" : "Baseline";
             case 77:
                 return "Main";
-            case 88:
+            case kH264ProfileExtended:
                 return "Extended";
             case 100:
                 return "High";
             case 110:
-                return (info.constraintFlags & 0x10) ? "High 10 Intra" : "High 10";
+                return (info.constraintFlags & kH264ConstraintSet3) ? "High 10 Intra" : "High 10";
             case 122:
-                return (info.constraintFlags & 0x10) ? "High 4:2:2 Intra" : "High 4:2:2";
+                return (info.constraintFlags & kH264ConstraintSet3) ? "High 4:2:2 Intra" : "High 4:2:2";
             case 244:
-                return (info.constraintFlags & 0x10) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
+                return (info.constraintFlags & kH264ConstraintSet3) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
             case 44:
                 return "CAVLC 4:4:4";
             default:
@@ -164,7 +169,8 @@ std::string profileName(const SVVideoCodingInfo &info) {
 
 std::string levelName(const SVVideoCodingInfo &info) {
     if (info.codecType == kSVVideoCodecType_H264) {
-        if (info.level == 11 && (info.constraintFlags & 0x10) && info.profile <= 88) return "1b";
+        if (info.level == 11 && (info.constraintFlags & kH264ConstraintSet3) && info.profile <= kH264ProfileExtended)
+            return "1b";
         return format("%u.%u", info.level / 10, info.level % 10);
     }
     const unsigned level = info.level / 3;  // general_level_idc is 30 times the level

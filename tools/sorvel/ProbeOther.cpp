@@ -20,23 +20,30 @@ extern "C" {
 namespace sorvel::tool {
 namespace {
 
+// Sample-description codes of video codecs the library has no constant
+// for: it reads only H.264 and HEVC samples.
+constexpr FourCharCode kVideoCodecType_VP8 = 'vp08', kVideoCodecType_VP9 = 'vp09', kVideoCodecType_AV1 = 'av01',
+                       kVideoCodecType_MPEG4Video = 'mp4v', kVideoCodecType_MPEG2Video = 'mp2v',
+                       kVideoCodecType_JPEG = 'jpeg', kVideoCodecType_ProRes422 = 'apcn';
+
 // The sample-description code of the codecs whose MP4 form names one.
 FourCharCode videoCodecType(const AVCodecParameters *parameters) {
     switch (parameters->codec_id) {
         case AV_CODEC_ID_VP8:
-            return 'vp08';
+            return kVideoCodecType_VP8;
         case AV_CODEC_ID_VP9:
-            return 'vp09';
+            return kVideoCodecType_VP9;
         case AV_CODEC_ID_AV1:
-            return 'av01';
+            return kVideoCodecType_AV1;
         case AV_CODEC_ID_MPEG4:
-            return 'mp4v';
+            return kVideoCodecType_MPEG4Video;
         case AV_CODEC_ID_MPEG2VIDEO:
-            return 'mp2v';
+            return kVideoCodecType_MPEG2Video;
         case AV_CODEC_ID_MJPEG:
-            return 'jpeg';
+            return kVideoCodecType_JPEG;
         case AV_CODEC_ID_PRORES:
-            return parameters->codec_tag ? parameters->codec_tag : 'apcn';
+            // ProRes names its flavour in the tag; 422 when the container does not say.
+            return parameters->codec_tag ? parameters->codec_tag : kVideoCodecType_ProRes422;
         default:
             return 0;
     }

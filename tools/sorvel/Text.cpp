@@ -50,6 +50,10 @@ unsigned nalUnitType(FourCharCode codec, uint8_t firstByte) {
     return codec == kSVVideoCodecType_H264 ? firstByte & 0x1Fu : (firstByte >> 1) & 0x3Fu;
 }
 
+size_t nalUnitHeaderSize(FourCharCode codec) {
+    return codec == kSVVideoCodecType_HEVC ? 2 : 1;
+}
+
 const char *nalUnitTypeName(FourCharCode codec, unsigned type) {
     if (codec == kSVVideoCodecType_H264) {
         static const char *const names[32] = {"UNSPEC0",      "SLICE",
