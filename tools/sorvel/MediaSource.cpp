@@ -105,7 +105,9 @@ bool prefixesCoverSample(const uint8_t *data, size_t size, int prefix) {
 // damaged.
 bool hevcRecordSets(const uint8_t *record, size_t size, std::vector<Unit> &sets, int &headerLength) {
     size_t count = 0;
-    SVGetParameterSetFromHEVCDecoderConfigurationRecord(record, size, 0, nullptr, nullptr, &count, &headerLength);
+    if (SVGetParameterSetFromHEVCDecoderConfigurationRecord(record, size, 0, nullptr, nullptr, &count, &headerLength) !=
+        0)
+        return false;
     for (size_t i = 0; i < count; ++i) {
         const uint8_t *unit = nullptr;
         size_t length = 0;
@@ -239,16 +241,19 @@ AudioChannelLayoutTag layoutTagOf(UInt32 channels) {
 }
 
 // The audio format description of a stream (its extradata as the magic
-// cookie), null for codecs without a stream description here.
-Ref<SVFormatDescriptionRef> audioFormatDescription(const AVCodecParameters *p) {
+// cookie), null for codecs without a stream description here and when the
+// library refuses the description (`status` then says why).
+Ref<SVFormatDescriptionRef> audioFormatDescription(const AVCodecParameters *p, OSStatus &status) {
     Ref<SVFormatDescriptionRef> description;
+    status = 0;
     const AudioStreamBasicDescription asbd = audioStreamDescription(p);
     if (asbd.mFormatID == 0) return description;
     AudioChannelLayout layout = {};
     layout.mChannelLayoutTag = layoutTagOf(asbd.mChannelsPerFrame);
     const size_t cookieSize = p->extradata ? static_cast<size_t>(p->extradata_size) : 0;
-    SVAudioFormatDescriptionCreate(nullptr, &asbd, offsetof(AudioChannelLayout, mChannelDescriptions), &layout,
-                                   cookieSize, cookieSize ? p->extradata : nullptr, nullptr, description.out());
+    status =
+        SVAudioFormatDescriptionCreate(nullptr, &asbd, offsetof(AudioChannelLayout, mChannelDescriptions), &layout,
+                                       cookieSize, cookieSize ? p->extradata : nullptr, nullptr, description.out());
     return description;
 }
 
@@ -614,7 +619,11 @@ void MediaSource::describeAudio() {
         AudioTrack track;
         track.streamIndex = static_cast<int>(i);
         track.codecName = avcodec_get_name(parameters->codec_id);
-        track.description = audioFormatDescription(parameters);
+        OSStatus status = 0;
+        track.description = audioFormatDescription(parameters, status);
+        if (status != 0)
+            warn(format("the library refused the description of audio stream %u (status %d)", i,
+                        static_cast<int>(status)));
         if (stream->start_time != AV_NOPTS_VALUE) track.startSeconds = stream->start_time * av_q2d(stream->time_base);
         if (stream->time_base.num > 0 && stream->time_base.den > 0) {
             track.tickNumerator = stream->time_base.num;

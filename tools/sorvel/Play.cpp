@@ -131,7 +131,9 @@ public:
             runBackwards();
         else
             runForwards();
-        SVBufferQueueMarkEndOfData(queue_);
+        const OSStatus status = SVBufferQueueMarkEndOfData(queue_);
+        if (status != 0)
+            fail({kExitFailure, format("the buffer queue refused its end (status %d)", static_cast<int>(status))});
         {
             std::lock_guard<std::mutex> lock(flow_.mutex);
             flow_.readerDone = true;
@@ -429,18 +431,19 @@ public:
         // Keep about half a second of playing time queued, at least half a
         // second of media.
         const double high = std::max(0.5, 0.5 * std::fabs(rate));
-        SVBufferQueueInstallTrigger(queue_.get(), queueFilled, &flow,
-                                    kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
-                                    SVTimeMakeWithSeconds(high, 1000000), &fillToken_);
-        SVBufferQueueInstallTrigger(queue_.get(), queueDrained, &flow,
-                                    kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
-                                    SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken_);
-        return 0;
+        const OSStatus fill = SVBufferQueueInstallTrigger(queue_.get(), queueFilled, &flow,
+                                                          kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
+                                                          SVTimeMakeWithSeconds(high, 1000000), &fillToken_);
+        if (fill != 0) return fill;
+        return SVBufferQueueInstallTrigger(queue_.get(), queueDrained, &flow,
+                                           kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
+                                           SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken_);
     }
     ~PlayQueue() {
-        if (!queue_) return;
-        SVBufferQueueRemoveTrigger(queue_.get(), fillToken_);
-        SVBufferQueueRemoveTrigger(queue_.get(), drainToken_);
+        // Removing a trigger that was installed cannot fail, and one that
+        // was not is refused harmlessly: the queue goes next anyway.
+        if (fillToken_) (void)SVBufferQueueRemoveTrigger(queue_.get(), fillToken_);
+        if (drainToken_) (void)SVBufferQueueRemoveTrigger(queue_.get(), drainToken_);
     }
     SVBufferQueueRef get() const { return queue_.get(); }
 
@@ -493,13 +496,15 @@ void stopReader(Flow &flow, std::thread &reader) {
 class RealTimePriority {
 public:
     RealTimePriority() {
-        pthread_getschedparam(pthread_self(), &oldPolicy_, &oldParameters_);
+        // Without the old policy there would be nothing to go back to.
+        if (pthread_getschedparam(pthread_self(), &oldPolicy_, &oldParameters_) != 0) return;
         sched_param realTime = {};
         realTime.sched_priority = std::min(10, sched_get_priority_max(SCHED_FIFO));
         raised_ = pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == 0;
     }
     ~RealTimePriority() {
-        if (raised_) pthread_setschedparam(pthread_self(), oldPolicy_, &oldParameters_);
+        // Lowering one's own priority back is always allowed.
+        if (raised_) (void)pthread_setschedparam(pthread_self(), oldPolicy_, &oldParameters_);
     }
 
 private:
@@ -541,19 +546,20 @@ struct Playback {
 // Makes the timebase the pictures are timed on: it reads the presentation
 // time of the sound leaving the device when the sound plays, and runs at
 // the asked rate on the host clock from 5 ms from now otherwise.
-void startTimebase(Playback &play, const audio::SoundSession *session) {
+OSStatus startTimebase(Playback &play, const audio::SoundSession *session) {
     if (session) {
-        SVTimebaseCreateWithMasterClock(nullptr, session->clock(), play.timebase.out());
-        session->anchor(play.timebase.get());
+        OSStatus status = SVTimebaseCreateWithMasterClock(nullptr, session->clock(), play.timebase.out());
+        if (status == 0) status = session->anchor(play.timebase.get());
         play.soundClock = true;
         play.startHost = hostNow();
-        return;
+        return status;
     }
     play.startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
-    SVTimebaseCreateWithMasterClock(nullptr, play.host, play.timebase.out());
-    SVTimebaseSetRateAndAnchorTime(play.timebase.get(), play.options.rate,
-                                   SVTimeMakeWithSeconds(play.window.start, 1000000000),
-                                   SVClockMakeHostTimeFromSystemUnits(play.startHost));
+    const OSStatus status = SVTimebaseCreateWithMasterClock(nullptr, play.host, play.timebase.out());
+    if (status != 0) return status;
+    return SVTimebaseSetRateAndAnchorTime(play.timebase.get(), play.options.rate,
+                                          SVTimeMakeWithSeconds(play.window.start, 1000000000),
+                                          SVClockMakeHostTimeFromSystemUnits(play.startHost));
 }
 
 // The picture that straddles the window's start is due, and presented, at the start.
@@ -578,10 +584,12 @@ void moveOnAcrossGap(Playback &play, SVSampleBufferRef head, double pts, double 
     if (jump <= std::max(kGapMinimumSeconds, kGapFrames * std::max(duration, play.frameSeconds))) return;
     ++play.report.gaps;
     play.report.gapSeconds += jump;
-    // The master's time now: the host clock's, or the sound's.
-    SVTimebaseSetRateAndAnchorTime(play.timebase.get(), play.soundClock ? 1.0 : play.options.rate,
-                                   SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
-                                   SVClockGetTime(SVTimebaseGetMasterClock(play.timebase.get())));
+    // The master's time now: the host clock's, or the sound's.  Every
+    // argument is numeric and the timebase is the player's own, so it takes
+    // the new anchor; were it refused, the picture would wait out the gap.
+    (void)SVTimebaseSetRateAndAnchorTime(play.timebase.get(), play.soundClock ? 1.0 : play.options.rate,
+                                         SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
+                                         SVClockGetTime(SVTimebaseGetMasterClock(play.timebase.get())));
 }
 
 // Sleeps until the last millisecond before `dueHost`, but wakes when the
@@ -594,8 +602,9 @@ void sleepUntilNearlyDue(Playback &play, SVTime due, uint64_t dueHost, uint64_t 
         const SVTime early = SVTimeMakeWithSeconds(1e-9 * kSpinNanoseconds * std::fabs(play.options.rate), 1000000000);
         const SVTime fire = play.window.reverse ? SVTimeAdd(due, early) : SVTimeSubtract(due, early);
         if (SVTimeCompare(fire, play.armedFor) != 0 || !SVTIME_IS_VALID(play.armedFor)) {
-            play.timer->arm(fire);
-            play.armedFor = fire;
+            // An arming refused leaves the wait to its timeout below: the
+            // loop comes back within 100 ms and arms again.
+            if (play.timer->arm(fire) == 0) play.armedFor = fire;
         }
         PresentationTimer::Firing firing;
         const uint64_t patience = std::min<uint64_t>(dueHost - now, 100000000);
@@ -649,6 +658,7 @@ void presentAll(Playback &play) {
             if (SVBufferQueueIsAtEndOfData(play.queue) || SVBufferQueueContainsEndOfData(play.queue)) break;
             ++play.report.underruns;
             std::unique_lock<std::mutex> lock(play.flow.mutex);
+            if (play.flow.readerDone) break;  // the reader stopped without marking the end
             play.flow.changed.wait_for(lock, std::chrono::milliseconds(5));
             continue;
         }
@@ -784,7 +794,10 @@ int runPlay(const PlayOptions &options) {
         fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", soundError.c_str());
     }
     Playback play(options, queue.get(), flow, window, streamEnd, source->ticksToSeconds(source->defaultFrameTicks()));
-    startTimebase(play, session.get());
+    if (const OSStatus status = startTimebase(play, session.get()); status != 0) {
+        stopReader(flow, readerThread);
+        return reportError({kExitFailure, format("cannot start the timebase (status %d)", static_cast<int>(status))});
+    }
     // Every picture is scheduled with a timer dispatch source on the
     // timebase; without one the player sleeps on the host clock instead.
     std::string timerError;

@@ -235,8 +235,8 @@ std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, Four
                                                   : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
     size_t count = 0;
     *headerLength = 0;
-    getter(description, 0, nullptr, nullptr, &count, headerLength);
     std::vector<ParameterSet> sets;
+    if (getter(description, 0, nullptr, nullptr, &count, headerLength) != 0) return sets;
     for (size_t i = 0; i < count; ++i) {
         const uint8_t *bytes = nullptr;
         size_t size = 0;

@@ -70,9 +70,9 @@ OtherVideo describeOtherVideo(const MediaSource &source) {
     const FourCharCode type = videoCodecType(parameters);
     // Codecs without a code here still get a description, under the tag the
     // container stores (0 when it stores none).
-    SVVideoFormatDescriptionCreate(nullptr, type ? type : parameters->codec_tag, parameters->width, parameters->height,
-                                   nullptr, reinterpret_cast<SVVideoFormatDescriptionRef *>(video.description.out()));
-    if (video.description) {
+    if (SVVideoFormatDescriptionCreate(nullptr, type ? type : parameters->codec_tag, parameters->width,
+                                       parameters->height, nullptr,
+                                       reinterpret_cast<SVVideoFormatDescriptionRef *>(video.description.out())) == 0) {
         video.dimensions = SVVideoFormatDescriptionGetDimensions(video.description.get());
         video.subtype = fourCC(SVFormatDescriptionGetMediaSubType(video.description.get()));
     }
