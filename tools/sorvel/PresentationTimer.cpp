@@ -33,16 +33,19 @@ std::unique_ptr<PresentationTimer> PresentationTimer::create(SVTimebaseRef timeb
 }
 
 PresentationTimer::~PresentationTimer() {
-    // Once removed, the handler neither runs nor will run.
+    // After the cancel no handler starts, and the empty call on the serial
+    // queue waits out one in progress: none runs against a timer that is
+    // gone, or asks the timebase about a source it no longer holds.  The
+    // timebase may still re-arm the cancelled source until it is removed;
+    // a cancelled source ignores that.
+    if (source_) dispatch_source_cancel(source_);
+    if (queue_) dispatch_sync_f(queue_, nullptr, [](void *) {});
     if (timebase_) {
         // It was added in create(), so the timebase knows it.
         (void)SVTimebaseRemoveTimerDispatchSource(timebase_, source_);
         CFRelease(timebase_);
     }
-    if (source_) {
-        dispatch_source_cancel(source_);
-        dispatch_release(source_);
-    }
+    if (source_) dispatch_release(source_);
     if (queue_) dispatch_release(queue_);
 }
 
