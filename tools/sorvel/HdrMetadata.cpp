@@ -99,11 +99,9 @@ void collectHdrMetadata(SVFormatDescriptionRef description, FourCharCode codec, 
 
 void collectHdrMetadata(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, HdrMetadata &metadata) {
     if (metadata.complete()) return;
-    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
-    char *bytes = nullptr;
-    size_t contiguous = 0, total = 0;
-    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
-    collectHdrMetadata(reinterpret_cast<const uint8_t *>(bytes), total, codec, headerLength, metadata);
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    if (sampleBytes(buffer, bytes, size)) collectHdrMetadata(bytes, size, codec, headerLength, metadata);
 }
 
 std::string chromaticityText(uint16_t value) {

@@ -722,12 +722,8 @@ void writePlayJson(const Playback &play, const std::string &name, const audio::S
     json.integer("time_gaps", report.gaps);
     json.boolean("interrupted", gInterrupted);
     json.number("time_gap_seconds", report.gapSeconds);
-    const bool woke = report.wakeUps.count() > 0;
     json.beginObject("timer_wakeup_error_ms");
-    json.integer("count", report.wakeUps.count());
-    json.number("mean", woke ? report.wakeUps.mean() : NAN);
-    json.number("standard_deviation", woke ? report.wakeUps.standardDeviation() : NAN);
-    json.number("worst", woke ? report.wakeUps.worst() : NAN);
+    audio::writeErrorStatsJson(json, report.wakeUps);
     json.endObject();
     audio::writeSoundJson(json, sound, play.pictures);
     json.endObject();

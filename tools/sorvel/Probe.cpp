@@ -46,12 +46,11 @@ struct VideoSummary {
 // Tallies the field order a sample states (H.264 only: the parameter sets
 // do not carry it, the samples may).
 void countFieldOrder(SVSampleBufferRef buffer, VideoSummary &summary) {
-    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
-    char *bytes = nullptr;
-    size_t contiguous = 0, total = 0;
-    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
-    CFStringRef order = SVVideoFormatDescriptionGetH264FieldDetailOfSample(
-        SVSampleBufferGetFormatDescription(buffer), reinterpret_cast<const uint8_t *>(bytes), total);
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    if (!sampleBytes(buffer, bytes, size)) return;
+    CFStringRef order =
+        SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVSampleBufferGetFormatDescription(buffer), bytes, size);
     if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalTopFirst)) ++summary.topFirst;
     if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalBottomFirst)) ++summary.bottomFirst;
 }
@@ -93,17 +92,14 @@ void readSampleRow(SVSampleBufferRef buffer, Row &row) {
 
 void countNALUnits(SVSampleBufferRef buffer, FourCharCode codec, int headerLength,
                    std::map<unsigned, int64_t> &counts) {
-    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
-    char *bytes = nullptr;
-    size_t contiguous = 0, total = 0;
-    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    if (!sampleBytes(buffer, bytes, size)) return;
     std::map<unsigned, int64_t> *out = &counts;
-    _SVEnumerateNALUnits(reinterpret_cast<const uint8_t *>(bytes), total, headerLength,
-                         ^int(const uint8_t *unit, size_t length) {
-                           if (length > static_cast<size_t>(headerLength))
-                               ++(*out)[nalUnitType(codec, unit[headerLength])];
-                           return 0;
-                         });
+    _SVEnumerateNALUnits(bytes, size, headerLength, ^int(const uint8_t *unit, size_t length) {
+      if (length > static_cast<size_t>(headerLength)) ++(*out)[nalUnitType(codec, unit[headerLength])];
+      return 0;
+    });
 }
 
 // How many samples a decoder must hold back: the largest lead of a

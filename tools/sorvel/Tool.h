@@ -75,6 +75,9 @@ std::string fourCC(FourCharCode code);
 std::string utf8(CFTypeRef string);
 // printf into a std::string.
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// The bytes of a sample buffer whose data lies in one piece, as the tool's
+// samples always do; false without data or with data in pieces.
+bool sampleBytes(SVSampleBufferRef buffer, const uint8_t *&bytes, size_t &size);
 // Seconds of a numeric time; NaN for invalid or infinite times.
 double seconds(SVTime time);
 // The NAL unit type name ("IDR", "SPS", "TRAIL_R"...) for an 'avc1' or 'hvc1' stream.

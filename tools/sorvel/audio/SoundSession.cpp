@@ -310,6 +310,14 @@ void printSoundSummary(const SoundSummary &summary) {
                static_cast<long long>(stats.count()), stats.limit());
 }
 
+void writeErrorStatsJson(JsonWriter &json, const ErrorStats &stats) {
+    const bool any = stats.count() > 0;
+    json.integer("count", stats.count());
+    json.number("mean", any ? stats.mean() : NAN);
+    json.number("standard_deviation", any ? stats.standardDeviation() : NAN);
+    json.number("worst", any ? stats.worst() : NAN);
+}
+
 void writeSoundJson(JsonWriter &json, const SoundSummary &summary, const std::vector<PictureShown> &pictures) {
     json.beginObject("sound");
     json.string("mode", audioModeName(summary.mode));
@@ -332,10 +340,7 @@ void writeSoundJson(JsonWriter &json, const SoundSummary &summary, const std::ve
     }
     const ErrorStats &stats = summary.offsetStats;
     json.beginObject("av_offset_ms");
-    json.integer("count", stats.count());
-    json.number("mean", stats.count() ? stats.mean() : NAN);
-    json.number("standard_deviation", stats.count() ? stats.standardDeviation() : NAN);
-    json.number("worst", stats.count() ? stats.worst() : NAN);
+    writeErrorStatsJson(json, stats);
     json.number("limit", stats.limit());
     json.integer("outside_limit", stats.outside());
     json.endObject();

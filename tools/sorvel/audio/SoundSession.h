@@ -122,6 +122,10 @@ struct SoundOnlyRequest {
 // still comes out.
 int playSoundOnly(const SoundOnlyRequest &request, const std::atomic<bool> &interrupted, std::string &error);
 
+// "count", "mean", "standard_deviation" and "worst" of `stats` (null
+// while it holds nothing) as members of the object being written.
+void writeErrorStatsJson(JsonWriter &json, const ErrorStats &stats);
+
 // The sound part of the report, as text lines and as JSON members.
 void printSoundSummary(const SoundSummary &summary);
 void writeSoundJson(JsonWriter &json, const SoundSummary &summary, const std::vector<PictureShown> &pictures);
