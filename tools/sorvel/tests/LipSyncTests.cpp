@@ -32,6 +32,7 @@
 
 #include "BeepAnalysis.h"
 #include "MonitorRecorder.h"
+#include "PipeReader.h"
 
 extern char **environ;
 
@@ -134,24 +135,9 @@ public:
 
 private:
     void collect(int outFd, int errFd) {
-        pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-        std::string *sinks[2] = {&out, &err};
-        int open = 2;
-        while (open > 0) {
-            if (poll(fds, 2, 1000) < 0 && errno != EINTR) break;
-            for (int i = 0; i < 2; ++i) {
-                if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-                char buffer[65536];
-                const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-                if (n > 0) {
-                    sinks[i]->append(buffer, static_cast<size_t>(n));
-                } else if (n == 0 || errno != EINTR) {
-                    close(fds[i].fd);
-                    fds[i].fd = -1;
-                    --open;
-                }
-            }
-        }
+        sorvel::test::readBoth(outFd, errFd, out, err);
+        close(outFd);
+        close(errFd);
     }
     pid_t pid_ = -1;
     bool waited_ = false;

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "AacConfig.h"
+#include "PipeReader.h"
 
 extern char **environ;
 
@@ -73,29 +74,13 @@ Outcome sorvel(const std::vector<std::string> &args) {
     close(outPipe[1]);
     close(errPipe[1]);
     if (spawned == 0) {
-        pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-        std::string *sinks[2] = {&result.out, &result.err};
-        int open = 2;
         const auto deadline = started + std::chrono::seconds(120);
-        while (open > 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                ADD_FAILURE() << "sorvel did not finish within 120 s; killed";
-                kill(pid, SIGKILL);
-                break;
-            }
-            if (poll(fds, 2, 1000) < 0 && errno != EINTR) break;
-            for (int i = 0; i < 2; ++i) {
-                if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-                char buffer[65536];
-                const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-                if (n > 0) {
-                    sinks[i]->append(buffer, static_cast<size_t>(n));
-                } else if (n == 0 || errno != EINTR) {
-                    fds[i].fd = -1;
-                    --open;
-                }
-            }
-        }
+        sorvel::test::readBoth(outPipe[0], errPipe[0], result.out, result.err, [&] {
+            if (std::chrono::steady_clock::now() <= deadline) return false;
+            ADD_FAILURE() << "sorvel did not finish within 120 s; killed";
+            kill(pid, SIGKILL);
+            return true;
+        });
         int status = 0;
         pid_t waited;
         while ((waited = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
