@@ -325,7 +325,12 @@ TEST_P(LipSync, BeepsLeaveTheSinkWhenTheirPicturesAreShown) {
     // Goal: within 2 ms; a shared machine gets some slack, judged on medians.
     EXPECT_LT(median(magnitudes), 3.0) << "A/V offsets measured through the monitor (ms):" << list << "\n"
                                        << player.out.substr(player.out.find("\"sound\""), 900);
-    EXPECT_LT(std::fabs(measured.back() - measured.front()), 4.0) << "the offset drifts (ms):" << list;
+    // Drift is judged between the medians of the first and second halves:
+    // one beep caught in a stall of a loaded machine moves an end, not a median.
+    const auto half = measured.begin() + static_cast<std::ptrdiff_t>(measured.size() / 2);
+    const double drift =
+        median(std::vector<double>(half, measured.end())) - median(std::vector<double>(measured.begin(), half));
+    EXPECT_LT(std::fabs(drift), 4.0) << "the offset drifts (ms):" << list;
     EXPECT_LT(median(disagreement), 1.0) << "the player's own offsets disagree with the monitor's (ms):" << list;
     // The device's rate, once its clock runs steadily: a machine so busy
     // that the server ran dry leaves stretches too short to measure it.
