@@ -757,7 +757,7 @@ int runPlay(const PlayOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
     audio::AudioMode audioMode = audio::AudioMode::Auto;
-    audio::parseAudioMode(options.audio, audioMode);
+    (void)audio::parseAudioMode(options.audio, audioMode);  // main() refused what does not parse
     if (!source && error.code == kExitNoVideo && audioMode != audio::AudioMode::None)
         return playSoundWithoutPictures(options, audioMode, error);
     if (!source) return reportError(error);
