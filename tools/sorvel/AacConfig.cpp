@@ -4,6 +4,11 @@
 namespace sorvel::tool {
 namespace {
 
+// MPEG-4 audio object types the reader acts on.
+constexpr uint32_t kObjectTypeAacLC = 2, kObjectTypeSBR = 5, kObjectTypePS = 29, kObjectTypeEscape = 31;
+// The sync words of backward-compatible SBR and PS signalling.
+constexpr uint32_t kSyncExtensionSBR = 0x2b7, kSyncExtensionPS = 0x548;
+
 class BitReader {
 public:
     BitReader(const uint8_t *data, size_t size) : data_(data), size_(data ? size : 0) {}
@@ -24,7 +29,7 @@ private:
 
 bool readObjectType(BitReader &bits, uint32_t &type) {
     if (!bits.read(5, type)) return false;
-    if (type != 31) return true;
+    if (type != kObjectTypeEscape) return true;
     uint32_t extension = 0;
     if (!bits.read(6, extension)) return false;
     type = 32 + extension;
@@ -82,13 +87,13 @@ AacProfile readAacProfile(const uint8_t *config, size_t size) {
     if (!readObjectType(bits, type)) return profile;
     profile.objectType = type;
     if (!skipSamplingFrequency(bits) || !bits.read(4, channels)) return profile;
-    if (type == 5 || type == 29) {
+    if (type == kObjectTypeSBR || type == kObjectTypePS) {
         // Explicit, hierarchical signalling: the core's type follows.
         profile.sbr = true;
-        profile.ps = type == 29;
+        profile.ps = type == kObjectTypePS;
         uint32_t core = 0;
         if (!skipSamplingFrequency(bits) || !readObjectType(bits, core)) {
-            profile.objectType = 2;  // the only core HE-AAC is defined over
+            profile.objectType = kObjectTypeAacLC;  // the only core HE-AAC is defined over
             return profile;
         }
         profile.objectType = core;
@@ -101,16 +106,18 @@ AacProfile readAacProfile(const uint8_t *config, size_t size) {
     }
     // Backward-compatible signalling after the core configuration.
     uint32_t sync = 0, extensionType = 0, flag = 0;
-    if (bits.left() < 16 || !bits.read(11, sync) || sync != 0x2b7) return profile;
-    if (!readObjectType(bits, extensionType) || extensionType != 5 || !bits.read(1, flag) || !flag) return profile;
+    if (bits.left() < 16 || !bits.read(11, sync) || sync != kSyncExtensionSBR) return profile;
+    if (!readObjectType(bits, extensionType) || extensionType != kObjectTypeSBR || !bits.read(1, flag) || !flag)
+        return profile;
     profile.sbr = true;
     if (!skipSamplingFrequency(bits)) return profile;
-    if (bits.left() >= 12 && bits.read(11, sync) && sync == 0x548 && bits.read(1, flag)) profile.ps = flag != 0;
+    if (bits.left() >= 12 && bits.read(11, sync) && sync == kSyncExtensionPS && bits.read(1, flag))
+        profile.ps = flag != 0;
     return profile;
 }
 
 std::string aacProfileName(const AacProfile &profile) {
-    if (profile.sbr && profile.objectType == 2) return profile.ps ? "HE-AACv2" : "HE-AAC";
+    if (profile.sbr && profile.objectType == kObjectTypeAacLC) return profile.ps ? "HE-AACv2" : "HE-AAC";
     switch (profile.objectType) {
         case 0:
             return "";

@@ -97,13 +97,11 @@ int runAnnexB(const AnnexBOptions &options) {
     while (source->next(sample)) {
         packet.clear();
         SVSampleBufferRef buffer = sample.buffer.get();
-        char *data = nullptr;
-        size_t contiguous = 0, total = 0;
+        const uint8_t *data = nullptr;
+        size_t size = 0;
         long point = -1;
-        if (source->lengthPrefixedSource() &&
-            SVBlockBufferGetDataPointer(SVSampleBufferGetDataBuffer(buffer), 0, &contiguous, &total, &data) == 0 &&
-            contiguous == total)
-            point = insertionPoint(reinterpret_cast<const uint8_t *>(data), total, codec, headerLength, sample.sync);
+        if (source->lengthPrefixedSource() && sampleBytes(buffer, data, size))
+            point = insertionPoint(data, size, codec, headerLength, sample.sync);
         OSStatus status = 0;
         if (point < 0) {
             status = writeSample(buffer, 0, packet);
@@ -114,7 +112,7 @@ int runAnnexB(const AnnexBOptions &options) {
                 status = head ? writeSample(head.get(), 0, packet) : kSVFormatDescriptionError_AllocationFailed;
             }
             Ref<SVSampleBufferRef> rest =
-                piece(buffer, static_cast<size_t>(point), total - static_cast<size_t>(point), true);
+                piece(buffer, static_cast<size_t>(point), size - static_cast<size_t>(point), true);
             if (status == 0)
                 status = rest ? writeSample(rest.get(), 1, packet) : kSVFormatDescriptionError_AllocationFailed;
         }

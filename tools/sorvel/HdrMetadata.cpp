@@ -12,7 +12,6 @@ namespace sorvel::tool {
 namespace {
 
 constexpr unsigned kMasteringDisplayPayload = 137, kContentLightLevelPayload = 144;
-constexpr unsigned kHEVCNAL_PrefixSEI = 39, kHEVCNAL_SuffixSEI = 40;
 
 unsigned read16(const uint8_t *p) {
     return static_cast<unsigned>(p[0]) << 8 | p[1];
@@ -61,7 +60,7 @@ void readMessages(const uint8_t *p, size_t size, HdrMetadata &metadata) {
 
 // One NAL unit without its length prefix.
 void readUnit(const uint8_t *nal, size_t length, FourCharCode codec, HdrMetadata &metadata) {
-    const size_t nalHeader = codec == kSVVideoCodecType_HEVC ? 2 : 1;
+    const size_t nalHeader = nalUnitHeaderSize(codec);
     if (length <= nalHeader) return;
     const unsigned type = nalUnitType(codec, nal[0]);
     const bool sei = codec == kSVVideoCodecType_HEVC ? (type == kHEVCNAL_PrefixSEI || type == kHEVCNAL_SuffixSEI)
@@ -100,11 +99,9 @@ void collectHdrMetadata(SVFormatDescriptionRef description, FourCharCode codec, 
 
 void collectHdrMetadata(SVSampleBufferRef buffer, FourCharCode codec, int headerLength, HdrMetadata &metadata) {
     if (metadata.complete()) return;
-    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
-    char *bytes = nullptr;
-    size_t contiguous = 0, total = 0;
-    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
-    collectHdrMetadata(reinterpret_cast<const uint8_t *>(bytes), total, codec, headerLength, metadata);
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    if (sampleBytes(buffer, bytes, size)) collectHdrMetadata(bytes, size, codec, headerLength, metadata);
 }
 
 std::string chromaticityText(uint16_t value) {

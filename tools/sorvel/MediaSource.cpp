@@ -46,6 +46,10 @@ std::string libraryError(int status) {
     return text;
 }
 
+// The length prefix of the samples the tool makes from Annex B, and the
+// one assumed before a decoder configuration record says otherwise.
+constexpr int kLengthPrefixSize = 4;
+
 bool isParameterSet(FourCharCode codec, unsigned type) {
     if (codec == kSVVideoCodecType_H264) return type == kH264NAL_SPS || type == kH264NAL_PPS;
     return type == kHEVCNAL_VPS || type == kHEVCNAL_SPS || type == kHEVCNAL_PPS;
@@ -101,7 +105,9 @@ bool prefixesCoverSample(const uint8_t *data, size_t size, int prefix) {
 // damaged.
 bool hevcRecordSets(const uint8_t *record, size_t size, std::vector<Unit> &sets, int &headerLength) {
     size_t count = 0;
-    SVGetParameterSetFromHEVCDecoderConfigurationRecord(record, size, 0, nullptr, nullptr, &count, &headerLength);
+    if (SVGetParameterSetFromHEVCDecoderConfigurationRecord(record, size, 0, nullptr, nullptr, &count, &headerLength) !=
+        0)
+        return false;
     for (size_t i = 0; i < count; ++i) {
         const uint8_t *unit = nullptr;
         size_t length = 0;
@@ -146,6 +152,231 @@ bool looksLikeMP4(const std::string &path) {
     for (const char *type : {"ftyp", "moov", "mdat", "free", "skip", "wide", "pnot"})
         if (memcmp(header + 4, type, 4) == 0) return true;
     return false;
+}
+
+// Interleaved PCM of the integer and float forms libavformat names.
+bool describeLinearPCM(const AVCodecParameters *p, AudioStreamBasicDescription &asbd) {
+    switch (p->codec_id) {
+        case AV_CODEC_ID_PCM_S16LE:
+        case AV_CODEC_ID_PCM_S16BE:
+        case AV_CODEC_ID_PCM_S24LE:
+        case AV_CODEC_ID_PCM_S32LE:
+        case AV_CODEC_ID_PCM_F32LE:
+        case AV_CODEC_ID_PCM_S8:
+        case AV_CODEC_ID_PCM_U8:
+            break;
+        default:
+            return false;
+    }
+    const auto bits = static_cast<UInt32>(av_get_bits_per_sample(p->codec_id));
+    asbd.mFormatID = kAudioFormatLinearPCM;
+    asbd.mFormatFlags = kAudioFormatFlagIsPacked |
+                        (p->codec_id == AV_CODEC_ID_PCM_F32LE ? kAudioFormatFlagIsFloat
+                         : p->codec_id == AV_CODEC_ID_PCM_U8  ? 0u
+                                                              : kAudioFormatFlagIsSignedInteger) |
+                        (p->codec_id == AV_CODEC_ID_PCM_S16BE ? kAudioFormatFlagIsBigEndian : 0u);
+    asbd.mBitsPerChannel = bits;
+    asbd.mFramesPerPacket = 1;
+    asbd.mBytesPerFrame = asbd.mBytesPerPacket = asbd.mChannelsPerFrame * bits / 8;
+    return true;
+}
+
+// The stream description of an audio stream; mFormatID stays 0 for codecs
+// that have none here.
+AudioStreamBasicDescription audioStreamDescription(const AVCodecParameters *p) {
+    AudioStreamBasicDescription asbd = {};
+    asbd.mSampleRate = p->sample_rate;
+    asbd.mChannelsPerFrame = static_cast<UInt32>(p->ch_layout.nb_channels);
+    asbd.mFramesPerPacket = static_cast<UInt32>(p->frame_size > 0 ? p->frame_size : 0);
+    switch (p->codec_id) {
+        case AV_CODEC_ID_AAC:
+            asbd.mFormatID = kAudioFormatMPEG4AAC;
+            // The flags carry the MPEG-4 audio object type (LC = 2).
+            asbd.mFormatFlags = p->profile >= 0 ? static_cast<UInt32>(p->profile + 1) : kMPEG4Object_AAC_LC;
+            if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1024;
+            break;
+        case AV_CODEC_ID_MP3:
+            asbd.mFormatID = kAudioFormatMPEGLayer3;
+            break;
+        case AV_CODEC_ID_MP2:
+            asbd.mFormatID = kAudioFormatMPEGLayer2;
+            break;
+        case AV_CODEC_ID_AC3:
+            asbd.mFormatID = kAudioFormatAC3;
+            if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1536;  // six blocks of 256
+            break;
+        case AV_CODEC_ID_EAC3:
+            asbd.mFormatID = kAudioFormatEnhancedAC3;
+            break;
+        case AV_CODEC_ID_OPUS:
+            asbd.mFormatID = kAudioFormatOpus;
+            // Opus packets hold 2.5 to 120 ms, FLAC blocks vary too: the
+            // packet descriptions carry each one's frame count.
+            asbd.mFramesPerPacket = 0;
+            break;
+        case AV_CODEC_ID_FLAC:
+            asbd.mFormatID = kAudioFormatFLAC;
+            asbd.mFramesPerPacket = 0;
+            break;
+        default:
+            describeLinearPCM(p, asbd);
+            break;
+    }
+    return asbd;
+}
+
+AudioChannelLayoutTag layoutTagOf(UInt32 channels) {
+    switch (channels) {
+        case 1:
+            return kAudioChannelLayoutTag_Mono;
+        case 2:
+            return kAudioChannelLayoutTag_Stereo;
+        case 6:
+            return kAudioChannelLayoutTag_MPEG_5_1_A;
+        case 8:
+            return kAudioChannelLayoutTag_MPEG_7_1_A;
+        default:
+            return kAudioChannelLayoutTag_DiscreteInOrder | channels;
+    }
+}
+
+// The audio format description of a stream (its extradata as the magic
+// cookie), null for codecs without a stream description here and when the
+// library refuses the description (`status` then says why).
+Ref<SVFormatDescriptionRef> audioFormatDescription(const AVCodecParameters *p, OSStatus &status) {
+    Ref<SVFormatDescriptionRef> description;
+    status = 0;
+    const AudioStreamBasicDescription asbd = audioStreamDescription(p);
+    if (asbd.mFormatID == 0) return description;
+    AudioChannelLayout layout = {};
+    layout.mChannelLayoutTag = layoutTagOf(asbd.mChannelsPerFrame);
+    const size_t cookieSize = p->extradata ? static_cast<size_t>(p->extradata_size) : 0;
+    status =
+        SVAudioFormatDescriptionCreate(nullptr, &asbd, offsetof(AudioChannelLayout, mChannelDescriptions), &layout,
+                                       cookieSize, cookieSize ? p->extradata : nullptr, nullptr, description.out());
+    return description;
+}
+
+// What an audio packet's side data and duration say of its frames.
+struct PacketSideTrims {
+    int64_t containerFrames = 0;  // the packet's duration in frames, 0 when it has none
+    bool signalled = false;       // the packet carries skip side data
+    int64_t skip = 0, discard = 0;
+};
+
+// How an audio packet becomes a sample buffer.
+struct AudioPacketShape {
+    bool pcm = false;
+    SVItemCount count = 1;  // samples: frames for PCM, one packet otherwise
+    int64_t frames = 0;     // frames the packet decodes to
+    AudioStreamPacketDescription description = {};
+};
+
+// A block buffer over a packet's memory, which it keeps alive instead of
+// copying it; a copy when the packet's memory is not reference-counted.
+OSStatus wrapPacket(AVPacket *packet, Ref<SVBlockBufferRef> &block) {
+    const auto size = static_cast<size_t>(packet->size);
+    if (AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr) {
+        const SVBlockBufferCustomBlockSource source = {0, nullptr, releasePacketBuffer, owner};
+        const OSStatus status =
+            SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, size, nullptr, &source, 0, size, 0, block.out());
+        if (status != 0) av_buffer_unref(&owner);
+        return status;
+    }
+    OSStatus status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size, nullptr, nullptr, 0, size,
+                                                         kSVBlockBufferAssureMemoryNowFlag, block.out());
+    if (status == 0) status = SVBlockBufferReplaceDataBytes(packet->data, block.get(), 0, size);
+    return status;
+}
+
+// What the container says of an audio packet's frames: its duration, and
+// what its side data says is to be skipped at the start and discarded at
+// the end.
+PacketSideTrims packetSideTrims(const AVPacket *packet, AVRational timeBase, AVRational frameBase) {
+    PacketSideTrims trims;
+    trims.containerFrames = packet->duration > 0 ? av_rescale_q(packet->duration, timeBase, frameBase) : 0;
+    size_t sideSize = 0;
+    const uint8_t *side = av_packet_get_side_data(packet, AV_PKT_DATA_SKIP_SAMPLES, &sideSize);
+    trims.signalled = side != nullptr;
+    trims.skip = side && sideSize >= 8 ? AV_RL32(side) : 0;
+    trims.discard = side && sideSize >= 8 ? AV_RL32(side + 4) : 0;
+    return trims;
+}
+
+// How a packet of `size` bytes becomes a sample buffer; the warning when it
+// cannot, null otherwise.
+const char *audioPacketShape(const AudioStreamBasicDescription &asbd, size_t size, const PacketSideTrims &side,
+                             AudioPacketShape &shape) {
+    shape.pcm = asbd.mFormatID == kAudioFormatLinearPCM;
+    shape.description = {0, 0, static_cast<UInt32>(size)};
+    if (shape.pcm) {
+        if (asbd.mBytesPerFrame == 0 || size % asbd.mBytesPerFrame != 0)
+            return "some PCM packets do not hold whole frames; they were skipped";
+        shape.count = static_cast<SVItemCount>(size / asbd.mBytesPerFrame);
+        shape.frames = shape.count;
+    } else if (asbd.mFramesPerPacket != 0) {
+        shape.frames = asbd.mFramesPerPacket;
+    } else {
+        // The container's duration is what is played; the discarded end of
+        // the packet was decoded too.
+        shape.frames = side.containerFrames + side.discard;
+        shape.description.mVariableFramesInPacket = static_cast<UInt32>(shape.frames);
+    }
+    if (shape.frames <= 0) return "some audio packets have no duration; they were skipped";
+    return nullptr;
+}
+
+// Trims: the skip at the start (or the stream's initial padding on its
+// first packet, `padding`); at the end the frames the container's duration
+// cuts off the packet, or the discard its side data asks for, whichever is
+// more.
+AudioTrims audioTrims(const AudioPacketShape &shape, const PacketSideTrims &side, int64_t padding) {
+    AudioTrims trims;
+    const int64_t frames = shape.frames;
+    trims.cut =
+        !shape.pcm && side.containerFrames > 0 && side.containerFrames < frames ? frames - side.containerFrames : 0;
+    trims.start = std::clamp<int64_t>(side.signalled ? side.skip : padding, 0, frames);
+    trims.end = std::clamp<int64_t>(std::max(trims.cut, shape.pcm ? 0 : side.discard), 0, frames - trims.start);
+    return trims;
+}
+
+void attachTrim(SVSampleBufferRef buffer, CFStringRef key, int64_t frames, int64_t rate) {
+    if (frames == 0) return;
+    Ref<CFDictionaryRef> value(SVTimeCopyAsDictionary(SVTimeMake(frames, static_cast<int32_t>(rate)), nullptr));
+    SVSetAttachment(buffer, key, value.get(), kSVAttachmentMode_ShouldPropagate);
+}
+
+// Annex B units as a length-prefixed sample: every unit gets a 4-byte
+// big-endian length instead of its start code.  False when the copy's
+// memory cannot be had; `status` is then unset.
+bool lengthPrefixedCopy(const std::vector<Unit> &units, Ref<SVBlockBufferRef> &block, OSStatus &status) {
+    size_t total = 0;
+    for (const Unit &unit : units) total += kLengthPrefixSize + unit.size;
+    auto *bytes = static_cast<uint8_t *>(malloc(total));
+    if (!bytes) return false;
+    uint8_t *write = bytes;
+    for (const Unit &unit : units) {
+        const auto length = static_cast<uint32_t>(unit.size);
+        *write++ = static_cast<uint8_t>(length >> 24);
+        *write++ = static_cast<uint8_t>(length >> 16);
+        *write++ = static_cast<uint8_t>(length >> 8);
+        *write++ = static_cast<uint8_t>(length);
+        memcpy(write, unit.data, unit.size);
+        write += unit.size;
+    }
+    status = SVBlockBufferCreateWithMemoryBlock(nullptr, bytes, total, kCFAllocatorMalloc, nullptr, 0, total, 0,
+                                                block.out());
+    if (status != 0) free(bytes);
+    return true;
+}
+
+// A sync sample depends on no other; any other sample is not sync and does.
+void markDependency(SVSampleBufferRef buffer, bool sync) {
+    CFArrayRef attachments = SVSampleBufferGetSampleAttachmentsArray(buffer, true);
+    if (!attachments || CFArrayGetCount(attachments) == 0) return;
+    auto dictionary = (CFMutableDictionaryRef)CFArrayGetValueAtIndex(attachments, 0);
+    if (!sync) CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_NotSync, kCFBooleanTrue);
+    CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_DependsOnOthers, sync ? kCFBooleanFalse : kCFBooleanTrue);
 }
 
 }  // namespace
@@ -344,7 +575,7 @@ bool MediaSource::describeVideo(ToolError &error) {
     Ref<SVFormatDescriptionRef> description;
     OSStatus status = 0;
     if (lengthPrefixed_ && codec_ == kSVVideoCodecType_H264) {
-        int32_t headerLength = 4;
+        int32_t headerLength = kLengthPrefixSize;
         Ref<CFMutableDataRef> annexB;
         status = _SVCreateConcatenatedParameterSetsFromAVCDecoderConfigurationRecord(extra, extraSize, &headerLength,
                                                                                      annexB.out());
@@ -358,7 +589,7 @@ bool MediaSource::describeVideo(ToolError &error) {
         // The units are taken one by one: the library's hvcC-to-Annex B form
         // keeps a type byte after every start code.
         std::vector<Unit> sets;
-        int headerLength = 4;
+        int headerLength = kLengthPrefixSize;
         if (hevcRecordSets(extra, extraSize, sets, headerLength)) {
             nalUnitHeaderLength_ = headerLength;
             status = describe(codec_, sets, headerLength, description.out());
@@ -366,7 +597,7 @@ bool MediaSource::describeVideo(ToolError &error) {
             status = kSVFormatDescriptionError_InvalidParameter;
         }
     } else {
-        nalUnitHeaderLength_ = 4;
+        nalUnitHeaderLength_ = kLengthPrefixSize;
         if (extraSize > 0) adoptInBandParameterSets(extra, extraSize);
         formatChanges_ = 0;
         return true;
@@ -383,89 +614,16 @@ bool MediaSource::describeVideo(ToolError &error) {
 void MediaSource::describeAudio() {
     for (unsigned i = 0; i < format_context_->nb_streams; ++i) {
         const AVStream *stream = format_context_->streams[i];
-        const AVCodecParameters *p = stream->codecpar;
-        if (p->codec_type != AVMEDIA_TYPE_AUDIO) continue;
+        const AVCodecParameters *parameters = stream->codecpar;
+        if (parameters->codec_type != AVMEDIA_TYPE_AUDIO) continue;
         AudioTrack track;
         track.streamIndex = static_cast<int>(i);
-        track.codecName = avcodec_get_name(p->codec_id);
-        AudioStreamBasicDescription asbd = {};
-        asbd.mSampleRate = p->sample_rate;
-        asbd.mChannelsPerFrame = static_cast<UInt32>(p->ch_layout.nb_channels);
-        asbd.mFramesPerPacket = static_cast<UInt32>(p->frame_size > 0 ? p->frame_size : 0);
-        const int bits = av_get_bits_per_sample(p->codec_id);
-        switch (p->codec_id) {
-            case AV_CODEC_ID_AAC:
-                asbd.mFormatID = kAudioFormatMPEG4AAC;
-                // The flags carry the MPEG-4 audio object type (LC = 2).
-                asbd.mFormatFlags = p->profile >= 0 ? static_cast<UInt32>(p->profile + 1) : kMPEG4Object_AAC_LC;
-                if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1024;
-                break;
-            case AV_CODEC_ID_MP3:
-                asbd.mFormatID = kAudioFormatMPEGLayer3;
-                break;
-            case AV_CODEC_ID_MP2:
-                asbd.mFormatID = kAudioFormatMPEGLayer2;
-                break;
-            case AV_CODEC_ID_AC3:
-                asbd.mFormatID = kAudioFormatAC3;
-                if (!asbd.mFramesPerPacket) asbd.mFramesPerPacket = 1536;  // six blocks of 256
-                break;
-            case AV_CODEC_ID_EAC3:
-                asbd.mFormatID = kAudioFormatEnhancedAC3;
-                break;
-            case AV_CODEC_ID_OPUS:
-                asbd.mFormatID = kAudioFormatOpus;
-                // Opus packets hold 2.5 to 120 ms, FLAC blocks vary too: the
-                // packet descriptions carry each one's frame count.
-                asbd.mFramesPerPacket = 0;
-                break;
-            case AV_CODEC_ID_FLAC:
-                asbd.mFormatID = kAudioFormatFLAC;
-                asbd.mFramesPerPacket = 0;
-                break;
-            case AV_CODEC_ID_PCM_S16LE:
-            case AV_CODEC_ID_PCM_S16BE:
-            case AV_CODEC_ID_PCM_S24LE:
-            case AV_CODEC_ID_PCM_S32LE:
-            case AV_CODEC_ID_PCM_F32LE:
-            case AV_CODEC_ID_PCM_S8:
-            case AV_CODEC_ID_PCM_U8:
-                asbd.mFormatID = kAudioFormatLinearPCM;
-                asbd.mFormatFlags = kAudioFormatFlagIsPacked |
-                                    (p->codec_id == AV_CODEC_ID_PCM_F32LE ? kAudioFormatFlagIsFloat
-                                     : p->codec_id == AV_CODEC_ID_PCM_U8  ? 0u
-                                                                          : kAudioFormatFlagIsSignedInteger) |
-                                    (p->codec_id == AV_CODEC_ID_PCM_S16BE ? kAudioFormatFlagIsBigEndian : 0u);
-                asbd.mBitsPerChannel = static_cast<UInt32>(bits);
-                asbd.mFramesPerPacket = 1;
-                asbd.mBytesPerFrame = asbd.mBytesPerPacket = asbd.mChannelsPerFrame * static_cast<UInt32>(bits) / 8;
-                break;
-            default:
-                break;
-        }
-        if (asbd.mFormatID != 0) {
-            AudioChannelLayout layout = {};
-            switch (asbd.mChannelsPerFrame) {
-                case 1:
-                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_Mono;
-                    break;
-                case 2:
-                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_Stereo;
-                    break;
-                case 6:
-                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_5_1_A;
-                    break;
-                case 8:
-                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_MPEG_7_1_A;
-                    break;
-                default:
-                    layout.mChannelLayoutTag = kAudioChannelLayoutTag_DiscreteInOrder | asbd.mChannelsPerFrame;
-            }
-            const size_t cookieSize = p->extradata ? static_cast<size_t>(p->extradata_size) : 0;
-            SVAudioFormatDescriptionCreate(nullptr, &asbd, offsetof(AudioChannelLayout, mChannelDescriptions), &layout,
-                                           cookieSize, cookieSize ? p->extradata : nullptr, nullptr,
-                                           track.description.out());
-        }
+        track.codecName = avcodec_get_name(parameters->codec_id);
+        OSStatus status = 0;
+        track.description = audioFormatDescription(parameters, status);
+        if (status != 0)
+            warn(format("the library refused the description of audio stream %u (status %d)", i,
+                        static_cast<int>(status)));
         if (stream->start_time != AV_NOPTS_VALUE) track.startSeconds = stream->start_time * av_q2d(stream->time_base);
         if (stream->time_base.num > 0 && stream->time_base.den > 0) {
             track.tickNumerator = stream->time_base.num;
@@ -576,108 +734,60 @@ void MediaSource::makeAudioSample(AudioTrack &track, AVPacket *packet) {
     const int64_t rate = std::llround(asbd->mSampleRate);
     const AVRational timeBase = {track.tickNumerator, track.tickDenominator};
     const AVRational frameBase = {1, static_cast<int>(rate)};
-    const auto size = static_cast<size_t>(packet->size);
-    // Container frames of the packet, and what its side data says is to be
-    // skipped at the start and discarded at the end.
-    const int64_t containerFrames = packet->duration > 0 ? av_rescale_q(packet->duration, timeBase, frameBase) : 0;
-    size_t sideSize = 0;
-    const uint8_t *side = av_packet_get_side_data(packet, AV_PKT_DATA_SKIP_SAMPLES, &sideSize);
-    const int64_t skip = side && sideSize >= 8 ? AV_RL32(side) : 0;
-    const int64_t discard = side && sideSize >= 8 ? AV_RL32(side + 4) : 0;
-
-    const bool pcm = asbd->mFormatID == kAudioFormatLinearPCM;
-    SVItemCount count = 1;
-    int64_t frames = 0;
-    AudioStreamPacketDescription description = {0, 0, static_cast<UInt32>(size)};
-    if (pcm) {
-        if (asbd->mBytesPerFrame == 0 || size % asbd->mBytesPerFrame != 0) {
-            warn("some PCM packets do not hold whole frames; they were skipped");
-            ++track.packetsSkipped;
-            return;
-        }
-        count = static_cast<SVItemCount>(size / asbd->mBytesPerFrame);
-        frames = count;
-    } else if (asbd->mFramesPerPacket != 0) {
-        frames = asbd->mFramesPerPacket;
-    } else {
-        // The container's duration is what is played; the discarded end of
-        // the packet was decoded too.
-        frames = containerFrames + discard;
-        description.mVariableFramesInPacket = static_cast<UInt32>(frames);
-    }
-    if (frames <= 0) {
-        warn("some audio packets have no duration; they were skipped");
+    const PacketSideTrims side = packetSideTrims(packet, timeBase, frameBase);
+    AudioPacketShape shape;
+    if (const char *problem = audioPacketShape(*asbd, static_cast<size_t>(packet->size), side, shape)) {
+        warn(problem);
         ++track.packetsSkipped;
         return;
     }
 
     int64_t ticks = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     if (ticks == AV_NOPTS_VALUE) ticks = track.nextPts;
-    track.nextPts = ticks + (packet->duration > 0 ? packet->duration : av_rescale_q(frames, frameBase, timeBase));
-
+    track.nextPts = ticks + (packet->duration > 0 ? packet->duration : av_rescale_q(shape.frames, frameBase, timeBase));
     Ref<SVBlockBufferRef> block;
-    OSStatus status;
-    AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr;
-    if (owner) {
-        const SVBlockBufferCustomBlockSource source = {0, nullptr, releasePacketBuffer, owner};
-        status =
-            SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, size, nullptr, &source, 0, size, 0, block.out());
-        if (status != 0) av_buffer_unref(&owner);
-    } else {
-        status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size, nullptr, nullptr, 0, size,
-                                                    kSVBlockBufferAssureMemoryNowFlag, block.out());
-        if (status == 0) status = SVBlockBufferReplaceDataBytes(packet->data, block.get(), 0, size);
-    }
+    OSStatus status = wrapPacket(packet, block);
     Ref<SVSampleBufferRef> buffer;
     if (status == 0)
         status = SVAudioSampleBufferCreateReadyWithPacketDescriptions(
-            nullptr, block.get(), track.description.get(), count,
-            SVTimeMake(ticks * track.tickNumerator, track.tickDenominator), pcm ? nullptr : &description, buffer.out());
+            nullptr, block.get(), track.description.get(), shape.count,
+            SVTimeMake(ticks * track.tickNumerator, track.tickDenominator), shape.pcm ? nullptr : &shape.description,
+            buffer.out());
     if (status != 0) {
         warn(format("some audio packets could not be made into sample buffers (status %d)", static_cast<int>(status)));
         ++track.packetsSkipped;
         return;
     }
+    const int64_t initialPadding = format_context_->streams[packet->stream_index]->codecpar->initial_padding;
+    const AudioTrims trims = audioTrims(shape, side, track.bufferCount == 0 ? initialPadding : 0);
+    attachTrim(buffer.get(), kSVSampleBufferAttachmentKey_TrimDurationAtStart, trims.start, rate);
+    attachTrim(buffer.get(), kSVSampleBufferAttachmentKey_TrimDurationAtEnd, trims.end, rate);
+    recordAudioSample(track, std::move(buffer), shape.frames, trims, rate);
+}
 
-    // Trims: the skip at the start (or the stream's initial padding on its
-    // first packet); at the end the frames the container's duration cuts
-    // off the packet, or the discard its side data asks for, whichever is
-    // more.
-    int64_t trimStart = skip;
-    if (!side && track.bufferCount == 0)
-        trimStart = format_context_->streams[packet->stream_index]->codecpar->initial_padding;
-    const int64_t cut = !pcm && containerFrames > 0 && containerFrames < frames ? frames - containerFrames : 0;
-    trimStart = std::clamp<int64_t>(trimStart, 0, frames);
-    const int64_t trimEnd = std::clamp<int64_t>(std::max(cut, pcm ? 0 : discard), 0, frames - trimStart);
-    auto attachTrim = [&](CFStringRef key, int64_t trim) {
-        if (trim == 0) return;
-        Ref<CFDictionaryRef> value(SVTimeCopyAsDictionary(SVTimeMake(trim, static_cast<int32_t>(rate)), nullptr));
-        SVSetAttachment(buffer.get(), key, value.get(), kSVAttachmentMode_ShouldPropagate);
-    };
-    attachTrim(kSVSampleBufferAttachmentKey_TrimDurationAtStart, trimStart);
-    attachTrim(kSVSampleBufferAttachmentKey_TrimDurationAtEnd, trimEnd);
-
-    // The report reads the buffer back through the library.
+// The report reads the buffer back through the library.
+void MediaSource::recordAudioSample(AudioTrack &track, Ref<SVSampleBufferRef> buffer, int64_t frames,
+                                    const AudioTrims &trims, int64_t rate) {
     AudioSample sample;
     sample.index = track.bufferCount;
     const SVTime pts = SVSampleBufferGetPresentationTimeStamp(buffer.get());
     // The duration as the container states it: the buffer's, less the cut.
     const SVTime toEnd =
-        SVTimeSubtract(SVSampleBufferGetDuration(buffer.get()), SVTimeMake(cut, static_cast<int32_t>(rate)));
+        SVTimeSubtract(SVSampleBufferGetDuration(buffer.get()), SVTimeMake(trims.cut, static_cast<int32_t>(rate)));
     sample.pts = SVTimeConvertScale(pts, track.tickDenominator, kSVTimeRoundingMethod_RoundTowardZero).value /
                  track.tickNumerator;
     sample.duration = SVTimeConvertScale(toEnd, track.tickDenominator, kSVTimeRoundingMethod_RoundTowardZero).value /
                       track.tickNumerator;
     sample.size = SVSampleBufferGetTotalSampleSize(buffer.get());
     sample.frames = frames;
-    sample.trimStart = trimStart;
-    sample.trimEnd = trimEnd;
+    sample.trimStart = trims.start;
+    sample.trimEnd = trims.end;
     if (track.bufferCount == 0) track.outputStart = SVSampleBufferGetOutputPresentationTimeStamp(buffer.get());
     track.outputDuration = SVTimeAdd(track.outputDuration, SVSampleBufferGetOutputDuration(buffer.get()));
     ++track.bufferCount;
     track.frames += frames;
-    track.primingFrames += trimStart;
-    track.remainderFrames += trimEnd;
+    track.primingFrames += trims.start;
+    track.remainderFrames += trims.end;
     if (keepAudio_) {
         sample.buffer = std::move(buffer);
         track.samples.push_back(std::move(sample));
@@ -696,57 +806,46 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
     if (lengthPrefixed_) {
         if (!prefixesCoverSample(packet->data, static_cast<size_t>(packet->size), nalUnitHeaderLength_))
             warn("some samples hold NAL unit lengths that do not add up to the sample size");
-        // The sample keeps the packet's memory alive instead of copying it.
-        AVBufferRef *owner = packet->buf ? av_buffer_ref(packet->buf) : nullptr;
-        if (owner) {
-            const SVBlockBufferCustomBlockSource source = {0, nullptr, releasePacketBuffer, owner};
-            status =
-                SVBlockBufferCreateWithMemoryBlock(nullptr, packet->data, static_cast<size_t>(packet->size), nullptr,
-                                                   &source, 0, static_cast<size_t>(packet->size), 0, block.out());
-            if (status != 0) av_buffer_unref(&owner);
-        } else {
-            status = SVBlockBufferCreateWithMemoryBlock(nullptr, nullptr, static_cast<size_t>(packet->size), nullptr,
-                                                        nullptr, 0, static_cast<size_t>(packet->size),
-                                                        kSVBlockBufferAssureMemoryNowFlag, block.out());
-            if (status == 0)
-                status = SVBlockBufferReplaceDataBytes(packet->data, block.get(), 0, static_cast<size_t>(packet->size));
-        }
+        status = wrapPacket(packet, block);
     } else {
-        // Annex B: every unit gets a 4-byte big-endian length instead of its start code.
         const std::vector<Unit> units = annexBUnits(packet->data, static_cast<size_t>(packet->size));
-        size_t total = 0;
-        for (const Unit &unit : units) total += 4 + unit.size;
-        if (total == 0) return false;
-        auto *bytes = static_cast<uint8_t *>(malloc(total));
-        if (!bytes) {
+        if (units.empty()) return false;
+        if (!lengthPrefixedCopy(units, block, status)) {
             problem_ = ToolError{kExitFailure, "out of memory"};
             return false;
         }
-        uint8_t *write = bytes;
-        for (const Unit &unit : units) {
-            const uint32_t length = static_cast<uint32_t>(unit.size);
-            *write++ = static_cast<uint8_t>(length >> 24);
-            *write++ = static_cast<uint8_t>(length >> 16);
-            *write++ = static_cast<uint8_t>(length >> 8);
-            *write++ = static_cast<uint8_t>(length);
-            memcpy(write, unit.data, unit.size);
-            write += unit.size;
-        }
-        status = SVBlockBufferCreateWithMemoryBlock(nullptr, bytes, total, kCFAllocatorMalloc, nullptr, 0, total, 0,
-                                                    block.out());
-        if (status != 0) free(bytes);
     }
     if (status != 0) {
         problem_ =
             ToolError{kExitFailure, format("could not make a block buffer (status %d)", static_cast<int>(status))};
         return false;
     }
+    timeSample(packet, sample);
+    const SVSampleTimingInfo timing = {
+        sample.duration > 0 ? time(sample.duration) : kSVTimeInvalid, time(sample.pts),
+        packet->dts != AV_NOPTS_VALUE || sample.timestampsGuessed ? time(sample.dts) : kSVTimeInvalid};
+    const size_t size = SVBlockBufferGetDataLength(block.get());
+    Ref<SVSampleBufferRef> buffer;
+    status = SVSampleBufferCreateReady(nullptr, block.get(), format_.get(), 1, 1, &timing, 1, &size, buffer.out());
+    if (status != 0) {
+        problem_ =
+            ToolError{kExitFailure, format("could not make a sample buffer (status %d)", static_cast<int>(status))};
+        return false;
+    }
+    markDependency(buffer.get(), sync);
+    sample.buffer = buffer;
+    sample.index = nextIndex_++;
+    sample.size = size;
+    sample.sync = sync;
+    return true;
+}
 
-    // Fill in what the container leaves out: raw streams carry no
-    // presentation times, some containers no decode times.
-    // Matroska gives no decode times: the sample then has none either
-    // (decode order is arrival order).  Raw streams give no times at all:
-    // they are counted from the frame rate, in decode order.
+// Fills in what the container leaves out: raw streams carry no
+// presentation times, some containers no decode times.  Matroska gives no
+// decode times: the sample then has none either (decode order is arrival
+// order).  Raw streams give no times at all: they are counted from the
+// frame rate, in decode order.
+void MediaSource::timeSample(const AVPacket *packet, VideoSample &sample) {
     int64_t dts = packet->dts, pts = packet->pts;
     const bool hasDts = dts != AV_NOPTS_VALUE;
     sample.timestampsGuessed = !hasDts && pts == AV_NOPTS_VALUE;
@@ -760,35 +859,12 @@ bool MediaSource::makeSample(AVPacket *packet, VideoSample &sample) {
     } else if (pts == AV_NOPTS_VALUE) {
         pts = dts;
     }
-    int64_t duration = packet->duration > 0 ? packet->duration : defaultDuration_;
+    const int64_t duration = packet->duration > 0 ? packet->duration : defaultDuration_;
     lastDts_ = dts;
     lastDuration_ = duration;
-
-    const SVSampleTimingInfo timing = {duration > 0 ? time(duration) : kSVTimeInvalid, time(pts),
-                                       hasDts || sample.timestampsGuessed ? time(dts) : kSVTimeInvalid};
-    const size_t size = SVBlockBufferGetDataLength(block.get());
-    Ref<SVSampleBufferRef> buffer;
-    status = SVSampleBufferCreateReady(nullptr, block.get(), format_.get(), 1, 1, &timing, 1, &size, buffer.out());
-    if (status != 0) {
-        problem_ =
-            ToolError{kExitFailure, format("could not make a sample buffer (status %d)", static_cast<int>(status))};
-        return false;
-    }
-    CFArrayRef attachments = SVSampleBufferGetSampleAttachmentsArray(buffer.get(), true);
-    if (attachments && CFArrayGetCount(attachments) > 0) {
-        auto dictionary = (CFMutableDictionaryRef)CFArrayGetValueAtIndex(attachments, 0);
-        if (!sync) CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_NotSync, kCFBooleanTrue);
-        CFDictionarySetValue(dictionary, kSVSampleAttachmentKey_DependsOnOthers,
-                             sync ? kCFBooleanFalse : kCFBooleanTrue);
-    }
-    sample.buffer = buffer;
-    sample.index = nextIndex_++;
     sample.pts = pts;
     sample.dts = dts;
     sample.duration = duration;
-    sample.size = size;
-    sample.sync = sync;
-    return true;
 }
 
 bool MediaSource::seekToSyncBefore(int64_t pts) {

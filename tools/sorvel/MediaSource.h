@@ -56,6 +56,12 @@ struct AudioTrack {
     std::vector<AudioSample> samples;     // kept only with MediaSource::keepAudioSamples
 };
 
+// Frames trimmed off a packet, and the part of the end trim that the
+// container's duration cuts off.
+struct AudioTrims {
+    int64_t start = 0, end = 0, cut = 0;
+};
+
 struct VideoSample {
     Ref<SVSampleBufferRef> buffer;
     int64_t index = 0;  // decode order, from 0
@@ -152,7 +158,10 @@ private:
     bool describeVideo(ToolError &error);
     void describeAudio();
     bool makeSample(AVPacket *packet, VideoSample &sample);
+    void timeSample(const AVPacket *packet, VideoSample &sample);
     void makeAudioSample(AudioTrack &track, AVPacket *packet);
+    void recordAudioSample(AudioTrack &track, Ref<SVSampleBufferRef> buffer, int64_t frames, const AudioTrims &trims,
+                           int64_t rate);
     void adoptInBandParameterSets(const uint8_t *data, size_t size);
     void warn(std::string message);
 

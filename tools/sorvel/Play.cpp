@@ -24,6 +24,7 @@
 #include <csignal>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "Commands.h"
@@ -130,7 +131,9 @@ public:
             runBackwards();
         else
             runForwards();
-        SVBufferQueueMarkEndOfData(queue_);
+        const OSStatus status = SVBufferQueueMarkEndOfData(queue_);
+        if (status != 0)
+            fail({kExitFailure, format("the buffer queue refused its end (status %d)", static_cast<int>(status))});
         {
             std::lock_guard<std::mutex> lock(flow_.mutex);
             flow_.readerDone = true;
@@ -361,327 +364,458 @@ void drawProgress(double position, const Window &window, double end, const Repor
     fflush(stderr);
 }
 
+// Plays the sound of a file without pictures and reports it.
+int playSoundWithoutPictures(const PlayOptions &options, audio::AudioMode mode, const ToolError &noVideo) {
+    audio::SoundOnlyRequest request;
+    request.mode = mode;
+    request.file = options.file;
+    request.name = options.file.empty() ? "(embedded demo stream)" : options.file;
+    request.rate = options.rate;
+    request.start = options.start;
+    request.duration = options.duration;
+    request.json = options.json;
+    std::string soundError;
+    StopOnInterrupt stopOnInterrupt;
+    const int status = audio::playSoundOnly(request, gInterrupted, soundError);
+    if (status < 0) return reportError({kExitNoVideo, noVideo.message + "; " + soundError});
+    // As with pictures: an interrupted run ends with its own status, after its report.
+    if (gInterrupted) return kExitInterrupted;
+    if (status > 0) return reportError({kExitFailure, soundError});
+    return kExitOK;
+}
+
+std::optional<ToolError> startPastTheEnd(const PlayOptions &options, double origin, double streamEnd) {
+    return ToolError{kExitUsage,
+                     format("--start %.3f is past the end of the stream (%.3f s)", options.start, streamEnd - origin)};
+}
+
+// The window of the stream's timeline to play, in seconds, and the
+// stream's end (NaN when forwards and the container does not say).
+std::optional<ToolError> planWindow(const PlayOptions &options, MediaSource &source, Window &window,
+                                    double &streamEnd) {
+    window.reverse = options.rate < 0;
+    const double origin = source.ticksToSeconds(source.declaredStartTicks());
+    streamEnd = origin + source.declaredDuration();
+    if (!window.reverse) {
+        window.start = origin + (std::isnan(options.start) ? 0 : options.start);
+        window.end = std::isnan(options.duration) ? INFINITY : window.start + options.duration;
+        if (!std::isnan(options.start) && !std::isnan(streamEnd) && window.start >= streamEnd)
+            return startPastTheEnd(options, origin, streamEnd);
+        return std::nullopt;
+    }
+    // The end of the stream is only known for sure once it was read.
+    ToolError error;
+    std::unique_ptr<MediaSource> scan = MediaSource::open(options.file, error);
+    if (!scan) return error;
+    VideoSample sample;
+    streamEnd = origin;
+    while (scan->next(sample))
+        streamEnd = std::max(streamEnd, scan->ticksToSeconds(sample.pts + std::max<int64_t>(sample.duration, 0)));
+    if (!std::isnan(options.start) && origin + options.start > streamEnd)
+        return startPastTheEnd(options, origin, streamEnd);
+    window.start = std::isnan(options.start) ? streamEnd : origin + options.start;
+    window.end = std::isnan(options.duration) ? origin : std::max(origin, window.start - options.duration);
+    return std::nullopt;
+}
+
+// The buffer queue the reader fills and the player drains, sorted by output
+// presentation time (latest first backwards), with the two duration
+// triggers that give back-pressure.
+class PlayQueue {
+public:
+    OSStatus create(bool reverse, double rate, Flow &flow) {
+        SVBufferCallbacks callbacks = *SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS();
+        if (reverse) callbacks.compare = laterFirst;
+        const OSStatus status = SVBufferQueueCreate(nullptr, 0, &callbacks, queue_.out());
+        if (status != 0) return status;
+        // Keep about half a second of playing time queued, at least half a
+        // second of media.
+        const double high = std::max(0.5, 0.5 * std::fabs(rate));
+        const OSStatus fill = SVBufferQueueInstallTrigger(queue_.get(), queueFilled, &flow,
+                                                          kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
+                                                          SVTimeMakeWithSeconds(high, 1000000), &fillToken_);
+        if (fill != 0) return fill;
+        return SVBufferQueueInstallTrigger(queue_.get(), queueDrained, &flow,
+                                           kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
+                                           SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken_);
+    }
+    ~PlayQueue() {
+        // Removing a trigger that was installed cannot fail, and one that
+        // was not is refused harmlessly: the queue goes next anyway.
+        if (fillToken_) (void)SVBufferQueueRemoveTrigger(queue_.get(), fillToken_);
+        if (drainToken_) (void)SVBufferQueueRemoveTrigger(queue_.get(), drainToken_);
+    }
+    SVBufferQueueRef get() const { return queue_.get(); }
+
+private:
+    Ref<SVBufferQueueRef> queue_;
+    SVBufferQueueTriggerToken fillToken_ = nullptr, drainToken_ = nullptr;
+};
+
+// Preroll: the clock starts once the queue is full and holds what is due
+// first, or once the file is read.  Backwards, a group goes in in decode
+// order, so what is due first (its last picture) may come last.
+void waitForPreroll(Flow &flow, bool reverse) {
+    std::unique_lock<std::mutex> lock(flow.mutex);
+    while (!flow.changed.wait_for(lock, std::chrono::milliseconds(50), [&] {
+        return (flow.full && (!reverse || flow.groupsQueued > 0)) || flow.readerDone;
+    }))
+        if (gInterrupted) break;
+}
+
+// Without --start playing begins with the earliest picture queued.
+void startAtFirstQueued(SVBufferQueueRef queue, const PlayOptions &options, Window &window) {
+    const SVTime first = SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)SVBufferQueueGetHead(queue));
+    if (!SVTIME_IS_NUMERIC(first)) return;
+    window.start = seconds(first);
+    if (!std::isnan(options.duration)) window.end = window.start + options.duration;
+}
+
+// Lets the sound play once the pictures have prerolled.  False when it does
+// not start: the summary then says why, and the session is gone.
+bool letSoundPlay(std::unique_ptr<audio::SoundSession> &session, audio::SoundSummary &sound, std::string &error) {
+    if (!session || (session->go(error) && session->waitUntilPlaying(5.0, error))) return true;
+    session->finish({}, sound);
+    sound.state = "failed";
+    sound.reason = error;
+    session.reset();
+    return false;
+}
+
+void stopReader(Flow &flow, std::thread &reader) {
+    {
+        std::lock_guard<std::mutex> lock(flow.mutex);
+        flow.stop = true;
+    }
+    flow.changed.notify_all();
+    reader.join();
+}
+
+// Presentation is the one thing here that must not wait for the scheduler:
+// a real-time priority while it lasts, and none when the system says no.
+class RealTimePriority {
+public:
+    RealTimePriority() {
+        // Without the old policy there would be nothing to go back to.
+        if (pthread_getschedparam(pthread_self(), &oldPolicy_, &oldParameters_) != 0) return;
+        sched_param realTime = {};
+        realTime.sched_priority = std::min(10, sched_get_priority_max(SCHED_FIFO));
+        raised_ = pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == 0;
+    }
+    ~RealTimePriority() {
+        // Lowering one's own priority back is always allowed.
+        if (raised_) (void)pthread_setschedparam(pthread_self(), oldPolicy_, &oldParameters_);
+    }
+
+private:
+    int oldPolicy_ = SCHED_OTHER;
+    sched_param oldParameters_ = {};
+    bool raised_ = false;
+};
+
+// What the presentation loop works with, and what it measures.
+struct Playback {
+    Playback(const PlayOptions &options, SVBufferQueueRef queue, Flow &flow, const Window &window, double streamEnd,
+             double frameSeconds)
+        : options(options),
+          queue(queue),
+          flow(flow),
+          window(window),
+          streamEnd(streamEnd),
+          frameSeconds(frameSeconds),
+          progress(options.progress && isatty(STDERR_FILENO)) {}
+    const PlayOptions &options;
+    SVBufferQueueRef queue;
+    Flow &flow;
+    Window window;
+    double streamEnd;  // for the progress bar of an open window
+    double frameSeconds;
+    bool progress;
+    bool soundClock = false;  // the timebase follows the sound's clock, at rate 1
+    SVClockRef host = SVClockGetHostTimeClock();
+    Ref<SVTimebaseRef> timebase;
+    std::unique_ptr<PresentationTimer> timer;
+    SVTime armedFor = kSVTimeInvalid;
+    SVSampleBufferRef gapChecked = nullptr;  // only compared, never dereferenced
+    uint64_t lastDraw = 0;
+    uint64_t startHost = 0;
+    Report report;
+    std::vector<audio::PictureShown> pictures;
+};
+
+// Makes the timebase the pictures are timed on: it reads the presentation
+// time of the sound leaving the device when the sound plays, and runs at
+// the asked rate on the host clock from 5 ms from now otherwise.
+OSStatus startTimebase(Playback &play, const audio::SoundSession *session) {
+    if (session) {
+        OSStatus status = SVTimebaseCreateWithMasterClock(nullptr, session->clock(), play.timebase.out());
+        if (status == 0) status = session->anchor(play.timebase.get());
+        play.soundClock = true;
+        play.startHost = hostNow();
+        return status;
+    }
+    play.startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
+    const OSStatus status = SVTimebaseCreateWithMasterClock(nullptr, play.host, play.timebase.out());
+    if (status != 0) return status;
+    return SVTimebaseSetRateAndAnchorTime(play.timebase.get(), play.options.rate,
+                                          SVTimeMakeWithSeconds(play.window.start, 1000000000),
+                                          SVClockMakeHostTimeFromSystemUnits(play.startHost));
+}
+
+// The picture that straddles the window's start is due, and presented, at the start.
+SVTime notBeforeTheStart(const Playback &play, SVTime time) {
+    const SVTime start = SVTimeMakeWithSeconds(play.window.start, 1000000000);
+    const int32_t order = SVTimeCompare(time, start);
+    return (play.window.reverse ? order > 0 : order < 0) ? start : time;
+}
+
+// The host time (nanoseconds) at which the timebase reaches `time`.
+uint64_t hostTimeOf(const Playback &play, SVTime time) {
+    return SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
+        SVSyncConvertTime(time, play.timebase.get(), play.host), 1000000000, kSVTimeRoundingMethod_Default));
+}
+
+// Across a gap the timebase is moved on so that the picture is due now.
+void moveOnAcrossGap(Playback &play, SVSampleBufferRef head, double pts, double duration) {
+    if (std::isnan(play.report.reached) || head == play.gapChecked) return;
+    play.gapChecked = head;  // checked once, however often the loop comes back to it
+    const bool reverse = play.window.reverse;
+    const double jump = reverse ? play.report.reached - (pts + duration) : pts - play.report.reached;
+    if (jump <= std::max(kGapMinimumSeconds, kGapFrames * std::max(duration, play.frameSeconds))) return;
+    ++play.report.gaps;
+    play.report.gapSeconds += jump;
+    // The master's time now: the host clock's, or the sound's.  Every
+    // argument is numeric and the timebase is the player's own, so it takes
+    // the new anchor; were it refused, the picture would wait out the gap.
+    (void)SVTimebaseSetRateAndAnchorTime(play.timebase.get(), play.soundClock ? 1.0 : play.options.rate,
+                                         SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
+                                         SVClockGetTime(SVTimebaseGetMasterClock(play.timebase.get())));
+}
+
+// Sleeps until the last millisecond before `dueHost`, but wakes when the
+// queue changes: an earlier picture may have become the head.  The timer
+// is armed for the spin's start on the timebase's own timeline, so that the
+// timebase follows its clock (the sound's) and its changes; an enqueue or
+// the progress bar wakes it too.
+void sleepUntilNearlyDue(Playback &play, SVTime due, uint64_t dueHost, uint64_t now) {
+    if (play.timer) {
+        const SVTime early = SVTimeMakeWithSeconds(1e-9 * kSpinNanoseconds * std::fabs(play.options.rate), 1000000000);
+        const SVTime fire = play.window.reverse ? SVTimeAdd(due, early) : SVTimeSubtract(due, early);
+        if (SVTimeCompare(fire, play.armedFor) != 0 || !SVTIME_IS_VALID(play.armedFor)) {
+            // An arming refused leaves the wait to its timeout below: the
+            // loop comes back within 100 ms and arms again.
+            if (play.timer->arm(fire) == 0) play.armedFor = fire;
+        }
+        PresentationTimer::Firing firing;
+        const uint64_t patience = std::min<uint64_t>(dueHost - now, 100000000);
+        if (play.timer->wait(std::chrono::nanoseconds(patience), firing) == PresentationTimer::Outcome::Fired) {
+            play.report.wakeUps.add(
+                (static_cast<double>(firing.handlerHost) - static_cast<double>(firing.deadlineHost)) / 1e6);
+            play.armedFor = kSVTimeInvalid;  // fired: a timer stays unarmed until armed again
+        }
+    } else {
+        waitForChange(play.flow, dueHost - kSpinNanoseconds);
+    }
+    if (play.progress && hostNow() - play.lastDraw > 100000000) {
+        play.lastDraw = hostNow();
+        drawProgress(seconds(SVTimebaseGetTime(play.timebase.get())), play.window,
+                     std::isinf(play.window.end) ? play.streamEnd : play.window.end, play.report);
+    }
+}
+
+// Spins to `dueHost`, takes the head of the queue and measures how far
+// from its moment it was taken.
+void presentHead(Playback &play, SVSampleBufferRef head, uint64_t dueHost, double pts, double duration) {
+    while (hostNow() < dueHost) {
+    }
+    SVSampleBufferRef taken = (SVSampleBufferRef)SVBufferQueueDequeueAndRetain(play.queue);
+    const uint64_t takenHost = hostNow();
+    // An earlier picture may have become the head during the wait: it was
+    // due even sooner, so it is judged against its own moment.
+    const SVTime shownTime = notBeforeTheStart(play, SVSampleBufferGetOutputPresentationTimeStamp(taken));
+    const uint64_t takenDue = taken == head ? dueHost : hostTimeOf(play, shownTime);
+    play.pictures.push_back({seconds(shownTime), takenHost});
+    CFRelease(taken);
+    const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(takenDue)) / 1e6;
+    Report &report = play.report;
+    ++report.shown;
+    if (play.window.reverse)
+        report.reached = std::isnan(report.reached) ? pts : std::min(report.reached, pts);
+    else
+        report.reached = std::isnan(report.reached) ? pts + duration : std::max(report.reached, pts + duration);
+    report.errorSum += std::fabs(errorMs);
+    if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
+    if (errorMs > kLateMilliseconds) ++report.late;
+}
+
+// Takes each picture when the timebase reaches its output presentation
+// time, until the queue ends or playing is interrupted.
+void presentAll(Playback &play) {
+    for (;;) {
+        if (gInterrupted) break;
+        SVSampleBufferRef head = (SVSampleBufferRef)SVBufferQueueGetHead(play.queue);
+        if (!head) {
+            if (SVBufferQueueIsAtEndOfData(play.queue) || SVBufferQueueContainsEndOfData(play.queue)) break;
+            ++play.report.underruns;
+            std::unique_lock<std::mutex> lock(play.flow.mutex);
+            if (play.flow.readerDone) break;  // the reader stopped without marking the end
+            play.flow.changed.wait_for(lock, std::chrono::milliseconds(5));
+            continue;
+        }
+        const double pts = seconds(SVSampleBufferGetPresentationTimeStamp(head));
+        const SVTime sampleDuration = SVSampleBufferGetDuration(head);
+        const double duration = SVTIME_IS_NUMERIC(sampleDuration) ? seconds(sampleDuration) : 0;
+        if (!play.window.shows(pts, duration)) {
+            CFRelease(SVBufferQueueDequeueAndRetain(play.queue));
+            ++play.report.skipped;
+            continue;
+        }
+        moveOnAcrossGap(play, head, pts, duration);
+        const SVTime due = notBeforeTheStart(play, SVSampleBufferGetOutputPresentationTimeStamp(head));
+        const uint64_t dueHost = hostTimeOf(play, due);
+        // Sleep until the last millisecond before the moment, then spin
+        // through it, which no timer wakes as precisely.
+        if (const uint64_t now = hostNow(); now + kSpinNanoseconds < dueHost) {
+            sleepUntilNearlyDue(play, due, dueHost, now);
+            continue;
+        }
+        presentHead(play, head, dueHost, pts, duration);
+    }
+}
+
+// Sound that outlasts the pictures plays to its end; then what it measured
+// goes into the summary.
+void finishSound(audio::SoundSession &session, const Playback &play, audio::AudioMode mode,
+                 audio::SoundSummary &sound) {
+    while (!session.soundDone() && session.problem().empty() && !gInterrupted)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    session.finish(play.pictures, sound);
+    if (sound.state == "failed")
+        fprintf(stderr, "sorvel: the sound failed (%s)%s\n", sound.reason.c_str(),
+                mode == audio::AudioMode::Pulse ? "" : "; the pictures went on by the last clock reading");
+}
+
+double meanError(const Report &report) {
+    return report.shown ? report.errorSum / static_cast<double>(report.shown) : 0;
+}
+
+// The far edge of what was shown; the window's start when nothing was.
+double shownEnd(const Playback &play) {
+    return std::isnan(play.report.reached) ? play.window.start : play.report.reached;
+}
+
+void writePlayJson(const Playback &play, const std::string &name, const audio::SoundSummary &sound) {
+    const Report &report = play.report;
+    JsonWriter json(stdout);
+    json.beginObject();
+    json.string("file", name);
+    json.number("rate", play.options.rate);
+    json.number("start", play.window.start);
+    json.number("end", shownEnd(play));
+    json.integer("samples_shown", report.shown);
+    json.integer("samples_skipped", report.skipped);
+    json.integer("late_samples", report.late);
+    json.integer("underruns", report.underruns);
+    json.number("mean_error_ms", meanError(report));
+    json.number("worst_error_ms", report.worst);
+    json.number("wall_seconds", report.wall);
+    json.integer("time_gaps", report.gaps);
+    json.boolean("interrupted", gInterrupted);
+    json.number("time_gap_seconds", report.gapSeconds);
+    json.beginObject("timer_wakeup_error_ms");
+    audio::writeErrorStatsJson(json, report.wakeUps);
+    json.endObject();
+    audio::writeSoundJson(json, sound, play.pictures);
+    json.endObject();
+    json.finish();
+    reportErrorsAsJson(false);
+}
+
+void printPlayText(const Playback &play, const std::string &name, const audio::SoundSummary &sound) {
+    const Report &report = play.report;
+    printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", name.c_str(), play.options.rate,
+           play.window.start, shownEnd(play), report.wall);
+    printf("  Samples shown   %lld (%lld outside the window skipped)\n", static_cast<long long>(report.shown),
+           static_cast<long long>(report.skipped));
+    printf("  Late samples    %lld (more than %.0f ms after their time)\n", static_cast<long long>(report.late),
+           kLateMilliseconds);
+    printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", meanError(report), report.worst);
+    if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
+    if (report.wakeUps.count())
+        printf("  Timer wake-up   mean %+.3f ms, deviation %.3f ms, worst %+.3f ms after the deadline\n",
+               report.wakeUps.mean(), report.wakeUps.standardDeviation(), report.wakeUps.worst());
+    if (gInterrupted) printf("  Interrupted     playing stopped early\n");
+    if (report.gaps)
+        printf("  Time gaps       %lld skipped (%.3f s of presentation time)\n", static_cast<long long>(report.gaps),
+               report.gapSeconds);
+    audio::printSoundSummary(sound);
+}
+
 }  // namespace
 
 int runPlay(const PlayOptions &options) {
     ToolError error;
     std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error);
     audio::AudioMode audioMode = audio::AudioMode::Auto;
-    audio::parseAudioMode(options.audio, audioMode);
-    if (!source && error.code == kExitNoVideo && audioMode != audio::AudioMode::None) {
-        // Sound without pictures: play the sound and report it.
-        std::string soundError;
-        const int status = audio::playSoundOnly(
-            audioMode, options.file, options.file.empty() ? "(embedded demo stream)" : options.file, options.rate,
-            options.start, options.duration, options.json, soundError);
-        if (status < 0) return reportError({kExitNoVideo, error.message + "; " + soundError});
-        if (status > 0) return reportError({kExitFailure, soundError});
-        return kExitOK;
-    }
+    (void)audio::parseAudioMode(options.audio, audioMode);  // main() refused what does not parse
+    if (!source && error.code == kExitNoVideo && audioMode != audio::AudioMode::None)
+        return playSoundWithoutPictures(options, audioMode, error);
     if (!source) return reportError(error);
-    const bool reverse = options.rate < 0;
-
-    // The window of the stream's timeline to play, in seconds.
-    Window window{reverse, 0, 0};
-    const double origin = source->ticksToSeconds(source->declaredStartTicks());
-    double streamEnd = origin + source->declaredDuration();
-    if (reverse) {
-        // The end of the stream is only known for sure once it was read.
-        std::unique_ptr<MediaSource> scan = MediaSource::open(options.file, error);
-        if (!scan) return reportError(error);
-        VideoSample sample;
-        streamEnd = origin;
-        while (scan->next(sample))
-            streamEnd = std::max(streamEnd, scan->ticksToSeconds(sample.pts + std::max<int64_t>(sample.duration, 0)));
-        if (!std::isnan(options.start) && origin + options.start > streamEnd)
-            return reportError({kExitUsage, format("--start %.3f is past the end of the stream (%.3f s)", options.start,
-                                                   streamEnd - origin)});
-        window.start = std::isnan(options.start) ? streamEnd : origin + options.start;
-        window.end = std::isnan(options.duration) ? origin : std::max(origin, window.start - options.duration);
-    } else {
-        window.start = origin + (std::isnan(options.start) ? 0 : options.start);
-        window.end = std::isnan(options.duration) ? INFINITY : window.start + options.duration;
-        if (!std::isnan(options.start) && !std::isnan(streamEnd) && window.start >= streamEnd)
-            return reportError({kExitUsage, format("--start %.3f is past the end of the stream (%.3f s)", options.start,
-                                                   streamEnd - origin)});
-    }
-
-    SVBufferCallbacks callbacks = *SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS();
-    if (reverse) callbacks.compare = laterFirst;
-    Ref<SVBufferQueueRef> queue;
-    OSStatus status = SVBufferQueueCreate(nullptr, 0, &callbacks, queue.out());
-    if (status != 0)
+    Window window{false, 0, 0};
+    double streamEnd = NAN;
+    if (const std::optional<ToolError> problem = planWindow(options, *source, window, streamEnd))
+        return reportError(*problem);
+    Flow flow;
+    PlayQueue queue;
+    if (const OSStatus status = queue.create(window.reverse, options.rate, flow); status != 0)
         return reportError({kExitFailure, format("cannot make a buffer queue (status %d)", static_cast<int>(status))});
 
-    // Keep about half a second of playing time queued, at least half a
-    // second of media.
-    const double high = std::max(0.5, 0.5 * std::fabs(options.rate));
-    Flow flow;
-    SVBufferQueueTriggerToken fillToken = nullptr, drainToken = nullptr;
-    SVBufferQueueInstallTrigger(queue.get(), queueFilled, &flow,
-                                kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo,
-                                SVTimeMakeWithSeconds(high, 1000000), &fillToken);
-    SVBufferQueueInstallTrigger(queue.get(), queueDrained, &flow, kSVBufferQueueTrigger_WhenDurationBecomesLessThan,
-                                SVTimeMakeWithSeconds(high / 2, 1000000), &drainToken);
-
-    // The sound fills its output while the pictures preroll, and plays once
-    // they are ready.
+    // The sound fills its output while the pictures preroll, and plays once they are ready.
     audio::SoundSummary sound;
     std::string soundError;
     std::unique_ptr<audio::SoundSession> session =
         audio::SoundSession::start(audioMode, options.file, options.rate, window.start, window.end, sound, soundError);
     if (!session && !soundError.empty()) return reportError({kExitFailure, "sound: " + soundError});
-
     Reader reader(*source, queue.get(), flow, window, !std::isnan(options.start));
     std::thread readerThread([&reader] { reader.run(); });
-
     StopOnInterrupt stopOnInterrupt;
-    // Preroll: start the clock once the queue is full and holds what is due
-    // first, or once the file is read.  Backwards, a group goes in in decode
-    // order, so what is due first (its last picture) may come last.
-    {
-        std::unique_lock<std::mutex> lock(flow.mutex);
-        while (!flow.changed.wait_for(lock, std::chrono::milliseconds(50), [&] {
-            return (flow.full && (!reverse || flow.groupsQueued > 0)) || flow.readerDone;
-        }))
-            if (gInterrupted) break;
-    }
-    if (!reverse && std::isnan(options.start)) {
-        // Without --start playing begins with the earliest picture queued.
-        const SVTime first =
-            SVSampleBufferGetOutputPresentationTimeStamp((SVSampleBufferRef)SVBufferQueueGetHead(queue.get()));
-        if (SVTIME_IS_NUMERIC(first)) {
-            window.start = seconds(first);
-            if (!std::isnan(options.duration)) window.end = window.start + options.duration;
-        }
-    }
-
-    SVClockRef host = SVClockGetHostTimeClock();
-    Ref<SVTimebaseRef> timebase;
-    if (session && (!session->go(soundError) || !session->waitUntilPlaying(5.0, soundError))) {
-        session->finish({}, sound);
-        sound.state = "failed";
-        sound.reason = soundError;
-        session.reset();
+    waitForPreroll(flow, window.reverse);
+    if (!window.reverse && std::isnan(options.start)) startAtFirstQueued(queue.get(), options, window);
+    if (!letSoundPlay(session, sound, soundError)) {
         if (audioMode == audio::AudioMode::Pulse) {
-            {
-                std::lock_guard<std::mutex> lock(flow.mutex);
-                flow.stop = true;
-            }
-            flow.changed.notify_all();
-            readerThread.join();
+            stopReader(flow, readerThread);
             return reportError({kExitFailure, "sound: " + soundError});
         }
         // The sound never started: carry on by the host clock.
         fprintf(stderr, "sorvel: no sound (%s); timing the pictures on the host clock\n", soundError.c_str());
     }
-    uint64_t startHost = hostNow() + 5000000;  // 5 ms to settle before the first picture
-    if (session) {
-        // The pictures follow the sound: the timebase reads the presentation
-        // time of the sound leaving the device.
-        SVTimebaseCreateWithMasterClock(nullptr, session->clock(), timebase.out());
-        session->anchor(timebase.get());
-        startHost = hostNow();
-    } else {
-        SVTimebaseCreateWithMasterClock(nullptr, host, timebase.out());
-        SVTimebaseSetRateAndAnchorTime(timebase.get(), options.rate, SVTimeMakeWithSeconds(window.start, 1000000000),
-                                       SVClockMakeHostTimeFromSystemUnits(startHost));
+    Playback play(options, queue.get(), flow, window, streamEnd, source->ticksToSeconds(source->defaultFrameTicks()));
+    if (const OSStatus status = startTimebase(play, session.get()); status != 0) {
+        stopReader(flow, readerThread);
+        return reportError({kExitFailure, format("cannot start the timebase (status %d)", static_cast<int>(status))});
     }
-    std::vector<audio::PictureShown> pictures;
     // Every picture is scheduled with a timer dispatch source on the
     // timebase; without one the player sleeps on the host clock instead.
     std::string timerError;
-    std::unique_ptr<PresentationTimer> timer = PresentationTimer::create(timebase.get(), timerError);
-    if (!timer) fprintf(stderr, "sorvel: %s; sleeping on the host clock instead\n", timerError.c_str());
-    flow.timer.store(timer.get());
-    SVTime armedFor = kSVTimeInvalid;
-
-    // Presentation is the one thing here that must not wait for the
-    // scheduler: ask for a real-time priority and carry on without it when
-    // the system says no.
-    int oldPolicy = SCHED_OTHER;
-    sched_param oldParameters = {};
-    pthread_getschedparam(pthread_self(), &oldPolicy, &oldParameters);
-    sched_param realTime = {};
-    realTime.sched_priority = std::min(10, sched_get_priority_max(SCHED_FIFO));
-    const bool raised = pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == 0;
-
-    const bool progress = options.progress && isatty(STDERR_FILENO);
-    const double frameSeconds = source->ticksToSeconds(source->defaultFrameTicks());
-    SVSampleBufferRef gapChecked = nullptr;  // only compared, never dereferenced
-    Report report;
-    uint64_t lastDraw = 0;
-    for (;;) {
-        if (gInterrupted) break;
-        SVSampleBufferRef head = (SVSampleBufferRef)SVBufferQueueGetHead(queue.get());
-        if (!head) {
-            if (SVBufferQueueIsAtEndOfData(queue.get()) || SVBufferQueueContainsEndOfData(queue.get())) break;
-            ++report.underruns;
-            std::unique_lock<std::mutex> lock(flow.mutex);
-            flow.changed.wait_for(lock, std::chrono::milliseconds(5));
-            continue;
-        }
-        const double pts = seconds(SVSampleBufferGetPresentationTimeStamp(head));
-        const SVTime sampleDuration = SVSampleBufferGetDuration(head);
-        const double duration = SVTIME_IS_NUMERIC(sampleDuration) ? seconds(sampleDuration) : 0;
-        if (!window.shows(pts, duration)) {
-            CFRelease(SVBufferQueueDequeueAndRetain(queue.get()));
-            ++report.skipped;
-            continue;
-        }
-        // Across a gap the timebase is moved on so that the picture is due now.
-        if (!std::isnan(report.reached) && head != gapChecked) {
-            gapChecked = head;  // checked once, however often the loop comes back to it
-            const double jump = reverse ? report.reached - (pts + duration) : pts - report.reached;
-            if (jump > std::max(kGapMinimumSeconds, kGapFrames * std::max(duration, frameSeconds))) {
-                ++report.gaps;
-                report.gapSeconds += jump;
-                // The master's time now: the host clock's, or the sound's.
-                SVTimebaseSetRateAndAnchorTime(timebase.get(), session ? 1.0 : options.rate,
-                                               SVTimeMakeWithSeconds(reverse ? pts + duration : pts, 1000000000),
-                                               SVClockGetTime(SVTimebaseGetMasterClock(timebase.get())));
-            }
-        }
-        // The picture that straddles the start is due at once.
-        SVTime due = SVSampleBufferGetOutputPresentationTimeStamp(head);
-        const SVTime windowStart = SVTimeMakeWithSeconds(window.start, 1000000000);
-        if (reverse ? SVTimeCompare(due, windowStart) > 0 : SVTimeCompare(due, windowStart) < 0) due = windowStart;
-        const uint64_t dueHost = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
-            SVSyncConvertTime(due, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
-        // Sleep until the last millisecond before the moment, but wake when
-        // the queue changes: an earlier picture may have become the head.
-        // Then spin through the last millisecond.
-        uint64_t now = hostNow();
-        if (now + kSpinNanoseconds < dueHost) {
-            if (timer) {
-                // Armed for the spin's start on the timebase's own timeline,
-                // so that the timebase follows its clock (the sound's) and
-                // its changes; an enqueue or the progress bar wakes it too.
-                const SVTime early =
-                    SVTimeMakeWithSeconds(1e-9 * kSpinNanoseconds * std::fabs(options.rate), 1000000000);
-                const SVTime fire = reverse ? SVTimeAdd(due, early) : SVTimeSubtract(due, early);
-                if (SVTimeCompare(fire, armedFor) != 0 || !SVTIME_IS_VALID(armedFor)) {
-                    timer->arm(fire);
-                    armedFor = fire;
-                }
-                PresentationTimer::Firing firing;
-                const uint64_t patience = std::min<uint64_t>(dueHost - now, 100000000);
-                if (timer->wait(std::chrono::nanoseconds(patience), firing) == PresentationTimer::Outcome::Fired) {
-                    report.wakeUps.add(
-                        (static_cast<double>(firing.handlerHost) - static_cast<double>(firing.deadlineHost)) / 1e6);
-                    armedFor = kSVTimeInvalid;  // fired: a timer stays unarmed until armed again
-                }
-            } else {
-                waitForChange(flow, dueHost - kSpinNanoseconds);
-            }
-            if (progress && hostNow() - lastDraw > 100000000) {
-                lastDraw = hostNow();
-                drawProgress(seconds(SVTimebaseGetTime(timebase.get())), window,
-                             std::isinf(window.end) ? streamEnd : window.end, report);
-            }
-            continue;
-        }
-        while ((now = hostNow()) < dueHost) {
-        }
-        SVSampleBufferRef taken = (SVSampleBufferRef)SVBufferQueueDequeueAndRetain(queue.get());
-        const uint64_t takenHost = hostNow();
-        // An earlier picture may have become the head during the wait: it
-        // was due even sooner, so it is judged against its own moment.
-        uint64_t takenDue = dueHost;
-        if (taken != head) {
-            SVTime takenTime = SVSampleBufferGetOutputPresentationTimeStamp(taken);
-            if (reverse ? SVTimeCompare(takenTime, windowStart) > 0 : SVTimeCompare(takenTime, windowStart) < 0)
-                takenTime = windowStart;
-            takenDue = SVClockConvertHostTimeToSystemUnits(SVTimeConvertScale(
-                SVSyncConvertTime(takenTime, timebase.get(), host), 1000000000, kSVTimeRoundingMethod_Default));
-        }
-        // The picture that straddles the start is presented from the start.
-        SVTime shownTime = SVSampleBufferGetOutputPresentationTimeStamp(taken);
-        if (reverse ? SVTimeCompare(shownTime, windowStart) > 0 : SVTimeCompare(shownTime, windowStart) < 0)
-            shownTime = windowStart;
-        pictures.push_back({seconds(shownTime), takenHost});
-        CFRelease(taken);
-        const double errorMs = (static_cast<double>(takenHost) - static_cast<double>(takenDue)) / 1e6;
-        ++report.shown;
-        report.reached = reverse
-                             ? (std::isnan(report.reached) ? pts : std::min(report.reached, pts))
-                             : (std::isnan(report.reached) ? pts + duration : std::max(report.reached, pts + duration));
-        report.errorSum += std::fabs(errorMs);
-        if (std::fabs(errorMs) > std::fabs(report.worst)) report.worst = errorMs;
-        if (errorMs > kLateMilliseconds) ++report.late;
-    }
-    if (session) {
-        // Sound that outlasts the pictures plays to its end.
-        while (!session->soundDone() && session->problem().empty() && !gInterrupted)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        session->finish(pictures, sound);
-        if (sound.state == "failed")
-            fprintf(stderr, "sorvel: the sound failed (%s)%s\n", sound.reason.c_str(),
-                    audioMode == audio::AudioMode::Pulse ? "" : "; the pictures went on by the last clock reading");
-    }
-    const uint64_t endHost = hostNow();
-    if (raised) pthread_setschedparam(pthread_self(), oldPolicy, &oldParameters);
-    report.wall = std::max(0.0, (static_cast<double>(endHost) - static_cast<double>(startHost)) / 1e9);
+    play.timer = PresentationTimer::create(play.timebase.get(), timerError);
+    if (!play.timer) fprintf(stderr, "sorvel: %s; sleeping on the host clock instead\n", timerError.c_str());
+    flow.timer.store(play.timer.get());
     {
-        std::lock_guard<std::mutex> lock(flow.mutex);
-        flow.stop = true;
+        RealTimePriority priority;
+        presentAll(play);
+        if (session) finishSound(*session, play, audioMode, sound);
+        play.report.wall = std::max(0.0, (static_cast<double>(hostNow()) - static_cast<double>(play.startHost)) / 1e9);
     }
-    flow.changed.notify_all();
-    readerThread.join();
+    stopReader(flow, readerThread);
     flow.timer.store(nullptr);
-    timer.reset();
-    if (progress) fprintf(stderr, "\r%*s\r", 80, "");
+    play.timer.reset();
+    if (play.progress) fprintf(stderr, "\r%*s\r", 80, "");
 
-    const double mean = report.shown ? report.errorSum / static_cast<double>(report.shown) : 0;
-    const double shownEnd = std::isnan(report.reached) ? window.start : report.reached;
-    if (options.json) {
-        JsonWriter json(stdout);
-        json.beginObject();
-        json.string("file", source->name());
-        json.number("rate", options.rate);
-        json.number("start", window.start);
-        json.number("end", shownEnd);
-        json.integer("samples_shown", report.shown);
-        json.integer("samples_skipped", report.skipped);
-        json.integer("late_samples", report.late);
-        json.integer("underruns", report.underruns);
-        json.number("mean_error_ms", mean);
-        json.number("worst_error_ms", report.worst);
-        json.number("wall_seconds", report.wall);
-        json.integer("time_gaps", report.gaps);
-        json.boolean("interrupted", gInterrupted);
-        json.number("time_gap_seconds", report.gapSeconds);
-        json.beginObject("timer_wakeup_error_ms");
-        json.integer("count", report.wakeUps.count());
-        json.number("mean", report.wakeUps.count() ? report.wakeUps.mean() : NAN);
-        json.number("standard_deviation", report.wakeUps.count() ? report.wakeUps.standardDeviation() : NAN);
-        json.number("worst", report.wakeUps.count() ? report.wakeUps.worst() : NAN);
-        json.endObject();
-        audio::writeSoundJson(json, sound, pictures);
-        json.endObject();
-        json.finish();
-        reportErrorsAsJson(false);
-    } else {
-        printf("Played %s at rate %g from %.3f s to %.3f s in %.3f s of wall time\n", source->name().c_str(),
-               options.rate, window.start, shownEnd, report.wall);
-        printf("  Samples shown   %lld (%lld outside the window skipped)\n", static_cast<long long>(report.shown),
-               static_cast<long long>(report.skipped));
-        printf("  Late samples    %lld (more than %.0f ms after their time)\n", static_cast<long long>(report.late),
-               kLateMilliseconds);
-        printf("  Timing error    mean %.3f ms, worst %+.3f ms against the timebase\n", mean, report.worst);
-        if (report.underruns) printf("  Queue ran dry   %lld times\n", static_cast<long long>(report.underruns));
-        if (report.wakeUps.count())
-            printf("  Timer wake-up   mean %+.3f ms, deviation %.3f ms, worst %+.3f ms after the deadline\n",
-                   report.wakeUps.mean(), report.wakeUps.standardDeviation(), report.wakeUps.worst());
-        if (gInterrupted) printf("  Interrupted     playing stopped early\n");
-        if (report.gaps)
-            printf("  Time gaps       %lld skipped (%.3f s of presentation time)\n",
-                   static_cast<long long>(report.gaps), report.gapSeconds);
-        audio::printSoundSummary(sound);
-    }
+    if (options.json)
+        writePlayJson(play, source->name(), sound);
+    else
+        printPlayText(play, source->name(), sound);
     fflush(stdout);
-    SVBufferQueueRemoveTrigger(queue.get(), fillToken);
-    SVBufferQueueRemoveTrigger(queue.get(), drainToken);
     if (flow.readerError) return reportError(*flow.readerError);
     if (gInterrupted) return kExitInterrupted;
     if (sound.state == "failed" && audioMode == audio::AudioMode::Pulse)

@@ -33,15 +33,19 @@ std::unique_ptr<PresentationTimer> PresentationTimer::create(SVTimebaseRef timeb
 }
 
 PresentationTimer::~PresentationTimer() {
-    // Once removed, the handler neither runs nor will run.
+    // After the cancel no handler starts, and the empty call on the serial
+    // queue waits out one in progress: none runs against a timer that is
+    // gone, or asks the timebase about a source it no longer holds.  The
+    // timebase may still re-arm the cancelled source until it is removed;
+    // a cancelled source ignores that.
+    if (source_) dispatch_source_cancel(source_);
+    if (queue_) dispatch_sync_f(queue_, nullptr, [](void *) {});
     if (timebase_) {
-        SVTimebaseRemoveTimerDispatchSource(timebase_, source_);
+        // It was added in create(), so the timebase knows it.
+        (void)SVTimebaseRemoveTimerDispatchSource(timebase_, source_);
         CFRelease(timebase_);
     }
-    if (source_) {
-        dispatch_source_cancel(source_);
-        dispatch_release(source_);
-    }
+    if (source_) dispatch_release(source_);
     if (queue_) dispatch_release(queue_);
 }
 
@@ -49,9 +53,10 @@ void PresentationTimer::fired(void *context) {
     auto *self = static_cast<PresentationTimer *>(context);
     const uint64_t now = SVClockConvertHostTimeToSystemUnits(SVClockGetTime(SVClockGetHostTimeClock()));
     SVTime deadline = kSVTimeInvalid;
-    SVTimebaseGetTimerDispatchSourceDeadline(self->timebase_, self->source_, &deadline);
+    // Without a deadline (none armed) the firing is taken as on time.
+    const OSStatus status = SVTimebaseGetTimerDispatchSourceDeadline(self->timebase_, self->source_, &deadline);
     const uint64_t deadlineHost =
-        SVTIME_IS_NUMERIC(deadline)
+        status == 0 && SVTIME_IS_NUMERIC(deadline)
             ? static_cast<uint64_t>(SVTimeConvertScale(deadline, 1000000000, kSVTimeRoundingMethod_Default).value)
             : now;
     // A firing of an earlier arming, delivered after the player armed the

@@ -7,11 +7,13 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <optional>
 
 #include "Commands.h"
 #include "HdrMetadata.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeAudio.h"
 #include "ProbeOther.h"
 #include "SampleDescriptionProbe.h"
 #include "StreamDetails.h"
@@ -44,12 +46,11 @@ struct VideoSummary {
 // Tallies the field order a sample states (H.264 only: the parameter sets
 // do not carry it, the samples may).
 void countFieldOrder(SVSampleBufferRef buffer, VideoSummary &summary) {
-    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
-    char *bytes = nullptr;
-    size_t contiguous = 0, total = 0;
-    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
-    CFStringRef order = SVVideoFormatDescriptionGetH264FieldDetailOfSample(
-        SVSampleBufferGetFormatDescription(buffer), reinterpret_cast<const uint8_t *>(bytes), total);
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    if (!sampleBytes(buffer, bytes, size)) return;
+    CFStringRef order =
+        SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVSampleBufferGetFormatDescription(buffer), bytes, size);
     if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalTopFirst)) ++summary.topFirst;
     if (order && CFEqual(order, kCVImageBufferFieldDetailTemporalBottomFirst)) ++summary.bottomFirst;
 }
@@ -91,17 +92,14 @@ void readSampleRow(SVSampleBufferRef buffer, Row &row) {
 
 void countNALUnits(SVSampleBufferRef buffer, FourCharCode codec, int headerLength,
                    std::map<unsigned, int64_t> &counts) {
-    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
-    char *bytes = nullptr;
-    size_t contiguous = 0, total = 0;
-    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &bytes) != 0 || contiguous != total) return;
+    const uint8_t *bytes = nullptr;
+    size_t size = 0;
+    if (!sampleBytes(buffer, bytes, size)) return;
     std::map<unsigned, int64_t> *out = &counts;
-    _SVEnumerateNALUnits(reinterpret_cast<const uint8_t *>(bytes), total, headerLength,
-                         ^int(const uint8_t *unit, size_t length) {
-                           if (length > static_cast<size_t>(headerLength))
-                               ++(*out)[nalUnitType(codec, unit[headerLength])];
-                           return 0;
-                         });
+    _SVEnumerateNALUnits(bytes, size, headerLength, ^int(const uint8_t *unit, size_t length) {
+      if (length > static_cast<size_t>(headerLength)) ++(*out)[nalUnitType(codec, unit[headerLength])];
+      return 0;
+    });
 }
 
 // How many samples a decoder must hold back: the largest lead of a
@@ -117,23 +115,28 @@ int reorderDepth(const std::vector<Row> &rows) {
     return static_cast<int>(depth);
 }
 
+// Bits of H.264's constraint_set byte (constraint_set0 is 0x80).
+constexpr uint32_t kH264ConstraintSet1 = 0x40, kH264ConstraintSet3 = 0x10;
+// The H.264 profile whose level_idc 11 with constraint_set3 means level 1b.
+constexpr unsigned kH264ProfileExtended = 88;
+
 std::string profileName(const SVVideoCodingInfo &info) {
     if (info.codecType == kSVVideoCodecType_H264) {
         switch (info.profile) {
             case 66:
-                return (info.constraintFlags & 0x40) ? "Constrained Baseline" : "Baseline";
+                return (info.constraintFlags & kH264ConstraintSet1) ? "Constrained Baseline" : "Baseline";
             case 77:
                 return "Main";
-            case 88:
+            case kH264ProfileExtended:
                 return "Extended";
             case 100:
                 return "High";
             case 110:
-                return (info.constraintFlags & 0x10) ? "High 10 Intra" : "High 10";
+                return (info.constraintFlags & kH264ConstraintSet3) ? "High 10 Intra" : "High 10";
             case 122:
-                return (info.constraintFlags & 0x10) ? "High 4:2:2 Intra" : "High 4:2:2";
+                return (info.constraintFlags & kH264ConstraintSet3) ? "High 4:2:2 Intra" : "High 4:2:2";
             case 244:
-                return (info.constraintFlags & 0x10) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
+                return (info.constraintFlags & kH264ConstraintSet3) ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
             case 44:
                 return "CAVLC 4:4:4";
             default:
@@ -162,7 +165,8 @@ std::string profileName(const SVVideoCodingInfo &info) {
 
 std::string levelName(const SVVideoCodingInfo &info) {
     if (info.codecType == kSVVideoCodecType_H264) {
-        if (info.level == 11 && (info.constraintFlags & 0x10) && info.profile <= 88) return "1b";
+        if (info.level == 11 && (info.constraintFlags & kH264ConstraintSet3) && info.profile <= kH264ProfileExtended)
+            return "1b";
         return format("%u.%u", info.level / 10, info.level % 10);
     }
     const unsigned level = info.level / 3;  // general_level_idc is 30 times the level
@@ -227,8 +231,8 @@ std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, Four
                                                   : SVVideoFormatDescriptionGetHEVCParameterSetAtIndex;
     size_t count = 0;
     *headerLength = 0;
-    getter(description, 0, nullptr, nullptr, &count, headerLength);
     std::vector<ParameterSet> sets;
+    if (getter(description, 0, nullptr, nullptr, &count, headerLength) != 0) return sets;
     for (size_t i = 0; i < count; ++i) {
         const uint8_t *bytes = nullptr;
         size_t size = 0;
@@ -240,54 +244,22 @@ std::vector<ParameterSet> parameterSets(SVFormatDescriptionRef description, Four
     return sets;
 }
 
-std::string channelLayoutName(AudioChannelLayoutTag tag) {
-    switch (tag) {
-        case kAudioChannelLayoutTag_Mono:
-            return "Mono";
-        case kAudioChannelLayoutTag_Stereo:
-            return "Stereo";
-        case kAudioChannelLayoutTag_MPEG_5_1_A:
-            return "MPEG 5.1 A";
-        case kAudioChannelLayoutTag_MPEG_7_1_A:
-            return "MPEG 7.1 A";
-        default:
-            if ((tag & 0xFFFF0000u) == kAudioChannelLayoutTag_DiscreteInOrder)
-                return format("%u discrete channels", tag & 0xFFFF);
-            return format("tag 0x%08x", tag);
-    }
-}
-
-}  // namespace
-
-int runProbe(const ProbeOptions &options) {
-    ToolError error;
-    std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error, false);
-    if (!source && (error.code == kExitNoVideo || error.code == kExitUnsupported)) {
-        // Video of another codec: described as far as the library can, rather than refused.
-        ToolError reopenError;
-        if (std::unique_ptr<MediaSource> other = MediaSource::openForDescription(options.file, reopenError))
-            return probeWithoutLibraryVideo(options, *other, error, kProbeSchemaVersion);
-    }
-    if (!source) return reportError(error);
-    source->keepAudioSamples(options.samples);
-    const bool hasVideo = source->hasVideo();
-
-    const FourCharCode codec = source->codec();
-    const int headerLength = source->nalUnitHeaderLength();
-    VideoSummary summary;
-    HdrMetadata hdr;
-    // The description of the first sample is the one reported: later
-    // changes are counted.
+// Reads every video sample into the summary and the HDR metadata, and
+// returns the description of the first sample (the one reported: later
+// changes are counted), or the stream's own before any sample.
+Ref<SVFormatDescriptionRef> readVideoSamples(MediaSource &source, VideoSummary &summary, HdrMetadata &hdr) {
+    const FourCharCode codec = source.codec();
+    const int headerLength = source.nalUnitHeaderLength();
     Ref<SVFormatDescriptionRef> description;
     VideoSample sample;
-    while (source->next(sample)) {
-        if (!description)
-            description = Ref<SVFormatDescriptionRef>::retain(SVSampleBufferGetFormatDescription(sample.buffer.get()));
+    while (source.next(sample)) {
+        SVSampleBufferRef buffer = sample.buffer.get();
+        if (!description) description = Ref<SVFormatDescriptionRef>::retain(SVSampleBufferGetFormatDescription(buffer));
         Row row;
-        readSampleRow(sample.buffer.get(), row);
-        countNALUnits(sample.buffer.get(), codec, headerLength, summary.nalUnits);
-        if (codec == kSVVideoCodecType_H264) countFieldOrder(sample.buffer.get(), summary);
-        collectHdrMetadata(sample.buffer.get(), codec, headerLength, hdr);
+        readSampleRow(buffer, row);
+        countNALUnits(buffer, codec, headerLength, summary.nalUnits);
+        if (codec == kSVVideoCodecType_H264) countFieldOrder(buffer, summary);
+        collectHdrMetadata(buffer, codec, headerLength, hdr);
         if (row.sync) {
             ++summary.syncCount;
             summary.syncIndices.push_back(static_cast<int64_t>(summary.rows.size()));
@@ -302,338 +274,365 @@ int runProbe(const ProbeOptions &options) {
         if (SVTIME_IS_NUMERIC(row.dts)) summary.minDts = std::min(summary.minDts, sample.dts);
         summary.rows.push_back(row);
     }
-    if (!description) description = Ref<SVFormatDescriptionRef>::retain(source->videoFormat());
     summary.reorderDepth = reorderDepth(summary.rows);
-    if (hasVideo) collectHdrMetadata(description.get(), codec, hdr);
-    if (hasVideo && !description) {
-        return reportError({source->problem() ? source->problem()->code : kExitTruncated,
-                            format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
-                                   codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC")});
-    }
+    if (!description) description = Ref<SVFormatDescriptionRef>::retain(source.videoFormat());
+    return description;
+}
 
+// What the video's format description says, as reported.
+struct VideoFormat {
     SVVideoCodingInfo info = {};
-    const bool haveInfo = SVVideoFormatDescriptionGetCodingInfo(description.get(), &info) == 0;
-    const SVVideoDimensions dimensions = SVVideoFormatDescriptionGetDimensions(description.get());
-    const CGSize presentation = SVVideoFormatDescriptionGetPresentationDimensions(description.get(), true, false);
+    bool haveInfo = false;
+    SVVideoDimensions dimensions = {0, 0};
+    CGSize presentation = {0, 0};
     int64_t sarH = 1, sarV = 1;
-    pixelAspectRatio(description.get(), sarH, sarV);
-    const bool fullRange = SVFormatDescriptionGetExtension(
-                               description.get(), kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
-    const int64_t fieldCount = extensionInteger(description.get(), kCVImageBufferFieldCountKey, 1);
-    const FieldOrder fields = fieldOrder(description.get(), fieldCount, summary);
+    bool fullRange = false;
+    int64_t fieldCount = 1;
+    FieldOrder fields;
+    std::string colourPrimaries, transfer, matrix, chromaTop;
     int storedHeaderLength = 0;
-    const std::vector<ParameterSet> sets = parameterSets(description.get(), codec, &storedHeaderLength);
-    const double duration = summary.rows.empty() ? 0 : summary.end - summary.start;
+    std::vector<ParameterSet> sets;
+};
+
+VideoFormat describeVideoFormat(SVFormatDescriptionRef description, FourCharCode codec, const VideoSummary &summary) {
+    VideoFormat facts;
+    facts.haveInfo = SVVideoFormatDescriptionGetCodingInfo(description, &facts.info) == 0;
+    facts.dimensions = SVVideoFormatDescriptionGetDimensions(description);
+    facts.presentation = SVVideoFormatDescriptionGetPresentationDimensions(description, true, false);
+    pixelAspectRatio(description, facts.sarH, facts.sarV);
+    facts.fullRange =
+        SVFormatDescriptionGetExtension(description, kSVFormatDescriptionExtension_FullRangeVideo) == kCFBooleanTrue;
+    facts.fieldCount = extensionInteger(description, kCVImageBufferFieldCountKey, 1);
+    facts.fields = fieldOrder(description, facts.fieldCount, summary);
+    facts.colourPrimaries = extensionText(description, kCVImageBufferColorPrimariesKey);
+    facts.transfer = extensionText(description, kCVImageBufferTransferFunctionKey);
+    facts.matrix = extensionText(description, kCVImageBufferYCbCrMatrixKey);
+    facts.chromaTop = extensionText(description, kCVImageBufferChromaLocationTopFieldKey);
+    facts.sets = parameterSets(description, codec, &facts.storedHeaderLength);
+    return facts;
+}
+
+// The timing figures derived from the samples.
+struct VideoTiming {
+    double duration = 0;  // seconds from the earliest presentation to the latest end
+    double frameRate = NAN;
+    int64_t presentationDelay = 0;  // frame times the first picture is shown after decoding starts
+};
+
+VideoTiming videoTiming(const VideoSummary &summary, const MediaSource &source) {
+    VideoTiming timing;
+    timing.duration = summary.rows.empty() ? 0 : summary.end - summary.start;
+    // The most common sample duration is the frame time.
     int64_t commonDuration = 0, commonCount = 0;
     for (const auto &[ticks, count] : summary.durations)
         if (count > commonCount && ticks > 0) commonDuration = ticks, commonCount = count;
-    const double frameRate = commonDuration > 0 ? 1.0 / seconds(source->time(commonDuration)) : NAN;
-    // How many frame times the first picture is shown after decoding starts.
-    const int64_t presentationDelay = commonDuration > 0 && summary.minDts != INT64_MAX
-                                          ? (summary.minPts - summary.minDts + commonDuration / 2) / commonDuration
-                                          : 0;
-    const std::string colourPrimaries = extensionText(description.get(), kCVImageBufferColorPrimariesKey);
-    const std::string transfer = extensionText(description.get(), kCVImageBufferTransferFunctionKey);
-    const std::string matrix = extensionText(description.get(), kCVImageBufferYCbCrMatrixKey);
-    const std::string chromaTop = extensionText(description.get(), kCVImageBufferChromaLocationTopFieldKey);
-    const char *codecName = codec == kSVVideoCodecType_H264 ? "h264" : "hevc";
-    const StreamDetails details = videoDetails(*source);
-    // Each track again, from the sample description the muxer wrote, and
-    // what differs from libavformat's view of the stream.
-    std::vector<std::string> bridgeWarnings;
-    const std::map<int, BridgeTrack> bridged =
-        describeSampleEntries(options.file, source->containerName(), bridgeWarnings);
-    const auto videoBridge = hasVideo ? bridged.find(source->videoStreamIndex()) : bridged.end();
-    if (videoBridge != bridged.end())
-        crossCheckSampleDescription(videoBridge->second, description.get(),
-                                    format("stream %d", source->videoStreamIndex()), bridgeWarnings);
-    for (const AudioTrack &track : source->audioTracks())
-        if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
-            crossCheckSampleDescription(found->second, track.description.get(), format("stream %d", track.streamIndex),
-                                        bridgeWarnings);
+    if (commonDuration > 0) timing.frameRate = 1.0 / seconds(source.time(commonDuration));
+    if (commonDuration > 0 && summary.minDts != INT64_MAX)
+        timing.presentationDelay = (summary.minPts - summary.minDts + commonDuration / 2) / commonDuration;
+    return timing;
+}
 
-    if (options.json) {
-        JsonWriter json(stdout);
-        json.beginObject();
-        json.integer("schema_version", kProbeSchemaVersion);
-        json.string("file", source->name());
-        json.string("container", source->containerName());
-        json.beginObject("format");
-        json.number("duration", source->containerDuration());
-        json.integer("bit_rate", source->containerBitRate());
-        json.integer("size", source->containerSize());
-        json.endObject();
-        if (hasVideo) {
-            json.beginObject("video");
-            json.integer("stream_index", source->videoStreamIndex());
-            json.string("codec", codecName);
-            json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(description.get())));
-            if (haveInfo) {
-                json.string("profile", profileName(info));
-                json.integer("profile_idc", info.profile);
-                json.integer("level", info.level);
-                json.string("level_name", levelName(info));
-                if (codec == kSVVideoCodecType_HEVC) json.string("tier", info.tier ? "High" : "Main");
-                json.string("chroma_format", chromaName(info.chromaFormat));
-                json.integer("bit_depth_luma", info.bitDepthLuma);
-                json.integer("bit_depth_chroma", info.bitDepthChroma);
-                json.integer("coded_width", info.codedWidth);
-                json.integer("coded_height", info.codedHeight);
-            }
-            json.integer("width", dimensions.width);
-            json.integer("height", dimensions.height);
-            json.number("presentation_width", presentation.width);
-            json.number("presentation_height", presentation.height);
-            json.string("pixel_aspect_ratio",
-                        format("%lld:%lld", static_cast<long long>(sarH), static_cast<long long>(sarV)));
-            json.string("color_primaries", colourPrimaries);
-            json.string("transfer_function", transfer);
-            json.string("ycbcr_matrix", matrix);
-            json.boolean("full_range", fullRange);
-            json.string("chroma_location", chromaTop);
-            json.integer("field_count", fieldCount);
-            json.string("field_detail", fieldCount > 1 ? fields.words : "");
-            json.string("field_order", fields.code.empty() ? "unknown" : fields.code);
-            writeStreamDetails(json, details);
-            writeHdrMetadata(json, hdr);
-            json.integer("nal_unit_header_length", storedHeaderLength);
-            json.beginArray("parameter_sets");
-            for (const ParameterSet &set : sets) {
-                json.beginRow();
-                json.string("type", nalUnitTypeName(codec, set.type));
-                json.integer("size", static_cast<long long>(set.size));
-                json.string("bytes", set.hex);
-                json.endRow();
-            }
-            json.endArray();
-            json.integer("timescale", source->timescale());
-            json.integer("sample_count", static_cast<long long>(summary.rows.size()));
-            json.number("start_time", summary.start);
-            json.number("duration", duration);
-            json.number("frame_rate", frameRate);
-            json.string("frame_rate_fraction", source->frameRateFraction());
-            json.integer("total_size", static_cast<long long>(summary.bytes));
-            json.integer("sync_sample_count", summary.syncCount);
-            json.beginArray("sync_samples");
-            for (int64_t index : summary.syncIndices) json.integer(nullptr, index);
-            json.endArray();
-            json.integer("reorder_depth", summary.reorderDepth);
-            json.integer("presentation_delay", presentationDelay);
-            json.integer("format_changes", source->formatChanges());
-            json.string("decode_times", source->decodeTimeSource());
-            json.beginObject("nal_units");
-            for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(codec, type), count);
-            json.endObject();
-            if (videoBridge != bridged.end()) writeSampleDescriptionJson(json, videoBridge->second);
-            if (options.samples) {
-                json.beginArray("samples");
-                for (size_t i = 0; i < summary.rows.size(); ++i) {
-                    const Row &row = summary.rows[i];
-                    json.beginRow();
-                    json.integer("index", static_cast<long long>(i));
-                    if (SVTIME_IS_NUMERIC(row.dts))
-                        json.integer("dts", row.dts.value);
-                    else
-                        json.null("dts");
-                    json.integer("pts", row.pts.value);
-                    json.integer("duration", SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0);
-                    json.number("dts_time", seconds(row.dts));
-                    json.number("pts_time", seconds(row.pts));
-                    json.integer("size", static_cast<long long>(row.size));
-                    json.boolean("sync", row.sync);
-                    json.endRow();
-                }
-                json.endArray();
-            }
-            json.endObject();
-        } else {
-            json.null("video");
-        }
-        json.beginArray("audio");
-        for (const AudioTrack &track : source->audioTracks()) {
-            json.beginObject();
-            json.integer("stream_index", track.streamIndex);
-            json.string("codec", track.codecName);
-            json.string("profile", audioProfile(track));
-            json.integer("packet_count", track.packetCount);
-            json.number("duration",
-                        track.bufferCount ? seconds(track.outputDuration) : track.endSeconds - track.startSeconds);
-            if (const AudioStreamBasicDescription *asbd =
-                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-                size_t layoutSize = 0, cookieSize = 0;
-                const AudioChannelLayout *layout =
-                    SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
-                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                json.string("format_id", fourCC(asbd->mFormatID));
-                json.number("sample_rate", asbd->mSampleRate);
-                json.integer("format_flags", asbd->mFormatFlags);
-                json.integer("channels", asbd->mChannelsPerFrame);
-                json.integer("frames_per_packet", asbd->mFramesPerPacket);
-                json.integer("bytes_per_packet", asbd->mBytesPerPacket);
-                json.integer("bits_per_channel", asbd->mBitsPerChannel);
-                json.string("channel_layout", layout ? channelLayoutName(layout->mChannelLayoutTag) : "");
-                json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
-                json.integer("timescale", track.tickDenominator);
-                json.integer("sample_buffer_count", track.bufferCount);
-                json.integer("packets_skipped", track.packetsSkipped);
-                json.integer("frame_count", track.frames);
-                json.integer("priming_frames", track.primingFrames);
-                json.integer("remainder_frames", track.remainderFrames);
-                json.number("start_time", seconds(track.outputStart));
-            }
-            if (options.samples) {
-                json.beginArray("samples");
-                for (const AudioSample &sample : track.samples) {
-                    json.beginRow();
-                    json.integer("index", static_cast<long long>(sample.index));
-                    // Decode order is presentation order for audio.
-                    json.integer("dts", sample.pts);
-                    json.integer("pts", sample.pts);
-                    json.integer("duration", sample.duration);
-                    json.number("pts_time",
-                                static_cast<double>(sample.pts) * track.tickNumerator / track.tickDenominator);
-                    json.integer("size", static_cast<long long>(sample.size));
-                    json.integer("frames", sample.frames);
-                    json.integer("trim_start", sample.trimStart);
-                    json.integer("trim_end", sample.trimEnd);
-                    json.endRow();
-                }
-                json.endArray();
-            }
-            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
-                writeSampleDescriptionJson(json, found->second);
-            json.endObject();
-        }
-        json.endArray();
-        json.beginArray("warnings");
-        for (const std::string &warning : source->warnings()) json.string(nullptr, warning);
-        for (const std::string &warning : bridgeWarnings) json.string(nullptr, warning);
-        if (source->samplesWithoutFormat())
-            json.string(nullptr, format("%lld samples before the first parameter sets were skipped",
-                                        static_cast<long long>(source->samplesWithoutFormat())));
-        if (source->problem()) json.string(nullptr, source->problem()->message);
-        json.endArray();
-        json.endObject();
-        json.finish();
-        reportErrorsAsJson(false);  // the report is out; a failure after it is told on stderr only
-    } else {
-        printf("File          %s (%s)\n", source->name().c_str(), source->containerName().c_str());
-        if (!hasVideo) printf("Video         none\n");
-        if (hasVideo) {
-            printf("Video         %s '%s'", codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC",
-                   fourCC(SVFormatDescriptionGetMediaSubType(description.get())).c_str());
-            if (haveInfo) {
-                printf(", %s profile, level %s", profileName(info).c_str(), levelName(info).c_str());
-                if (codec == kSVVideoCodecType_HEVC) printf(" (%s tier)", info.tier ? "High" : "Main");
-                printf(", %u-bit %s", info.bitDepthLuma, chromaName(info.chromaFormat));
-            }
-            printf("\n");
-            if (haveInfo) printf("  Coded       %dx%d\n", info.codedWidth, info.codedHeight);
-            printf("  Dimensions  %dx%d\n", dimensions.width, dimensions.height);
-            printf("  Display     %gx%g, pixel aspect ratio %lld:%lld\n", presentation.width, presentation.height,
-                   static_cast<long long>(sarH), static_cast<long long>(sarV));
-            auto orUnspecified = [](const std::string &text) {
-                return text.empty() ? std::string("unspecified") : text;
-            };
-            printf("  Colour      primaries %s, transfer %s, matrix %s, %s range\n",
-                   orUnspecified(colourPrimaries).c_str(), orUnspecified(transfer).c_str(),
-                   orUnspecified(matrix).c_str(), fullRange ? "full" : "video");
-            printf("  Chroma      %s\n", orUnspecified(chromaTop).c_str());
-            if (fieldCount > 1)
-                printf("  Fields      %lld (%s)\n", static_cast<long long>(fieldCount),
-                       fields.words.empty() ? "order not stated" : fields.words.c_str());
-            else
-                printf("  Fields      progressive\n");
-            printStreamDetails(details);
-            printHdrMetadata(hdr);
-            printf("  NAL length  %d bytes\n", storedHeaderLength);
-            if (videoBridge != bridged.end())
-                printf("  Sample description %s\n", sampleDescriptionLine(videoBridge->second).c_str());
-            printf("  Parameter sets ");
-            for (size_t i = 0; i < sets.size(); ++i)
-                printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, sets[i].type), sets[i].size);
-            printf("\n");
-            printf("Timing        timescale %d, %zu samples, start %.6f s, duration %.6f s", source->timescale(),
-                   summary.rows.size(), summary.start, duration);
-            if (!std::isnan(frameRate)) printf(", %.3f fps", frameRate);
-            printf("\n");
-            printf("  Sync        %lld:", static_cast<long long>(summary.syncCount));
-            for (size_t i = 0; i < summary.syncIndices.size() && i < 12; ++i)
-                printf(" %lld", static_cast<long long>(summary.syncIndices[i]));
-            if (summary.syncIndices.size() > 12) printf(" ...");
-            printf("\n");
-            printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
-                   static_cast<long long>(presentationDelay));
-            if (std::string(source->decodeTimeSource()) != "stored")
-                printf("  Decode times %s\n", source->decodeTimeSource());
-            printf("  NAL units  ");
-            for (const auto &[type, count] : summary.nalUnits)
-                printf(" %s %lld", nalUnitTypeName(codec, type), static_cast<long long>(count));
-            printf("\n");
-            if (source->formatChanges()) printf("  Format changes %d\n", source->formatChanges());
-        }
-        for (const AudioTrack &track : source->audioTracks()) {
-            printf("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
-            if (const std::string profile = audioProfile(track); !profile.empty()) printf(" %s", profile.c_str());
-            if (const AudioStreamBasicDescription *asbd =
-                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-                size_t layoutSize = 0, cookieSize = 0;
-                const AudioChannelLayout *layout =
-                    SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &layoutSize);
-                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                printf(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes",
-                       fourCC(asbd->mFormatID).c_str(), asbd->mSampleRate, asbd->mChannelsPerFrame,
-                       layout ? channelLayoutName(layout->mChannelLayoutTag).c_str() : "no layout",
-                       asbd->mFramesPerPacket, cookieSize);
-            } else {
-                printf(" (no stream description for this codec)");
-            }
-            printf("; %lld packets, %.3f s\n", static_cast<long long>(track.packetCount),
-                   track.endSeconds - track.startSeconds);
-            if (const auto found = bridged.find(track.streamIndex); found != bridged.end())
-                printf("  Sample description %s\n", sampleDescriptionLine(found->second).c_str());
-            if (track.bufferCount)
-                printf(
-                    "  Timing      timescale %d, %lld frames (priming %lld, remainder %lld), start %.6f s, "
-                    "duration %.6f s\n",
-                    track.tickDenominator, static_cast<long long>(track.frames),
-                    static_cast<long long>(track.primingFrames), static_cast<long long>(track.remainderFrames),
-                    seconds(track.outputStart), seconds(track.outputDuration));
-            if (track.packetsSkipped)
-                printf("  Skipped     %lld packets\n", static_cast<long long>(track.packetsSkipped));
-        }
-        if (options.samples && hasVideo) {
-            printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)",
-                   "size", "sync");
-            for (size_t i = 0; i < summary.rows.size(); ++i) {
-                const Row &row = summary.rows[i];
-                const std::string dts =
-                    SVTIME_IS_NUMERIC(row.dts) ? format("%lld", static_cast<long long>(row.dts.value)) : "N/A";
-                const std::string dtsTime = SVTIME_IS_NUMERIC(row.dts) ? format("%.6f", seconds(row.dts)) : "N/A";
-                printf("%8zu %12s %12lld %9lld %12s %12.6f %9zu %5s\n", i, dts.c_str(),
-                       static_cast<long long>(row.pts.value),
-                       static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0),
-                       dtsTime.c_str(), seconds(row.pts), row.size, row.sync ? "yes" : "");
-            }
-        }
-        for (const AudioTrack &track : source->audioTracks()) {
-            if (!options.samples || track.samples.empty()) continue;
-            printf("\nAudio stream %d\n%8s %12s %12s %9s %12s %9s %7s %6s %6s\n", track.streamIndex, "packet", "dts",
-                   "pts", "duration", "pts (s)", "size", "frames", "trim<", "trim>");
-            for (const AudioSample &sample : track.samples)
-                printf("%8lld %12lld %12lld %9lld %12.6f %9zu %7lld %6lld %6lld\n",
-                       static_cast<long long>(sample.index), static_cast<long long>(sample.pts),
-                       static_cast<long long>(sample.pts), static_cast<long long>(sample.duration),
-                       static_cast<double>(sample.pts) * track.tickNumerator / track.tickDenominator, sample.size,
-                       static_cast<long long>(sample.frames), static_cast<long long>(sample.trimStart),
-                       static_cast<long long>(sample.trimEnd));
-        }
-        for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
-        for (const std::string &warning : bridgeWarnings) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
-        if (source->samplesWithoutFormat())
-            fprintf(stderr, "sorvel: warning: %lld samples before the first parameter sets were skipped\n",
-                    static_cast<long long>(source->samplesWithoutFormat()));
+// Each track again, from the sample description the muxer wrote, and
+// what differs from libavformat's view of the stream.
+struct BridgeView {
+    BridgedTracks tracks;
+    std::vector<std::string> warnings;
+    const BridgeTrack *video = nullptr;
+};
+
+BridgeView bridgeSampleDescriptions(const std::string &file, MediaSource &source, SVFormatDescriptionRef video) {
+    BridgeView bridge;
+    bridge.tracks = describeSampleEntries(file, source.containerName(), bridge.warnings);
+    if (const auto found = source.hasVideo() ? bridge.tracks.find(source.videoStreamIndex()) : bridge.tracks.end();
+        found != bridge.tracks.end()) {
+        bridge.video = &found->second;
+        crossCheckSampleDescription(found->second, video, format("stream %d", source.videoStreamIndex()),
+                                    bridge.warnings);
     }
+    for (const AudioTrack &track : source.audioTracks())
+        if (const auto found = bridge.tracks.find(track.streamIndex); found != bridge.tracks.end())
+            crossCheckSampleDescription(found->second, track.description.get(), format("stream %d", track.streamIndex),
+                                        bridge.warnings);
+    return bridge;
+}
+
+// Everything the report shows, gathered and computed.
+struct ProbeReport {
+    MediaSource &source;
+    const ProbeOptions &options;
+    ProbeReport(MediaSource &source, const ProbeOptions &options)
+        : source(source), options(options), codec(source.codec()) {}
+    FourCharCode codec;
+    Ref<SVFormatDescriptionRef> description;  // null without video
+    VideoSummary summary;
+    HdrMetadata hdr;
+    VideoFormat videoFormat;
+    VideoTiming timing;
+    StreamDetails details;
+    BridgeView bridge;
+};
+
+const char *codecWords(FourCharCode codec) {
+    return codec == kSVVideoCodecType_H264 ? "H.264" : "HEVC";
+}
+
+void writeVideoFormatJson(JsonWriter &json, const ProbeReport &report) {
+    const VideoFormat &f = report.videoFormat;
+    const FourCharCode codec = report.codec;
+    json.integer("stream_index", report.source.videoStreamIndex());
+    json.string("codec", codec == kSVVideoCodecType_H264 ? "h264" : "hevc");
+    json.string("media_subtype", fourCC(SVFormatDescriptionGetMediaSubType(report.description.get())));
+    if (f.haveInfo) {
+        json.string("profile", profileName(f.info));
+        json.integer("profile_idc", f.info.profile);
+        json.integer("level", f.info.level);
+        json.string("level_name", levelName(f.info));
+        if (codec == kSVVideoCodecType_HEVC) json.string("tier", f.info.tier ? "High" : "Main");
+        json.string("chroma_format", chromaName(f.info.chromaFormat));
+        json.integer("bit_depth_luma", f.info.bitDepthLuma);
+        json.integer("bit_depth_chroma", f.info.bitDepthChroma);
+        json.integer("coded_width", f.info.codedWidth);
+        json.integer("coded_height", f.info.codedHeight);
+    }
+    json.integer("width", f.dimensions.width);
+    json.integer("height", f.dimensions.height);
+    json.number("presentation_width", f.presentation.width);
+    json.number("presentation_height", f.presentation.height);
+    json.string("pixel_aspect_ratio",
+                format("%lld:%lld", static_cast<long long>(f.sarH), static_cast<long long>(f.sarV)));
+    json.string("color_primaries", f.colourPrimaries);
+    json.string("transfer_function", f.transfer);
+    json.string("ycbcr_matrix", f.matrix);
+    json.boolean("full_range", f.fullRange);
+    json.string("chroma_location", f.chromaTop);
+    json.integer("field_count", f.fieldCount);
+    json.string("field_detail", f.fieldCount > 1 ? f.fields.words : "");
+    json.string("field_order", f.fields.code.empty() ? "unknown" : f.fields.code);
+    writeStreamDetails(json, report.details);
+    writeHdrMetadata(json, report.hdr);
+    json.integer("nal_unit_header_length", f.storedHeaderLength);
+    json.beginArray("parameter_sets");
+    for (const ParameterSet &set : f.sets) {
+        json.beginRow();
+        json.string("type", nalUnitTypeName(codec, set.type));
+        json.integer("size", static_cast<long long>(set.size));
+        json.string("bytes", set.hex);
+        json.endRow();
+    }
+    json.endArray();
+}
+
+void writeVideoTimingJson(JsonWriter &json, const ProbeReport &report) {
+    const VideoSummary &summary = report.summary;
+    MediaSource &source = report.source;
+    json.integer("timescale", source.timescale());
+    json.integer("sample_count", static_cast<long long>(summary.rows.size()));
+    json.number("start_time", summary.start);
+    json.number("duration", report.timing.duration);
+    json.number("frame_rate", report.timing.frameRate);
+    json.string("frame_rate_fraction", source.frameRateFraction());
+    json.integer("total_size", static_cast<long long>(summary.bytes));
+    json.integer("sync_sample_count", summary.syncCount);
+    json.beginArray("sync_samples");
+    for (int64_t index : summary.syncIndices) json.integer(nullptr, index);
+    json.endArray();
+    json.integer("reorder_depth", summary.reorderDepth);
+    json.integer("presentation_delay", report.timing.presentationDelay);
+    json.integer("format_changes", source.formatChanges());
+    json.string("decode_times", source.decodeTimeSource());
+    json.beginObject("nal_units");
+    for (const auto &[type, count] : summary.nalUnits) json.integer(nalUnitTypeName(report.codec, type), count);
+    json.endObject();
+}
+
+void writeVideoSamplesJson(JsonWriter &json, const std::vector<Row> &rows) {
+    json.beginArray("samples");
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Row &row = rows[i];
+        json.beginRow();
+        json.integer("index", static_cast<long long>(i));
+        if (SVTIME_IS_NUMERIC(row.dts))
+            json.integer("dts", row.dts.value);
+        else
+            json.null("dts");
+        json.integer("pts", row.pts.value);
+        json.integer("duration", SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0);
+        json.number("dts_time", seconds(row.dts));
+        json.number("pts_time", seconds(row.pts));
+        json.integer("size", static_cast<long long>(row.size));
+        json.boolean("sync", row.sync);
+        json.endRow();
+    }
+    json.endArray();
+}
+
+// What went wrong on the way without stopping the report, in the order
+// both forms give it.
+std::vector<std::string> reportWarnings(const ProbeReport &report) {
+    MediaSource &source = report.source;
+    std::vector<std::string> warnings = source.warnings();
+    warnings.insert(warnings.end(), report.bridge.warnings.begin(), report.bridge.warnings.end());
+    if (source.samplesWithoutFormat())
+        warnings.push_back(format("%lld samples before the first parameter sets were skipped",
+                                  static_cast<long long>(source.samplesWithoutFormat())));
+    return warnings;
+}
+
+void writeProbeJson(const ProbeReport &report) {
+    MediaSource &source = report.source;
+    JsonWriter json(stdout);
+    json.beginObject();
+    writeContainerJson(json, source, kProbeSchemaVersion);
+    if (source.hasVideo()) {
+        json.beginObject("video");
+        writeVideoFormatJson(json, report);
+        writeVideoTimingJson(json, report);
+        if (report.bridge.video) writeSampleDescriptionJson(json, *report.bridge.video);
+        if (report.options.samples) writeVideoSamplesJson(json, report.summary.rows);
+        json.endObject();
+    } else {
+        json.null("video");
+    }
+    writeAudioStreamsJson(json, source, report.options.samples, report.bridge.tracks);
+    json.beginArray("warnings");
+    for (const std::string &warning : reportWarnings(report)) json.string(nullptr, warning);
+    if (source.problem()) json.string(nullptr, source.problem()->message);
+    json.endArray();
+    json.endObject();
+    json.finish();
+    reportErrorsAsJson(false);  // the report is out; a failure after it is told on stderr only
+}
+
+void printVideoFormat(const ProbeReport &report) {
+    const VideoFormat &f = report.videoFormat;
+    const FourCharCode codec = report.codec;
+    printf("Video         %s '%s'", codecWords(codec),
+           fourCC(SVFormatDescriptionGetMediaSubType(report.description.get())).c_str());
+    if (f.haveInfo) {
+        printf(", %s profile, level %s", profileName(f.info).c_str(), levelName(f.info).c_str());
+        if (codec == kSVVideoCodecType_HEVC) printf(" (%s tier)", f.info.tier ? "High" : "Main");
+        printf(", %u-bit %s", f.info.bitDepthLuma, chromaName(f.info.chromaFormat));
+    }
+    printf("\n");
+    if (f.haveInfo) printf("  Coded       %dx%d\n", f.info.codedWidth, f.info.codedHeight);
+    printf("  Dimensions  %dx%d\n", f.dimensions.width, f.dimensions.height);
+    printf("  Display     %gx%g, pixel aspect ratio %lld:%lld\n", f.presentation.width, f.presentation.height,
+           static_cast<long long>(f.sarH), static_cast<long long>(f.sarV));
+    auto orUnspecified = [](const std::string &text) { return text.empty() ? std::string("unspecified") : text; };
+    printf("  Colour      primaries %s, transfer %s, matrix %s, %s range\n", orUnspecified(f.colourPrimaries).c_str(),
+           orUnspecified(f.transfer).c_str(), orUnspecified(f.matrix).c_str(), f.fullRange ? "full" : "video");
+    printf("  Chroma      %s\n", orUnspecified(f.chromaTop).c_str());
+    if (f.fieldCount > 1)
+        printf("  Fields      %lld (%s)\n", static_cast<long long>(f.fieldCount),
+               f.fields.words.empty() ? "order not stated" : f.fields.words.c_str());
+    else
+        printf("  Fields      progressive\n");
+    printStreamDetails(report.details);
+    printHdrMetadata(report.hdr);
+    printf("  NAL length  %d bytes\n", f.storedHeaderLength);
+    if (report.bridge.video) printf("  Sample description %s\n", sampleDescriptionLine(*report.bridge.video).c_str());
+    printf("  Parameter sets ");
+    for (size_t i = 0; i < f.sets.size(); ++i)
+        printf("%s%s (%zu bytes)", i ? ", " : "", nalUnitTypeName(codec, f.sets[i].type), f.sets[i].size);
+    printf("\n");
+}
+
+void printVideoTiming(const ProbeReport &report) {
+    const VideoSummary &summary = report.summary;
+    MediaSource &source = report.source;
+    printf("Timing        timescale %d, %zu samples, start %.6f s, duration %.6f s", source.timescale(),
+           summary.rows.size(), summary.start, report.timing.duration);
+    if (!std::isnan(report.timing.frameRate)) printf(", %.3f fps", report.timing.frameRate);
+    printf("\n");
+    // The first sync samples; the rest are in --json.
+    constexpr size_t kSyncSamplesShown = 12;
+    printf("  Sync        %lld:", static_cast<long long>(summary.syncCount));
+    for (size_t i = 0; i < summary.syncIndices.size() && i < kSyncSamplesShown; ++i)
+        printf(" %lld", static_cast<long long>(summary.syncIndices[i]));
+    if (summary.syncIndices.size() > kSyncSamplesShown) printf(" ...");
+    printf("\n");
+    printf("  Reordering  depth %d, presentation delay %lld frames\n", summary.reorderDepth,
+           static_cast<long long>(report.timing.presentationDelay));
+    if (std::string(source.decodeTimeSource()) != "stored") printf("  Decode times %s\n", source.decodeTimeSource());
+    printf("  NAL units  ");
+    for (const auto &[type, count] : summary.nalUnits)
+        printf(" %s %lld", nalUnitTypeName(report.codec, type), static_cast<long long>(count));
+    printf("\n");
+    if (source.formatChanges()) printf("  Format changes %d\n", source.formatChanges());
+}
+
+void printVideoSampleTable(const std::vector<Row> &rows) {
+    printf("\n%8s %12s %12s %9s %12s %12s %9s %5s\n", "sample", "dts", "pts", "duration", "dts (s)", "pts (s)", "size",
+           "sync");
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Row &row = rows[i];
+        const std::string dts =
+            SVTIME_IS_NUMERIC(row.dts) ? format("%lld", static_cast<long long>(row.dts.value)) : "N/A";
+        const std::string dtsTime = SVTIME_IS_NUMERIC(row.dts) ? format("%.6f", seconds(row.dts)) : "N/A";
+        printf("%8zu %12s %12lld %9lld %12s %12.6f %9zu %5s\n", i, dts.c_str(), static_cast<long long>(row.pts.value),
+               static_cast<long long>(SVTIME_IS_NUMERIC(row.duration) ? row.duration.value : 0), dtsTime.c_str(),
+               seconds(row.pts), row.size, row.sync ? "yes" : "");
+    }
+}
+
+void printProbeText(const ProbeReport &report) {
+    MediaSource &source = report.source;
+    printf("File          %s (%s)\n", source.name().c_str(), source.containerName().c_str());
+    if (source.hasVideo()) {
+        printVideoFormat(report);
+        printVideoTiming(report);
+    } else {
+        printf("Video         none\n");
+    }
+    printAudioStreams(source, report.bridge.tracks);
+    if (report.options.samples && source.hasVideo()) printVideoSampleTable(report.summary.rows);
+    printAudioSampleTables(source);
+    for (const std::string &warning : reportWarnings(report)) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
+}
+
+// Opens the file for the full report; a file whose video the library does
+// not read is described as far as it can be instead of refused, and
+// `described` is then its exit status.
+std::unique_ptr<MediaSource> openForProbe(const ProbeOptions &options, std::optional<int> &described) {
+    ToolError error;
+    std::unique_ptr<MediaSource> source = MediaSource::open(options.file, error, false);
+    if (!source && (error.code == kExitNoVideo || error.code == kExitUnsupported)) {
+        ToolError reopenError;
+        if (std::unique_ptr<MediaSource> other = MediaSource::openForDescription(options.file, reopenError)) {
+            described = probeWithoutLibraryVideo(options, *other, error, kProbeSchemaVersion);
+            return nullptr;
+        }
+    }
+    if (!source) described = reportError(error);
+    return source;
+}
+
+}  // namespace
+
+int runProbe(const ProbeOptions &options) {
+    std::optional<int> described;
+    std::unique_ptr<MediaSource> source = openForProbe(options, described);
+    if (!source) return *described;
+    source->keepAudioSamples(options.samples);
+
+    ProbeReport report(*source, options);
+    report.description = readVideoSamples(*source, report.summary, report.hdr);
+    if (source->hasVideo()) {
+        if (!report.description)
+            return reportError({source->problem() ? source->problem()->code : kExitTruncated,
+                                format("%s: no parameter sets were found for the %s stream", source->name().c_str(),
+                                       codecWords(report.codec))});
+        collectHdrMetadata(report.description.get(), report.codec, report.hdr);
+        report.videoFormat = describeVideoFormat(report.description.get(), report.codec, report.summary);
+        report.timing = videoTiming(report.summary, *source);
+        report.details = videoDetails(*source);
+    }
+    report.bridge = bridgeSampleDescriptions(options.file, *source, report.description.get());
+
+    if (options.json)
+        writeProbeJson(report);
+    else
+        printProbeText(report);
     fflush(stdout);
     if (source->problem()) return reportError(*source->problem());
     return kExitOK;

@@ -10,6 +10,7 @@
 #include "Commands.h"
 #include "Json.h"
 #include "MediaSource.h"
+#include "ProbeAudio.h"
 #include "StreamDetails.h"
 
 extern "C" {
@@ -19,23 +20,30 @@ extern "C" {
 namespace sorvel::tool {
 namespace {
 
+// Sample-description codes of video codecs the library has no constant
+// for: it reads only H.264 and HEVC samples.
+constexpr FourCharCode kVideoCodecType_VP8 = 'vp08', kVideoCodecType_VP9 = 'vp09', kVideoCodecType_AV1 = 'av01',
+                       kVideoCodecType_MPEG4Video = 'mp4v', kVideoCodecType_MPEG2Video = 'mp2v',
+                       kVideoCodecType_JPEG = 'jpeg', kVideoCodecType_ProRes422 = 'apcn';
+
 // The sample-description code of the codecs whose MP4 form names one.
 FourCharCode videoCodecType(const AVCodecParameters *parameters) {
     switch (parameters->codec_id) {
         case AV_CODEC_ID_VP8:
-            return 'vp08';
+            return kVideoCodecType_VP8;
         case AV_CODEC_ID_VP9:
-            return 'vp09';
+            return kVideoCodecType_VP9;
         case AV_CODEC_ID_AV1:
-            return 'av01';
+            return kVideoCodecType_AV1;
         case AV_CODEC_ID_MPEG4:
-            return 'mp4v';
+            return kVideoCodecType_MPEG4Video;
         case AV_CODEC_ID_MPEG2VIDEO:
-            return 'mp2v';
+            return kVideoCodecType_MPEG2Video;
         case AV_CODEC_ID_MJPEG:
-            return 'jpeg';
+            return kVideoCodecType_JPEG;
         case AV_CODEC_ID_PRORES:
-            return parameters->codec_tag ? parameters->codec_tag : 'apcn';
+            // ProRes names its flavour in the tag; 422 when the container does not say.
+            return parameters->codec_tag ? parameters->codec_tag : kVideoCodecType_ProRes422;
         default:
             return 0;
     }
@@ -45,7 +53,9 @@ struct OtherVideo {
     int streamIndex = -1;
     std::string codecName;
     Ref<SVFormatDescriptionRef> description;
-    std::string frameRate;  // exact fraction, "" when not declared
+    SVVideoDimensions dimensions = {0, 0};  // the description's
+    std::string subtype;                    // the description's media subtype as text
+    std::string frameRate;                  // exact fraction, "" when not declared
     StreamDetails details;
 };
 
@@ -60,49 +70,45 @@ OtherVideo describeOtherVideo(const MediaSource &source) {
     const FourCharCode type = videoCodecType(parameters);
     // Codecs without a code here still get a description, under the tag the
     // container stores (0 when it stores none).
-    SVVideoFormatDescriptionCreate(nullptr, type ? type : parameters->codec_tag, parameters->width, parameters->height,
-                                   nullptr, reinterpret_cast<SVVideoFormatDescriptionRef *>(video.description.out()));
+    if (SVVideoFormatDescriptionCreate(nullptr, type ? type : parameters->codec_tag, parameters->width,
+                                       parameters->height, nullptr,
+                                       reinterpret_cast<SVVideoFormatDescriptionRef *>(video.description.out())) == 0) {
+        video.dimensions = SVVideoFormatDescriptionGetDimensions(video.description.get());
+        video.subtype = fourCC(SVFormatDescriptionGetMediaSubType(video.description.get()));
+    }
     const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
     if (rate.num > 0 && rate.den > 0) video.frameRate = format("%d/%d", rate.num, rate.den);
     video.details = streamDetails(stream);
     return video;
 }
 
-std::string audioLine(const AudioTrack &track, const std::string &layout) {
-    std::string line = format("Audio         stream %d: %s", track.streamIndex, track.codecName.c_str());
-    if (const std::string profile = audioProfile(track); !profile.empty()) line += " " + profile;
-    if (const AudioStreamBasicDescription *asbd =
-            SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-        size_t cookieSize = 0;
-        SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-        line += format(" '%s', %g Hz, %u channels (%s), %u frames per packet, cookie %zu bytes",
-                       fourCC(asbd->mFormatID).c_str(), asbd->mSampleRate, asbd->mChannelsPerFrame, layout.c_str(),
-                       asbd->mFramesPerPacket, cookieSize);
-    } else {
-        line += " (no stream description for this codec)";
+void writeOtherVideoJson(JsonWriter &json, const OtherVideo &video) {
+    if (video.streamIndex < 0) {
+        json.null("video");
+        return;
     }
-    return line + format("; %lld packets, %.3f s", static_cast<long long>(track.packetCount),
-                         track.endSeconds - track.startSeconds);
+    json.beginObject("video");
+    json.integer("stream_index", video.streamIndex);
+    json.string("codec", video.codecName);
+    json.string("media_subtype", video.subtype);
+    json.integer("width", video.dimensions.width);
+    json.integer("height", video.dimensions.height);
+    json.string("frame_rate_fraction", video.frameRate);
+    writeStreamDetails(json, video.details);
+    json.boolean("samples_read", false);
+    json.endObject();
 }
 
-std::string layoutName(const AudioTrack &track) {
-    size_t size = 0;
-    const AudioChannelLayout *layout = SVAudioFormatDescriptionGetChannelLayout(track.description.get(), &size);
-    if (!layout) return "";
-    switch (layout->mChannelLayoutTag) {
-        case kAudioChannelLayoutTag_Mono:
-            return "Mono";
-        case kAudioChannelLayoutTag_Stereo:
-            return "Stereo";
-        case kAudioChannelLayoutTag_MPEG_5_1_A:
-            return "MPEG 5.1 A";
-        case kAudioChannelLayoutTag_MPEG_7_1_A:
-            return "MPEG 7.1 A";
-        default:
-            if ((layout->mChannelLayoutTag & 0xFFFF0000u) == kAudioChannelLayoutTag_DiscreteInOrder)
-                return format("%u discrete channels", layout->mChannelLayoutTag & 0xFFFF);
-            return format("tag 0x%08x", layout->mChannelLayoutTag);
+void printOtherVideo(const OtherVideo &video) {
+    if (video.streamIndex < 0) {
+        printf("Video         none\n");
+        return;
     }
+    printf("Video         stream %d: %s '%s', %dx%d", video.streamIndex, video.codecName.c_str(), video.subtype.c_str(),
+           video.dimensions.width, video.dimensions.height);
+    if (!video.frameRate.empty()) printf(", %s fps", video.frameRate.c_str());
+    printf(" (described only: sorvel reads the samples of H.264 and HEVC)\n");
+    printStreamDetails(video.details);
 }
 
 }  // namespace
@@ -110,65 +116,17 @@ std::string layoutName(const AudioTrack &track) {
 int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, const ToolError &why,
                              int schemaVersion) {
     // Reading to the end counts the audio packets and their span.
+    source.keepAudioSamples(options.samples);
     VideoSample sample;
     while (source.next(sample)) {
     }
     const OtherVideo video = describeOtherVideo(source);
-    const SVVideoDimensions dimensions =
-        video.description ? SVVideoFormatDescriptionGetDimensions(video.description.get()) : SVVideoDimensions{0, 0};
-    const std::string subtype =
-        video.description ? fourCC(SVFormatDescriptionGetMediaSubType(video.description.get())) : "";
-
     if (options.json) {
         JsonWriter json(stdout);
         json.beginObject();
-        json.integer("schema_version", schemaVersion);
-        json.string("file", source.name());
-        json.string("container", source.containerName());
-        json.beginObject("format");
-        json.number("duration", source.containerDuration());
-        json.integer("bit_rate", source.containerBitRate());
-        json.integer("size", source.containerSize());
-        json.endObject();
-        if (video.streamIndex >= 0) {
-            json.beginObject("video");
-            json.integer("stream_index", video.streamIndex);
-            json.string("codec", video.codecName);
-            json.string("media_subtype", subtype);
-            json.integer("width", dimensions.width);
-            json.integer("height", dimensions.height);
-            json.string("frame_rate_fraction", video.frameRate);
-            writeStreamDetails(json, video.details);
-            json.boolean("samples_read", false);
-            json.endObject();
-        } else {
-            json.null("video");
-        }
-        json.beginArray("audio");
-        for (const AudioTrack &track : source.audioTracks()) {
-            json.beginObject();
-            json.integer("stream_index", track.streamIndex);
-            json.string("codec", track.codecName);
-            json.string("profile", audioProfile(track));
-            json.integer("packet_count", track.packetCount);
-            json.number("duration", track.endSeconds - track.startSeconds);
-            if (const AudioStreamBasicDescription *asbd =
-                    SVAudioFormatDescriptionGetStreamBasicDescription(track.description.get())) {
-                size_t cookieSize = 0;
-                SVAudioFormatDescriptionGetMagicCookie(track.description.get(), &cookieSize);
-                json.string("format_id", fourCC(asbd->mFormatID));
-                json.number("sample_rate", asbd->mSampleRate);
-                json.integer("format_flags", asbd->mFormatFlags);
-                json.integer("channels", asbd->mChannelsPerFrame);
-                json.integer("frames_per_packet", asbd->mFramesPerPacket);
-                json.integer("bytes_per_packet", asbd->mBytesPerPacket);
-                json.integer("bits_per_channel", asbd->mBitsPerChannel);
-                json.string("channel_layout", layoutName(track));
-                json.integer("magic_cookie_size", static_cast<long long>(cookieSize));
-            }
-            json.endObject();
-        }
-        json.endArray();
+        writeContainerJson(json, source, schemaVersion);
+        writeOtherVideoJson(json, video);
+        writeAudioStreamsJson(json, source, options.samples, {});
         json.beginArray("warnings");
         json.string(nullptr, why.message);
         for (const std::string &warning : source.warnings()) json.string(nullptr, warning);
@@ -179,17 +137,9 @@ int probeWithoutLibraryVideo(const ProbeOptions &options, MediaSource &source, c
         reportErrorsAsJson(false);
     } else {
         printf("File          %s (%s)\n", source.name().c_str(), source.containerName().c_str());
-        if (video.streamIndex >= 0) {
-            printf("Video         stream %d: %s '%s', %dx%d", video.streamIndex, video.codecName.c_str(),
-                   subtype.c_str(), dimensions.width, dimensions.height);
-            if (!video.frameRate.empty()) printf(", %s fps", video.frameRate.c_str());
-            printf(" (described only: sorvel reads the samples of H.264 and HEVC)\n");
-            printStreamDetails(video.details);
-        } else {
-            printf("Video         none\n");
-        }
-        for (const AudioTrack &track : source.audioTracks())
-            printf("%s\n", audioLine(track, layoutName(track).empty() ? "no layout" : layoutName(track)).c_str());
+        printOtherVideo(video);
+        printAudioStreams(source, {});
+        if (options.samples) printAudioSampleTables(source);
         for (const std::string &warning : source.warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());
     }
     fflush(stdout);

@@ -46,8 +46,23 @@ double seconds(SVTime time) {
     return static_cast<double>(time.value) / time.timescale;
 }
 
+bool sampleBytes(SVSampleBufferRef buffer, const uint8_t *&bytes, size_t &size) {
+    SVBlockBufferRef data = SVSampleBufferGetDataBuffer(buffer);
+    char *pointer = nullptr;
+    size_t contiguous = 0, total = 0;
+    if (!data || SVBlockBufferGetDataPointer(data, 0, &contiguous, &total, &pointer) != 0 || contiguous != total)
+        return false;
+    bytes = reinterpret_cast<const uint8_t *>(pointer);
+    size = total;
+    return true;
+}
+
 unsigned nalUnitType(FourCharCode codec, uint8_t firstByte) {
     return codec == kSVVideoCodecType_H264 ? firstByte & 0x1Fu : (firstByte >> 1) & 0x3Fu;
+}
+
+size_t nalUnitHeaderSize(FourCharCode codec) {
+    return codec == kSVVideoCodecType_HEVC ? 2 : 1;
 }
 
 const char *nalUnitTypeName(FourCharCode codec, unsigned type) {

@@ -67,7 +67,7 @@ private:
 constexpr unsigned kH264NAL_IDRSlice = 5, kH264NAL_SEI = 6, kH264NAL_SPS = 7, kH264NAL_PPS = 8;
 constexpr unsigned kHEVCNAL_FirstIRAP = 16,  // BLA_W_LP
     kHEVCNAL_LastIRAP = 23,                  // RSV_IRAP_VCL23
-    kHEVCNAL_VPS = 32, kHEVCNAL_SPS = 33, kHEVCNAL_PPS = 34;
+    kHEVCNAL_VPS = 32, kHEVCNAL_SPS = 33, kHEVCNAL_PPS = 34, kHEVCNAL_PrefixSEI = 39, kHEVCNAL_SuffixSEI = 40;
 
 // "avc1" for 'avc1'; unprintable bytes become '.'.
 std::string fourCC(FourCharCode code);
@@ -75,11 +75,16 @@ std::string fourCC(FourCharCode code);
 std::string utf8(CFTypeRef string);
 // printf into a std::string.
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// The bytes of a sample buffer whose data lies in one piece, as the tool's
+// samples always do; false without data or with data in pieces.
+bool sampleBytes(SVSampleBufferRef buffer, const uint8_t *&bytes, size_t &size);
 // Seconds of a numeric time; NaN for invalid or infinite times.
 double seconds(SVTime time);
 // The NAL unit type name ("IDR", "SPS", "TRAIL_R"...) for an 'avc1' or 'hvc1' stream.
 const char *nalUnitTypeName(FourCharCode codec, unsigned type);
 unsigned nalUnitType(FourCharCode codec, uint8_t firstByte);
+// Bytes of the NAL unit header: 1 for H.264, 2 for HEVC.
+size_t nalUnitHeaderSize(FourCharCode codec);
 
 }  // namespace sorvel::tool
 

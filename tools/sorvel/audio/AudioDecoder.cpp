@@ -251,7 +251,10 @@ bool AudioDecoder::next(PcmChunk &chunk) {
         int status = av_read_frame(format_, packet_);
         if (status == AVERROR_EOF) {
             draining_ = true;
-            avcodec_send_packet(codec_, nullptr);
+            // Entering draining mode fails only when the decoder already
+            // drains, which draining_ keeps from happening; its frames are
+            // received below either way.
+            (void)avcodec_send_packet(codec_, nullptr);
             continue;
         }
         if (status < 0) {

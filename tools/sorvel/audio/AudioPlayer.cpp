@@ -128,7 +128,8 @@ void AudioPlayer::decodeLoop() {
         fail(decoder_->problem());
     else if (!decodedAny)
         fail("the " + decoder_->codecName() + " audio cannot be decoded: not one packet of it decodes");
-    SVBufferQueueMarkEndOfData(queue_);
+    if (const OSStatus status = SVBufferQueueMarkEndOfData(queue_); status != 0)
+        fail("the sound's buffer queue refused its end (status " + std::to_string(status) + ")");
     {
         std::lock_guard<std::mutex> lock(mutex_);
         decodingDone_ = true;

@@ -287,7 +287,10 @@ void PulseOutput::reportTimingLocked() {
     timing.playing = info->playing != 0 && !corked_;
     timing.hostTime = hostTimeOfStamp(static_cast<int64_t>(pa_timeval_load(&info->timestamp)),
                                       static_cast<int64_t>(pa_timeval_load(&wall)), host);
-    reporter_->report(timing);
+    // The device stays registered while the stream exists and the reporter
+    // keeps its times finite and in order; a report refused all the same
+    // leaves the clock on the points it has, and the next tick reports anew.
+    (void)reporter_->report(timing);
     if (reporter_->started()) clockRunning_.store(true);
 }
 
@@ -304,7 +307,7 @@ void PulseOutput::reportDryLocked() {
     timing.deviceLatencyMicros = info ? static_cast<int64_t>(info->sink_usec) : 0;
     timing.playing = false;
     timing.hostTime = monotonicNow();
-    reporter_->report(timing);
+    (void)reporter_->report(timing);  // as in reportTimingLocked
 }
 
 void PulseOutput::hold() {

@@ -214,50 +214,73 @@ void SoundSession::finish(const std::vector<PictureShown> &, SoundSummary &) {}
 
 #endif
 
-int playSoundOnly(AudioMode mode, const std::string &file, const std::string &name, double rate, double start,
-                  double duration, bool json, std::string &error) {
-    SoundSummary summary;
-    const double from = std::isnan(start) ? 0 : start;
-    const double to = std::isnan(duration) ? INFINITY : from + duration;
-    if (rate != 1.0) {
-        error = "sound is played at rate 1 only";
-        return -1;
-    }
-    std::unique_ptr<SoundSession> session = SoundSession::start(mode, file, rate, from, to, summary, error, false);
-    if (!session) {
-        error = "no sound: " + summary.reason;
-        return -1;
-    }
-    const auto began = std::chrono::steady_clock::now();
-    int status = 0;
-    if (!session->go(error) || !session->waitUntilPlaying(5.0, error)) {
-        status = 1;
-    } else {
-        while (!session->soundDone() && session->problem().empty())
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    session->finish({}, summary);
-    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-    if (json) {
+namespace {
+
+// What the sound-only report says besides the sound's own summary.
+struct SoundOnlyReport {
+    SoundSummary sound;
+    double wall = 0;  // seconds from asking for the sound to its end
+    bool interrupted = false;
+};
+
+// Plays until the sound ends, goes wrong or is interrupted; 0, or 1 with
+// `error` set when the sound never started.
+int playUntilDone(SoundSession &session, const std::atomic<bool> &interrupted, std::string &error) {
+    if (interrupted) return 0;  // stopped before it began: nothing to wait for
+    if (!session.go(error) || !session.waitUntilPlaying(5.0, error)) return 1;
+    while (!session.soundDone() && session.problem().empty() && !interrupted)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return 0;
+}
+
+void printSoundOnlyReport(const SoundOnlyRequest &request, const SoundOnlyReport &report) {
+    const SoundSummary &summary = report.sound;
+    if (request.json) {
         JsonWriter writer(stdout);
         writer.beginObject();
-        writer.string("file", name);
-        writer.number("rate", rate);
+        writer.string("file", request.name);
+        writer.number("rate", request.rate);
         writer.number("start", summary.start);
         writer.number("end", summary.end);
         writer.integer("samples_shown", 0);
-        writer.number("wall_seconds", wall);
+        writer.number("wall_seconds", report.wall);
+        writer.boolean("interrupted", report.interrupted);
         writeSoundJson(writer, summary, {});
         writer.endObject();
         writer.finish();
     } else {
-        printf("Played %s (sound only, no video stream) from %.3f s to %.3f s in %.3f s of wall time\n", name.c_str(),
-               summary.start, summary.end, wall);
+        printf("Played %s (sound only, no video stream) from %.3f s to %.3f s in %.3f s of wall time\n",
+               request.name.c_str(), summary.start, summary.end, report.wall);
+        if (report.interrupted) printf("  Interrupted     playing stopped early\n");
         printSoundSummary(summary);
     }
     fflush(stdout);
-    if (status == 0 && summary.state == "failed") {
-        error = "sound: " + summary.reason;
+}
+
+}  // namespace
+
+int playSoundOnly(const SoundOnlyRequest &request, const std::atomic<bool> &interrupted, std::string &error) {
+    if (request.rate != 1.0) {
+        error = "sound is played at rate 1 only";
+        return -1;
+    }
+    const double from = std::isnan(request.start) ? 0 : request.start;
+    const double to = std::isnan(request.duration) ? INFINITY : from + request.duration;
+    SoundOnlyReport report;
+    std::unique_ptr<SoundSession> session =
+        SoundSession::start(request.mode, request.file, request.rate, from, to, report.sound, error, false);
+    if (!session) {
+        error = "no sound: " + report.sound.reason;
+        return -1;
+    }
+    const auto began = std::chrono::steady_clock::now();
+    int status = playUntilDone(*session, interrupted, error);
+    session->finish({}, report.sound);
+    report.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    report.interrupted = interrupted;
+    printSoundOnlyReport(request, report);
+    if (status == 0 && report.sound.state == "failed") {
+        error = "sound: " + report.sound.reason;
         status = 1;
     }
     return status;
@@ -287,6 +310,14 @@ void printSoundSummary(const SoundSummary &summary) {
                static_cast<long long>(stats.count()), stats.limit());
 }
 
+void writeErrorStatsJson(JsonWriter &json, const ErrorStats &stats) {
+    const bool any = stats.count() > 0;
+    json.integer("count", stats.count());
+    json.number("mean", any ? stats.mean() : NAN);
+    json.number("standard_deviation", any ? stats.standardDeviation() : NAN);
+    json.number("worst", any ? stats.worst() : NAN);
+}
+
 void writeSoundJson(JsonWriter &json, const SoundSummary &summary, const std::vector<PictureShown> &pictures) {
     json.beginObject("sound");
     json.string("mode", audioModeName(summary.mode));
@@ -309,10 +340,7 @@ void writeSoundJson(JsonWriter &json, const SoundSummary &summary, const std::ve
     }
     const ErrorStats &stats = summary.offsetStats;
     json.beginObject("av_offset_ms");
-    json.integer("count", stats.count());
-    json.number("mean", stats.count() ? stats.mean() : NAN);
-    json.number("standard_deviation", stats.count() ? stats.standardDeviation() : NAN);
-    json.number("worst", stats.count() ? stats.worst() : NAN);
+    writeErrorStatsJson(json, stats);
     json.number("limit", stats.limit());
     json.integer("outside_limit", stats.outside());
     json.endObject();

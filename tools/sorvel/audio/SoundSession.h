@@ -15,6 +15,7 @@
 
 #include <Sorvel/Sorvel.h>
 
+#include <atomic>
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -103,11 +104,27 @@ private:
     SVClockRef clock_ = nullptr;
 };
 
+// What `sorvel play` asks of a file that has no pictures.
+struct SoundOnlyRequest {
+    AudioMode mode = AudioMode::Auto;
+    std::string file;  // empty: the embedded stream
+    std::string name;  // how the report names it
+    double rate = 1.0;
+    double start = NAN;     // seconds; NaN: from the beginning
+    double duration = NAN;  // seconds; NaN: to the end
+    bool json = false;
+};
+
 // Plays the sound of a file that has no pictures, at rate 1 from `start`
-// for `duration` seconds (NaN: to the end), and reports it; returns the exit
-// status, or -1 with `error` saying why there is no sound to play either.
-int playSoundOnly(AudioMode mode, const std::string &file, const std::string &name, double rate, double start,
-                  double duration, bool json, std::string &error);
+// for `duration` seconds, and reports it; returns the exit status, or -1
+// with `error` saying why there is no sound to play either.  When
+// `interrupted` becomes true the sound stops and the report, saying so,
+// still comes out.
+int playSoundOnly(const SoundOnlyRequest &request, const std::atomic<bool> &interrupted, std::string &error);
+
+// "count", "mean", "standard_deviation" and "worst" of `stats` (null
+// while it holds nothing) as members of the object being written.
+void writeErrorStatsJson(JsonWriter &json, const ErrorStats &stats);
 
 // The sound part of the report, as text lines and as JSON members.
 void printSoundSummary(const SoundSummary &summary);

@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <thread>
 #include <vector>
 
+#include "../../../tests/support/LogCapture.h"
 #include "../PresentationTimer.h"
 
 namespace {
@@ -81,6 +83,24 @@ TEST_F(PresentationTimerTest, PassedTimesFireAtOnceAndRateChangesMoveTheDeadline
     ASSERT_EQ(timer_->wait(1s, firing), PresentationTimer::Outcome::Fired);
     const double took = static_cast<double>(firing.handlerHost - started) / 1e9;
     EXPECT_NEAR(took, 0.05, 0.03);
+}
+
+// A timer that goes while its handler is due or running waits the handler
+// out: no handler runs against the timer that is gone (ASan would say) or
+// asks the timebase about the source it no longer holds (the library would
+// log it).
+TEST_F(PresentationTimerTest, GoingWhileFiringLeavesNoHandlerBehind) {
+    sorvel_test::LogCapture log;
+    for (int i = 0; i < 200; ++i) {
+        std::string error;
+        std::unique_ptr<PresentationTimer> timer = PresentationTimer::create(timebase_, error);
+        ASSERT_TRUE(timer) << error;
+        // Already passed: the handler is delivered at once.
+        ASSERT_EQ(timer->arm(SVTimeMakeWithSeconds(timebaseSeconds() - 1, 1000000000)), 0);
+        if (i % 2) std::this_thread::yield();
+        timer.reset();
+    }
+    for (const sorvel_test::LogLine &line : log.lines()) ADD_FAILURE() << line.function << ": " << line.message;
 }
 
 }  // namespace

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "AacConfig.h"
+#include "PipeReader.h"
 
 extern char **environ;
 
@@ -73,29 +74,13 @@ Outcome sorvel(const std::vector<std::string> &args) {
     close(outPipe[1]);
     close(errPipe[1]);
     if (spawned == 0) {
-        pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-        std::string *sinks[2] = {&result.out, &result.err};
-        int open = 2;
         const auto deadline = started + std::chrono::seconds(120);
-        while (open > 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                ADD_FAILURE() << "sorvel did not finish within 120 s; killed";
-                kill(pid, SIGKILL);
-                break;
-            }
-            if (poll(fds, 2, 1000) < 0 && errno != EINTR) break;
-            for (int i = 0; i < 2; ++i) {
-                if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-                char buffer[65536];
-                const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-                if (n > 0) {
-                    sinks[i]->append(buffer, static_cast<size_t>(n));
-                } else if (n == 0 || errno != EINTR) {
-                    fds[i].fd = -1;
-                    --open;
-                }
-            }
-        }
+        sorvel::test::readBoth(outPipe[0], errPipe[0], result.out, result.err, [&] {
+            if (std::chrono::steady_clock::now() <= deadline) return false;
+            ADD_FAILURE() << "sorvel did not finish within 120 s; killed";
+            kill(pid, SIGKILL);
+            return true;
+        });
         int status = 0;
         pid_t waited;
         while ((waited = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
@@ -1278,6 +1263,7 @@ TEST(SorvelProbe, OtherCodecsAndAudioOnlyAreDescribedNotRefused) {
         {kData + "/tool/mpeg4_video.mp4", "mpeg4", "mp4v", nullptr, "Video         stream 0: mpeg4 'mp4v', "},
         {kMade + "/vp9.webm", "vp9", "vp09", nullptr, "Video         stream 0: vp9 'vp09', 64x48, 25/1 fps"},
         {kMade + "/av1.mp4", "av1", "av01", nullptr, "Video         stream 0: av1 'av01', 64x48, 25/1 fps"},
+        {kMade + "/mpeg4_aac.mp4", "mpeg4", "mp4v", "LC", "Video         stream 0: mpeg4 'mp4v', 64x48, 25/1 fps"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.file);
@@ -1303,6 +1289,14 @@ TEST(SorvelProbe, OtherCodecsAndAudioOnlyAreDescribedNotRefused) {
             EXPECT_EQ(audio["format_id"].text, "aac ");
             EXPECT_GT(audio["packet_count"].integer(), 0) << "the packets are counted to the end";
             EXPECT_GT(audio["duration"].number, 0.1);
+            // What the sample buffers say, whatever the video: every packet
+            // made one, and the frames add up to what is played.
+            EXPECT_EQ(audio["sample_buffer_count"].integer(), audio["packet_count"].integer());
+            EXPECT_EQ(audio["frame_count"].integer(), 1024 * audio["packet_count"].integer());
+            EXPECT_NEAR((audio["frame_count"].integer() - audio["priming_frames"].integer() -
+                         audio["remainder_frames"].integer()) /
+                            audio["sample_rate"].number,
+                        audio["duration"].number, 1e-6);
         } else {
             EXPECT_TRUE(probe["audio"].items.empty());
         }
@@ -1316,6 +1310,35 @@ TEST(SorvelProbe, OtherCodecsAndAudioOnlyAreDescribedNotRefused) {
         // The commands that need the samples still refuse, with their own status.
         expectExit(sorvel({"annexb", c.file, "-"}), c.codec ? 5 : 4);
     }
+}
+
+// Sound beside video of another codec is reported as fully as beside H.264:
+// the same stream lines, timing and packet table.
+TEST(SorvelProbe, AudioBesideOtherVideoIsReportedInFull) {
+    const std::string file = kMade + "/mpeg4_aac.mp4";
+    const Outcome json = sorvel({"probe", file, "--json", "--samples"});
+    expectExit(json, 0);
+    const Json audio = parseJson(json.out)["audio"][0];
+    EXPECT_EQ(audio["stream_index"].integer(), 1);
+    EXPECT_EQ(audio["timescale"].integer(), 22050);
+    EXPECT_EQ(audio["frame_count"].integer(), 12288);
+    EXPECT_EQ(audio["priming_frames"].integer(), 1024);
+    EXPECT_EQ(audio["remainder_frames"].integer(), 239);
+    EXPECT_DOUBLE_EQ(audio["duration"].number, 0.5);
+    EXPECT_DOUBLE_EQ(audio["start_time"].number, 0);
+    ASSERT_EQ(audio["samples"].items.size(), 12u);
+    EXPECT_EQ(audio["samples"][0]["trim_start"].integer(), 1024);
+    EXPECT_EQ(audio["samples"][11]["trim_end"].integer(), 239);
+
+    const Outcome text = sorvel({"probe", file, "--samples"});
+    expectExit(text, 0);
+    EXPECT_NE(text.out.find("Audio         stream 1: aac LC 'aac ', 22050 Hz, 1 channels (Mono), 1024 frames per "
+                            "packet, cookie 5 bytes; 12 packets, 0.546 s\n"
+                            "  Timing      timescale 22050, 12288 frames (priming 1024, remainder 239), start "
+                            "0.000000 s, duration 0.500000 s\n"),
+              std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find("\nAudio stream 1\n"), std::string::npos) << text.out;
 }
 
 TEST(SorvelProbe, HdrMessagesOfTheWrongSizeAreNotRead) {
