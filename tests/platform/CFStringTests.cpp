@@ -121,6 +121,31 @@ TEST(CFString, CreatedAndLiteralTextAgreeOnUnitsAndCStrings) {
     }
 }
 
+// A constant string whose first word points at another library's
+// __CFConstantStringClassReference (the one a program bound to, when that
+// library came first) is still a string: the runtime recognises the layout,
+// not the address.
+TEST(CFString, ConstantStringsAreRecognisedWhateverAnchorTheyPointAt) {
+    static const int otherAnchor[24] = {0};
+    struct {
+        const int *isa;
+        int32_t flags;
+        const char *chars;
+        long length;
+    } const literal = {otherAnchor, 0x07C8, "Width", 5};
+    auto string = reinterpret_cast<CFStringRef>(&literal);
+    EXPECT_EQ(CFGetTypeID(string), CFStringGetTypeID());
+    EXPECT_EQ(CFStringGetLength(string), 5);
+    EXPECT_TRUE(CFEqual(string, CFSTR("Width")));
+    EXPECT_EQ(CFHash(string), CFHash(CFSTR("Width")));
+    // Immortal like every constant string: retain and release change nothing.
+    const CFIndex count = CFGetRetainCount(string);
+    CFRelease(CFRetain(string));
+    EXPECT_EQ(CFGetRetainCount(string), count);
+    EXPECT_EQ(CFRetain(CFSTR("Width")), CFSTR("Width"));
+    CFRelease(CFSTR("Width"));
+}
+
 TEST(CFString, EqualAndHashAcrossStorageForms) {
     for (CFStringRef literal : {CFSTR("key"), CFSTR("a longer dictionary key, 33 chars"), CFSTR(""),
                                 CFSTR("caf\u00E9 \u20AC"), CFSTR("\U0001F600!")}) {
