@@ -104,33 +104,13 @@ bool decodeUTF8(const uint8_t *bytes, CFIndex count, bool external, __CFUnitBuff
     // Never more units than bytes.
     if (!out.reserve(count - i)) return false;
     while (i < count) {
-        const uint8_t lead = bytes[i];
-        if (lead < 0x80) {
-            out.append(lead);
-            ++i;
-            continue;
-        }
-        int trail;
-        UTF32Char c;
-        UTF32Char minimum;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            trail = 1, c = lead & 0x1F, minimum = 0x80;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            trail = 2, c = lead & 0x0F, minimum = 0x800;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            trail = 3, c = lead & 0x07, minimum = 0x10000;
-        } else {
-            return false;  // a stray continuation byte, C0/C1 (always overlong) or F5...FF
-        }
-        if (trail > count - i - 1) return false;  // truncated sequence
-        for (int k = 1; k <= trail; ++k) {
-            const uint8_t next = bytes[i + k];
-            if ((next & 0xC0) != 0x80) return false;
-            c = (c << 6) | (next & 0x3F);
-        }
-        if (c < minimum || c > 0x10FFFF || __CFStringIsSurrogate(c)) return false;
-        out.appendCodePoint(c);
-        i += trail + 1;
+        // A stray continuation byte, C0/C1 (always overlong), F5...FF, a
+        // truncated sequence or a bad value fails the whole conversion.
+        const __CFUTF8Sequence sequence =
+            __CFReadUTF8Sequence(bytes, static_cast<size_t>(count), static_cast<size_t>(i));
+        if (sequence.status != __CFUTF8Sequence::Valid) return false;
+        out.appendCodePoint(sequence.c);
+        i += static_cast<CFIndex>(sequence.length);
     }
     return !out.failed();
 }

@@ -338,31 +338,14 @@ void appendPadded(__CFUnitBuffer &out, const __CFStringView &view, CFIndex count
 void decodeCString(const uint8_t *bytes, size_t count, bool cut, __CFUnitBuffer &out) {
     size_t i = 0;
     while (i < count) {
-        const uint8_t lead = bytes[i];
-        if (lead < 0x80) {
-            out.append(lead);
-            ++i;
+        const __CFUTF8Sequence sequence = __CFReadUTF8Sequence(bytes, count, i);
+        if (sequence.status == __CFUTF8Sequence::Valid) {
+            out.appendCodePoint(sequence.c);
+            i += sequence.length;
             continue;
         }
-        size_t trail = lead >= 0xC2 && lead <= 0xDF   ? 1
-                       : lead >= 0xE0 && lead <= 0xEF ? 2
-                       : lead >= 0xF0 && lead <= 0xF4 ? 3
-                                                      : 0;
-        UTF32Char c = lead & (0x3F >> trail);
-        size_t k = 1;
-        for (; trail && k <= trail && i + k < count && (bytes[i + k] & 0xC0) == 0x80; ++k)
-            c = (c << 6) | (bytes[i + k] & 0x3F);
-        if (trail && k == trail + 1) {
-            static constexpr UTF32Char kMinimum[] = {0, 0x80, 0x800, 0x10000};
-            if (c >= kMinimum[trail] && c <= 0x10FFFF && !__CFStringIsSurrogate(c)) {
-                out.appendCodePoint(c);
-                i += trail + 1;
-                continue;
-            }
-        } else if (trail && cut && i + k == count) {
-            return;  // a character the precision cut in half
-        }
-        out.append(lead);
+        if (sequence.status == __CFUTF8Sequence::Truncated && cut) return;  // a character the precision cut in half
+        out.append(bytes[i]);                                               // taken as Latin-1
         ++i;
     }
 }
