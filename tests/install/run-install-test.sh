@@ -56,6 +56,15 @@ done
 plain=$(nm -D --defined-only "$libdir/libSorvelPlatform.so" | awk '$2 != "A" { print $3 }' \
     | grep -v -e '^SorvelPlatform_' -e '^__CFConstantStringClassReference@' || true)
 [[ -z $plain ]] || fail "libSorvelPlatform exports plain names: $plain"
+# And every name the installed headers declare is defined: a definition
+# compiled without its declaration in sight would have kept the plain name
+# and stayed local, leaving its binary name missing here.
+declared=$(grep -rh '_ABI_NAME(' "$prefix/include/Sorvel/platform" | grep -v '#define' \
+    | grep -oE '(CF|XP|DISPATCH)_ABI_NAME\([A-Za-z0-9_]+\)' | sed -E 's/.*\((.*)\)/SorvelPlatform_\1/' | sort -u)
+defined=$(nm -D --defined-only "$libdir/libSorvelPlatform.so" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u)
+missing=$(comm -23 <(echo "$declared") <(echo "$defined"))
+[[ -z $missing ]] || fail "libSorvelPlatform lacks declared exports: $missing"
+[[ $(echo "$declared" | wc -l) -gt 300 ]] || fail "too few labelled declarations found in the installed headers"
 # libSorvel reaches the platform library by those names too: a Sources file
 # that declared a platform call itself instead of including its header
 # would show here as a plain reference.
