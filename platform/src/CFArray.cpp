@@ -264,6 +264,17 @@ void checkIndex(CFArrayRef array, CFIndex idx, CFIndex end, const char *function
                     static_cast<long>(array->count));
 }
 
+// The first index in `range` whose value equals `value`, or kCFNotFound;
+// misuse is reported as `function`'s.
+CFIndex firstIndexOf(CFArrayRef array, CFRange range, const void *value, const char *function) {
+    __CFValidate(array, kCFArrayTypeID, function);
+    checkRange(array, range, function);
+    for (CFIndex i = range.location; i < range.location + range.length; i++) {
+        if (valuesEqual(array, valuesOf(array)[i], value)) return i;
+    }
+    return kCFNotFound;
+}
+
 inline __CFArray *mutableArray(CFMutableArrayRef array, const char *function) {
     __CFValidate(array, kCFArrayTypeID, function);
     if (!array->isMutable) CF_FATAL_IN(function, "the array %p is immutable", static_cast<void *>(array));
@@ -332,12 +343,7 @@ CFIndex CFArrayGetCountOfValue(CFArrayRef theArray, CFRange range, const void *v
 }
 
 Boolean CFArrayContainsValue(CFArrayRef theArray, CFRange range, const void *value) noexcept {
-    CF_VALIDATE(theArray, kCFArrayTypeID);
-    checkRange(theArray, range, __func__);
-    for (CFIndex i = range.location; i < range.location + range.length; i++) {
-        if (valuesEqual(theArray, valuesOf(theArray)[i], value)) return true;
-    }
-    return false;
+    return firstIndexOf(theArray, range, value, __func__) != kCFNotFound;
 }
 
 const void *CFArrayGetValueAtIndex(CFArrayRef theArray, CFIndex idx) noexcept {
@@ -362,12 +368,7 @@ void CFArrayApplyFunction(CFArrayRef theArray, CFRange range, CFArrayApplierFunc
 }
 
 CFIndex CFArrayGetFirstIndexOfValue(CFArrayRef theArray, CFRange range, const void *value) noexcept {
-    CF_VALIDATE(theArray, kCFArrayTypeID);
-    checkRange(theArray, range, __func__);
-    for (CFIndex i = range.location; i < range.location + range.length; i++) {
-        if (valuesEqual(theArray, valuesOf(theArray)[i], value)) return i;
-    }
-    return kCFNotFound;
+    return firstIndexOf(theArray, range, value, __func__);
 }
 
 CFIndex CFArrayGetLastIndexOfValue(CFArrayRef theArray, CFRange range, const void *value) noexcept {

@@ -66,9 +66,12 @@ struct __CFConstStr {
 };
 inline constexpr int32_t kCFConstStrFlagsUTF16 = 0x07D0;
 
+// The runtime's own instances, static ones included, carry 0 in _cfisa; only
+// the compiler's constant strings point it anywhere.  Testing for non-zero
+// rather than for our anchor's address keeps constant strings recognised even
+// when another library's __CFConstantStringClassReference is the one bound.
 inline bool __CFIsConstantString(CFTypeRef cf) {
-    return reinterpret_cast<const CFRuntimeBase *>(cf)->_cfisa ==
-           reinterpret_cast<uintptr_t>(__CFConstantStringClassReference);
+    return reinterpret_cast<const CFRuntimeBase *>(cf)->_cfisa != 0;
 }
 
 // Type identifier without validation; cf must not be NULL.

@@ -310,6 +310,80 @@ private:
     int saved_;
 };
 
+// What the timers in `mode` ask of the run loop now: the earliest one that
+// is due (or owed a firing), else the next deadline.  `any` is false when
+// the mode has no timer at all.  Lock held.
+struct TimerScan {
+    __CFRunLoopTimer *due = nullptr;
+    uint64_t next = kNever;
+    bool any = false;
+};
+
+TimerScan scanTimersLocked(const RunLoopState *s, CFStringRef mode, uint64_t now) {
+    TimerScan scan;
+    for (__CFRunLoopTimer *timer : s->timers) {
+        TimerState *t = timer->state;
+        if (!inMode(t, mode)) continue;
+        scan.any = true;
+        if (t->owed || t->deadline <= now) {
+            if (scan.due == nullptr || t->deadline < scan.due->state->deadline) scan.due = timer;
+        } else if (t->deadline < scan.next) {
+            scan.next = t->deadline;
+        }
+    }
+    return scan;
+}
+
+// Fires `due` once: moves its date on, runs its callout with the lock
+// released (the callout may add, invalidate or release timers, this one
+// included) and invalidates a one-shot timer after it.  Called and returns
+// with the lock held.
+void fireTimerLocked(__CFRunLoopTimer *due, uint64_t now) {
+    TimerState *t = due->state;
+    if (t->owed)
+        t->owed = false;
+    else
+        advanceLocked(t, now);
+    const bool oneShot = t->interval <= 0;
+    t->calloutsRunning++;
+    t->calloutThread = pthread_self();
+    void *info = t->context.info;  // invalidation may clear it meanwhile
+    CFRetain(due);
+    pthread_mutex_unlock(&gLock);
+    if (t->block != nullptr)
+        t->block(due);
+    else
+        t->callout(due, info);
+    pthread_mutex_lock(&gLock);
+    t->calloutsRunning--;
+    pthread_cond_broadcast(&gCalloutDone);
+    pthread_mutex_unlock(&gLock);
+    if (oneShot) invalidate(due);
+    CFRelease(due);
+    pthread_mutex_lock(&gLock);
+}
+
+// Sleeps until `until` (a monotonic deadline, kNever for no limit) or a
+// wake-up.  Lock held.
+void waitLocked(RunLoopState *s, uint64_t until) {
+    s->waiting = true;
+    if (until == kNever) {
+        pthread_cond_wait(&s->wake, &gLock);
+    } else {
+        timespec ts = {static_cast<time_t>(until / 1000000000u), static_cast<long>(until % 1000000000u)};
+        pthread_cond_timedwait(&s->wake, &gLock, &ts);
+    }
+    s->waiting = false;
+    s->woken = false;
+}
+
+// The monotonic time a run of `seconds` from `start` ends at: `start` itself
+// for none, kNever for a span too long to count.
+uint64_t runLimit(uint64_t start, CFTimeInterval seconds) {
+    if (seconds >= 9.2e9) return kNever;
+    return seconds <= 0 ? start : start + static_cast<uint64_t>(seconds * 1e9);
+}
+
 }  // namespace
 
 extern "C" {
@@ -354,9 +428,7 @@ CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds
     __CFRunLoop *rl = CFRunLoopGetCurrent();
     RunLoopState *s = rl->state;
     PreciseTimedWaits precise;
-    uint64_t start = hostNow();
-    uint64_t limit = kNever;
-    if (!(seconds >= 9.2e9)) limit = seconds <= 0 ? start : start + static_cast<uint64_t>(seconds * 1e9);
+    const uint64_t limit = runLimit(hostNow(), seconds);
     pthread_mutex_lock(&gLock);
     CFRunLoopRunResult result;
     for (;;) {
@@ -365,47 +437,14 @@ CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds
             result = kCFRunLoopRunStopped;
             break;
         }
-        uint64_t now = hostNow();
-        __CFRunLoopTimer *due = nullptr;
-        uint64_t next = kNever;
-        bool any = false;
-        for (__CFRunLoopTimer *timer : s->timers) {
-            TimerState *t = timer->state;
-            if (!inMode(t, mode)) continue;
-            any = true;
-            if (t->owed || t->deadline <= now) {
-                if (due == nullptr || t->deadline < due->state->deadline) due = timer;
-            } else if (t->deadline < next) {
-                next = t->deadline;
-            }
-        }
-        if (!any) {
+        const uint64_t now = hostNow();
+        const TimerScan scan = scanTimersLocked(s, mode, now);
+        if (!scan.any) {
             result = kCFRunLoopRunFinished;
             break;
         }
-        if (due != nullptr) {
-            TimerState *t = due->state;
-            if (t->owed)
-                t->owed = false;
-            else
-                advanceLocked(t, now);
-            bool oneShot = t->interval <= 0;
-            t->calloutsRunning++;
-            t->calloutThread = pthread_self();
-            void *info = t->context.info;  // invalidation may clear it meanwhile
-            CFRetain(due);
-            pthread_mutex_unlock(&gLock);
-            if (t->block != nullptr)
-                t->block(due);
-            else
-                t->callout(due, info);
-            pthread_mutex_lock(&gLock);
-            t->calloutsRunning--;
-            pthread_cond_broadcast(&gCalloutDone);
-            pthread_mutex_unlock(&gLock);
-            if (oneShot) invalidate(due);
-            CFRelease(due);
-            pthread_mutex_lock(&gLock);
+        if (scan.due != nullptr) {
+            fireTimerLocked(scan.due, now);
             if (returnAfterSourceHandled) {
                 result = kCFRunLoopRunHandledSource;
                 break;
@@ -420,16 +459,7 @@ CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds
             s->woken = false;
             continue;
         }
-        uint64_t until = next < limit ? next : limit;
-        s->waiting = true;
-        if (until == kNever) {
-            pthread_cond_wait(&s->wake, &gLock);
-        } else {
-            timespec ts = {static_cast<time_t>(until / 1000000000u), static_cast<long>(until % 1000000000u)};
-            pthread_cond_timedwait(&s->wake, &gLock, &ts);
-        }
-        s->waiting = false;
-        s->woken = false;
+        waitLocked(s, scan.next < limit ? scan.next : limit);
     }
     pthread_mutex_unlock(&gLock);
     return result;

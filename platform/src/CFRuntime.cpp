@@ -10,8 +10,8 @@
 //     the type's own fields
 //
 // _cfisa is 0 for every instance the runtime makes; the compiler's constant
-// strings put __CFConstantStringClassReference there, which is how they are
-// told apart.  _rc is the retain count, updated atomically.  Static
+// strings put the address of __CFConstantStringClassReference there, so a
+// non-zero _cfisa is how they are told apart.  _rc is the retain count, updated atomically.  Static
 // instances (booleans, the static allocators, kCFNull) carry the immortal bit
 // in _cfinfo and are never counted.
 

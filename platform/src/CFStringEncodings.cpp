@@ -104,33 +104,13 @@ bool decodeUTF8(const uint8_t *bytes, CFIndex count, bool external, __CFUnitBuff
     // Never more units than bytes.
     if (!out.reserve(count - i)) return false;
     while (i < count) {
-        const uint8_t lead = bytes[i];
-        if (lead < 0x80) {
-            out.append(lead);
-            ++i;
-            continue;
-        }
-        int trail;
-        UTF32Char c;
-        UTF32Char minimum;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            trail = 1, c = lead & 0x1F, minimum = 0x80;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            trail = 2, c = lead & 0x0F, minimum = 0x800;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            trail = 3, c = lead & 0x07, minimum = 0x10000;
-        } else {
-            return false;  // a stray continuation byte, C0/C1 (always overlong) or F5...FF
-        }
-        if (trail > count - i - 1) return false;  // truncated sequence
-        for (int k = 1; k <= trail; ++k) {
-            const uint8_t next = bytes[i + k];
-            if ((next & 0xC0) != 0x80) return false;
-            c = (c << 6) | (next & 0x3F);
-        }
-        if (c < minimum || c > 0x10FFFF || __CFStringIsSurrogate(c)) return false;
-        out.appendCodePoint(c);
-        i += trail + 1;
+        // A stray continuation byte, C0/C1 (always overlong), F5...FF, a
+        // truncated sequence or a bad value fails the whole conversion.
+        const __CFUTF8Sequence sequence =
+            __CFReadUTF8Sequence(bytes, static_cast<size_t>(count), static_cast<size_t>(i));
+        if (sequence.status != __CFUTF8Sequence::Valid) return false;
+        out.appendCodePoint(sequence.c);
+        i += static_cast<CFIndex>(sequence.length);
     }
     return !out.failed();
 }
@@ -331,12 +311,126 @@ bool __CFStringDecodeBytes(const uint8_t *bytes, CFIndex count, CFStringEncoding
     return false;
 }
 
+namespace {
+
+bool isUTF16Kind(Kind kind) {
+    return kind == Kind::UTF16 || kind == Kind::UTF16BE || kind == Kind::UTF16LE;
+}
+
+bool isUTF32Kind(Kind kind) {
+    return kind == Kind::UTF32 || kind == Kind::UTF32BE || kind == Kind::UTF32LE;
+}
+
+// Each encoder below writes one character's bytes to `out` (8 bytes at
+// most) and returns their count, or 0 when the encoding cannot represent
+// the character.
+
+// Lone surrogates pass through: UTF-16 can carry them.
+int encodeUTF16(const __CFStringView &view, CFIndex i, CFIndex units, bool bigEndian, uint8_t *out) {
+    putUnit16(out, view.at(i), bigEndian);
+    if (units == 1) return 2;
+    putUnit16(out + 2, view.at(i + 1), bigEndian);
+    return 4;
+}
+
+int encodeUTF32(UTF32Char c, bool bigEndian, uint8_t *out) {
+    if (__CFStringIsSurrogate(c)) return 0;
+    putUnit32(out, c, bigEndian);
+    return 4;
+}
+
+int encodeUTF8(UTF32Char c, uint8_t *out) {
+    if (c < 0x80) {
+        out[0] = static_cast<uint8_t>(c);
+        return 1;
+    }
+    if (c < 0x800) {
+        out[0] = static_cast<uint8_t>(0xC0 | (c >> 6));
+        out[1] = static_cast<uint8_t>(0x80 | (c & 0x3F));
+        return 2;
+    }
+    if (__CFStringIsSurrogate(c)) return 0;
+    if (c < 0x10000) {
+        out[0] = static_cast<uint8_t>(0xE0 | (c >> 12));
+        out[1] = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
+        out[2] = static_cast<uint8_t>(0x80 | (c & 0x3F));
+        return 3;
+    }
+    out[0] = static_cast<uint8_t>(0xF0 | (c >> 18));
+    out[1] = static_cast<uint8_t>(0x80 | ((c >> 12) & 0x3F));
+    out[2] = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
+    out[3] = static_cast<uint8_t>(0x80 | (c & 0x3F));
+    return 4;
+}
+
+// Works on single UTF-16 units: characters outside the BMP are written as
+// their two surrogates, one escape each.
+int encodeNonLossyASCII(UniChar unit, uint8_t *out) {
+    static const char kHex[] = "0123456789abcdef";
+    if (unit == '\\') {
+        out[0] = out[1] = '\\';
+        return 2;
+    }
+    if (unit < 0x80) {
+        out[0] = static_cast<uint8_t>(unit);
+        return 1;
+    }
+    if (unit < 0x100) {
+        out[0] = '\\';
+        out[1] = static_cast<uint8_t>('0' + (unit >> 6));
+        out[2] = static_cast<uint8_t>('0' + ((unit >> 3) & 7));
+        out[3] = static_cast<uint8_t>('0' + (unit & 7));
+        return 4;
+    }
+    out[0] = '\\', out[1] = 'u';
+    for (int k = 0; k < 4; ++k) out[2 + k] = static_cast<uint8_t>(kHex[(unit >> (12 - 4 * k)) & 0xF]);
+    return 6;
+}
+
+int encodeSingleByte(UTF32Char c, Kind kind, uint8_t *out) {
+    const int byte = singleByteFor(c, kind);
+    if (byte < 0) return 0;
+    out[0] = static_cast<uint8_t>(byte);
+    return 1;
+}
+
+// The character at `i` (a surrogate pair when `units` is 2) in `kind`.
+// Non-lossy ASCII takes one unit at a time and sets `units` back to 1.
+int encodeCharacter(Kind kind, const __CFStringView &view, CFIndex i, UTF32Char c, CFIndex &units, bool bigEndian,
+                    uint8_t *out) {
+    if (isUTF16Kind(kind)) return encodeUTF16(view, i, units, bigEndian, out);
+    if (isUTF32Kind(kind)) return encodeUTF32(c, bigEndian, out);
+    if (kind == Kind::UTF8) return encodeUTF8(c, out);
+    if (kind == Kind::NonLossyASCII) {
+        units = 1;
+        return encodeNonLossyASCII(view.at(i), out);
+    }
+    return encodeSingleByte(c, kind, out);
+}
+
+// The generic UTF-16 and UTF-32 forms write a byte-order mark in external
+// representations (the explicit-endian ones never do).  Returns the mark's
+// size, 0 when none is due, or -1 when it does not fit in maxBytes.
+CFIndex writeByteOrderMark(Kind kind, bool external, bool bigEndian, UInt8 *buffer, CFIndex maxBytes) {
+    if (!external || (kind != Kind::UTF16 && kind != Kind::UTF32)) return 0;
+    const CFIndex markSize = kind == Kind::UTF16 ? 2 : 4;
+    if (markSize > maxBytes) return -1;
+    if (buffer) {
+        if (kind == Kind::UTF16) {
+            putUnit16(buffer, 0xFEFF, bigEndian);
+        } else {
+            putUnit32(buffer, 0xFEFF, bigEndian);
+        }
+    }
+    return markSize;
+}
+
+}  // namespace
+
 CFIndex __CFStringEncodeView(const __CFStringView &view, CFIndex location, CFIndex count, CFStringEncoding encoding,
                              UInt8 lossByte, bool external, UInt8 *buffer, CFIndex maxBytes, CFIndex *usedBytes,
                              bool *lossy) {
     const Kind kind = kindOf(encoding);
-    CFIndex used = 0;
-    CFIndex converted = 0;
     if (lossy) *lossy = false;
     if (kind == Kind::Unsupported) {
         *usedBytes = 0;
@@ -346,37 +440,24 @@ CFIndex __CFStringEncodeView(const __CFStringView &view, CFIndex location, CFInd
 
     // 8-bit storage is ASCII, which every ASCII-compatible encoding writes
     // as the same bytes.
-    if (!view.wide && (kind == Kind::UTF8 || kind == Kind::ASCII || kind == Kind::Latin1 ||
-                       kind == Kind::WindowsLatin1 || kind == Kind::MacRoman)) {
-        converted = count < maxBytes ? count : maxBytes;
-        if (buffer && converted > 0) std::memcpy(buffer, view.bytes() + location, static_cast<size_t>(converted));
-        *usedBytes = converted;
-        return converted;
+    if (!view.wide && __CFStringEncodingIsASCIICompatible(encoding)) {
+        const CFIndex copied = count < maxBytes ? count : maxBytes;
+        if (buffer && copied > 0) std::memcpy(buffer, view.bytes() + location, static_cast<size_t>(copied));
+        *usedBytes = copied;
+        return copied;
     }
 
-    const bool isUTF16 = kind == Kind::UTF16 || kind == Kind::UTF16BE || kind == Kind::UTF16LE;
-    const bool isUTF32 = kind == Kind::UTF32 || kind == Kind::UTF32BE || kind == Kind::UTF32LE;
-    // The generic forms write a byte-order mark in external representations
-    // and use host order; the explicit ones never write a mark.
+    // The generic forms use host order; the explicit ones say theirs.
     const bool bigEndian = (kind == Kind::UTF16 || kind == Kind::UTF32)
                                ? kHostIsBigEndian
                                : (kind == Kind::UTF16BE || kind == Kind::UTF32BE);
-    if (external && (kind == Kind::UTF16 || kind == Kind::UTF32)) {
-        const CFIndex markSize = kind == Kind::UTF16 ? 2 : 4;
-        if (markSize > maxBytes) {
-            *usedBytes = 0;
-            return 0;
-        }
-        if (buffer) {
-            if (kind == Kind::UTF16) {
-                putUnit16(buffer, 0xFEFF, bigEndian);
-            } else {
-                putUnit32(buffer, 0xFEFF, bigEndian);
-            }
-        }
-        used = markSize;
+    CFIndex used = writeByteOrderMark(kind, external, bigEndian, buffer, maxBytes);
+    if (used < 0) {
+        *usedBytes = 0;
+        return 0;
     }
 
+    CFIndex converted = 0;
     const CFIndex end = location + count;
     for (CFIndex i = location; i < end;) {
         UTF32Char c = view.at(i);
@@ -386,82 +467,17 @@ CFIndex __CFStringEncodeView(const __CFStringView &view, CFIndex location, CFInd
             units = 2;
         }
         uint8_t out[8];
-        int size = 0;
-        bool representable = true;
-        if (isUTF16) {
-            // Lone surrogates pass through: UTF-16 can carry them.
-            if (units == 2) {
-                putUnit16(out, view.at(i), bigEndian);
-                putUnit16(out + 2, view.at(i + 1), bigEndian);
-                size = 4;
-            } else {
-                putUnit16(out, static_cast<UniChar>(c), bigEndian);
-                size = 2;
-            }
-        } else if (isUTF32) {
-            if (__CFStringIsSurrogate(c)) {
-                representable = false;
-            } else {
-                putUnit32(out, c, bigEndian);
-                size = 4;
-            }
-        } else if (kind == Kind::UTF8) {
-            if (c < 0x80) {
-                out[0] = static_cast<uint8_t>(c), size = 1;
-            } else if (c < 0x800) {
-                out[0] = static_cast<uint8_t>(0xC0 | (c >> 6));
-                out[1] = static_cast<uint8_t>(0x80 | (c & 0x3F));
-                size = 2;
-            } else if (__CFStringIsSurrogate(c)) {
-                representable = false;
-            } else if (c < 0x10000) {
-                out[0] = static_cast<uint8_t>(0xE0 | (c >> 12));
-                out[1] = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
-                out[2] = static_cast<uint8_t>(0x80 | (c & 0x3F));
-                size = 3;
-            } else {
-                out[0] = static_cast<uint8_t>(0xF0 | (c >> 18));
-                out[1] = static_cast<uint8_t>(0x80 | ((c >> 12) & 0x3F));
-                out[2] = static_cast<uint8_t>(0x80 | ((c >> 6) & 0x3F));
-                out[3] = static_cast<uint8_t>(0x80 | (c & 0x3F));
-                size = 4;
-            }
-        } else if (kind == Kind::NonLossyASCII) {
-            // Characters outside the BMP are written as their two surrogates.
-            static const char kHex[] = "0123456789abcdef";
-            const UniChar unit = view.at(i);
-            units = 1;
-            if (unit == '\\') {
-                out[0] = out[1] = '\\', size = 2;
-            } else if (unit < 0x80) {
-                out[0] = static_cast<uint8_t>(unit), size = 1;
-            } else if (unit < 0x100) {
-                out[0] = '\\';
-                out[1] = static_cast<uint8_t>('0' + (unit >> 6));
-                out[2] = static_cast<uint8_t>('0' + ((unit >> 3) & 7));
-                out[3] = static_cast<uint8_t>('0' + (unit & 7));
-                size = 4;
-            } else {
-                out[0] = '\\', out[1] = 'u';
-                for (int k = 0; k < 4; ++k) out[2 + k] = static_cast<uint8_t>(kHex[(unit >> (12 - 4 * k)) & 0xF]);
-                size = 6;
-            }
-        } else {
-            int byte = singleByteFor(c, kind);
-            if (byte < 0) {
-                representable = false;
-            } else {
-                out[0] = static_cast<uint8_t>(byte), size = 1;
-            }
-        }
-        if (!representable) {
+        int size = encodeCharacter(kind, view, i, c, units, bigEndian, out);
+        if (size == 0) {
             if (lossByte == 0) break;
             if (lossy) *lossy = true;
-            if (isUTF32) {
-                putUnit32(out, lossByte, bigEndian);
-                size = 4;
+            // The loss byte is written as it stands (one byte), widened to a
+            // code unit only in UTF-32.
+            if (isUTF32Kind(kind)) {
+                size = encodeUTF32(lossByte, bigEndian, out);
             } else {
-                out[0] = lossByte, size = 1;
+                out[0] = lossByte;
+                size = 1;
             }
         }
         if (size > maxBytes - used) break;

@@ -141,16 +141,10 @@ ArgType argTypeFor(UniChar conversion, Length length) {
     }
 }
 
-// Parses the conversion starting at format[i] == '%'.  Returns false when it
-// is malformed (directive.end still marks where its text stops).
-bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std::vector<ArgType> &types,
-                     Directive &directive) {
-    directive.start = i++;
-    bool bad = false;
-    const int position = parsePosition(format, i, bad);
-
+// The flag characters at `i` (advancing past them).
+void parseFlags(const __CFStringView &format, CFIndex &i, Directive &directive) {
     for (; i < format.length; ++i) {
-        UniChar c = format.at(i);
+        const UniChar c = format.at(i);
         if (c == '-')
             directive.minus = true;
         else if (c == '+')
@@ -164,65 +158,100 @@ bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std:
         else if (c == '\'')
             directive.grouping = true;
         else
-            break;
+            return;
     }
+}
 
-    int widthPosition = -2;  // -2: no '*'; -1: sequential '*'; >= 0: positional
+// Where a '*' width or precision takes its argument from.
+constexpr int kNoStar = -2;          // a number, or nothing, was written
+constexpr int kSequentialStar = -1;  // '*': the next argument
+
+// A width at `i`: a number goes into `field`; a '*' (with an optional "n$")
+// returns its argument position; otherwise kNoStar.
+int parseWidthField(const __CFStringView &format, CFIndex &i, int &field, bool &bad) {
     if (i < format.length && format.at(i) == '*') {
         ++i;
-        widthPosition = parsePosition(format, i, bad);
-    } else if (i < format.length && format.at(i) >= '1' && format.at(i) <= '9') {
-        directive.width = parseNumber(format, i);
-        if (directive.width < 0) bad = true;
+        const int position = parsePosition(format, i, bad);
+        return position >= 0 ? position : kSequentialStar;
     }
+    if (i < format.length && format.at(i) >= '1' && format.at(i) <= '9') {
+        field = parseNumber(format, i);
+        if (field < 0) bad = true;
+    }
+    return kNoStar;
+}
 
-    int precisionPosition = -2;
-    if (i < format.length && format.at(i) == '.') {
+// A precision at `i`: '.' then a number (none is 0) or a '*'.
+int parsePrecisionField(const __CFStringView &format, CFIndex &i, int &field, bool &bad) {
+    if (i >= format.length || format.at(i) != '.') return kNoStar;
+    ++i;
+    if (i < format.length && format.at(i) == '*') {
         ++i;
-        if (i < format.length && format.at(i) == '*') {
-            ++i;
-            precisionPosition = parsePosition(format, i, bad);
-        } else {
-            directive.precision = parseNumber(format, i);
-            if (directive.precision < 0) bad = true;
-        }
+        const int position = parsePosition(format, i, bad);
+        return position >= 0 ? position : kSequentialStar;
     }
+    field = parseNumber(format, i);
+    if (field < 0) bad = true;
+    return kNoStar;
+}
 
-    if (i < format.length) {
-        switch (format.at(i)) {
-            case 'h':
-                ++i;
-                if (i < format.length && format.at(i) == 'h')
-                    ++i, directive.length = Length::hh;
-                else
-                    directive.length = Length::h;
-                break;
-            case 'l':
-                ++i;
-                if (i < format.length && format.at(i) == 'l')
-                    ++i, directive.length = Length::ll;
-                else
-                    directive.length = Length::l;
-                break;
-            case 'q':
-                ++i, directive.length = Length::ll;
-                break;
-            case 'j':
-                ++i, directive.length = Length::j;
-                break;
-            case 'z':
-                ++i, directive.length = Length::z;
-                break;
-            case 't':
-                ++i, directive.length = Length::t;
-                break;
-            case 'L':
-                ++i, directive.length = Length::L;
-                break;
-            default:
-                break;
-        }
+// The length modifier at `i` (advancing past it), Length::None when absent.
+Length parseLength(const __CFStringView &format, CFIndex &i) {
+    if (i >= format.length) return Length::None;
+    const UniChar c = format.at(i);
+    const bool doubled = i + 1 < format.length && format.at(i + 1) == c;
+    Length length = Length::None;
+    switch (c) {
+        case 'h':
+            length = doubled ? Length::hh : Length::h;
+            break;
+        case 'l':
+            length = doubled ? Length::ll : Length::l;
+            break;
+        case 'q':
+            length = Length::ll;
+            break;
+        case 'j':
+            length = Length::j;
+            break;
+        case 'z':
+            length = Length::z;
+            break;
+        case 't':
+            length = Length::t;
+            break;
+        case 'L':
+            length = Length::L;
+            break;
+        default:
+            return Length::None;
     }
+    i += (length == Length::hh || (length == Length::ll && c == 'l')) ? 2 : 1;
+    return length;
+}
+
+// Gives an argument index to a value, width or precision: `requested` for a
+// positional one, else the next in sequence.  The first use of an index
+// fixes its type.  -1 when the index is out of range.
+int claimArgument(int requested, ArgType type, int &nextArg, std::vector<ArgType> &types) {
+    const int index = requested >= 0 ? requested : nextArg++;
+    if (index >= kMaxArguments) return -1;
+    if (static_cast<size_t>(index) >= types.size()) types.resize(static_cast<size_t>(index) + 1, ArgType::None);
+    if (types[static_cast<size_t>(index)] == ArgType::None) types[static_cast<size_t>(index)] = type;
+    return index;
+}
+
+// Parses the conversion starting at format[i] == '%'.  Returns false when it
+// is malformed (directive.end still marks where its text stops).
+bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std::vector<ArgType> &types,
+                     Directive &directive) {
+    directive.start = i++;
+    bool bad = false;
+    const int position = parsePosition(format, i, bad);
+    parseFlags(format, i, directive);
+    const int widthPosition = parseWidthField(format, i, directive.width, bad);
+    const int precisionPosition = parsePrecisionField(format, i, directive.precision, bad);
+    directive.length = parseLength(format, i);
 
     if (i >= format.length) {
         directive.end = format.length;
@@ -232,20 +261,16 @@ bool parseConversion(const __CFStringView &format, CFIndex i, int &nextArg, std:
     directive.end = i + 1;
     if (directive.conversion == '%') return !bad;
 
-    ArgType type = argTypeFor(directive.conversion, directive.length);
+    const ArgType type = argTypeFor(directive.conversion, directive.length);
     if (type == ArgType::None || bad) return false;
-
-    auto take = [&](int requested, ArgType argType) -> int {
-        int index = requested >= 0 ? requested : nextArg++;
-        if (index >= kMaxArguments) return -1;
-        if (static_cast<size_t>(index) >= types.size()) types.resize(static_cast<size_t>(index) + 1, ArgType::None);
-        if (types[static_cast<size_t>(index)] == ArgType::None) types[static_cast<size_t>(index)] = argType;
-        return index;
-    };
     // printf order: width, precision, then the value.
-    if (widthPosition != -2 && (directive.widthArg = take(widthPosition, ArgType::Int)) < 0) return false;
-    if (precisionPosition != -2 && (directive.precisionArg = take(precisionPosition, ArgType::Int)) < 0) return false;
-    directive.valueArg = take(position, type);
+    if (widthPosition != kNoStar &&
+        (directive.widthArg = claimArgument(widthPosition, ArgType::Int, nextArg, types)) < 0)
+        return false;
+    if (precisionPosition != kNoStar &&
+        (directive.precisionArg = claimArgument(precisionPosition, ArgType::Int, nextArg, types)) < 0)
+        return false;
+    directive.valueArg = claimArgument(position, type, nextArg, types);
     return directive.valueArg >= 0;
 }
 
@@ -313,31 +338,14 @@ void appendPadded(__CFUnitBuffer &out, const __CFStringView &view, CFIndex count
 void decodeCString(const uint8_t *bytes, size_t count, bool cut, __CFUnitBuffer &out) {
     size_t i = 0;
     while (i < count) {
-        const uint8_t lead = bytes[i];
-        if (lead < 0x80) {
-            out.append(lead);
-            ++i;
+        const __CFUTF8Sequence sequence = __CFReadUTF8Sequence(bytes, count, i);
+        if (sequence.status == __CFUTF8Sequence::Valid) {
+            out.appendCodePoint(sequence.c);
+            i += sequence.length;
             continue;
         }
-        size_t trail = lead >= 0xC2 && lead <= 0xDF   ? 1
-                       : lead >= 0xE0 && lead <= 0xEF ? 2
-                       : lead >= 0xF0 && lead <= 0xF4 ? 3
-                                                      : 0;
-        UTF32Char c = lead & (0x3F >> trail);
-        size_t k = 1;
-        for (; trail && k <= trail && i + k < count && (bytes[i + k] & 0xC0) == 0x80; ++k)
-            c = (c << 6) | (bytes[i + k] & 0x3F);
-        if (trail && k == trail + 1) {
-            static constexpr UTF32Char kMinimum[] = {0, 0x80, 0x800, 0x10000};
-            if (c >= kMinimum[trail] && c <= 0x10FFFF && !__CFStringIsSurrogate(c)) {
-                out.appendCodePoint(c);
-                i += trail + 1;
-                continue;
-            }
-        } else if (trail && cut && i + k == count) {
-            return;  // a character the precision cut in half
-        }
-        out.append(lead);
+        if (sequence.status == __CFUTF8Sequence::Truncated && cut) return;  // a character the precision cut in half
+        out.append(bytes[i]);                                               // taken as Latin-1
         ++i;
     }
 }
@@ -377,11 +385,35 @@ void appendNumber(__CFUnitBuffer &out, const char *conversion, T value) {
 
 #pragma clang diagnostic pop
 
-void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, ArgType type, int width,
-                   int precision, bool leftAlign) {
-    // Rebuild one sanitised conversion: flags, width, precision, length and
-    // the conversion character, nothing else.
-    char conversion[64];
+// The length modifier snprintf needs for an integer conversion.
+const char *integerLengthModifier(Length length) {
+    switch (length) {
+        case Length::hh:
+            return "hh";
+        case Length::h:
+            return "h";
+        case Length::l:
+            return "l";
+        case Length::ll:
+        case Length::L:
+            return "ll";
+        case Length::j:
+            return "j";
+        case Length::z:
+            return "z";
+        case Length::t:
+            return "t";
+        case Length::None:
+            break;
+    }
+    return "";
+}
+
+// Rebuilds one sanitised conversion into `conversion`: flags, width,
+// precision, length and the conversion character, nothing else.  %D, %U and
+// %O are the long forms of %d, %u and %o.
+void buildNumericConversion(const Directive &directive, int width, int precision, bool leftAlign,
+                            char (&conversion)[64]) {
     size_t n = 0;
     conversion[n++] = '%';
     if (leftAlign) conversion[n++] = '-';
@@ -399,39 +431,17 @@ void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgVal
         c = static_cast<UniChar>(c - 'A' + 'a');
         length = Length::l;
     }
-    if (c == 'd' || c == 'i' || c == 'u' || c == 'o' || c == 'x' || c == 'X') {
-        switch (length) {
-            case Length::hh:
-                conversion[n++] = 'h', conversion[n++] = 'h';
-                break;
-            case Length::h:
-                conversion[n++] = 'h';
-                break;
-            case Length::l:
-                conversion[n++] = 'l';
-                break;
-            case Length::ll:
-            case Length::L:
-                conversion[n++] = 'l', conversion[n++] = 'l';
-                break;
-            case Length::j:
-                conversion[n++] = 'j';
-                break;
-            case Length::z:
-                conversion[n++] = 'z';
-                break;
-            case Length::t:
-                conversion[n++] = 't';
-                break;
-            case Length::None:
-                break;
-        }
-    } else if (length == Length::L) {
-        conversion[n++] = 'L';
-    }
+    const bool integer = c == 'd' || c == 'i' || c == 'u' || c == 'o' || c == 'x' || c == 'X';
+    const char *modifier = integer ? integerLengthModifier(length) : length == Length::L ? "L" : "";
+    while (*modifier) conversion[n++] = *modifier++;
     conversion[n++] = static_cast<char>(c);
     conversion[n] = 0;
+}
 
+void appendNumeric(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, ArgType type, int width,
+                   int precision, bool leftAlign) {
+    char conversion[64];
+    buildNumericConversion(directive, width, precision, leftAlign, conversion);
     switch (type) {
         case ArgType::Int:
             appendNumber(out, conversion, value.i);
@@ -523,12 +533,10 @@ void appendText(__CFUnitBuffer &out, const Directive &directive, const ArgValue 
     appendPadded(out, text.data(), text.length(), width, leftAlign);
 }
 
-bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef formatString, va_list arguments) {
-    const __CFStringView format = __CFStringGetView(formatString);
-
-    std::vector<Directive> specs;
-    std::vector<ArgType> types;
-    std::vector<bool> valid;
+// The first pass: every conversion in the format, whether it is well
+// formed, and the type of each argument the conversions use.
+void parseFormat(const __CFStringView &format, std::vector<Directive> &specs, std::vector<bool> &valid,
+                 std::vector<ArgType> &types) {
     int nextArg = 0;
     for (CFIndex i = 0; i < format.length;) {
         if (format.at(i) != '%') {
@@ -536,11 +544,80 @@ bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef 
             continue;
         }
         Directive directive;
-        bool ok = parseConversion(format, i, nextArg, types, directive);
+        const bool ok = parseConversion(format, i, nextArg, types, directive);
         specs.push_back(directive);
         valid.push_back(ok);
         i = directive.end;
     }
+}
+
+// One positional argument used as two different types cannot be read as
+// both: a conversion whose value, width or precision argument was fixed to
+// another type does not agree.
+bool argumentTypesAgree(const Directive &directive, const std::vector<ArgType> &types) {
+    auto typeOf = [&](int index) { return types[static_cast<size_t>(index)]; };
+    return typeOf(directive.valueArg) == argTypeFor(directive.conversion, directive.length) &&
+           (directive.widthArg < 0 || typeOf(directive.widthArg) == ArgType::Int) &&
+           (directive.precisionArg < 0 || typeOf(directive.precisionArg) == ArgType::Int);
+}
+
+// The width, precision and alignment a conversion is produced with, the
+// '*' fields read from their arguments.
+struct Layout {
+    int width;
+    int precision;
+    bool leftAlign;
+};
+
+Layout layoutOf(const Directive &directive, const std::vector<ArgValue> &values) {
+    Layout layout{directive.width, directive.precision, directive.minus};
+    if (directive.widthArg >= 0) {
+        const int width = values[static_cast<size_t>(directive.widthArg)].i;
+        if (width < 0) {
+            // A negative '*' width means left alignment.
+            layout.leftAlign = true;
+            layout.width = width == INT_MIN ? INT_MAX : -width;
+        } else {
+            layout.width = width;
+        }
+    }
+    if (directive.precisionArg >= 0) {
+        const int precision = values[static_cast<size_t>(directive.precisionArg)].i;
+        layout.precision = precision < 0 ? -1 : precision;  // negative: as if none was given
+    }
+    return layout;
+}
+
+void appendConversion(__CFUnitBuffer &out, const Directive &directive, const ArgValue &value, ArgType type,
+                      const Layout &layout, CFDictionaryRef formatOptions) {
+    switch (directive.conversion) {
+        case 'n':
+            break;  // refused: writing through a format argument is never wanted
+        case '@':
+            appendObject(out, static_cast<CFTypeRef>(value.p), formatOptions, layout.width, layout.precision,
+                         layout.leftAlign);
+            break;
+        case 'p':
+            appendPointer(out, value.p, directive, layout.width);
+            break;
+        case 'c':
+        case 'C':
+        case 's':
+        case 'S':
+            appendText(out, directive, value, layout.width, layout.precision, layout.leftAlign, formatOptions);
+            break;
+        default:
+            appendNumeric(out, directive, value, type, layout.width, layout.precision, layout.leftAlign);
+            break;
+    }
+}
+
+bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef formatString, va_list arguments) {
+    const __CFStringView format = __CFStringGetView(formatString);
+    std::vector<Directive> specs;
+    std::vector<bool> valid;
+    std::vector<ArgType> types;
+    parseFormat(format, specs, valid, types);
 
     std::vector<ArgValue> values;
     fetchArguments(types, values, arguments);
@@ -550,57 +627,13 @@ bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef 
         const Directive &directive = specs[k];
         out.appendView(format, literalStart, directive.start - literalStart);
         literalStart = directive.end;
-        if (!valid[k]) {
-            out.appendView(format, directive.start, directive.end - directive.start);
-            continue;
-        }
-        if (directive.conversion == '%') {
+        if (directive.conversion == '%' && valid[k]) {
             out.append('%');
-            continue;
-        }
-        // One positional argument used as two different types cannot be
-        // read as both: such conversions are copied as they stand.
-        if (types[static_cast<size_t>(directive.valueArg)] != argTypeFor(directive.conversion, directive.length) ||
-            (directive.widthArg >= 0 && types[static_cast<size_t>(directive.widthArg)] != ArgType::Int) ||
-            (directive.precisionArg >= 0 && types[static_cast<size_t>(directive.precisionArg)] != ArgType::Int)) {
-            out.appendView(format, directive.start, directive.end - directive.start);
-            continue;
-        }
-        int width = directive.width;
-        bool leftAlign = directive.minus;
-        if (directive.widthArg >= 0) {
-            width = values[static_cast<size_t>(directive.widthArg)].i;
-            if (width < 0) {
-                // A negative '*' width means left alignment.
-                leftAlign = true;
-                width = width == INT_MIN ? INT_MAX : -width;
-            }
-        }
-        int precision = directive.precision;
-        if (directive.precisionArg >= 0) {
-            precision = values[static_cast<size_t>(directive.precisionArg)].i;
-            if (precision < 0) precision = -1;  // as if none was given
-        }
-        const ArgValue &value = values[static_cast<size_t>(directive.valueArg)];
-        switch (directive.conversion) {
-            case 'n':
-                break;  // refused: writing through a format argument is never wanted
-            case '@':
-                appendObject(out, static_cast<CFTypeRef>(value.p), formatOptions, width, precision, leftAlign);
-                break;
-            case 'p':
-                appendPointer(out, value.p, directive, width);
-                break;
-            case 'c':
-            case 'C':
-            case 's':
-            case 'S':
-                appendText(out, directive, value, width, precision, leftAlign, formatOptions);
-                break;
-            default:
-                appendNumeric(out, directive, value, types[static_cast<size_t>(directive.valueArg)], width, precision,
-                              leftAlign);
-                break;
+        } else if (!valid[k] || !argumentTypesAgree(directive, types)) {
+            out.appendView(format, directive.start, directive.end - directive.start);  // copied as it stands
+        } else {
+            const size_t index = static_cast<size_t>(directive.valueArg);
+            appendConversion(out, directive, values[index], types[index], layoutOf(directive, values), formatOptions);
         }
     }
     out.appendView(format, literalStart, format.length - literalStart);

@@ -79,6 +79,41 @@ inline bool __CFStringIsSurrogate(UTF32Char c) {
     return c >= 0xD800 && c <= 0xDFFF;
 }
 
+// One UTF-8 sequence, read at bytes[i] (an ASCII byte is one).  Invalid: the lead
+// cannot start a sequence (a continuation byte, C0/C1, F5...FF), a
+// continuation byte is missing, or the value is overlong, a surrogate or
+// above U+10FFFF.  Truncated: the bytes end inside an otherwise good
+// sequence.  Strict decoding fails on either; lenient decoding decides.
+struct __CFUTF8Sequence {
+    enum Status { Valid, Invalid, Truncated } status;
+    UTF32Char c;
+    size_t length;  // bytes, when Valid
+};
+
+inline __CFUTF8Sequence __CFReadUTF8Sequence(const uint8_t *bytes, size_t count, size_t i) {
+    const uint8_t lead = bytes[i];
+    if (lead < 0x80) return {__CFUTF8Sequence::Valid, lead, 1};
+    size_t trail;
+    UTF32Char c, minimum;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        trail = 1, c = lead & 0x1F, minimum = 0x80;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        trail = 2, c = lead & 0x0F, minimum = 0x800;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        trail = 3, c = lead & 0x07, minimum = 0x10000;
+    } else {
+        return {__CFUTF8Sequence::Invalid, 0, 0};
+    }
+    for (size_t k = 1; k <= trail; ++k) {
+        if (i + k >= count) return {__CFUTF8Sequence::Truncated, 0, 0};
+        const uint8_t next = bytes[i + k];
+        if ((next & 0xC0) != 0x80) return {__CFUTF8Sequence::Invalid, 0, 0};
+        c = (c << 6) | (next & 0x3F);
+    }
+    if (c < minimum || c > 0x10FFFF || __CFStringIsSurrogate(c)) return {__CFUTF8Sequence::Invalid, 0, 0};
+    return {__CFUTF8Sequence::Valid, c, trail + 1};
+}
+
 // True when every byte is below 0x80.  Eight bytes per step: string keys are
 // created and compared on hot paths.
 inline bool __CFStringBytesAreASCII(const uint8_t *bytes, size_t length) {

@@ -176,6 +176,20 @@ bool validMode(CVAttachmentMode mode) {
     return mode < kModeCount;
 }
 
+// The value stored under `key` in the first mode that has one, and that
+// mode; storage lock held.
+CFTypeRef findAttachmentLocked(const CVAttachmentStorage *storage, CFStringRef key, CVAttachmentMode *attachmentMode) {
+    for (CVAttachmentMode mode = 0; mode < kModeCount; ++mode) {
+        CFMutableDictionaryRef dictionary = storage->_dictionaries[mode];
+        const void *value = dictionary != nullptr ? CFDictionaryGetValue(dictionary, key) : nullptr;
+        if (value != nullptr) {
+            if (attachmentMode != nullptr) *attachmentMode = mode;
+            return value;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 CVBufferRef CVBufferRetain(CVBufferRef buffer) noexcept {
@@ -199,16 +213,7 @@ CFTypeRef CVBufferGetAttachment(CVBufferRef buffer, CFStringRef key, CVAttachmen
     if (buffer == nullptr || key == nullptr) return nullptr;
     CVAttachmentStorage *storage = storageOf(buffer);
     StorageLock lock(storage);
-    for (CVAttachmentMode mode = 0; mode < kModeCount; ++mode) {
-        CFMutableDictionaryRef dictionary = storage->_dictionaries[mode];
-        if (dictionary == nullptr) continue;
-        const void *value = CFDictionaryGetValue(dictionary, key);
-        if (value != nullptr) {
-            if (attachmentMode != nullptr) *attachmentMode = mode;
-            return value;
-        }
-    }
-    return nullptr;
+    return findAttachmentLocked(storage, key, attachmentMode);
 }
 
 void CVBufferRemoveAttachment(CVBufferRef buffer, CFStringRef key) noexcept {
@@ -290,15 +295,8 @@ CFTypeRef CVBufferCopyAttachment(CVBufferRef buffer, CFStringRef key, CVAttachme
     // The retain happens under the lock: a writer's release of the old
     // value, which comes after its own locked section, cannot come first.
     StorageLock lock(storage);
-    for (CVAttachmentMode mode = 0; mode < kModeCount; ++mode) {
-        CFMutableDictionaryRef dictionary = storage->_dictionaries[mode];
-        const void *value = dictionary != nullptr ? CFDictionaryGetValue(dictionary, key) : nullptr;
-        if (value != nullptr) {
-            if (attachmentMode != nullptr) *attachmentMode = mode;
-            return CFRetain(value);
-        }
-    }
-    return nullptr;
+    CFTypeRef value = findAttachmentLocked(storage, key, attachmentMode);
+    return value != nullptr ? CFRetain(value) : nullptr;
 }
 
 CFTypeRef __CVBufferCopyAttachment(CFTypeRef buffer, CFStringRef key) {

@@ -459,6 +459,17 @@ struct Source : Object {
 
 void deliver(void *context);
 
+// Runs a handler, lock released: the block when there is one (and gives
+// back the reference held on it), else the function with the context.
+void callHandler(const Source *source, dispatch_block_t block, dispatch_function_t function) {
+    if (block != nullptr) {
+        block();
+        _Block_release(block);
+    } else if (function != nullptr) {
+        function(source->context);
+    }
+}
+
 // Queues a handler call when one is owed and allowed; timer lock held.
 void scheduleDeliveryLocked(Source *source) {
     if (source->scheduled || source->suspended > 0) return;
@@ -483,12 +494,7 @@ void deliver(void *context) {
         source->eventFunction = nullptr;
         source->pending = 0;
         pthread_mutex_unlock(&t.lock);
-        if (block != nullptr) {
-            block();
-            _Block_release(block);
-        } else if (function != nullptr) {
-            function(source->context);
-        }
+        callHandler(source, block, function);
         if (event != nullptr) _Block_release(event);
         pthread_mutex_lock(&t.lock);
     } else if (!source->cancelled && source->pending > 0 && source->suspended == 0) {
@@ -499,12 +505,7 @@ void deliver(void *context) {
         source->handlersRunning++;
         source->handlerThread = pthread_self();
         pthread_mutex_unlock(&t.lock);
-        if (block != nullptr) {
-            block();
-            _Block_release(block);
-        } else if (function != nullptr) {
-            function(source->context);
-        }
+        callHandler(source, block, function);
         pthread_mutex_lock(&t.lock);
         source->handlersRunning--;
         pthread_cond_broadcast(&t.handlerDone);
@@ -669,6 +670,28 @@ Source *checkedSource(dispatch_source_t source, const char *function, int line) 
         return nullptr;
     }
     return static_cast<Source *>(object);
+}
+
+// Installs a source's event or cancel handler, given as a block (copied; may
+// be NULL) or as a function, and releases the block it replaces.  Once the
+// cancel handler has run, handlers are no longer installed.
+void setHandler(dispatch_source_t source, const char *function, int line, dispatch_block_t Source::*blockField,
+                dispatch_function_t Source::*functionField, dispatch_block_t block, dispatch_function_t handler) {
+    Source *s = checkedSource(source, function, line);
+    if (s == nullptr) return;
+    dispatch_block_t copy = block != nullptr ? copyBlock(block) : dispatch_block_t{};
+    dispatch_block_t old;
+    {
+        Locked locked(&timers().lock);
+        if (s->cancelHandled) {
+            old = copy;
+        } else {
+            old = s->*blockField;
+            s->*blockField = copy;
+            s->*functionField = handler;
+        }
+    }
+    if (old != nullptr) _Block_release(old);
 }
 
 // Sets a timer source's deadline and interval; timer lock held.  Returns a
@@ -1021,67 +1044,23 @@ int _dispatch_source_is_timer(dispatch_source_t source) noexcept {
 }
 
 void dispatch_source_set_event_handler_f(dispatch_source_t source, dispatch_function_t handler) noexcept {
-    Source *s = checkedSource(source, "dispatch_source_set_event_handler_f", __LINE__);
-    if (s == nullptr) return;
-    dispatch_block_t old;
-    {
-        Locked locked(&timers().lock);
-        if (s->cancelHandled) return;
-        old = s->eventBlock;
-        s->eventBlock = nullptr;
-        s->eventFunction = handler;
-    }
-    if (old != nullptr) _Block_release(old);
+    setHandler(source, "dispatch_source_set_event_handler_f", __LINE__, &Source::eventBlock, &Source::eventFunction,
+               nullptr, handler);
 }
 
 void dispatch_source_set_cancel_handler_f(dispatch_source_t source, dispatch_function_t handler) noexcept {
-    Source *s = checkedSource(source, "dispatch_source_set_cancel_handler_f", __LINE__);
-    if (s == nullptr) return;
-    dispatch_block_t old;
-    {
-        Locked locked(&timers().lock);
-        if (s->cancelHandled) return;
-        old = s->cancelBlock;
-        s->cancelBlock = nullptr;
-        s->cancelFunction = handler;
-    }
-    if (old != nullptr) _Block_release(old);
+    setHandler(source, "dispatch_source_set_cancel_handler_f", __LINE__, &Source::cancelBlock, &Source::cancelFunction,
+               nullptr, handler);
 }
 
 void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_t handler) noexcept {
-    Source *s = checkedSource(source, "dispatch_source_set_event_handler", __LINE__);
-    if (s == nullptr) return;
-    dispatch_block_t copy = handler != nullptr ? copyBlock(handler) : dispatch_block_t{};
-    dispatch_block_t old;
-    {
-        Locked locked(&timers().lock);
-        if (s->cancelHandled) {
-            old = copy;
-        } else {
-            old = s->eventBlock;
-            s->eventBlock = copy;
-            s->eventFunction = nullptr;
-        }
-    }
-    if (old != nullptr) _Block_release(old);
+    setHandler(source, "dispatch_source_set_event_handler", __LINE__, &Source::eventBlock, &Source::eventFunction,
+               handler, nullptr);
 }
 
 void dispatch_source_set_cancel_handler(dispatch_source_t source, dispatch_block_t handler) noexcept {
-    Source *s = checkedSource(source, "dispatch_source_set_cancel_handler", __LINE__);
-    if (s == nullptr) return;
-    dispatch_block_t copy = handler != nullptr ? copyBlock(handler) : dispatch_block_t{};
-    dispatch_block_t old;
-    {
-        Locked locked(&timers().lock);
-        if (s->cancelHandled) {
-            old = copy;
-        } else {
-            old = s->cancelBlock;
-            s->cancelBlock = copy;
-            s->cancelFunction = nullptr;
-        }
-    }
-    if (old != nullptr) _Block_release(old);
+    setHandler(source, "dispatch_source_set_cancel_handler", __LINE__, &Source::cancelBlock, &Source::cancelFunction,
+               handler, nullptr);
 }
 
 void dispatch_source_cancel(dispatch_source_t source) noexcept {

@@ -5,6 +5,7 @@
  * every check holds and prints the first one that fails otherwise.
  */
 #include <CoreFoundation/CoreFoundation.h>
+#include <Sorvel/SVSimpleQueue.h>
 #include <Sorvel/SVStatus.h>
 #include <Sorvel/SVTime.h>
 #include <Sorvel/SVVersion.h>
@@ -26,6 +27,10 @@ static int onceCount = 0;
 static void countOnce(void *context) {
     (void)context;
     onceCount++;
+}
+
+static void signalDone(void *context) {
+    dispatch_semaphore_signal((dispatch_semaphore_t)context);
 }
 
 int main(void) {
@@ -71,7 +76,7 @@ int main(void) {
     /* The installed headers and the installed library are one version. */
     CHECK(SVGetVersion() == SORVEL_VERSION);
     CHECK(strcmp(SVGetVersionString(), SORVEL_VERSION_STRING) == 0);
-    CHECK(SORVEL_CHECK_VERSION(0, 1, 0));
+    CHECK(SORVEL_CHECK_VERSION(1, 0, 0));
     CFStringRef statusText = SVCopyStatusDescription(NULL, -12733);
     char statusBuffer[96] = {0};
     CHECK(statusText &&
@@ -85,6 +90,24 @@ int main(void) {
     dispatch_once_f(&once, NULL, countOnce);
     dispatch_once_f(&once, NULL, countOnce);
     CHECK(onceCount == 1);
+
+    /* Work on a global queue, waited for with a semaphore (five seconds at
+     * most: a lost item fails the check instead of hanging the test). */
+    dispatch_semaphore_t done = dispatch_semaphore_create(0);
+    CHECK(done != NULL);
+    dispatch_async_f(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), done, signalDone);
+    CHECK(dispatch_semaphore_wait(done, dispatch_time(DISPATCH_TIME_NOW, 5000000000LL)) == 0);
+    dispatch_release(done);
+
+    /* A Sorvel object: libSorvel registers its type once and the platform
+     * library frees it on the last CFRelease. */
+    SVSimpleQueueRef simpleQueue = NULL;
+    CHECK(SVSimpleQueueCreate(kCFAllocatorDefault, 4, &simpleQueue) == 0 && simpleQueue != NULL);
+    if (simpleQueue) {
+        CHECK(SVSimpleQueueEnqueue(simpleQueue, &width) == 0);
+        CHECK(SVSimpleQueueGetCount(simpleQueue) == 1);
+        CFRelease(simpleQueue);
+    }
 #if __BLOCKS__
     /* Through find_package the clang client gets -fblocks and BlocksRuntime
      * from the package; a global block still needs the runtime's isa symbol. */

@@ -1,8 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Another library exporting the once interface under the same names, with
- * its own symbol version, as a second dispatch implementation would.  Linked
- * ahead of Sorvel, it must not capture Sorvel's references: those name the
- * platform library's version node.  Any call that reaches it aborts. */
+/* Another library exporting some of the platform's well-known names, as a
+ * second dispatch or CoreFoundation implementation would.  The install test
+ * builds it twice: with a symbol version of its own, and without any, and
+ * puts it ahead of Sorvel (preloaded, and first on the link line).  Calls
+ * compiled against Sorvel's headers name the platform library's own binary
+ * names, so none reaches it; any call that does aborts. */
 #include <stdlib.h>
 
 void dispatch_once_f(long *predicate, void *context, void (*function)(void *)) {
@@ -15,5 +17,17 @@ void dispatch_once_f(long *predicate, void *context, void (*function)(void *)) {
 void dispatch_once(long *predicate, void *block) {
     (void)predicate;
     (void)block;
+    abort();
+}
+
+void dispatch_async_f(void *queue, void *context, void (*work)(void *)) {
+    (void)queue;
+    (void)context;
+    (void)work;
+    abort();
+}
+
+void CFRelease(const void *object) {
+    (void)object;
     abort();
 }

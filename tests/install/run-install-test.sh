@@ -45,11 +45,32 @@ for lib in Sorvel SorvelPlatform; do
     [[ -L $libdir/$soname ]] || fail "no $soname symlink"
 done
 # Every defined export carries the library's own version node.
-for pair in Sorvel:SORVEL_0 SorvelPlatform:SORVEL_PLATFORM_0; do
+for pair in Sorvel:SORVEL_0 SorvelPlatform:SORVEL_PLATFORM_1; do
     lib=${pair%%:*} node=${pair#*:}
     nodes=$(objdump -T "$libdir/lib$lib.so" | awk '$2 == "g" && $4 != "*UND*" { print $(NF - 1) }' | sort -u)
     [[ $nodes == "$node" ]] || fail "lib$lib exports under version nodes '$nodes', not $node alone"
 done
+# The platform library exports its binary names alone (SorvelPlatform_ and
+# the well-known name), never a well-known name another library may define;
+# the one exception is the anchor clang itself names for constant strings.
+plain=$(nm -D --defined-only "$libdir/libSorvelPlatform.so" | awk '$2 != "A" { print $3 }' \
+    | grep -v -e '^SorvelPlatform_' -e '^__CFConstantStringClassReference@' || true)
+[[ -z $plain ]] || fail "libSorvelPlatform exports plain names: $plain"
+# And every name the installed headers declare is defined: a definition
+# compiled without its declaration in sight would have kept the plain name
+# and stayed local, leaving its binary name missing here.
+declared=$(grep -rh '_ABI_NAME(' "$prefix/include/Sorvel/platform" | grep -v '#define' \
+    | grep -oE '(CF|XP|DISPATCH)_ABI_NAME\([A-Za-z0-9_]+\)' | sed -E 's/.*\((.*)\)/SorvelPlatform_\1/' | sort -u)
+defined=$(nm -D --defined-only "$libdir/libSorvelPlatform.so" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u)
+missing=$(comm -23 <(echo "$declared") <(echo "$defined"))
+[[ -z $missing ]] || fail "libSorvelPlatform lacks declared exports: $missing"
+[[ $(echo "$declared" | wc -l) -gt 300 ]] || fail "too few labelled declarations found in the installed headers"
+# libSorvel reaches the platform library by those names too: a Sources file
+# that declared a platform call itself instead of including its header
+# would show here as a plain reference.
+plain=$(nm -D --undefined-only "$libdir/libSorvel.so" | awk '{ print $2 }' \
+    | grep -E '^_*k?(CF|CV|CG|Audio|XP|dispatch_)' | grep -v '^__CFConstantStringClassReference@' || true)
+[[ -z $plain ]] || fail "libSorvel references the platform by plain names: $plain"
 expect "$prefix/include/Sorvel/SVVersion.h"
 expect "$libdir/pkgconfig/sorvel-blocks.pc"
 expect "$libdir/cmake/Sorvel/SorvelConfigVersion.cmake"
@@ -140,12 +161,37 @@ for client_cc in "${compilers[@]}"; do
     done
 done
 
-step "beside another library that exports dispatch_once"
-echo 'OTHER_DISPATCH_1 { global: dispatch_*; local: *; };' >"$prefix/other.map"
+# Another library exporting dispatch_once, dispatch_async_f and CFRelease
+# (each aborts), once with its own symbol version and once without any: the
+# dynamic linker lets an unversioned definition satisfy a versioned
+# reference, so only the platform's own binary names keep it out.
+step "beside another library that exports dispatch_once, dispatch_async_f and CFRelease"
+echo 'OTHER_DISPATCH_1 { global: dispatch_*; CFRelease; local: *; };' >"$prefix/other.map"
+mkdir -p "$prefix/versioned" "$prefix/unversioned"
 "$cc" -shared -fPIC "${cflags[@]}" -Wl,--version-script="$prefix/other.map" "$consumer_dir/other_dispatch.c" \
-    -o "$prefix/libother_dispatch.so"
-# Preloaded, it comes first in the process's symbol search order: every
-# unversioned reference to dispatch_once would bind to it.
-LD_PRELOAD="$prefix/libother_dispatch.so" "$prefix/consumer-pc"
+    -o "$prefix/versioned/libother_dispatch.so"
+"$cc" -shared -fPIC "${cflags[@]}" "$consumer_dir/other_dispatch.c" -o "$prefix/unversioned/libother_dispatch.so"
+if objdump -T "$prefix/unversioned/libother_dispatch.so" | grep -q OTHER_DISPATCH; then
+    fail "the unversioned library carries a version"
+fi
+for kind in versioned unversioned; do
+    other="$prefix/$kind/libother_dispatch.so"
+    # Preloaded, it comes first in the process's symbol search order.
+    echo "preloaded, $kind"
+    LD_PRELOAD="$other" "$prefix/consumer-pc"
+    # First on the link line, so first among the program's libraries
+    # (--no-as-needed: the program references none of its names, and the
+    # point is that it is loaded and searched first all the same).
+    echo "first on the link line, $kind"
+    # shellcheck disable=SC2086  # pc_flags is a list of words
+    "$cc" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "$consumer_dir/consumer.c" -o "$prefix/consumer-other-$kind" \
+        -Wl,--no-as-needed -L"$prefix/$kind" -lother_dispatch $pc_flags \
+        -Wl,-rpath,"$prefix/$kind" -Wl,-rpath,"$libdir"
+    # (A sanitized build puts the C++ runtime ahead of both, which is fine.)
+    needed=$(readelf -d "$prefix/consumer-other-$kind" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' \
+        | grep -E '^lib(other_dispatch|Sorvel|SorvelPlatform)\.so' | tr '\n' ' ')
+    [[ $needed == "libother_dispatch.so libSorvel.so."* ]] || fail "libother_dispatch is not needed ahead of Sorvel ($needed)"
+    "$prefix/consumer-other-$kind"
+done
 
 step "install test passed"

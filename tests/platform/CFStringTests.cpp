@@ -121,6 +121,31 @@ TEST(CFString, CreatedAndLiteralTextAgreeOnUnitsAndCStrings) {
     }
 }
 
+// A constant string whose first word points at another library's
+// __CFConstantStringClassReference (the one a program bound to, when that
+// library came first) is still a string: the runtime recognises the layout,
+// not the address.
+TEST(CFString, ConstantStringsAreRecognisedWhateverAnchorTheyPointAt) {
+    static const int otherAnchor[24] = {0};
+    struct {
+        const int *isa;
+        int32_t flags;
+        const char *chars;
+        long length;
+    } const literal = {otherAnchor, 0x07C8, "Width", 5};
+    auto string = reinterpret_cast<CFStringRef>(&literal);
+    EXPECT_EQ(CFGetTypeID(string), CFStringGetTypeID());
+    EXPECT_EQ(CFStringGetLength(string), 5);
+    EXPECT_TRUE(CFEqual(string, CFSTR("Width")));
+    EXPECT_EQ(CFHash(string), CFHash(CFSTR("Width")));
+    // Immortal like every constant string: retain and release change nothing.
+    const CFIndex count = CFGetRetainCount(string);
+    CFRelease(CFRetain(string));
+    EXPECT_EQ(CFGetRetainCount(string), count);
+    EXPECT_EQ(CFRetain(CFSTR("Width")), CFSTR("Width"));
+    CFRelease(CFSTR("Width"));
+}
+
 TEST(CFString, EqualAndHashAcrossStorageForms) {
     for (CFStringRef literal : {CFSTR("key"), CFSTR("a longer dictionary key, 33 chars"), CFSTR(""),
                                 CFSTR("caf\u00E9 \u20AC"), CFSTR("\U0001F600!")}) {
@@ -421,6 +446,32 @@ TEST(CFStringFormat, PrintfConversionsMatchSnprintf) {
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wformat"
 #pragma clang diagnostic ignored "-Wformat-extra-args"
+
+// %s never fails on bad UTF-8: a byte that does not start a valid sequence
+// stands for its Latin-1 character, and only a sequence the precision cut
+// in half is dropped (one the text itself cuts short is kept as Latin-1).
+TEST(CFStringFormat, BadUTF8InPercentSIsTakenAsLatin1) {
+    const struct {
+        const char *format;
+        const char *argument;
+        const char *expected;  // UTF-8
+    } cases[] = {
+        {"[%s]", "\xFF", "[\xC3\xBF]"},                                      // never a lead byte
+        {"[%s]", "\x80z", "[\xC2\x80z]"},                                    // a stray continuation byte
+        {"[%s]", "\xC0\x80", "[\xC3\x80\xC2\x80]"},                          // overlong NUL
+        {"[%s]", "\xED\xA0\x80", "[\xC3\xAD\xC2\xA0\xC2\x80]"},              // a surrogate
+        {"[%s]", "\xF4\x90\x80\x80", "[\xC3\xB4\xC2\x90\xC2\x80\xC2\x80]"},  // above U+10FFFF
+        {"[%s]", "\xE2\x82", "[\xC3\xA2\xC2\x82]"},                          // the text ends mid-sequence
+        {"[%s]", "\xE2(\xAC", "[\xC3\xA2(\xC2\xAC]"},                        // a missing continuation
+        {"[%.2s]", "\xE2\x82\xAC", "[]"},                                    // the precision cuts it
+        {"[%.4s]", "\xF0\x9F\x8E\xB5!", "[\xF0\x9F\x8E\xB5]"},               // a whole 4-byte sequence
+    };
+    for (const auto &c : cases) {
+        Ref<CFStringRef> format(CFStringCreateWithCString(nullptr, c.format, kUTF8));
+        EXPECT_EQ(take(CFStringCreateWithFormat(nullptr, nullptr, format, c.argument)), c.expected)
+            << c.format << " with " << c.argument;
+    }
+}
 
 TEST(CFStringFormat, UnicodeConversionsCountUTF16Units) {
     const UniChar units[] = {'h', 0x00E9, 0x20AC, 0};

@@ -74,7 +74,8 @@ typedef struct AudioFormatInfo {
  * a non-empty format list (a multiple of sizeof(AudioFormatListItem)); the
  * size is sizeof(UInt32). */
 CF_EXPORT OSStatus AudioFormatGetPropertyInfo(AudioFormatPropertyID inPropertyID, UInt32 inSpecifierSize,
-                                              const void *inSpecifier, UInt32 *outPropertyDataSize) CF_NOEXCEPT;
+                                              const void *inSpecifier, UInt32 *outPropertyDataSize) CF_NOEXCEPT
+    CF_ABI_NAME(AudioFormatGetPropertyInfo);
 
 /* The property's value.  *ioPropertyDataSize gives the room at outPropertyData
  * and receives the bytes written.  FormatList writes as many whole items as
@@ -82,7 +83,7 @@ CF_EXPORT OSStatus AudioFormatGetPropertyInfo(AudioFormatPropertyID inPropertyID
  * writes one UInt32 ('!siz' when fewer than four bytes are given). */
 CF_EXPORT OSStatus AudioFormatGetProperty(AudioFormatPropertyID inPropertyID, UInt32 inSpecifierSize,
                                           const void *inSpecifier, UInt32 *ioPropertyDataSize,
-                                          void *outPropertyData) CF_NOEXCEPT;
+                                          void *outPropertyData) CF_NOEXCEPT CF_ABI_NAME(AudioFormatGetProperty);
 
 CF_EXTERN_C_END
 

@@ -126,11 +126,11 @@ enum { kAudioHardwareMaxRegisteredOutputDevices = 16 };
 
 /* Starts the hardware layer; the built-in device's counter starts at 0 now.
  * Later calls do nothing and cost one atomic load.  Always returns 0. */
-CF_EXPORT OSStatus _AudioHardwareInitialize(void) CF_NOEXCEPT;
+CF_EXPORT OSStatus _AudioHardwareInitialize(void) CF_NOEXCEPT CF_ABI_NAME(_AudioHardwareInitialize);
 
 /* The host clock now: CLOCK_MONOTONIC in nanoseconds.  Needs no
  * initialisation. */
-CF_EXPORT UInt64 AudioGetCurrentHostTime(void) CF_NOEXCEPT;
+CF_EXPORT UInt64 AudioGetCurrentHostTime(void) CF_NOEXCEPT CF_ABI_NAME(AudioGetCurrentHostTime);
 
 /* Copies the value of `inObjectID`'s property at `inAddress` to `outData`.
  * *ioDataSize gives the room at outData and receives the value's size.  The
@@ -138,7 +138,8 @@ CF_EXPORT UInt64 AudioGetCurrentHostTime(void) CF_NOEXCEPT;
  * listed above; on failure nothing is written. */
 CF_EXPORT OSStatus AudioObjectGetPropertyData(AudioObjectID inObjectID, const AudioObjectPropertyAddress *inAddress,
                                               UInt32 inQualifierDataSize, const void *inQualifierData,
-                                              UInt32 *ioDataSize, void *outData) CF_NOEXCEPT;
+                                              UInt32 *ioDataSize, void *outData) CF_NOEXCEPT
+    CF_ABI_NAME(AudioObjectGetPropertyData);
 
 /* The device's time now.  On success *outTime holds the sample time (a
  * Float64 count of samples since the device's counter started), the host
@@ -151,7 +152,8 @@ CF_EXPORT OSStatus AudioObjectGetPropertyData(AudioObjectID inObjectID, const Au
  * Fails with 'stop' before initialisation or before a registered device's
  * first report, with '!dev' for an unknown device and kAudio_ParamError for
  * a NULL outTime; *outTime is then left alone. */
-CF_EXPORT OSStatus AudioDeviceGetCurrentTime(AudioDeviceID inDevice, AudioTimeStamp *outTime) CF_NOEXCEPT;
+CF_EXPORT OSStatus AudioDeviceGetCurrentTime(AudioDeviceID inDevice, AudioTimeStamp *outTime) CF_NOEXCEPT
+    CF_ABI_NAME(AudioDeviceGetCurrentTime);
 
 /* ---- Registered output devices (this platform's own calls) -------------- */
 
@@ -162,7 +164,8 @@ CF_EXPORT OSStatus AudioDeviceGetCurrentTime(AudioDeviceID inDevice, AudioTimeSt
  * on failure: kAudio_ParamError (also when outDevice is NULL), or
  * kAudio_MemFullError when kAudioHardwareMaxRegisteredOutputDevices are
  * registered already.  The device reads 'stop' until its first report. */
-CF_EXPORT OSStatus AudioHardwareRegisterOutputDevice(Float64 inSampleRate, AudioDeviceID *outDevice) CF_NOEXCEPT;
+CF_EXPORT OSStatus AudioHardwareRegisterOutputDevice(Float64 inSampleRate, AudioDeviceID *outDevice) CF_NOEXCEPT
+    CF_ABI_NAME(AudioHardwareRegisterOutputDevice);
 
 /* Reports that the sample `inTimeStamp->mSampleTime` of the stream (counted
  * from 0 at the stream's start, in the device's own samples) leaves the
@@ -184,14 +187,16 @@ CF_EXPORT OSStatus AudioHardwareRegisterOutputDevice(Float64 inSampleRate, Audio
  * of the nominal rate: a stack that filters its own rate (a delay-locked
  * loop) passes it here, and 0 says the counter stands still (a paused
  * stream).  '!dev' for a device that is not registered. */
-CF_EXPORT OSStatus AudioDeviceReportTime(AudioDeviceID inDevice, const AudioTimeStamp *inTimeStamp) CF_NOEXCEPT;
+CF_EXPORT OSStatus AudioDeviceReportTime(AudioDeviceID inDevice, const AudioTimeStamp *inTimeStamp) CF_NOEXCEPT
+    CF_ABI_NAME(AudioDeviceReportTime);
 
 /* Removes a registered device ('!dev' when it is not registered; the
  * built-in device cannot be removed: kAudioHardwareIllegalOperationError).
  * Its identifier is never handed out again, so clocks still reading it get
  * '!dev' from then on.  The default output device falls back to the most
  * recently registered device still registered, or the built-in one. */
-CF_EXPORT OSStatus AudioHardwareUnregisterOutputDevice(AudioDeviceID inDevice) CF_NOEXCEPT;
+CF_EXPORT OSStatus AudioHardwareUnregisterOutputDevice(AudioDeviceID inDevice) CF_NOEXCEPT
+    CF_ABI_NAME(AudioHardwareUnregisterOutputDevice);
 
 CF_EXTERN_C_END
 

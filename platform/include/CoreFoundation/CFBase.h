@@ -32,6 +32,11 @@
 #endif
 
 #define CF_EXPORT extern __attribute__((visibility("default")))
+/* Every export's binary name carries the library's own prefix, so another
+ * library's unversioned definition of the well-known name, searched first
+ * (preloaded, or earlier on the link line), can never capture a call that
+ * was compiled against these headers. */
+#define CF_ABI_NAME(name) __asm__("SorvelPlatform_" #name)
 #define CF_INLINE static __inline__ __attribute__((always_inline))
 /* The CFString format archetype (%@) and the ownership annotations are
  * clang's; other compilers (GCC) would warn about them, so they expand to
@@ -119,8 +124,8 @@ CF_INLINE CFRange CFRangeMake(CFIndex location, CFIndex length) {
 }
 
 /* The null singleton, for collections that must hold "nothing". */
-CF_EXPORT const CFNullRef kCFNull;
-CF_EXPORT CFTypeID CFNullGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT const CFNullRef kCFNull CF_ABI_NAME(kCFNull);
+CF_EXPORT CFTypeID CFNullGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFNullGetTypeID);
 
 /* ---- Allocators ---------------------------------------------------------
  *
@@ -131,12 +136,12 @@ CF_EXPORT CFTypeID CFNullGetTypeID(void) CF_NOEXCEPT;
  * kCFAllocatorUseContext, passed as the first argument of CFAllocatorCreate,
  * makes the new allocator allocate its own storage through its context. */
 
-CF_EXPORT const CFAllocatorRef kCFAllocatorDefault;
-CF_EXPORT const CFAllocatorRef kCFAllocatorSystemDefault;
-CF_EXPORT const CFAllocatorRef kCFAllocatorMalloc;
-CF_EXPORT const CFAllocatorRef kCFAllocatorMallocZone;
-CF_EXPORT const CFAllocatorRef kCFAllocatorNull;
-CF_EXPORT const CFAllocatorRef kCFAllocatorUseContext;
+CF_EXPORT const CFAllocatorRef kCFAllocatorDefault CF_ABI_NAME(kCFAllocatorDefault);
+CF_EXPORT const CFAllocatorRef kCFAllocatorSystemDefault CF_ABI_NAME(kCFAllocatorSystemDefault);
+CF_EXPORT const CFAllocatorRef kCFAllocatorMalloc CF_ABI_NAME(kCFAllocatorMalloc);
+CF_EXPORT const CFAllocatorRef kCFAllocatorMallocZone CF_ABI_NAME(kCFAllocatorMallocZone);
+CF_EXPORT const CFAllocatorRef kCFAllocatorNull CF_ABI_NAME(kCFAllocatorNull);
+CF_EXPORT const CFAllocatorRef kCFAllocatorUseContext CF_ABI_NAME(kCFAllocatorUseContext);
 
 typedef const void *(*CFAllocatorRetainCallBack)(const void *info);
 typedef void (*CFAllocatorReleaseCallBack)(const void *info);
@@ -158,55 +163,61 @@ typedef struct {
     CFAllocatorPreferredSizeCallBack preferredSize;
 } CFAllocatorContext;
 
-CF_EXPORT CFTypeID CFAllocatorGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFAllocatorGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFAllocatorGetTypeID);
 
 /* Sets the calling thread's default allocator (retained; NULL restores the
  * system default). */
-CF_EXPORT void CFAllocatorSetDefault(CFAllocatorRef allocator) CF_NOEXCEPT;
-CF_EXPORT CFAllocatorRef CFAllocatorGetDefault(void) CF_NOEXCEPT;
+CF_EXPORT void CFAllocatorSetDefault(CFAllocatorRef allocator) CF_NOEXCEPT CF_ABI_NAME(CFAllocatorSetDefault);
+CF_EXPORT CFAllocatorRef CFAllocatorGetDefault(void) CF_NOEXCEPT CF_ABI_NAME(CFAllocatorGetDefault);
 
 /* Creates an allocator from `context`, whose `allocate` is required.  The
  * context's `info` is retained through `retain` (when given) and released
  * through `release` when the allocator's last reference goes.  Returns NULL
  * when the allocator's own storage cannot be allocated. */
-CF_EXPORT CFAllocatorRef CFAllocatorCreate(CFAllocatorRef allocator, CFAllocatorContext *context) CF_NOEXCEPT;
+CF_EXPORT CFAllocatorRef CFAllocatorCreate(CFAllocatorRef allocator, CFAllocatorContext *context) CF_NOEXCEPT
+    CF_ABI_NAME(CFAllocatorCreate);
 
 /* Returns NULL for a size <= 0 or when the allocator fails. */
-CF_EXPORT void *CFAllocatorAllocate(CFAllocatorRef allocator, CFIndex size, CFOptionFlags hint) CF_NOEXCEPT;
+CF_EXPORT void *CFAllocatorAllocate(CFAllocatorRef allocator, CFIndex size, CFOptionFlags hint) CF_NOEXCEPT
+    CF_ABI_NAME(CFAllocatorAllocate);
 /* ptr NULL and newsize > 0 allocates; ptr set and newsize <= 0 deallocates
  * and returns NULL; otherwise reallocates (NULL when the allocator has no
  * reallocate callback or fails, leaving ptr valid). */
 CF_EXPORT void *CFAllocatorReallocate(CFAllocatorRef allocator, void *ptr, CFIndex newsize,
-                                      CFOptionFlags hint) CF_NOEXCEPT;
+                                      CFOptionFlags hint) CF_NOEXCEPT CF_ABI_NAME(CFAllocatorReallocate);
 /* NULL ptr is a no-op. */
-CF_EXPORT void CFAllocatorDeallocate(CFAllocatorRef allocator, void *ptr) CF_NOEXCEPT;
+CF_EXPORT void CFAllocatorDeallocate(CFAllocatorRef allocator, void *ptr) CF_NOEXCEPT
+    CF_ABI_NAME(CFAllocatorDeallocate);
 CF_EXPORT CFIndex CFAllocatorGetPreferredSizeForSize(CFAllocatorRef allocator, CFIndex size,
-                                                     CFOptionFlags hint) CF_NOEXCEPT;
-CF_EXPORT void CFAllocatorGetContext(CFAllocatorRef allocator, CFAllocatorContext *context) CF_NOEXCEPT;
+                                                     CFOptionFlags hint) CF_NOEXCEPT
+    CF_ABI_NAME(CFAllocatorGetPreferredSizeForSize);
+CF_EXPORT void CFAllocatorGetContext(CFAllocatorRef allocator, CFAllocatorContext *context) CF_NOEXCEPT
+    CF_ABI_NAME(CFAllocatorGetContext);
 
 /* ---- Polymorphic object calls --------------------------------------- */
 
-CF_EXPORT CFTypeID CFGetTypeID(CFTypeRef cf) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFGetTypeID(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFGetTypeID);
 /* The class name of a type, as a new string (NULL for an unknown ID). */
-CF_EXPORT CFStringRef CFCopyTypeIDDescription(CFTypeID typeID) CF_NOEXCEPT CF_RETURNS_RETAINED;
+CF_EXPORT CFStringRef CFCopyTypeIDDescription(CFTypeID typeID) CF_NOEXCEPT
+    CF_ABI_NAME(CFCopyTypeIDDescription) CF_RETURNS_RETAINED;
 
-CF_EXPORT CFTypeRef CFRetain(CFTypeRef cf) CF_NOEXCEPT;
-CF_EXPORT void CFRelease(CFTypeRef cf) CF_NOEXCEPT;
+CF_EXPORT CFTypeRef CFRetain(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFRetain);
+CF_EXPORT void CFRelease(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFRelease);
 /* Immortal objects (constant strings, booleans, the static allocators)
  * report a very large count that never changes. */
-CF_EXPORT CFIndex CFGetRetainCount(CFTypeRef cf) CF_NOEXCEPT;
+CF_EXPORT CFIndex CFGetRetainCount(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFGetRetainCount);
 
 /* Same object, or same type and the type's equal callback says so. */
-CF_EXPORT Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2) CF_NOEXCEPT;
+CF_EXPORT Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2) CF_NOEXCEPT CF_ABI_NAME(CFEqual);
 /* The type's hash callback, else the object's address.  Equal objects hash
  * alike. */
-CF_EXPORT CFHashCode CFHash(CFTypeRef cf) CF_NOEXCEPT;
+CF_EXPORT CFHashCode CFHash(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFHash);
 /* The type's debug description, else "<ClassName 0xADDRESS [0xALLOCATOR]>". */
-CF_EXPORT CFStringRef CFCopyDescription(CFTypeRef cf) CF_NOEXCEPT CF_RETURNS_RETAINED;
+CF_EXPORT CFStringRef CFCopyDescription(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFCopyDescription) CF_RETURNS_RETAINED;
 /* The allocator the object was created with. */
-CF_EXPORT CFAllocatorRef CFGetAllocator(CFTypeRef cf) CF_NOEXCEPT;
+CF_EXPORT CFAllocatorRef CFGetAllocator(CFTypeRef cf) CF_NOEXCEPT CF_ABI_NAME(CFGetAllocator);
 /* Prints the object's description (a string's own text) to standard error. */
-CF_EXPORT void CFShow(CFTypeRef obj) CF_NOEXCEPT;
+CF_EXPORT void CFShow(CFTypeRef obj) CF_NOEXCEPT CF_ABI_NAME(CFShow);
 
 CF_EXTERN_C_END
 

@@ -27,13 +27,15 @@ typedef CFTimeInterval CFAbsoluteTime;
 /* Seconds from 1970-01-01 to 2001-01-01. */
 #define kCFAbsoluteTimeIntervalSince1970 978307200.0
 
-CF_EXPORT CFAbsoluteTime CFAbsoluteTimeGetCurrent(void) CF_NOEXCEPT;
+CF_EXPORT CFAbsoluteTime CFAbsoluteTimeGetCurrent(void) CF_NOEXCEPT CF_ABI_NAME(CFAbsoluteTimeGetCurrent);
 
 /* Host time (CLOCK_MONOTONIC nanoseconds) to absolute time and back.  The
  * reverse conversion saturates: 0 before the counter's start, UINT64_MAX
  * beyond its range (and for NaN or +infinity). */
-CF_EXPORT CFAbsoluteTime _CFAbsoluteTimeFromHostTime(uint64_t hostNanoseconds) CF_NOEXCEPT;
-CF_EXPORT uint64_t _CFHostTimeFromAbsoluteTime(CFAbsoluteTime absoluteTime) CF_NOEXCEPT;
+CF_EXPORT CFAbsoluteTime _CFAbsoluteTimeFromHostTime(uint64_t hostNanoseconds) CF_NOEXCEPT
+    CF_ABI_NAME(_CFAbsoluteTimeFromHostTime);
+CF_EXPORT uint64_t _CFHostTimeFromAbsoluteTime(CFAbsoluteTime absoluteTime) CF_NOEXCEPT
+    CF_ABI_NAME(_CFHostTimeFromAbsoluteTime);
 
 CF_EXTERN_C_END
 

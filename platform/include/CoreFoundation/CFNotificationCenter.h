@@ -48,30 +48,35 @@ enum {
 
 enum { kCFNotificationDeliverImmediately = (1UL << 0), kCFNotificationPostToAllSessions = (1UL << 1) };
 
-CF_EXPORT CFTypeID CFNotificationCenterGetTypeID(void) CF_NOEXCEPT;
-CF_EXPORT CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFNotificationCenterGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFNotificationCenterGetTypeID);
+CF_EXPORT CFNotificationCenterRef CFNotificationCenterGetLocalCenter(void) CF_NOEXCEPT
+    CF_ABI_NAME(CFNotificationCenterGetLocalCenter);
 
 /* `name` (retained while registered) and `object` (compared by address,
  * never retained) filter the posts delivered; NULL matches any.  The same
  * observer may register several times with different filters. */
 CF_EXPORT void CFNotificationCenterAddObserver(CFNotificationCenterRef center, const void *observer,
                                                CFNotificationCallback callBack, CFStringRef name, const void *object,
-                                               CFNotificationSuspensionBehavior suspensionBehavior) CF_NOEXCEPT;
+                                               CFNotificationSuspensionBehavior suspensionBehavior) CF_NOEXCEPT
+    CF_ABI_NAME(CFNotificationCenterAddObserver);
 /* Removes `observer`'s registrations that match `name` and `object` (NULL
  * matches any registration), then waits until no call to them is in
  * progress on another thread (see above). */
 CF_EXPORT void CFNotificationCenterRemoveObserver(CFNotificationCenterRef center, const void *observer,
-                                                  CFNotificationName name, const void *object) CF_NOEXCEPT;
-CF_EXPORT void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef center,
-                                                       const void *observer) CF_NOEXCEPT;
+                                                  CFNotificationName name, const void *object) CF_NOEXCEPT
+    CF_ABI_NAME(CFNotificationCenterRemoveObserver);
+CF_EXPORT void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef center, const void *observer) CF_NOEXCEPT
+    CF_ABI_NAME(CFNotificationCenterRemoveEveryObserver);
 
 /* Calls every matching observer before returning, in registration order. */
 CF_EXPORT void CFNotificationCenterPostNotification(CFNotificationCenterRef center, CFNotificationName name,
                                                     const void *object, CFDictionaryRef userInfo,
-                                                    Boolean deliverImmediately) CF_NOEXCEPT;
+                                                    Boolean deliverImmediately) CF_NOEXCEPT
+    CF_ABI_NAME(CFNotificationCenterPostNotification);
 CF_EXPORT void CFNotificationCenterPostNotificationWithOptions(CFNotificationCenterRef center, CFNotificationName name,
                                                                const void *object, CFDictionaryRef userInfo,
-                                                               CFOptionFlags options) CF_NOEXCEPT;
+                                                               CFOptionFlags options) CF_NOEXCEPT
+    CF_ABI_NAME(CFNotificationCenterPostNotificationWithOptions);
 
 CF_EXTERN_C_END
 

@@ -24,11 +24,11 @@ CF_EXTERN_C_BEGIN
 
 typedef const struct __CFBoolean *CFBooleanRef;
 
-CF_EXPORT const CFBooleanRef kCFBooleanTrue;
-CF_EXPORT const CFBooleanRef kCFBooleanFalse;
+CF_EXPORT const CFBooleanRef kCFBooleanTrue CF_ABI_NAME(kCFBooleanTrue);
+CF_EXPORT const CFBooleanRef kCFBooleanFalse CF_ABI_NAME(kCFBooleanFalse);
 
-CF_EXPORT CFTypeID CFBooleanGetTypeID(void) CF_NOEXCEPT;
-CF_EXPORT Boolean CFBooleanGetValue(CFBooleanRef boolean) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFBooleanGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFBooleanGetTypeID);
+CF_EXPORT Boolean CFBooleanGetValue(CFBooleanRef boolean) CF_NOEXCEPT CF_ABI_NAME(CFBooleanGetValue);
 
 typedef CFIndex CFNumberType;
 enum {
@@ -53,20 +53,23 @@ enum {
 
 typedef const struct __CFNumber *CFNumberRef;
 
-CF_EXPORT const CFNumberRef kCFNumberPositiveInfinity;
-CF_EXPORT const CFNumberRef kCFNumberNegativeInfinity;
-CF_EXPORT const CFNumberRef kCFNumberNaN;
+CF_EXPORT const CFNumberRef kCFNumberPositiveInfinity CF_ABI_NAME(kCFNumberPositiveInfinity);
+CF_EXPORT const CFNumberRef kCFNumberNegativeInfinity CF_ABI_NAME(kCFNumberNegativeInfinity);
+CF_EXPORT const CFNumberRef kCFNumberNaN CF_ABI_NAME(kCFNumberNaN);
 
-CF_EXPORT CFTypeID CFNumberGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFNumberGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFNumberGetTypeID);
 /* NULL for an unknown type or a NULL valuePtr. */
-CF_EXPORT CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType, const void *valuePtr) CF_NOEXCEPT;
+CF_EXPORT CFNumberRef CFNumberCreate(CFAllocatorRef allocator, CFNumberType theType, const void *valuePtr) CF_NOEXCEPT
+    CF_ABI_NAME(CFNumberCreate);
 /* The type the number was created with (kCFNumberSInt..., Float32 or Float64
  * after mapping C type names to their fixed-size counterparts). */
-CF_EXPORT CFNumberType CFNumberGetType(CFNumberRef number) CF_NOEXCEPT;
-CF_EXPORT CFIndex CFNumberGetByteSize(CFNumberRef number) CF_NOEXCEPT;
-CF_EXPORT Boolean CFNumberIsFloatType(CFNumberRef number) CF_NOEXCEPT;
-CF_EXPORT Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void *valuePtr) CF_NOEXCEPT;
-CF_EXPORT CFComparisonResult CFNumberCompare(CFNumberRef number, CFNumberRef otherNumber, void *context) CF_NOEXCEPT;
+CF_EXPORT CFNumberType CFNumberGetType(CFNumberRef number) CF_NOEXCEPT CF_ABI_NAME(CFNumberGetType);
+CF_EXPORT CFIndex CFNumberGetByteSize(CFNumberRef number) CF_NOEXCEPT CF_ABI_NAME(CFNumberGetByteSize);
+CF_EXPORT Boolean CFNumberIsFloatType(CFNumberRef number) CF_NOEXCEPT CF_ABI_NAME(CFNumberIsFloatType);
+CF_EXPORT Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void *valuePtr) CF_NOEXCEPT
+    CF_ABI_NAME(CFNumberGetValue);
+CF_EXPORT CFComparisonResult CFNumberCompare(CFNumberRef number, CFNumberRef otherNumber, void *context) CF_NOEXCEPT
+    CF_ABI_NAME(CFNumberCompare);
 
 CF_EXTERN_C_END
 

@@ -41,8 +41,8 @@ typedef struct __CFRunLoop *CFRunLoopRef;
 typedef struct __CFRunLoopTimer *CFRunLoopTimerRef;
 typedef CFStringRef CFRunLoopMode;
 
-CF_EXPORT const CFRunLoopMode kCFRunLoopDefaultMode;
-CF_EXPORT const CFRunLoopMode kCFRunLoopCommonModes;
+CF_EXPORT const CFRunLoopMode kCFRunLoopDefaultMode CF_ABI_NAME(kCFRunLoopDefaultMode);
+CF_EXPORT const CFRunLoopMode kCFRunLoopCommonModes CF_ABI_NAME(kCFRunLoopCommonModes);
 
 /* Results of CFRunLoopRunInMode. */
 typedef SInt32 CFRunLoopRunResult;
@@ -53,28 +53,29 @@ enum {
     kCFRunLoopRunHandledSource = 4 /* a timer fired and returnAfterSourceHandled was set */
 };
 
-CF_EXPORT CFTypeID CFRunLoopGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFRunLoopGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopGetTypeID);
 /* The calling thread's run loop (borrowed). */
-CF_EXPORT CFRunLoopRef CFRunLoopGetCurrent(void) CF_NOEXCEPT;
+CF_EXPORT CFRunLoopRef CFRunLoopGetCurrent(void) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopGetCurrent);
 /* The main thread's run loop (borrowed), from any thread. */
-CF_EXPORT CFRunLoopRef CFRunLoopGetMain(void) CF_NOEXCEPT;
+CF_EXPORT CFRunLoopRef CFRunLoopGetMain(void) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopGetMain);
 
 /* Runs the calling thread's run loop in the default mode until it is
  * stopped or has no timers left. */
-CF_EXPORT void CFRunLoopRun(void) CF_NOEXCEPT;
+CF_EXPORT void CFRunLoopRun(void) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopRun);
 /* Runs the calling thread's run loop in `mode` for at most `seconds` (0 or
  * less: fire what is due, then return); with returnAfterSourceHandled it
  * returns after the first timer callout.  Returns one of the results
  * above; kCFRunLoopRunFinished at once when the mode has no timer. */
 CF_EXPORT CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
-                                                Boolean returnAfterSourceHandled) CF_NOEXCEPT;
+                                                Boolean returnAfterSourceHandled) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopRunInMode);
 /* Makes the innermost run of `rl` return kCFRunLoopRunStopped (the next
  * run, if it is not running now). */
-CF_EXPORT void CFRunLoopStop(CFRunLoopRef rl) CF_NOEXCEPT;
+CF_EXPORT void CFRunLoopStop(CFRunLoopRef rl) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopStop);
 /* Wakes `rl` if it is sleeping, so that it looks at its timers again. */
-CF_EXPORT void CFRunLoopWakeUp(CFRunLoopRef rl) CF_NOEXCEPT;
+CF_EXPORT void CFRunLoopWakeUp(CFRunLoopRef rl) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopWakeUp);
 /* Non-zero while the run loop sleeps waiting for its next date. */
-CF_EXPORT Boolean CFRunLoopIsWaiting(CFRunLoopRef rl) CF_NOEXCEPT;
+CF_EXPORT Boolean CFRunLoopIsWaiting(CFRunLoopRef rl) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopIsWaiting);
 
 typedef void (*CFRunLoopTimerCallBack)(CFRunLoopTimerRef timer, void *info);
 typedef struct {
@@ -85,7 +86,7 @@ typedef struct {
     CFStringRef (*copyDescription)(const void *info);
 } CFRunLoopTimerContext;
 
-CF_EXPORT CFTypeID CFRunLoopTimerGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CFRunLoopTimerGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopTimerGetTypeID);
 /* A timer first firing at `fireDate`, then every `interval` seconds
  * (interval <= 0: once).  `flags` and `order` are kept and otherwise
  * unused.  The context is copied and its info retained through its retain
@@ -93,26 +94,35 @@ CF_EXPORT CFTypeID CFRunLoopTimerGetTypeID(void) CF_NOEXCEPT;
 CF_EXPORT CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
                                                  CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
                                                  CFRunLoopTimerCallBack callout,
-                                                 CFRunLoopTimerContext *context) CF_NOEXCEPT;
+                                                 CFRunLoopTimerContext *context) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopTimerCreate);
 #if __BLOCKS__
 /* The same with a block (copied) as the callout. */
 CF_EXPORT CFRunLoopTimerRef CFRunLoopTimerCreateWithHandler(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
                                                             CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
-                                                            void (^block)(CFRunLoopTimerRef timer)) CF_NOEXCEPT;
+                                                            void (^block)(CFRunLoopTimerRef timer)) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopTimerCreateWithHandler);
 #endif
-CF_EXPORT void CFRunLoopAddTimer(CFRunLoopRef rl, CFRunLoopTimerRef timer, CFRunLoopMode mode) CF_NOEXCEPT;
+CF_EXPORT void CFRunLoopAddTimer(CFRunLoopRef rl, CFRunLoopTimerRef timer, CFRunLoopMode mode) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopAddTimer);
 /* Removes the timer from `mode` (from the common modes for
  * kCFRunLoopCommonModes); the run loop lets it go when no mode is left. */
-CF_EXPORT void CFRunLoopRemoveTimer(CFRunLoopRef rl, CFRunLoopTimerRef timer, CFRunLoopMode mode) CF_NOEXCEPT;
-CF_EXPORT Boolean CFRunLoopContainsTimer(CFRunLoopRef rl, CFRunLoopTimerRef timer, CFRunLoopMode mode) CF_NOEXCEPT;
+CF_EXPORT void CFRunLoopRemoveTimer(CFRunLoopRef rl, CFRunLoopTimerRef timer, CFRunLoopMode mode) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopRemoveTimer);
+CF_EXPORT Boolean CFRunLoopContainsTimer(CFRunLoopRef rl, CFRunLoopTimerRef timer, CFRunLoopMode mode) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopContainsTimer);
 
-CF_EXPORT CFAbsoluteTime CFRunLoopTimerGetNextFireDate(CFRunLoopTimerRef timer) CF_NOEXCEPT;
-CF_EXPORT void CFRunLoopTimerSetNextFireDate(CFRunLoopTimerRef timer, CFAbsoluteTime fireDate) CF_NOEXCEPT;
-CF_EXPORT CFTimeInterval CFRunLoopTimerGetInterval(CFRunLoopTimerRef timer) CF_NOEXCEPT;
-CF_EXPORT Boolean CFRunLoopTimerDoesRepeat(CFRunLoopTimerRef timer) CF_NOEXCEPT;
-CF_EXPORT void CFRunLoopTimerInvalidate(CFRunLoopTimerRef timer) CF_NOEXCEPT;
-CF_EXPORT Boolean CFRunLoopTimerIsValid(CFRunLoopTimerRef timer) CF_NOEXCEPT;
-CF_EXPORT void CFRunLoopTimerGetContext(CFRunLoopTimerRef timer, CFRunLoopTimerContext *context) CF_NOEXCEPT;
+CF_EXPORT CFAbsoluteTime CFRunLoopTimerGetNextFireDate(CFRunLoopTimerRef timer) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopTimerGetNextFireDate);
+CF_EXPORT void CFRunLoopTimerSetNextFireDate(CFRunLoopTimerRef timer, CFAbsoluteTime fireDate) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopTimerSetNextFireDate);
+CF_EXPORT CFTimeInterval CFRunLoopTimerGetInterval(CFRunLoopTimerRef timer) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopTimerGetInterval);
+CF_EXPORT Boolean CFRunLoopTimerDoesRepeat(CFRunLoopTimerRef timer) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopTimerDoesRepeat);
+CF_EXPORT void CFRunLoopTimerInvalidate(CFRunLoopTimerRef timer) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopTimerInvalidate);
+CF_EXPORT Boolean CFRunLoopTimerIsValid(CFRunLoopTimerRef timer) CF_NOEXCEPT CF_ABI_NAME(CFRunLoopTimerIsValid);
+CF_EXPORT void CFRunLoopTimerGetContext(CFRunLoopTimerRef timer, CFRunLoopTimerContext *context) CF_NOEXCEPT
+    CF_ABI_NAME(CFRunLoopTimerGetContext);
 
 /* Private to the library's own timers (a timebase re-arming a timer that
  * it alone controls).  Atomically with respect to the run loop:
@@ -127,7 +137,7 @@ CF_EXPORT void CFRunLoopTimerGetContext(CFRunLoopTimerRef timer, CFRunLoopTimerC
  * firing count after the call is stored in *firingsOut when given.  -1 for
  * NULL. */
 CF_EXPORT long _CFRunLoopTimerRearm(CFRunLoopTimerRef timer, CFAbsoluteTime fireDate, const uint64_t *onlyIfFirings,
-                                    int discard, uint64_t *firingsOut) CF_NOEXCEPT;
+                                    int discard, uint64_t *firingsOut) CF_NOEXCEPT CF_ABI_NAME(_CFRunLoopTimerRearm);
 
 CF_EXTERN_C_END
 

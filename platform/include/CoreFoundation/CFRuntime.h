@@ -55,17 +55,18 @@ typedef struct __CFRuntimeClass {
  * table is full or `cls` is unusable (logged).  Thread-safe; a class
  * registered twice gets two identifiers, so guard registration with
  * dispatch_once. */
-CF_EXPORT CFTypeID _CFRuntimeRegisterClass(const CFRuntimeClass *cls) CF_NOEXCEPT;
+CF_EXPORT CFTypeID _CFRuntimeRegisterClass(const CFRuntimeClass *cls) CF_NOEXCEPT CF_ABI_NAME(_CFRuntimeRegisterClass);
 
 /* The record registered under `typeID`, or NULL. */
-CF_EXPORT const CFRuntimeClass *_CFRuntimeGetClassWithTypeID(CFTypeID typeID) CF_NOEXCEPT;
+CF_EXPORT const CFRuntimeClass *_CFRuntimeGetClassWithTypeID(CFTypeID typeID) CF_NOEXCEPT
+    CF_ABI_NAME(_CFRuntimeGetClassWithTypeID);
 
 /* Creates an instance of `typeID` through `allocator` (NULL: the default
  * allocator) with `extraBytes` zero-filled bytes after the header, and a
  * retain count of one.  `category` must be NULL.  Returns NULL when the
  * allocator fails, the type is unknown or extraBytes is negative. */
 CF_EXPORT CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID typeID, CFIndex extraBytes,
-                                             unsigned char *category) CF_NOEXCEPT;
+                                             unsigned char *category) CF_NOEXCEPT CF_ABI_NAME(_CFRuntimeCreateInstance);
 
 /* As _CFRuntimeCreateInstance, except that only the first `clearedBytes` of
  * the `extraBytes` are zero-filled; the rest hold whatever the allocator
@@ -74,12 +75,14 @@ CF_EXPORT CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID 
  * untouched pages of a large allocation are never faulted in.  A
  * `clearedBytes` outside 0..extraBytes returns NULL. */
 CF_EXPORT CFTypeRef _CFRuntimeCreateInstanceWithUnclearedTail(CFAllocatorRef allocator, CFTypeID typeID,
-                                                              CFIndex extraBytes, CFIndex clearedBytes) CF_NOEXCEPT;
+                                                              CFIndex extraBytes, CFIndex clearedBytes) CF_NOEXCEPT
+    CF_ABI_NAME(_CFRuntimeCreateInstanceWithUnclearedTail);
 
 /* Makes caller-owned static storage (a CFRuntimeBase followed by the type's
  * fields) into an immortal instance of `typeID`: retain and release do nothing
  * and it is never finalized. */
-CF_EXPORT void _CFRuntimeInitStaticInstance(void *memory, CFTypeID typeID) CF_NOEXCEPT;
+CF_EXPORT void _CFRuntimeInitStaticInstance(void *memory, CFTypeID typeID) CF_NOEXCEPT
+    CF_ABI_NAME(_CFRuntimeInitStaticInstance);
 
 CF_EXTERN_C_END
 

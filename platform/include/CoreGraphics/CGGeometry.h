@@ -35,9 +35,9 @@ struct CGRect {
 typedef struct CGRect CGRect;
 
 /* All-zero values: the "nothing" answer of calls that return geometry. */
-CF_EXPORT const CGPoint CGPointZero;
-CF_EXPORT const CGSize CGSizeZero;
-CF_EXPORT const CGRect CGRectZero;
+CF_EXPORT const CGPoint CGPointZero CF_ABI_NAME(CGPointZero);
+CF_EXPORT const CGSize CGSizeZero CF_ABI_NAME(CGSizeZero);
+CF_EXPORT const CGRect CGRectZero CF_ABI_NAME(CGRectZero);
 
 CF_INLINE CGPoint CGPointMake(CGFloat x, CGFloat y) {
     CGPoint point;
@@ -63,9 +63,9 @@ CF_INLINE CGRect CGRectMake(CGFloat x, CGFloat y, CGFloat width, CGFloat height)
 }
 
 /* Exact comparisons, field by field (so NaN is unequal to itself). */
-CF_EXPORT bool CGPointEqualToPoint(CGPoint point1, CGPoint point2) CF_NOEXCEPT;
-CF_EXPORT bool CGSizeEqualToSize(CGSize size1, CGSize size2) CF_NOEXCEPT;
-CF_EXPORT bool CGRectEqualToRect(CGRect rect1, CGRect rect2) CF_NOEXCEPT;
+CF_EXPORT bool CGPointEqualToPoint(CGPoint point1, CGPoint point2) CF_NOEXCEPT CF_ABI_NAME(CGPointEqualToPoint);
+CF_EXPORT bool CGSizeEqualToSize(CGSize size1, CGSize size2) CF_NOEXCEPT CF_ABI_NAME(CGSizeEqualToSize);
+CF_EXPORT bool CGRectEqualToRect(CGRect rect1, CGRect rect2) CF_NOEXCEPT CF_ABI_NAME(CGRectEqualToRect);
 
 CF_EXTERN_C_END
 

@@ -47,13 +47,13 @@ typedef struct __CVBuffer *CVBufferRef;
 
 /* Retain and release that accept NULL (and then do nothing).  Retain
  * returns its argument. */
-CF_EXPORT CVBufferRef CVBufferRetain(CVBufferRef buffer) CF_NOEXCEPT;
-CF_EXPORT void CVBufferRelease(CVBufferRef buffer) CF_NOEXCEPT;
+CF_EXPORT CVBufferRef CVBufferRetain(CVBufferRef buffer) CF_NOEXCEPT CF_ABI_NAME(CVBufferRetain);
+CF_EXPORT void CVBufferRelease(CVBufferRef buffer) CF_NOEXCEPT CF_ABI_NAME(CVBufferRelease);
 
 /* Keys of a buffer-creation attributes dictionary: a dictionary under each
  * is set on the new buffer as attachments of that mode. */
-CF_EXPORT const CFStringRef kCVBufferPropagatedAttachmentsKey;
-CF_EXPORT const CFStringRef kCVBufferNonPropagatedAttachmentsKey;
+CF_EXPORT const CFStringRef kCVBufferPropagatedAttachmentsKey CF_ABI_NAME(kCVBufferPropagatedAttachmentsKey);
+CF_EXPORT const CFStringRef kCVBufferNonPropagatedAttachmentsKey CF_ABI_NAME(kCVBufferNonPropagatedAttachmentsKey);
 
 typedef uint32_t CVAttachmentMode;
 enum { kCVAttachmentMode_ShouldNotPropagate = 0, kCVAttachmentMode_ShouldPropagate = 1 };
@@ -73,44 +73,50 @@ typedef struct CVAttachmentStorage {
  * removing it from the other mode's.  A NULL buffer, key or value, or a mode
  * other than the two, does nothing. */
 CF_EXPORT void CVBufferSetAttachment(CVBufferRef buffer, CFStringRef key, CFTypeRef value,
-                                     CVAttachmentMode attachmentMode) CF_NOEXCEPT;
+                                     CVAttachmentMode attachmentMode) CF_NOEXCEPT CF_ABI_NAME(CVBufferSetAttachment);
 /* The value for `key` or NULL; *attachmentMode (when not NULL) receives
  * the mode it was set with.  Borrowed: see above for sharing with writers. */
 CF_EXPORT CFTypeRef CVBufferGetAttachment(CVBufferRef buffer, CFStringRef key,
-                                          CVAttachmentMode *attachmentMode) CF_NOEXCEPT;
+                                          CVAttachmentMode *attachmentMode) CF_NOEXCEPT
+    CF_ABI_NAME(CVBufferGetAttachment);
 /* As CVBufferGetAttachment, but the value is retained under the storage's
  * lock and owned by the caller (release it), so it stays valid whatever
  * other threads do to the buffer.  NULL (and *attachmentMode untouched)
  * when the key is absent or the buffer or key is NULL. */
 CF_EXPORT CFTypeRef CVBufferCopyAttachment(CVBufferRef buffer, CFStringRef key,
-                                           CVAttachmentMode *attachmentMode) CF_NOEXCEPT;
+                                           CVAttachmentMode *attachmentMode) CF_NOEXCEPT
+    CF_ABI_NAME(CVBufferCopyAttachment);
 /* Removes `key` from whichever mode holds it; an absent key does nothing. */
-CF_EXPORT void CVBufferRemoveAttachment(CVBufferRef buffer, CFStringRef key) CF_NOEXCEPT;
+CF_EXPORT void CVBufferRemoveAttachment(CVBufferRef buffer, CFStringRef key) CF_NOEXCEPT
+    CF_ABI_NAME(CVBufferRemoveAttachment);
 /* Removes every attachment of both modes. */
-CF_EXPORT void CVBufferRemoveAllAttachments(CVBufferRef buffer) CF_NOEXCEPT;
+CF_EXPORT void CVBufferRemoveAllAttachments(CVBufferRef buffer) CF_NOEXCEPT CF_ABI_NAME(CVBufferRemoveAllAttachments);
 /* The attachments of one mode, or NULL when there are none (also after the
  * last one was removed, and for a mode other than the two).  Borrowed: the
  * buffer's own dictionary, valid until that mode's attachments change. */
-CF_EXPORT CFDictionaryRef CVBufferGetAttachments(CVBufferRef buffer, CVAttachmentMode attachmentMode) CF_NOEXCEPT;
+CF_EXPORT CFDictionaryRef CVBufferGetAttachments(CVBufferRef buffer, CVAttachmentMode attachmentMode) CF_NOEXCEPT
+    CF_ABI_NAME(CVBufferGetAttachments);
 /* Sets every entry of `theAttachments` with `attachmentMode`, as
  * CVBufferSetAttachment would one by one (under one lock).  A NULL
  * dictionary or an unknown mode does nothing. */
 CF_EXPORT void CVBufferSetAttachments(CVBufferRef buffer, CFDictionaryRef theAttachments,
-                                      CVAttachmentMode attachmentMode) CF_NOEXCEPT;
+                                      CVAttachmentMode attachmentMode) CF_NOEXCEPT CF_ABI_NAME(CVBufferSetAttachments);
 /* An immutable copy, made with `allocator` (NULL: the default), of the
  * attachments of one mode, taken under the storage's lock; NULL when there
  * are none of that mode or the copy cannot be made.  Owned by the caller. */
 CF_EXPORT CFDictionaryRef _CVBufferCopyAttachments(CFAllocatorRef allocator, CVBufferRef buffer,
-                                                   CVAttachmentMode attachmentMode) CF_NOEXCEPT;
+                                                   CVAttachmentMode attachmentMode) CF_NOEXCEPT
+    CF_ABI_NAME(_CVBufferCopyAttachments);
 /* Copies the source's propagating attachments onto the destination (as
  * propagating attachments; a key the destination has in the other mode
  * moves).  The source's entries are read first, under its lock only, so two
  * threads propagating in opposite directions cannot deadlock. */
-CF_EXPORT void CVBufferPropagateAttachments(CVBufferRef sourceBuffer, CVBufferRef destinationBuffer) CF_NOEXCEPT;
+CF_EXPORT void CVBufferPropagateAttachments(CVBufferRef sourceBuffer, CVBufferRef destinationBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVBufferPropagateAttachments);
 
 /* Releases the attachment storage of `buffer`; the last step of the
  * finalizer of every object that carries attachments.  NULL does nothing. */
-CF_EXPORT void __CVBufferFinalize(CFTypeRef buffer) CF_NOEXCEPT;
+CF_EXPORT void __CVBufferFinalize(CFTypeRef buffer) CF_NOEXCEPT CF_ABI_NAME(__CVBufferFinalize);
 
 CF_EXTERN_C_END
 

@@ -19,7 +19,7 @@ CF_EXTERN_C_BEGIN
 
 typedef CVImageBufferRef CVOpenGLESTextureRef;
 
-CF_EXPORT CFTypeID CVOpenGLESTextureGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CVOpenGLESTextureGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CVOpenGLESTextureGetTypeID);
 
 /* Creates a texture record for GL texture `name` bound at `target`
  * (GLenum values), `width` x `height` pixels, its rows stored bottom-up when
@@ -28,17 +28,22 @@ CF_EXPORT CFTypeID CVOpenGLESTextureGetTypeID(void) CF_NOEXCEPT;
  * failure. */
 CF_EXPORT CVReturn _CVOpenGLESTextureCreate(CFAllocatorRef allocator, uint32_t target, uint32_t name, size_t width,
                                             size_t height, Boolean isFlipped,
-                                            CVOpenGLESTextureRef *textureOut) CF_NOEXCEPT;
+                                            CVOpenGLESTextureRef *textureOut) CF_NOEXCEPT
+    CF_ABI_NAME(_CVOpenGLESTextureCreate);
 
-CF_EXPORT uint32_t CVOpenGLESTextureGetTarget(CVOpenGLESTextureRef image) CF_NOEXCEPT;
-CF_EXPORT uint32_t CVOpenGLESTextureGetName(CVOpenGLESTextureRef image) CF_NOEXCEPT;
-CF_EXPORT Boolean CVOpenGLESTextureIsFlipped(CVOpenGLESTextureRef image) CF_NOEXCEPT;
+CF_EXPORT uint32_t CVOpenGLESTextureGetTarget(CVOpenGLESTextureRef image) CF_NOEXCEPT
+    CF_ABI_NAME(CVOpenGLESTextureGetTarget);
+CF_EXPORT uint32_t CVOpenGLESTextureGetName(CVOpenGLESTextureRef image) CF_NOEXCEPT
+    CF_ABI_NAME(CVOpenGLESTextureGetName);
+CF_EXPORT Boolean CVOpenGLESTextureIsFlipped(CVOpenGLESTextureRef image) CF_NOEXCEPT
+    CF_ABI_NAME(CVOpenGLESTextureIsFlipped);
 /* Texture coordinates (s, t pairs in 0...1) of the corners of the clean
  * aperture (CVImageBufferGetCleanRect), t counted from the texture's first
  * row, swapped top for bottom when the texture is flipped.  Each output may
  * be NULL; all are left alone for a NULL texture. */
 CF_EXPORT void CVOpenGLESTextureGetCleanTexCoords(CVOpenGLESTextureRef image, float lowerLeft[2], float lowerRight[2],
-                                                  float upperRight[2], float upperLeft[2]) CF_NOEXCEPT;
+                                                  float upperRight[2], float upperLeft[2]) CF_NOEXCEPT
+    CF_ABI_NAME(CVOpenGLESTextureGetCleanTexCoords);
 
 CF_EXTERN_C_END
 

@@ -84,19 +84,20 @@ enum {
  * kCVBufferNonPropagatedAttachmentsKey become attachments; every other key
  * is accepted and ignored (the explicit arguments win over the pixel
  * format, width and height keys). */
-CF_EXPORT const CFStringRef kCVPixelBufferPixelFormatTypeKey;
-CF_EXPORT const CFStringRef kCVPixelBufferWidthKey;
-CF_EXPORT const CFStringRef kCVPixelBufferHeightKey;
-CF_EXPORT const CFStringRef kCVPixelBufferBytesPerRowAlignmentKey;
-CF_EXPORT const CFStringRef kCVPixelBufferPlaneAlignmentKey;
-CF_EXPORT const CFStringRef kCVPixelBufferOpenGLESCompatibilityKey;
-CF_EXPORT const CFStringRef kCVPixelBufferIOSurfacePropertiesKey;
+CF_EXPORT const CFStringRef kCVPixelBufferPixelFormatTypeKey CF_ABI_NAME(kCVPixelBufferPixelFormatTypeKey);
+CF_EXPORT const CFStringRef kCVPixelBufferWidthKey CF_ABI_NAME(kCVPixelBufferWidthKey);
+CF_EXPORT const CFStringRef kCVPixelBufferHeightKey CF_ABI_NAME(kCVPixelBufferHeightKey);
+CF_EXPORT const CFStringRef kCVPixelBufferBytesPerRowAlignmentKey CF_ABI_NAME(kCVPixelBufferBytesPerRowAlignmentKey);
+CF_EXPORT const CFStringRef kCVPixelBufferPlaneAlignmentKey CF_ABI_NAME(kCVPixelBufferPlaneAlignmentKey);
+CF_EXPORT const CFStringRef kCVPixelBufferOpenGLESCompatibilityKey CF_ABI_NAME(kCVPixelBufferOpenGLESCompatibilityKey);
+CF_EXPORT const CFStringRef kCVPixelBufferIOSurfacePropertiesKey CF_ABI_NAME(kCVPixelBufferIOSurfacePropertiesKey);
 
-CF_EXPORT CFTypeID CVPixelBufferGetTypeID(void) CF_NOEXCEPT;
+CF_EXPORT CFTypeID CVPixelBufferGetTypeID(void) CF_NOEXCEPT CF_ABI_NAME(CVPixelBufferGetTypeID);
 
 /* Retain and release that accept NULL. */
-CF_EXPORT CVPixelBufferRef CVPixelBufferRetain(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
-CF_EXPORT void CVPixelBufferRelease(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
+CF_EXPORT CVPixelBufferRef CVPixelBufferRetain(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferRetain);
+CF_EXPORT void CVPixelBufferRelease(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT CF_ABI_NAME(CVPixelBufferRelease);
 
 /* Creates a pixel buffer with its own zero-filled memory, allocated (like
  * the object) through `allocator` (NULL: the default).  On success
@@ -110,7 +111,7 @@ CF_EXPORT void CVPixelBufferRelease(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
  *   kCVReturnAllocationFailed          the object or its memory */
 CF_EXPORT CVReturn CVPixelBufferCreate(CFAllocatorRef allocator, size_t width, size_t height, OSType pixelFormatType,
                                        CFDictionaryRef pixelBufferAttributes,
-                                       CVPixelBufferRef *pixelBufferOut) CF_NOEXCEPT;
+                                       CVPixelBufferRef *pixelBufferOut) CF_NOEXCEPT CF_ABI_NAME(CVPixelBufferCreate);
 
 /* Called once, when a pixel buffer made over caller memory goes away. */
 typedef void (*CVPixelBufferReleaseBytesCallback)(void *releaseRefCon, const void *baseAddress);
@@ -126,37 +127,49 @@ CF_EXPORT CVReturn CVPixelBufferCreateWithBytes(CFAllocatorRef allocator, size_t
                                                 OSType pixelFormatType, void *baseAddress, size_t bytesPerRow,
                                                 CVPixelBufferReleaseBytesCallback releaseCallback, void *releaseRefCon,
                                                 CFDictionaryRef pixelBufferAttributes,
-                                                CVPixelBufferRef *pixelBufferOut) CF_NOEXCEPT;
+                                                CVPixelBufferRef *pixelBufferOut) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferCreateWithBytes);
 
 /* Lock and unlock the base address for CPU access.  Locks nest: each lock
  * needs its unlock, with the same flags.  kCVReturnInvalidArgument for
  * NULL or unknown flag bits; an unlock without a matching lock gives
  * kCVReturnError and changes nothing. */
 CF_EXPORT CVReturn CVPixelBufferLockBaseAddress(CVPixelBufferRef pixelBuffer,
-                                                CVPixelBufferLockFlags lockFlags) CF_NOEXCEPT;
+                                                CVPixelBufferLockFlags lockFlags) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferLockBaseAddress);
 CF_EXPORT CVReturn CVPixelBufferUnlockBaseAddress(CVPixelBufferRef pixelBuffer,
-                                                  CVPixelBufferLockFlags unlockFlags) CF_NOEXCEPT;
+                                                  CVPixelBufferLockFlags unlockFlags) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferUnlockBaseAddress);
 
-CF_EXPORT size_t CVPixelBufferGetWidth(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
-CF_EXPORT size_t CVPixelBufferGetHeight(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
-CF_EXPORT OSType CVPixelBufferGetPixelFormatType(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
+CF_EXPORT size_t CVPixelBufferGetWidth(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT CF_ABI_NAME(CVPixelBufferGetWidth);
+CF_EXPORT size_t CVPixelBufferGetHeight(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT CF_ABI_NAME(CVPixelBufferGetHeight);
+CF_EXPORT OSType CVPixelBufferGetPixelFormatType(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetPixelFormatType);
 /* The first byte of the pixels; for a planar buffer, the first byte of the
  * block that holds every plane (plane 0 starts there). */
-CF_EXPORT void *CVPixelBufferGetBaseAddress(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
+CF_EXPORT void *CVPixelBufferGetBaseAddress(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetBaseAddress);
 /* Bytes from one row to the next; for a planar buffer, plane 0's. */
-CF_EXPORT size_t CVPixelBufferGetBytesPerRow(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
+CF_EXPORT size_t CVPixelBufferGetBytesPerRow(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetBytesPerRow);
 /* Bytes of pixel memory, padding between planes included. */
-CF_EXPORT size_t CVPixelBufferGetDataSize(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
-CF_EXPORT Boolean CVPixelBufferIsPlanar(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
+CF_EXPORT size_t CVPixelBufferGetDataSize(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetDataSize);
+CF_EXPORT Boolean CVPixelBufferIsPlanar(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT CF_ABI_NAME(CVPixelBufferIsPlanar);
 /* 0 for a packed buffer. */
-CF_EXPORT size_t CVPixelBufferGetPlaneCount(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT;
+CF_EXPORT size_t CVPixelBufferGetPlaneCount(CVPixelBufferRef pixelBuffer) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetPlaneCount);
 /* Per plane; 0 / NULL for a packed buffer or an index past the planes.
  * Widths and heights are in samples of that plane (chroma planes of 4:2:0
  * formats are ceil(w/2) x ceil(h/2)). */
-CF_EXPORT size_t CVPixelBufferGetWidthOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT;
-CF_EXPORT size_t CVPixelBufferGetHeightOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT;
-CF_EXPORT void *CVPixelBufferGetBaseAddressOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT;
-CF_EXPORT size_t CVPixelBufferGetBytesPerRowOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT;
+CF_EXPORT size_t CVPixelBufferGetWidthOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetWidthOfPlane);
+CF_EXPORT size_t CVPixelBufferGetHeightOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetHeightOfPlane);
+CF_EXPORT void *CVPixelBufferGetBaseAddressOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetBaseAddressOfPlane);
+CF_EXPORT size_t CVPixelBufferGetBytesPerRowOfPlane(CVPixelBufferRef pixelBuffer, size_t planeIndex) CF_NOEXCEPT
+    CF_ABI_NAME(CVPixelBufferGetBytesPerRowOfPlane);
 
 CF_EXTERN_C_END
 

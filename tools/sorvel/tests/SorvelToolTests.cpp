@@ -941,7 +941,7 @@ TEST(SorvelUsage, VersionHelpAndJsonErrors) {
         int code;
         const char *out;
     } cases[] = {
-        {{"--version"}, 0, "sorvel 0."},
+        {{"--version"}, 0, "sorvel 1."},
         {{"probe", "--help"}, 0, "usage: sorvel probe [FILE]"},
         {{"help", "annexb"}, 0, "-y, --overwrite"},
         {{"play", "-h"}, 0, "Ctrl-C stops and still reports"},
