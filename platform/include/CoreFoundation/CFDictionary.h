@@ -102,7 +102,7 @@ CF_EXPORT void CFDictionaryRemoveAllValues(CFMutableDictionaryRef theDict) CF_NO
  * handed on): a reader that caches what it derives from a dictionary
  * caches only what an immutable one gives.  False for NULL and for an
  * object that is not a dictionary. */
-CF_EXPORT Boolean _CFDictionaryIsMutable(CFDictionaryRef theDict) CF_NOEXCEPT;
+CF_EXPORT Boolean _CFDictionaryIsMutable(CFDictionaryRef theDict) CF_NOEXCEPT CF_ABI_NAME(_CFDictionaryIsMutable);
 
 CF_EXTERN_C_END
 
