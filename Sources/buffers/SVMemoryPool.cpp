@@ -32,6 +32,7 @@
 
 #include "buffers/SVMemoryPoolInternal.h"
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "core/SVObject.h"
 
 namespace {
@@ -61,17 +62,6 @@ constinit sorvel::SVRuntimeClass<Pool> gSVMemoryPoolClass{kSVMemoryPoolClass};
 constexpr double kDefaultAgeOutPeriod = 0.5;
 constexpr int kLeakWarningLine = 225;
 constexpr size_t kNotFound = SIZE_MAX;
-
-class Locked {
-public:
-    explicit Locked(State *state) noexcept : lock_(state->lock) { XPMutexAcquire(lock_); }
-    ~Locked() { XPMutexRelease(lock_); }
-    Locked(const Locked &) = delete;
-    Locked &operator=(const Locked &) = delete;
-
-private:
-    XPMutexRef lock_;
-};
 
 size_t pageSize() noexcept {
     static const size_t page = static_cast<size_t>(getpagesize());
@@ -267,14 +257,14 @@ void deallocateLocked(State *state, void *block) noexcept {
 void *poolAllocate(CFIndex size, CFOptionFlags hint, void *info) noexcept {
     if (size < 1) return nullptr;
     auto *state = static_cast<State *>(info);
-    Locked locked(state);
+    sorvel::SVMutexGuard locked(state->lock);
     return allocateLocked(state, static_cast<size_t>(size));
 }
 
 void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *info) noexcept {
     if (!block || newSize < 1) return nullptr;
     auto *state = static_cast<State *>(info);
-    Locked locked(state);
+    sorvel::SVMutexGuard locked(state->lock);
     const size_t slot = tableFind(state->outstanding, block);
     if (slot == kNotFound) return nullptr;
     const size_t recorded = state->outstanding.slots[slot].requestedSize;
@@ -293,7 +283,7 @@ void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *inf
 void poolDeallocate(void *block, void *info) noexcept {
     if (!block) return;
     auto *state = static_cast<State *>(info);
-    Locked locked(state);
+    sorvel::SVMutexGuard locked(state->lock);
     deallocateLocked(state, block);
 }
 
@@ -307,7 +297,7 @@ void poolFinalize(CFTypeRef cf) noexcept {
     Pool *pool = sorvel::SVRuntimeClass<Pool>::cast(cf);
     if (!pool->state) return;  // half-built: nothing was shared yet
     {
-        Locked locked(pool->state);
+        sorvel::SVMutexGuard locked(pool->state->lock);
         invalidateLocked(pool);
     }
     // The allocator, and with it the shared state, lives on while clients
@@ -329,7 +319,7 @@ void _SVMemoryPoolAllocatorRelease(const void *info) noexcept {
     auto *state = static_cast<State *>(const_cast<void *>(info));
     size_t leaked;
     {
-        Locked locked(state);
+        sorvel::SVMutexGuard locked(state->lock);
         leaked = state->outstanding.count;
     }
     // Logged after unlocking: the allocator is unreachable by now, and a log
@@ -385,13 +375,13 @@ CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept {
 
 void SVMemoryPoolFlush(SVMemoryPoolRef pool) noexcept {
     if (!pool || !pool->state) return;
-    Locked locked(pool->state);
+    sorvel::SVMutexGuard locked(pool->state->lock);
     if (pool->freeList) flushLocked(*pool->freeList);
 }
 
 void SVMemoryPoolInvalidate(SVMemoryPoolRef pool) noexcept {
     if (!pool || !pool->state) return;
-    Locked locked(pool->state);
+    sorvel::SVMutexGuard locked(pool->state->lock);
     invalidateLocked(pool);
 }
 

@@ -17,6 +17,7 @@
 #include <cstdlib>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "core/SVObject.h"
 
 namespace {
@@ -178,10 +179,8 @@ bool isBaseDataType(Registry &r, CFTypeRef dataType) {
 // is never freed (see the retired list), so it may be used after unlocking.
 CFArrayRef registration(Registry &r, CFStringRef dataType) {
     if (!dataType) return nullptr;
-    XPMutexAcquire(r.mutex);
-    auto pair = static_cast<CFArrayRef>(CFDictionaryGetValue(r.registrations, dataType));
-    XPMutexRelease(r.mutex);
-    return pair;
+    sorvel::SVMutexGuard guard(r.mutex);
+    return static_cast<CFArrayRef>(CFDictionaryGetValue(r.registrations, dataType));
 }
 
 // The MOV table's data types by well-known identifier, in one list for both
@@ -281,11 +280,10 @@ OSStatus SVMetadataDataTypeRegistryRegisterDataType(CFStringRef dataType, CFStri
     SVRetained<CFArrayRef> pair(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
     if (!pair) return kSVMetadataDataTypeRegistryError_AllocationFailed;
 
-    XPMutexAcquire(r.mutex);
+    sorvel::SVMutexGuard guard(r.mutex);
     if (const void *previous = CFDictionaryGetValue(r.registrations, key.get()))
         CFArrayAppendValue(r.retired, previous);
     CFDictionarySetValue(r.registrations, key.get(), pair.get());
-    XPMutexRelease(r.mutex);
     return 0;
 }
 

@@ -45,6 +45,7 @@
 #include <vector>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "core/SVObject.h"
 #include "samples/SVSampleBufferInternal.h"
 
@@ -137,17 +138,6 @@ constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBuf
 using sorvel::time::kInvalid;
 
 // ---- locking and lifetime ----------------------------------------------------------
-
-class QueueLock {
-public:
-    explicit QueueLock(SVBufferQueueRef queue) noexcept : mutex_(&queue->mutex) { XPMutexAcquire(mutex_); }
-    ~QueueLock() { XPMutexRelease(mutex_); }
-    QueueLock(const QueueLock &) = delete;
-    QueueLock &operator=(const QueueLock &) = delete;
-
-private:
-    XPMutex *mutex_;
-};
 
 // A reference held for the length of a call that runs client code.
 class KeepAlive {
@@ -386,7 +376,7 @@ SVBufferRef dequeueAndRetainLocked(SVBufferQueueRef queue, SVBufferGetBooleanCal
 SVBufferRef dequeueAndRetain(SVBufferQueueRef queue, bool onlyIfReady) noexcept {
     if (queue == nullptr) return nullptr;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return dequeueAndRetainLocked(queue, onlyIfReady ? queue->callbacks.isDataReady : nullptr);
 }
 
@@ -418,7 +408,7 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
                         SVBufferQueueTriggerToken *tokenOut) noexcept {
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (condition == 0 || (callback == nullptr && tokenOut == nullptr))
         return kSVBufferQueueError_RequiredParameterMissing;
@@ -600,7 +590,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
 OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferValidationCallback callback,
                                             void *validationRefCon) noexcept {
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     queue->validationRefcon = callback != nullptr ? validationRefCon : nullptr;
     __atomic_store_n(&queue->validation, callback, __ATOMIC_RELEASE);
@@ -618,7 +608,7 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
     if (__atomic_load_n(&queue->validation, __ATOMIC_ACQUIRE) != nullptr) {
         // Read together, so a concurrent change cannot pair one callback
         // with another's refcon.
-        QueueLock lock(queue);
+        sorvel::SVMutexGuard lock(&queue->mutex);
         validation = queue->validation;
         validationRefcon = queue->validationRefcon;
     }
@@ -626,7 +616,7 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
         OSStatus status = validation(queue, buf, validationRefcon);
         if (status != 0) return status;
     }
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (queue->endOfData) return kSVBufferQueueError_EnqueueAfterEndOfData;
     if (queue->capacity >= 1 && queue->count >= queue->capacity) return kSVBufferQueueError_QueueIsFull;
@@ -681,32 +671,32 @@ SVBufferRef SVBufferQueueDequeueIfDataReadyAndRetain(SVBufferQueueRef queue) noe
 
 SVBufferRef SVBufferQueueGetHead(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return nullptr;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->head != nullptr ? queue->head->buffer : nullptr;
 }
 
 SVItemCount SVBufferQueueGetBufferCount(SVBufferQueueRef queue) noexcept {
     // A status where a count belongs, as the interface has always done.
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->count;
 }
 
 Boolean SVBufferQueueIsEmpty(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return true;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->count == 0;
 }
 
 SVTime SVBufferQueueGetDuration(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return kInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return durationLocked(queue);
 }
 
 size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr || queue->callbacks.getSize == nullptr) return 0;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     size_t total = 0;
     for (Node *node = queue->head; node != nullptr; node = node->next)
         total += queue->callbacks.getSize(node->buffer, queue->callbacks.refcon);
@@ -715,39 +705,39 @@ size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
 
 SVTime SVBufferQueueGetFirstDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr || queue->callbacks.getDecodeTimeStamp == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->head == nullptr) return kSVTimeInvalid;
     return queue->callbacks.getDecodeTimeStamp(queue->head->buffer, queue->callbacks.refcon);
 }
 
 SVTime SVBufferQueueGetFirstPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->head == nullptr) return kSVTimeInvalid;
     return getPresentationTimeStamp(queue, queue->head->buffer);
 }
 
 SVTime SVBufferQueueGetMinDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return extremeLocked(queue, queue->callbacks.getDecodeTimeStamp, -1);
 }
 
 SVTime SVBufferQueueGetMinPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return minPresentationLocked(queue);
 }
 
 SVTime SVBufferQueueGetMaxPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return maxPresentationLocked(queue);
 }
 
 SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     SVTime end = kSVTimeInvalid;
     bool found = false;
     for (Node *node = queue->head; node != nullptr; node = node->next) {
@@ -767,7 +757,7 @@ OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callb
                                         void *refcon) noexcept {
     if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     // The callback may change the queue (the lock is recursive), so walk a
     // retained snapshot rather than the live list.
     std::vector<SVBufferRef> buffers;
@@ -787,7 +777,7 @@ OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callb
 
 OSStatus SVBufferQueueMarkEndOfData(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     queue->endOfData = true;
     return 0;
@@ -795,20 +785,20 @@ OSStatus SVBufferQueueMarkEndOfData(SVBufferQueueRef queue) noexcept {
 
 Boolean SVBufferQueueContainsEndOfData(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return true;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->endOfData;
 }
 
 Boolean SVBufferQueueIsAtEndOfData(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return true;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->endOfData && queue->count == 0;
 }
 
 OSStatus SVBufferQueueReset(SVBufferQueueRef queue) noexcept {
     if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return resetLocked(queue, nullptr, nullptr);
 }
 
@@ -816,7 +806,7 @@ OSStatus SVBufferQueueResetWithCallback(SVBufferQueueRef queue, void (*callback)
                                         void *refcon) noexcept {
     if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return resetLocked(queue, callback, refcon);
 }
 
@@ -835,7 +825,7 @@ OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue,
 
 OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
     if (queue == nullptr || triggerToken == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (!isInstalledLocked(queue, triggerToken)) return kSVBufferQueueError_InvalidTriggerToken;
     // Unlinked, mending the list's ends.
@@ -861,7 +851,7 @@ Boolean SVBufferQueueTestTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerTok
         SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The queue is null");
         return false;
     }
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (triggerToken == nullptr || !isInstalledLocked(queue, triggerToken)) {
         SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The trigger is not installed on the queue");
         return false;

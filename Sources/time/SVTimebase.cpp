@@ -23,6 +23,7 @@
 #include <initializer_list>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "time/SVClockInternal.h"
 #include "time/SVSyncInternal.h"
 #include "time/SVTimeInternal.h"
@@ -80,17 +81,6 @@ void writeState(OpaqueSVTimebase *timebase, const State &state) noexcept {
         __atomic_store_n(&timebase->state[i], words[i], __ATOMIC_RELAXED);
     __atomic_store_n(&timebase->sequence, sequence + 2, __ATOMIC_RELEASE);
 }
-
-class StateLock {
-public:
-    explicit StateLock(const OpaqueSVTimebase *timebase) : mutex_(timebase->stateMutex) { XPMutexAcquire(mutex_); }
-    ~StateLock() { XPMutexRelease(mutex_); }
-    StateLock(const StateLock &) = delete;
-    StateLock &operator=(const StateLock &) = delete;
-
-private:
-    XPMutexRef mutex_;
-};
 
 void post(CFStringRef name, const void *timebase) noexcept {
     CFNotificationCenterPostNotification(CFNotificationCenterGetLocalCenter(), name, timebase, nullptr, true);
@@ -158,7 +148,7 @@ OSStatus createTimebase(CFAllocatorRef allocator, CFTypeRef master, SVTimebaseRe
 void setRate(OpaqueSVTimebase *timebase, double rate, bool useCurrentTime) noexcept {
     double oldRate;
     {
-        StateLock lock(timebase);
+        sorvel::SVMutexGuard lock(timebase->stateMutex);
         State state = sorvel::timebase::readState(timebase);
         SVTime now = kInvalid;
         if (useCurrentTime) now = sorvel::timebase::timeAt(state, masterTime(timebase));
@@ -187,7 +177,7 @@ void setRate(OpaqueSVTimebase *timebase, double rate, bool useCurrentTime) noexc
 void setAnchor(OpaqueSVTimebase *timebase, SVTime timebaseTime, SVTime masterTime) noexcept {
     State before, after;
     {
-        StateLock lock(timebase);
+        sorvel::SVMutexGuard lock(timebase->stateMutex);
         before = after = sorvel::timebase::readState(timebase);
         if (after.rate == 0.0)
             after.timebaseAnchor = timebaseTime;

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "time/SVClockInternal.h"
 #include "time/SVSyncInternal.h"
 #include "time/SVTimebaseInternal.h"
@@ -76,17 +77,6 @@ std::unordered_map<const void *, const OpaqueSVTimebase *> &owners() {
     static auto *map = new std::unordered_map<const void *, const OpaqueSVTimebase *>;
     return *map;
 }
-
-class TimerLock {
-public:
-    explicit TimerLock(const OpaqueSVTimebase *timebase) : mutex_(timebase->timerMutex) { XPMutexAcquire(mutex_); }
-    ~TimerLock() { XPMutexRelease(mutex_); }
-    TimerLock(const TimerLock &) = delete;
-    TimerLock &operator=(const TimerLock &) = delete;
-
-private:
-    XPMutexRef mutex_;
-};
 
 OpaqueSVTimebase *checked(SVTimebaseRef timebase) noexcept {
     if (timebase == nullptr || !sorvel::timebase::gTimebaseClass.isInstance(timebase)) return nullptr;
@@ -235,7 +225,7 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
         }
         owners().emplace(timer, tb);
     }
-    TimerLock lock(tb);
+    sorvel::SVMutexGuard lock(tb->timerMutex);
     if (tb->timers == nullptr) __atomic_store_n(&tb->timers, new TimerRegistry, __ATOMIC_RELEASE);
     Record record{timer, isSource, runLoop, Arm::None, sorvel::time::kInvalid, 0, 0};
     if (isSource) {
@@ -255,7 +245,7 @@ OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function)
     if (timer == nullptr) return missing(function, __LINE__, "timer");
     Record removed;
     {
-        TimerLock lock(tb);
+        sorvel::SVMutexGuard lock(tb->timerMutex);
         Record *record = find(tb, timer);
         if (record == nullptr) return notAdded(function, __LINE__, timer);
         removed = *record;
@@ -276,7 +266,7 @@ OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime 
     OpaqueSVTimebase *tb = checked(timebase);
     if (tb == nullptr) return missing(function, __LINE__, "timebase");
     if (timer == nullptr) return missing(function, __LINE__, "timer");
-    TimerLock lock(tb);
+    sorvel::SVMutexGuard lock(tb->timerMutex);
     Record *record = find(tb, timer);
     if (record == nullptr) return notAdded(function, __LINE__, timer);
     if (how == Arm::FireTime &&
@@ -295,7 +285,7 @@ OSStatus getDeadline(SVTimebaseRef timebase, const void *timer, SVTime *deadline
     if (tb == nullptr) return missing(function, __LINE__, "timebase");
     if (timer == nullptr) return missing(function, __LINE__, "timer");
     if (deadlineOut == nullptr) return missing(function, __LINE__, "deadlineOut");
-    TimerLock lock(tb);
+    sorvel::SVMutexGuard lock(tb->timerMutex);
     Record *record = find(tb, timer);
     if (record == nullptr) return notAdded(function, __LINE__, timer);
     if (record->deadline == 0)
@@ -313,7 +303,7 @@ namespace sorvel::timebase {
 
 void rescheduleTimers(OpaqueSVTimebase *timebase) noexcept {
     if (__atomic_load_n(&timebase->timers, __ATOMIC_ACQUIRE) == nullptr) return;
-    TimerLock lock(timebase);
+    sorvel::SVMutexGuard lock(timebase->timerMutex);
     for (Record &record : timebase->timers->records)
         if (record.arm == Arm::FireTime) arm(timebase, record, true);
 }
