@@ -64,6 +64,13 @@ public:
     // True when cf is an instance of this class (false for NULL).
     bool isInstance(CFTypeRef cf) noexcept { return cf != nullptr && CFGetTypeID(cf) == typeID(); }
 
+    // The argument check of every entry point that takes one of the
+    // family's objects: the instance behind cf, or NULL when cf is NULL or
+    // an object of another type.  The entry point then answers as its
+    // header says for a missing object, instead of reading another type's
+    // fields (or handing NULL to the runtime, which stops the process).
+    Instance *checked(CFTypeRef cf) noexcept { return isInstance(cf) ? cast(cf) : nullptr; }
+
     // The instance behind a reference of this class; no check is made.
     static Instance *cast(CFTypeRef cf) noexcept { return static_cast<Instance *>(const_cast<void *>(cf)); }
 

@@ -374,7 +374,7 @@ SVBufferRef dequeueAndRetainLocked(SVBufferQueueRef queue, SVBufferGetBooleanCal
 }
 
 SVBufferRef dequeueAndRetain(SVBufferQueueRef queue, bool onlyIfReady) noexcept {
-    if (queue == nullptr) return nullptr;
+    if (!gSVBufferQueueClass.checked(queue)) return nullptr;
     KeepAlive keepAlive(queue);
     sorvel::SVMutexGuard lock(&queue->mutex);
     return dequeueAndRetainLocked(queue, onlyIfReady ? queue->callbacks.isDataReady : nullptr);
@@ -406,7 +406,7 @@ OSStatus resetLocked(SVBufferQueueRef queue, void (*callback)(SVBufferRef, void 
 OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback, void *refcon,
                         SVBufferQueueTriggerCondition condition, SVTime time, int32_t threshold,
                         SVBufferQueueTriggerToken *tokenOut) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
@@ -569,7 +569,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
     if (triggers == nullptr) return kSVBufferQueueError_AllocationFailed;
     *triggers = {nullptr, nullptr};
     OpaqueSVBufferQueue *queue = gSVBufferQueueClass.create(allocator);
-    if (queue == nullptr) {
+    if (!gSVBufferQueueClass.checked(queue)) {
         CFAllocatorDeallocate(allocator, triggers);
         return kSVBufferQueueError_AllocationFailed;
     }
@@ -589,7 +589,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
 
 OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferValidationCallback callback,
                                             void *validationRefCon) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     queue->validationRefcon = callback != nullptr ? validationRefCon : nullptr;
@@ -598,7 +598,7 @@ OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferVali
 }
 
 OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept {
-    if (queue == nullptr || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
     SVBufferValidationCallback validation = nullptr;
     void *validationRefcon = nullptr;
@@ -670,32 +670,32 @@ SVBufferRef SVBufferQueueDequeueIfDataReadyAndRetain(SVBufferQueueRef queue) noe
 }
 
 SVBufferRef SVBufferQueueGetHead(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return nullptr;
+    if (!gSVBufferQueueClass.checked(queue)) return nullptr;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->head != nullptr ? queue->head->buffer : nullptr;
 }
 
 SVItemCount SVBufferQueueGetBufferCount(SVBufferQueueRef queue) noexcept {
     // A status where a count belongs, as the interface has always done.
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->count;
 }
 
 Boolean SVBufferQueueIsEmpty(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return true;
+    if (!gSVBufferQueueClass.checked(queue)) return true;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->count == 0;
 }
 
 SVTime SVBufferQueueGetDuration(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kInvalid;
+    if (!gSVBufferQueueClass.checked(queue)) return kInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return durationLocked(queue);
 }
 
 size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getSize == nullptr) return 0;
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getSize == nullptr) return 0;
     sorvel::SVMutexGuard lock(&queue->mutex);
     size_t total = 0;
     for (Node *node = queue->head; node != nullptr; node = node->next)
@@ -704,39 +704,41 @@ size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
 }
 
 SVTime SVBufferQueueGetFirstDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getDecodeTimeStamp == nullptr) return kSVTimeInvalid;
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getDecodeTimeStamp == nullptr) return kSVTimeInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->head == nullptr) return kSVTimeInvalid;
     return queue->callbacks.getDecodeTimeStamp(queue->head->buffer, queue->callbacks.refcon);
 }
 
 SVTime SVBufferQueueGetFirstPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getPresentationTimeStamp == nullptr)
+        return kSVTimeInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->head == nullptr) return kSVTimeInvalid;
     return getPresentationTimeStamp(queue, queue->head->buffer);
 }
 
 SVTime SVBufferQueueGetMinDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVTimeInvalid;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVTimeInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return extremeLocked(queue, queue->callbacks.getDecodeTimeStamp, -1);
 }
 
 SVTime SVBufferQueueGetMinPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVTimeInvalid;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVTimeInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return minPresentationLocked(queue);
 }
 
 SVTime SVBufferQueueGetMaxPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVTimeInvalid;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVTimeInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return maxPresentationLocked(queue);
 }
 
 SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getPresentationTimeStamp == nullptr)
+        return kSVTimeInvalid;
     sorvel::SVMutexGuard lock(&queue->mutex);
     SVTime end = kSVTimeInvalid;
     bool found = false;
@@ -755,7 +757,7 @@ SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept
 
 OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callback)(SVBufferRef buffer, void *refcon),
                                         void *refcon) noexcept {
-    if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
     sorvel::SVMutexGuard lock(&queue->mutex);
     // The callback may change the queue (the lock is recursive), so walk a
@@ -776,7 +778,7 @@ OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callb
 }
 
 OSStatus SVBufferQueueMarkEndOfData(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     queue->endOfData = true;
@@ -784,19 +786,19 @@ OSStatus SVBufferQueueMarkEndOfData(SVBufferQueueRef queue) noexcept {
 }
 
 Boolean SVBufferQueueContainsEndOfData(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return true;
+    if (!gSVBufferQueueClass.checked(queue)) return true;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->endOfData;
 }
 
 Boolean SVBufferQueueIsAtEndOfData(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return true;
+    if (!gSVBufferQueueClass.checked(queue)) return true;
     sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->endOfData && queue->count == 0;
 }
 
 OSStatus SVBufferQueueReset(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
     sorvel::SVMutexGuard lock(&queue->mutex);
     return resetLocked(queue, nullptr, nullptr);
@@ -804,7 +806,7 @@ OSStatus SVBufferQueueReset(SVBufferQueueRef queue) noexcept {
 
 OSStatus SVBufferQueueResetWithCallback(SVBufferQueueRef queue, void (*callback)(SVBufferRef buffer, void *refcon),
                                         void *refcon) noexcept {
-    if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
     sorvel::SVMutexGuard lock(&queue->mutex);
     return resetLocked(queue, callback, refcon);
@@ -824,7 +826,8 @@ OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue,
 }
 
 OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
-    if (queue == nullptr || triggerToken == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || triggerToken == nullptr)
+        return kSVBufferQueueError_RequiredParameterMissing;
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (!isInstalledLocked(queue, triggerToken)) return kSVBufferQueueError_InvalidTriggerToken;
@@ -847,7 +850,7 @@ OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTrigger
 }
 
 Boolean SVBufferQueueTestTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
-    if (queue == nullptr) {
+    if (!gSVBufferQueueClass.checked(queue)) {
         SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The queue is null");
         return false;
     }
