@@ -162,7 +162,7 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
 SVTime SVClockGetTime(SVClockRef clock) noexcept {
     if (clock == nullptr) return kInvalid;
     if (clock == hostClockIfMade()) return sorvel::clock::hostTimeNow();
-    if (!sorvel::clock::gClockClass.isInstance(clock)) return kInvalid;
+    if (!sorvel::clock::gClockClass.checked(clock)) return kInvalid;
     return sorvel::clock::currentTime(clock);
 }
 
@@ -180,7 +180,7 @@ Boolean SVClockMightDrift(SVClockRef clock, SVClockRef otherClock) noexcept {
 }
 
 void SVClockInvalidate(SVClockRef clock) noexcept {
-    if (clock == nullptr || !sorvel::clock::gClockClass.isInstance(clock)) return;
+    if (!sorvel::clock::gClockClass.checked(clock)) return;
     if (clock->isHostClock) SV_FATAL("SVClockInvalidate", __LINE__, "can't invalidate the host clock");
     __atomic_store_n(&clock->invalidated, true, __ATOMIC_RELAXED);
 }

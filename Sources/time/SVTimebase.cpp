@@ -54,12 +54,6 @@ OpaqueSVTimebase *asTimebase(CFTypeRef cf) noexcept {
     return sorvel::SVRuntimeClass<OpaqueSVTimebase>::cast(cf);
 }
 
-// The timebase, or NULL when `timebase` is NULL or not a timebase.
-OpaqueSVTimebase *checked(SVTimebaseRef timebase) noexcept {
-    if (timebase == nullptr || !sorvel::timebase::gTimebaseClass.isInstance(timebase)) return nullptr;
-    return timebase;
-}
-
 OSStatus missingTimebase(const char *function, int line) noexcept {
     SV_LOG(3, function, line, "timebase is NULL or not a timebase");
     return kSVTimebaseError_MissingRequiredParameter;
@@ -262,7 +256,7 @@ OSStatus SVTimebaseCreateWithMasterTimebase(CFAllocatorRef allocator, SVTimebase
 }
 
 SVTime SVTimebaseGetTime(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return kInvalid;
     return sorvel::timebase::currentTime(checkedTimebase);
 }
@@ -273,7 +267,7 @@ SVTime SVTimebaseGetTimeWithTimeScale(SVTimebaseRef timebase, SVTimeScale timesc
 }
 
 OSStatus SVTimebaseGetTimeAndRate(SVTimebaseRef timebase, SVTime *timeOut, Float64 *rateOut) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseGetTimeAndRate", __LINE__);
     State state = sorvel::timebase::readState(checkedTimebase);
     if (timeOut != nullptr) *timeOut = sorvel::timebase::timeAt(state, masterTime(checkedTimebase));
@@ -282,17 +276,17 @@ OSStatus SVTimebaseGetTimeAndRate(SVTimebaseRef timebase, SVTime *timeOut, Float
 }
 
 Float64 SVTimebaseGetRate(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     return checkedTimebase != nullptr ? sorvel::timebase::readRate(checkedTimebase) : 0.0;
 }
 
 Float64 SVTimebaseGetEffectiveRate(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     return checkedTimebase != nullptr ? sorvel::sync::effectiveRate(checkedTimebase) : 0.0;
 }
 
 OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRate", __LINE__);
     setRate(checkedTimebase, rate, true);
     sorvel::timebase::rescheduleTimers(checkedTimebase);
@@ -300,7 +294,7 @@ OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
 }
 
 OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetTime", __LINE__);
     setAnchor(checkedTimebase, time, masterTime(checkedTimebase));
     sorvel::timebase::rescheduleTimers(checkedTimebase);
@@ -308,7 +302,7 @@ OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
 }
 
 OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SVTime immediateMasterTime) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetAnchorTime", __LINE__);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
     sorvel::timebase::rescheduleTimers(checkedTimebase);
@@ -317,7 +311,7 @@ OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SV
 
 OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SVTime timebaseTime,
                                         SVTime immediateMasterTime) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRateAndAnchorTime", __LINE__);
     // Children hear the rate before the anchors are set; they wait for the
     // jump that follows, and this timebase re-arms once, at the end.
@@ -330,24 +324,24 @@ OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SV
 }
 
 SVClockOrTimebaseRef SVTimebaseGetMaster(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     return checkedTimebase != nullptr ? checkedTimebase->master : nullptr;
 }
 
 SVClockRef SVTimebaseGetMasterClock(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr || checkedTimebase->masterKind != Kind::Clock) return nullptr;
     return static_cast<SVClockRef>(const_cast<void *>(checkedTimebase->master));
 }
 
 SVTimebaseRef SVTimebaseGetMasterTimebase(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr || checkedTimebase->masterKind != Kind::Timebase) return nullptr;
     return asTimebase(checkedTimebase->master);
 }
 
 SVClockRef SVTimebaseGetUltimateMasterClock(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return nullptr;
     return static_cast<SVClockRef>(const_cast<void *>(sorvel::sync::ultimateMasterClock(checkedTimebase)));
 }

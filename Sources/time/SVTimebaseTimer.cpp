@@ -78,11 +78,6 @@ std::unordered_map<const void *, const OpaqueSVTimebase *> &owners() {
     return *map;
 }
 
-OpaqueSVTimebase *checked(SVTimebaseRef timebase) noexcept {
-    if (timebase == nullptr || !sorvel::timebase::gTimebaseClass.isInstance(timebase)) return nullptr;
-    return timebase;
-}
-
 uint64_t hostNow() noexcept {
     return static_cast<uint64_t>(sorvel::clock::hostTimeNow().value);
 }
@@ -198,7 +193,7 @@ OSStatus notAdded(const char *function, int line, const void *timer) noexcept {
 
 OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoopRef runLoop,
              const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (tb == nullptr) return missing(function, __LINE__, "timebase");
     if (timer == nullptr) return missing(function, __LINE__, isSource ? "timerSource" : "timer");
     if (!isSource && runLoop == nullptr) return missing(function, __LINE__, "runloop");
@@ -240,7 +235,7 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
 }
 
 OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (tb == nullptr) return missing(function, __LINE__, "timebase");
     if (timer == nullptr) return missing(function, __LINE__, "timer");
     Record removed;
@@ -263,7 +258,7 @@ OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function)
 
 OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime fireTime,
                      const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (tb == nullptr) return missing(function, __LINE__, "timebase");
     if (timer == nullptr) return missing(function, __LINE__, "timer");
     sorvel::SVMutexGuard lock(tb->timerMutex);
@@ -281,7 +276,7 @@ OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime 
 }
 
 OSStatus getDeadline(SVTimebaseRef timebase, const void *timer, SVTime *deadlineOut, const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (tb == nullptr) return missing(function, __LINE__, "timebase");
     if (timer == nullptr) return missing(function, __LINE__, "timer");
     if (deadlineOut == nullptr) return missing(function, __LINE__, "deadlineOut");
