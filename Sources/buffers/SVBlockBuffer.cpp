@@ -169,7 +169,8 @@ bool growthFits(const Buffer *buffer, size_t dataLength, const char *function, i
 
 OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, size_t dataLength,
                          const char *function) noexcept {
-    if (!buffer || !target) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(buffer) || !gSVBlockBufferClass.checked(target))
+        return kSVBlockBufferBadPointerParameterErr;
     const size_t targetLength = target->dataLength;
     if (offsetToData >= targetLength) return kSVBlockBufferBadOffsetParameterErr;
     if (dataLength == 0)
@@ -264,7 +265,7 @@ CFTypeID SVBlockBufferGetTypeID(void) noexcept {
 
 OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer, size_t offset, size_t length,
                                 SVBlockBufferCopyDirection direction, Boolean mayAllocate) noexcept {
-    if (!memory || !buffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!memory || !gSVBlockBufferClass.checked(buffer)) return kSVBlockBufferBadPointerParameterErr;
     if (OSStatus status = checkRange(buffer, offset, length); status != kSVBlockBufferNoErr) return status;
     char *bytes = static_cast<char *>(memory);
     // memmove: the caller's memory may lie inside the buffer's own blocks.
@@ -291,7 +292,7 @@ OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, void *memory
                                         CFAllocatorRef blockAllocator,
                                         const SVBlockBufferCustomBlockSource *customBlockSource, size_t offsetToData,
                                         size_t dataLength, SVBlockBufferFlags flags) noexcept {
-    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (dataLength == 0) {
         SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "dataLength must be a positive non-zero number.");
         return kSVBlockBufferBadLengthParameterErr;
@@ -374,6 +375,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
     SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
     if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
 
+    if (!gSVBlockBufferClass.checked(sourceBuffer)) sourceBuffer = nullptr;
     const size_t length = dataLength ? dataLength : (sourceBuffer ? sourceBuffer->dataLength : 0) - offsetToData;
     OSStatus status;
     if (!(flags & kSVBlockBufferAlwaysCopyDataFlag)) {
@@ -401,7 +403,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
 }
 
 OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
-    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     for (SubBlock *piece = theBuffer->firstSubBlock; piece; piece = piece->next) {
         if (piece->isReference) {
             OSStatus status = SVBlockBufferAssureBlockMemory(
@@ -419,7 +421,7 @@ OSStatus SVBlockBufferAccessDataBytes(SVBlockBufferRef theBuffer, size_t offset,
                                       char **dataPointerOut) noexcept {
     if (!dataPointerOut) return kSVBlockBufferBadPointerParameterErr;
     *dataPointerOut = nullptr;
-    if (!theBuffer || !temporaryBlock) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer) || !temporaryBlock) return kSVBlockBufferBadPointerParameterErr;
     if (length == 0) return kSVBlockBufferBadLengthParameterErr;
     size_t run;
     char *pointer;
@@ -449,7 +451,7 @@ OSStatus SVBlockBufferReplaceDataBytes(const void *sourceBytes, SVBlockBufferRef
 
 OSStatus SVBlockBufferFillDataBytes(char fillByte, SVBlockBufferRef destinationBuffer, size_t offsetIntoDestination,
                                     size_t dataLength) noexcept {
-    if (!destinationBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(destinationBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (offsetIntoDestination >= destinationBuffer->dataLength) return kSVBlockBufferBadOffsetParameterErr;
     if (dataLength > destinationBuffer->dataLength - offsetIntoDestination) return kSVBlockBufferBadLengthParameterErr;
     if (dataLength == 0) {
@@ -473,7 +475,7 @@ OSStatus SVBlockBufferGetDataPointer(SVBlockBufferRef theBuffer, size_t offset, 
     if (lengthAtOffsetOut) *lengthAtOffsetOut = 0;
     if (totalLengthOut) *totalLengthOut = 0;
     if (dataPointerOut) *dataPointerOut = nullptr;
-    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (totalLengthOut) *totalLengthOut = theBuffer->dataLength;
     size_t run;
     char *pointer;
@@ -485,11 +487,11 @@ OSStatus SVBlockBufferGetDataPointer(SVBlockBufferRef theBuffer, size_t offset, 
 }
 
 size_t SVBlockBufferGetDataLength(SVBlockBufferRef theBuffer) noexcept {
-    return theBuffer ? theBuffer->dataLength : 0;
+    return gSVBlockBufferClass.checked(theBuffer) ? theBuffer->dataLength : 0;
 }
 
 Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset, size_t length) noexcept {
-    if (!theBuffer) return false;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return false;
     size_t run;
     char *pointer;
     if (locate(theBuffer, offset, &run, &pointer) != kSVBlockBufferNoErr) return false;
@@ -498,7 +500,7 @@ Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset
 }
 
 Boolean SVBlockBufferIsEmpty(SVBlockBufferRef theBuffer) noexcept {
-    return theBuffer ? theBuffer->dataLength == 0 : false;
+    return gSVBlockBufferClass.checked(theBuffer) ? theBuffer->dataLength == 0 : false;
 }
 
 }  // extern "C"

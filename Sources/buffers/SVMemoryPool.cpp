@@ -370,17 +370,17 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
 }
 
 CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept {
-    return pool ? pool->allocator : nullptr;
+    return gSVMemoryPoolClass.checked(pool) ? pool->allocator : nullptr;
 }
 
 void SVMemoryPoolFlush(SVMemoryPoolRef pool) noexcept {
-    if (!pool || !pool->state) return;
+    if (!gSVMemoryPoolClass.checked(pool) || !pool->state) return;
     sorvel::SVMutexGuard locked(pool->state->lock);
     if (pool->freeList) flushLocked(*pool->freeList);
 }
 
 void SVMemoryPoolInvalidate(SVMemoryPoolRef pool) noexcept {
-    if (!pool || !pool->state) return;
+    if (!gSVMemoryPoolClass.checked(pool) || !pool->state) return;
     sorvel::SVMutexGuard locked(pool->state->lock);
     invalidateLocked(pool);
 }

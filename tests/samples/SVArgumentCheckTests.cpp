@@ -5,8 +5,11 @@
 // family; each row calls one entry point and says whether the answer is the
 // documented one.  The wrong objects are a constant string (recognised by
 // its isa) and a runtime-made number (recognised by its type identifier).
+#include <Sorvel/SVBlockBuffer.h>
 #include <Sorvel/SVBufferQueue.h>
+#include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVSampleBuffer.h>
+#include <Sorvel/SVSimpleQueue.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -126,6 +129,117 @@ TEST(ArgumentCheck, BufferQueueCallsAnswerAWrongObjectAsAMissingQueue) {
                     lines[0].function == "SVBufferQueueTestTrigger" && lines[0].message == "The queue is null";
          }},
     });
+}
+
+// ---- simple queues, memory pools, block buffers ----------------------------------------
+
+template <typename Ref>
+Ref as(CFTypeRef cf) {
+    return static_cast<Ref>(const_cast<void *>(cf));
+}
+
+TEST(ArgumentCheck, SimpleQueueCallsAnswerAWrongObjectAsAMissingQueue) {
+    constexpr OSStatus kMissing = kSVSimpleQueueError_RequiredParameterMissing;
+    static int element;
+    checkTable({
+        {"SVSimpleQueueEnqueue",
+         [](CFTypeRef q) { return SVSimpleQueueEnqueue(as<SVSimpleQueueRef>(q), &element) == kMissing; }},
+        {"SVSimpleQueueDequeue", [](CFTypeRef q) { return SVSimpleQueueDequeue(as<SVSimpleQueueRef>(q)) == nullptr; }},
+        {"SVSimpleQueueGetHead", [](CFTypeRef q) { return SVSimpleQueueGetHead(as<SVSimpleQueueRef>(q)) == nullptr; }},
+        {"SVSimpleQueueReset", [](CFTypeRef q) { return SVSimpleQueueReset(as<SVSimpleQueueRef>(q)) == kMissing; }},
+        {"SVSimpleQueueGetCapacity",
+         [](CFTypeRef q) { return SVSimpleQueueGetCapacity(as<SVSimpleQueueRef>(q)) == 0; }},
+        {"SVSimpleQueueGetCount", [](CFTypeRef q) { return SVSimpleQueueGetCount(as<SVSimpleQueueRef>(q)) == 0; }},
+    });
+}
+
+TEST(ArgumentCheck, MemoryPoolCallsAnswerAWrongObjectAsAMissingPool) {
+    checkTable({
+        {"SVMemoryPoolGetAllocator",
+         [](CFTypeRef p) { return SVMemoryPoolGetAllocator(as<SVMemoryPoolRef>(p)) == nullptr; }},
+        {"SVMemoryPoolFlush",
+         [](CFTypeRef p) {
+             SVMemoryPoolFlush(as<SVMemoryPoolRef>(p));
+             return true;
+         }},
+        {"SVMemoryPoolInvalidate",
+         [](CFTypeRef p) {
+             SVMemoryPoolInvalidate(as<SVMemoryPoolRef>(p));
+             return true;
+         }},
+    });
+}
+
+TEST(ArgumentCheck, BlockBufferCallsAnswerAWrongObjectAsAMissingBuffer) {
+    constexpr OSStatus kBadPointer = kSVBlockBufferBadPointerParameterErr;
+    static char bytes[16];
+    SVBlockBufferRef real = nullptr;
+    ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, bytes, sizeof bytes, kCFAllocatorNull, nullptr, 0,
+                                                 sizeof bytes, 0, &real),
+              0);
+    auto bb = [](CFTypeRef b) { return as<SVBlockBufferRef>(b); };
+    // Each creation call must also leave nothing behind.
+    auto noneMade = [](OSStatus status, SVBlockBufferRef made) {
+        if (made) CFRelease(made);
+        return status == kSVBlockBufferBadPointerParameterErr && made == nullptr;
+    };
+    checkTable({
+        {"SVBlockBufferAppendMemoryBlock",
+         [&](CFTypeRef b) {
+             return SVBlockBufferAppendMemoryBlock(bb(b), nullptr, 4, nullptr, nullptr, 0, 4, 0) == kBadPointer;
+         }},
+        {"SVBlockBufferAppendBufferReference (buffer)",
+         [&](CFTypeRef b) { return SVBlockBufferAppendBufferReference(bb(b), real, 0, 4, 0) == kBadPointer; }},
+        {"SVBlockBufferAppendBufferReference (target)",
+         [&](CFTypeRef b) { return SVBlockBufferAppendBufferReference(real, bb(b), 0, 4, 0) == kBadPointer; }},
+        {"SVBlockBufferCreateWithBufferReference",
+         [&](CFTypeRef b) {
+             SVBlockBufferRef made = nullptr;
+             return noneMade(SVBlockBufferCreateWithBufferReference(nullptr, bb(b), 0, 4, 0, &made), made);
+         }},
+        {"SVBlockBufferCreateContiguous",
+         [&](CFTypeRef b) {
+             SVBlockBufferRef made = nullptr;
+             return noneMade(SVBlockBufferCreateContiguous(nullptr, bb(b), nullptr, nullptr, 0, 4, 0, &made), made);
+         }},
+        {"SVBlockBufferCreateContiguous (always copy)",
+         [&](CFTypeRef b) {
+             SVBlockBufferRef made = nullptr;
+             return noneMade(SVBlockBufferCreateContiguous(nullptr, bb(b), nullptr, nullptr, 0, 4,
+                                                           kSVBlockBufferAlwaysCopyDataFlag, &made),
+                             made);
+         }},
+        {"SVBlockBufferAssureBlockMemory",
+         [&](CFTypeRef b) { return SVBlockBufferAssureBlockMemory(bb(b)) == kBadPointer; }},
+        {"SVBlockBufferAccessDataBytes",
+         [&](CFTypeRef b) {
+             char temporary[4];
+             char *out = bytes;
+             return SVBlockBufferAccessDataBytes(bb(b), 0, 4, temporary, &out) == kBadPointer && out == nullptr;
+         }},
+        {"SVBlockBufferCopyDataBytes",
+         [&](CFTypeRef b) {
+             char out[4];
+             return SVBlockBufferCopyDataBytes(bb(b), 0, 4, out) == kBadPointer;
+         }},
+        {"SVBlockBufferReplaceDataBytes",
+         [&](CFTypeRef b) { return SVBlockBufferReplaceDataBytes("abcd", bb(b), 0, 4) == kBadPointer; }},
+        {"SVBlockBufferFillDataBytes",
+         [&](CFTypeRef b) { return SVBlockBufferFillDataBytes('x', bb(b), 0, 4) == kBadPointer; }},
+        {"SVBlockBufferGetDataPointer",
+         [&](CFTypeRef b) {
+             size_t run = 1, total = 1;
+             char *out = bytes;
+             return SVBlockBufferGetDataPointer(bb(b), 0, &run, &total, &out) == kBadPointer && run == 0 &&
+                    total == 0 && out == nullptr;
+         }},
+        {"SVBlockBufferGetDataLength", [&](CFTypeRef b) { return SVBlockBufferGetDataLength(bb(b)) == 0; }},
+        {"SVBlockBufferIsRangeContiguous",
+         [&](CFTypeRef b) { return SVBlockBufferIsRangeContiguous(bb(b), 0, 4) == false; }},
+        {"SVBlockBufferIsEmpty", [&](CFTypeRef b) { return SVBlockBufferIsEmpty(bb(b)) == false; }},
+    });
+    EXPECT_EQ(SVBlockBufferGetDataLength(real), sizeof bytes) << "the real buffer is untouched";
+    CFRelease(real);
 }
 
 }  // namespace
