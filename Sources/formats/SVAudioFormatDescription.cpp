@@ -29,7 +29,7 @@ constexpr uint32_t kChannelDescriptionSize = sizeof(AudioChannelDescription);
 static_assert(kLayoutRecordSize == 32 && kLayoutHeaderSize == 12 && kChannelDescriptionSize == 20);
 
 bool isAudio(SVFormatDescriptionRef desc) {
-    return desc && desc->mediaType == kSVMediaType_Audio;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) && desc->mediaType == kSVMediaType_Audio;
 }
 
 uint32_t readWord(const uint8_t *bytes, uint64_t offset) {

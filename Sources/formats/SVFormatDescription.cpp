@@ -238,25 +238,26 @@ OSStatus SVFormatDescriptionCreate(CFAllocatorRef allocator, SVMediaType mediaTy
 }
 
 SVMediaType SVFormatDescriptionGetMediaType(SVFormatDescriptionRef desc) noexcept {
-    return desc ? desc->mediaType : 0;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) ? desc->mediaType : 0;
 }
 
 FourCharCode SVFormatDescriptionGetMediaSubType(SVFormatDescriptionRef desc) noexcept {
-    return desc ? desc->mediaSubType : 0;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) ? desc->mediaSubType : 0;
 }
 
 CFDictionaryRef SVFormatDescriptionGetExtensions(SVFormatDescriptionRef desc) noexcept {
-    return desc ? desc->extensions : nullptr;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) ? desc->extensions : nullptr;
 }
 
 CFPropertyListRef SVFormatDescriptionGetExtension(SVFormatDescriptionRef desc, CFStringRef extensionKey) noexcept {
-    if (!desc || !desc->extensions || !extensionKey) return nullptr;
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc) || !desc->extensions || !extensionKey) return nullptr;
     return CFDictionaryGetValue(desc->extensions, extensionKey);
 }
 
 Boolean SVFormatDescriptionEqual(SVFormatDescriptionRef desc1, SVFormatDescriptionRef desc2) noexcept {
     if (desc1 == desc2) return true;
-    if (!desc1 || !desc2) return false;
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc1) || !sorvel::gSVFormatDescriptionClass.checked(desc2))
+        return false;
     if (desc1->mediaType != desc2->mediaType || desc1->mediaSubType != desc2->mediaSubType) return false;
     if (desc1->extensions != desc2->extensions &&
         (!desc1->extensions || !desc2->extensions || !CFEqual(desc1->extensions, desc2->extensions)))

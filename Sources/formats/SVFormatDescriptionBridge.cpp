@@ -859,7 +859,7 @@ Family flavorFamily(CFStringRef flavor, SVMediaType mediaType, bool *version2) {
 
 OSStatus copyEntryBytes(SVFormatDescriptionRef desc, CFStringRef flavor, std::vector<uint8_t> &bytes,
                         const char *function) {
-    if (!desc) {
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc)) {
         SV_LOG(3, function, __LINE__, "No format description");
         return kSVSampleDescriptionError_InvalidParameter;
     }

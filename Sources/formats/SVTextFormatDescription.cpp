@@ -28,6 +28,7 @@ constexpr FourCharCode kSubtype3GText = kSVTextFormatType_3GText;
 // formats that are not implemented, and a logged refusal for everything
 // else.
 bool passesTextGate(SVTextFormatDescriptionRef desc, const char *function, OSStatus &status) {
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc)) desc = nullptr;
     const FourCharCode type = desc ? desc->mediaType : 0;
     const FourCharCode subtype = desc ? desc->mediaSubType : 0;
     if (type == kSVMediaType_Text || type == kSVMediaType_Subtitle) {

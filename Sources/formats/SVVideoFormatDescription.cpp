@@ -25,7 +25,7 @@ constexpr FourCharCode kHEV1 = 0x68657631;          // 'hev1'
 constexpr FourCharCode kUnknownImage = 0x7761743F;  // 'wat?'
 
 bool isVideo(SVFormatDescriptionRef desc) {
-    return desc && desc->mediaType == kSVMediaType_Video;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) && desc->mediaType == kSVMediaType_Video;
 }
 
 CFDictionaryRef dictionaryExtension(SVFormatDescriptionRef desc, CFStringRef key) {

@@ -7,8 +7,10 @@
 // its isa) and a runtime-made number (recognised by its type identifier).
 #include <Sorvel/SVBlockBuffer.h>
 #include <Sorvel/SVBufferQueue.h>
+#include <Sorvel/SVFormatDescription.h>
 #include <Sorvel/SVMemoryPool.h>
 #include <Sorvel/SVSampleBuffer.h>
+#include <Sorvel/SVSampleDescription.h>
 #include <Sorvel/SVSimpleQueue.h>
 #include <gtest/gtest.h>
 
@@ -239,6 +241,158 @@ TEST(ArgumentCheck, BlockBufferCallsAnswerAWrongObjectAsAMissingBuffer) {
         {"SVBlockBufferIsEmpty", [&](CFTypeRef b) { return SVBlockBufferIsEmpty(bb(b)) == false; }},
     });
     EXPECT_EQ(SVBlockBufferGetDataLength(real), sizeof bytes) << "the real buffer is untouched";
+    CFRelease(real);
+}
+
+// ---- format descriptions ---------------------------------------------------------------
+
+// True when exactly one line was logged at level 3 by `function` and its
+// message starts with `text`.
+bool loggedOnce(const LogCapture &log, const char *function, const std::string &text) {
+    auto lines = log.lines();
+    return lines.size() == 1 && lines[0].level == 3 && lines[0].function == function &&
+           lines[0].message.rfind(text, 0) == 0;
+}
+
+TEST(ArgumentCheck, FormatDescriptionCallsAnswerAWrongObjectAsAMissingDescription) {
+    constexpr OSStatus kInvalid = kSVFormatDescriptionError_InvalidParameter;
+    SVFormatDescriptionRef real = nullptr;
+    ASSERT_EQ(SVFormatDescriptionCreate(nullptr, kSVMediaType_Video, 'avc1', nullptr, &real), 0);
+    auto fd = [](CFTypeRef d) { return as<SVFormatDescriptionRef>(d); };
+    auto sameRect = [](CGRect a, CGRect b) {
+        return a.origin.x == b.origin.x && a.origin.y == b.origin.y && a.size.width == b.size.width &&
+               a.size.height == b.size.height;
+    };
+    auto textGate = [](OSStatus status, const LogCapture &log, const char *function) {
+        return status == kSVFormatDescriptionError_InvalidParameter &&
+               loggedOnce(log, function, "Media type/subtype not supported: Type: ");
+    };
+    checkTable({
+        {"SVFormatDescriptionGetMediaType", [&](CFTypeRef d) { return SVFormatDescriptionGetMediaType(fd(d)) == 0; }},
+        {"SVFormatDescriptionGetMediaSubType",
+         [&](CFTypeRef d) { return SVFormatDescriptionGetMediaSubType(fd(d)) == 0; }},
+        {"SVFormatDescriptionGetExtensions",
+         [&](CFTypeRef d) { return SVFormatDescriptionGetExtensions(fd(d)) == nullptr; }},
+        {"SVFormatDescriptionGetExtension",
+         [&](CFTypeRef d) { return SVFormatDescriptionGetExtension(fd(d), CFSTR("key")) == nullptr; }},
+        {"SVFormatDescriptionEqual (first)", [&](CFTypeRef d) { return !SVFormatDescriptionEqual(fd(d), real); }},
+        {"SVFormatDescriptionEqual (second)", [&](CFTypeRef d) { return !SVFormatDescriptionEqual(real, fd(d)); }},
+        {"SVAudioFormatDescriptionGetStreamBasicDescription",
+         [&](CFTypeRef d) { return SVAudioFormatDescriptionGetStreamBasicDescription(fd(d)) == nullptr; }},
+        {"SVAudioFormatDescriptionGetChannelLayout",
+         [&](CFTypeRef d) {
+             size_t size = 1;
+             return SVAudioFormatDescriptionGetChannelLayout(fd(d), &size) == nullptr && size == 0;
+         }},
+        {"SVAudioFormatDescriptionGetMagicCookie",
+         [&](CFTypeRef d) {
+             size_t size = 1;
+             return SVAudioFormatDescriptionGetMagicCookie(fd(d), &size) == nullptr && size == 0;
+         }},
+        {"SVAudioFormatDescriptionGetFormatList",
+         [&](CFTypeRef d) {
+             size_t size = 0;
+             return SVAudioFormatDescriptionGetFormatList(fd(d), &size) == nullptr;
+         }},
+        {"SVAudioFormatDescriptionGetMostCompatibleFormat",
+         [&](CFTypeRef d) { return SVAudioFormatDescriptionGetMostCompatibleFormat(fd(d)) == nullptr; }},
+        {"SVAudioFormatDescriptionGetRichestDecodableFormat",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             return SVAudioFormatDescriptionGetRichestDecodableFormat(fd(d)) == nullptr;
+         }},
+        {"SVAudioFormatDescriptionEqual",
+         [&](CFTypeRef d) {
+             SVAudioFormatDescriptionMask mask = 1;
+             return !SVAudioFormatDescriptionEqual(fd(d), real, kSVAudioFormatDescriptionMask_All, &mask) && mask == 0;
+         }},
+        {"SVVideoFormatDescriptionGetDimensions",
+         [&](CFTypeRef d) {
+             SVVideoDimensions size = SVVideoFormatDescriptionGetDimensions(fd(d));
+             return size.width == 0 && size.height == 0;
+         }},
+        {"SVVideoFormatDescriptionGetPresentationDimensions",
+         [&](CFTypeRef d) {
+             CGSize size = SVVideoFormatDescriptionGetPresentationDimensions(fd(d), true, true);
+             return size.width == 0 && size.height == 0;
+         }},
+        {"SVVideoFormatDescriptionGetCleanAperture",
+         [&](CFTypeRef d) { return sameRect(SVVideoFormatDescriptionGetCleanAperture(fd(d), true), CGRectZero); }},
+        {"SVVideoFormatDescriptionGetH264ParameterSetAtIndex",
+         [&](CFTypeRef d) {
+             size_t count = 0;
+             return SVVideoFormatDescriptionGetH264ParameterSetAtIndex(fd(d), 0, nullptr, nullptr, &count, nullptr) ==
+                    kInvalid;
+         }},
+        {"SVVideoFormatDescriptionGetHEVCParameterSetAtIndex",
+         [&](CFTypeRef d) {
+             size_t count = 0;
+             return SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(fd(d), 0, nullptr, nullptr, &count, nullptr) ==
+                    kInvalid;
+         }},
+        {"SVVideoFormatDescriptionGetCodingInfo",
+         [&](CFTypeRef d) {
+             SVVideoCodingInfo info;
+             return SVVideoFormatDescriptionGetCodingInfo(fd(d), &info) == kInvalid;
+         }},
+        {"SVVideoFormatDescriptionGetH264FieldDetailOfSample",
+         [&](CFTypeRef d) {
+             static const uint8_t sample[] = {0, 0, 0, 1, 0x65};
+             return SVVideoFormatDescriptionGetH264FieldDetailOfSample(fd(d), sample, sizeof sample) == nullptr;
+         }},
+        {"SVVideoFormatDescriptionMatchesImageBuffer",
+         [&](CFTypeRef d) {
+             return !SVVideoFormatDescriptionMatchesImageBuffer(fd(d), as<CVImageBufferRef>(CFSTR("not an image")));
+         }},
+        {"SVTextFormatDescriptionGetDisplayFlags",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             SVTextDisplayFlags flags;
+             return textGate(SVTextFormatDescriptionGetDisplayFlags(fd(d), &flags), log,
+                             "SVTextFormatDescriptionGetDisplayFlags");
+         }},
+        {"SVTextFormatDescriptionGetJustification",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             SVTextJustificationValue h, v;
+             return textGate(SVTextFormatDescriptionGetJustification(fd(d), &h, &v), log,
+                             "SVTextFormatDescriptionGetJustification");
+         }},
+        {"SVTextFormatDescriptionGetDefaultTextBox",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             SVTextRect box;
+             return textGate(SVTextFormatDescriptionGetDefaultTextBox(fd(d), true, 100, &box), log,
+                             "SVTextFormatDescriptionGetDefaultTextBox");
+         }},
+        {"SVTextFormatDescriptionGetDefaultStyle",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             uint16_t font;
+             Boolean bold, italic, underline;
+             Float32 size, color[4];
+             return textGate(
+                 SVTextFormatDescriptionGetDefaultStyle(fd(d), &font, &bold, &italic, &underline, &size, color), log,
+                 "SVTextFormatDescriptionGetDefaultStyle");
+         }},
+        {"SVTextFormatDescriptionGetFontName",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             CFStringRef name = nullptr;
+             return textGate(SVTextFormatDescriptionGetFontName(fd(d), 1, &name), log,
+                             "SVTextFormatDescriptionGetFontName");
+         }},
+        {"SVSampleDescriptionCopyAsBigEndianData",
+         [&](CFTypeRef d) {
+             LogCapture log;
+             CFDataRef data = nullptr;
+             OSStatus status = SVSampleDescriptionCopyAsBigEndianData(nullptr, fd(d), nullptr, &data);
+             if (data) CFRelease(data);
+             return status == kSVSampleDescriptionError_InvalidParameter && data == nullptr &&
+                    loggedOnce(log, "SVSampleDescriptionCopyAsBigEndianData", "No format description");
+         }},
+    });
+    EXPECT_EQ(SVFormatDescriptionGetMediaSubType(real), 'avc1');
     CFRelease(real);
 }
 
