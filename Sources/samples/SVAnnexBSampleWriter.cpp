@@ -14,6 +14,7 @@
 
 #include "bitstream/_SVUtilitiesInternal.h"
 #include "core/SVLog.h"
+#include "samples/SVSampleBufferInternal.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ bool isNotSync(SVSampleBufferRef sbuf) noexcept {
 template <typename Allocate>
 OSStatus writeAnnexB(const char *kFunction, SVSampleBufferRef sampleBuffer, int32_t includeParameterSets,
                      const uint8_t *nalTypesToSkip, size_t skipCount, Allocate &&allocator) noexcept {
-    if (!sampleBuffer) return kInvalidParameter;
+    if (!sorvel::gSVSampleBufferClass.checked(sampleBuffer)) return kInvalidParameter;
     SVFormatDescriptionRef desc = SVSampleBufferGetFormatDescription(sampleBuffer);
     const FourCharCode subtype = desc ? SVFormatDescriptionGetMediaSubType(desc) : 0;
     if (subtype != kAVC1 && subtype != kHVC1) return kInvalidParameter;

@@ -274,7 +274,7 @@ OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef data
 
 // The checks shared by the calls that read or set an audio buffer's data.
 OSStatus checkAudioBuffer(SVSampleBufferRef sbuf, const char *function, Layout *layout) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -481,7 +481,7 @@ OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(CFAllocatorRef all
 OSStatus SVSampleBufferGetAudioStreamPacketDescriptions(SVSampleBufferRef sbuf, size_t packetDescriptionsSize,
                                                         AudioStreamPacketDescription *packetDescriptionsOut,
                                                         size_t *packetDescriptionsSizeNeededOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -497,7 +497,7 @@ OSStatus SVSampleBufferGetAudioStreamPacketDescriptions(SVSampleBufferRef sbuf, 
 OSStatus SVSampleBufferGetAudioStreamPacketDescriptionsPtr(
     SVSampleBufferRef sbuf, const AudioStreamPacketDescription **packetDescriptionsPointerOut,
     size_t *packetDescriptionsSizeOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;

@@ -118,7 +118,7 @@ OSStatus createDataBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
         }
     }
     Buffer *sbuf = sorvel::SVSampleBufferAllocate(allocator);
-    if (!sbuf) {
+    if (!gSVSampleBufferClass.checked(sbuf)) {
         sorvel::SVSampleBufferFreeArray(allocator, timing);
         sorvel::SVSampleBufferFreeArray(allocator, sizes);
         *sampleBufferOut = nullptr;
@@ -150,7 +150,7 @@ OSStatus createImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffe
         return kSVSampleBufferError_RequiredParameterMissing;
     }
     Buffer *sbuf = sorvel::SVSampleBufferAllocate(allocator);
-    if (!sbuf) {
+    if (!gSVSampleBufferClass.checked(sbuf)) {
         *sampleBufferOut = nullptr;
         return kSVSampleBufferError_AllocationFailed;
     }
@@ -280,33 +280,37 @@ OSStatus SVSampleBufferCreateReadyWithImageBuffer(CFAllocatorRef allocator, CVIm
 // ==== Plain getters ==========================================================
 
 Boolean SVSampleBufferIsValid(SVSampleBufferRef sbuf) noexcept {
-    return sbuf && !asBuffer(sbuf)->invalidated;
+    return gSVSampleBufferClass.checked(sbuf) && !asBuffer(sbuf)->invalidated;
 }
 
 SVFormatDescriptionRef SVSampleBufferGetFormatDescription(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return nullptr;
     return asBuffer(sbuf)->formatDescription;
 }
 
 SVBlockBufferRef SVSampleBufferGetDataBuffer(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated || asBuffer(sbuf)->kind != kSVSampleBufferKind_DataBuffer) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated ||
+        asBuffer(sbuf)->kind != kSVSampleBufferKind_DataBuffer)
+        return nullptr;
     return static_cast<SVBlockBufferRef>(const_cast<void *>(asBuffer(sbuf)->dataOrImageBuffer));
 }
 
 CVImageBufferRef SVSampleBufferGetImageBuffer(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated || asBuffer(sbuf)->kind != kSVSampleBufferKind_ImageBuffer) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated ||
+        asBuffer(sbuf)->kind != kSVSampleBufferKind_ImageBuffer)
+        return nullptr;
     return static_cast<CVImageBufferRef>(const_cast<void *>(asBuffer(sbuf)->dataOrImageBuffer));
 }
 
 SVItemCount SVSampleBufferGetNumSamples(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return 0;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return 0;
     return numSamplesOf(asBuffer(sbuf));
 }
 
 // ==== Buffer-wide timing =====================================================
 
 SVTime SVSampleBufferGetPresentationTimeStamp(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
     const Buffer *b = asBuffer(sbuf);
     switch (b->kind) {
         case kSVSampleBufferKind_ImageBuffer:
@@ -325,7 +329,7 @@ SVTime SVSampleBufferGetPresentationTimeStamp(SVSampleBufferRef sbuf) noexcept {
 }
 
 SVTime SVSampleBufferGetDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
     const Buffer *b = asBuffer(sbuf);
     switch (b->kind) {
         case kSVSampleBufferKind_ImageBuffer:
@@ -340,7 +344,7 @@ SVTime SVSampleBufferGetDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
 }
 
 SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
     const Buffer *b = asBuffer(sbuf);
     switch (b->kind) {
         case kSVSampleBufferKind_ImageBuffer:
@@ -366,7 +370,7 @@ SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) noexcept {
 // ==== Data buffer, readiness and failure =====================================
 
 OSStatus SVSampleBufferSetDataBuffer(SVSampleBufferRef sbuf, SVBlockBufferRef dataBuffer) noexcept {
-    if (!sbuf || !dataBuffer) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf) || !dataBuffer) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -376,13 +380,13 @@ OSStatus SVSampleBufferSetDataBuffer(SVSampleBufferRef sbuf, SVBlockBufferRef da
 }
 
 Boolean SVSampleBufferDataIsReady(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return false;
+    if (!gSVSampleBufferClass.checked(sbuf)) return false;
     const Buffer *deciding = decidingBuffer(asBuffer(sbuf));
     return !deciding->invalidated && deciding->dataReady;
 }
 
 OSStatus SVSampleBufferSetDataReady(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     // This buffer's own flag: a tracking chain is not followed.
@@ -391,7 +395,7 @@ OSStatus SVSampleBufferSetDataReady(SVSampleBufferRef sbuf) noexcept {
 }
 
 OSStatus SVSampleBufferMakeDataReady(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *deciding = decidingBuffer(asBuffer(sbuf));
     if (deciding->invalidated) return kSVSampleBufferError_Invalidated;
     if (deciding->dataReady) return 0;
@@ -409,8 +413,8 @@ OSStatus SVSampleBufferMakeDataReady(SVSampleBufferRef sbuf) noexcept {
 }
 
 OSStatus SVSampleBufferTrackDataReadiness(SVSampleBufferRef sbuf, SVSampleBufferRef sbufToTrack) noexcept {
-    if (!sbufToTrack) return kSVSampleBufferError_RequiredParameterMissing;
-    if (!sbuf) return 0;
+    if (!gSVSampleBufferClass.checked(sbufToTrack)) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return 0;
     // A buffer tracked before is deliberately not released: whoever asked
     // about readiness through it may still be relying on it being alive.
     asBuffer(sbuf)->trackedBuffer = static_cast<SVSampleBufferRef>(const_cast<void *>(CFRetain(sbufToTrack)));
@@ -418,7 +422,7 @@ OSStatus SVSampleBufferTrackDataReadiness(SVSampleBufferRef sbuf, SVSampleBuffer
 }
 
 OSStatus SVSampleBufferSetDataFailed(SVSampleBufferRef sbuf, OSStatus status) noexcept {
-    if (!sbuf) return 0;
+    if (!gSVSampleBufferClass.checked(sbuf)) return 0;
     Buffer *b = asBuffer(sbuf);
     b->dataFailedStatus = status;
     if (status != 0) {
@@ -436,7 +440,7 @@ OSStatus SVSampleBufferSetDataFailed(SVSampleBufferRef sbuf, OSStatus status) no
 }
 
 Boolean SVSampleBufferHasDataFailed(SVSampleBufferRef sbuf, OSStatus *statusOut) noexcept {
-    if (!sbuf) return false;
+    if (!gSVSampleBufferClass.checked(sbuf)) return false;
     OSStatus status = asBuffer(sbuf)->dataFailedStatus;
     if (status == 0) return false;
     if (statusOut) *statusOut = status;
@@ -446,7 +450,7 @@ Boolean SVSampleBufferHasDataFailed(SVSampleBufferRef sbuf, OSStatus *statusOut)
 // ==== Invalidation ===========================================================
 
 OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     // A second call, also one made by the handler itself, finds the buffer
     // invalidated: the handler runs at most once.
@@ -468,7 +472,7 @@ OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) noexcept {
 
 OSStatus SVSampleBufferSetInvalidateHandler(SVSampleBufferRef sbuf,
                                             SVSampleBufferInvalidateHandler invalidateHandler) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     // Copy first: the new handler may be the one already installed.
@@ -481,7 +485,7 @@ OSStatus SVSampleBufferSetInvalidateHandler(SVSampleBufferRef sbuf,
 OSStatus SVSampleBufferSetInvalidateCallback(SVSampleBufferRef sbuf,
                                              SVSampleBufferInvalidateCallback invalidateCallback,
                                              uint64_t invalidateRefCon) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     if (!invalidateCallback) return SVSampleBufferSetInvalidateHandler(sbuf, nullptr);
     return SVSampleBufferSetInvalidateHandler(sbuf, ^(SVSampleBufferRef buffer) {
       invalidateCallback(buffer, invalidateRefCon);
@@ -493,7 +497,7 @@ OSStatus SVSampleBufferSetInvalidateCallback(SVSampleBufferRef sbuf,
 CFArrayRef SVSampleBufferGetSampleAttachmentsArray(SVSampleBufferRef sbuf, Boolean createIfNecessary) noexcept {
     // Invalidation is deliberately not checked: the samples' attachments
     // live until finalization like their data.
-    if (!sbuf) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf)) return nullptr;
     Buffer *b = asBuffer(sbuf);
     if (b->sampleAttachmentsArray || !createIfNecessary) return b->sampleAttachmentsArray;
     SVItemCount count;

@@ -115,7 +115,7 @@ RangeBytes rangeBytes(CFAllocatorRef allocator, const Buffer *source, CFRange ra
 
 template <typename Handler>
 OSStatus forEachSample(SVSampleBufferRef sbuf, Handler &&handler) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->kind == kSVSampleBufferKind_ImageBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
     if (b->numSamples <= 0) return kSVSampleBufferError_CannotSubdivide;
@@ -202,7 +202,8 @@ bool SVSampleBufferWriteAnnexBPacket(SVSampleBufferRef sbuf, int32_t extraDataMo
 
 OSStatus SVSampleBufferCreateCopy(CFAllocatorRef allocator, SVSampleBufferRef sbuf,
                                   SVSampleBufferRef *sampleBufferOut) noexcept {
-    if (!sbuf || !sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf) || !sampleBufferOut)
+        return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *source = asBuffer(sbuf);
     if (source->invalidated) return kSVSampleBufferError_Invalidated;
     if (source->kind != kSVSampleBufferKind_DataBuffer && source->kind != kSVSampleBufferKind_ImageBuffer)
@@ -287,7 +288,7 @@ OSStatus SVSampleBufferCreateCopyWithNewTiming(CFAllocatorRef allocator, SVSampl
 
 OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSampleBufferRef sbuf, CFRange sampleRange,
                                                 SVSampleBufferRef *sampleBufferOut) noexcept {
-    const Buffer *source = asBuffer(sbuf);
+    const Buffer *source = sorvel::gSVSampleBufferClass.checked(sbuf);
     if (source && source->kind == kSVSampleBufferKind_ImageBuffer)
         return kSVSampleBufferError_InvalidMediaTypeForOperation;
     if (!sampleBufferOut || !source) return kSVSampleBufferError_RequiredParameterMissing;

@@ -108,7 +108,7 @@ SVTime outputDecode(const Adjustments &adjust, SVTime outputPresentationTime, SV
 }
 
 bool isUsable(SVSampleBufferRef sbuf) noexcept {
-    return sbuf && !asBuffer(sbuf)->invalidated;
+    return sorvel::gSVSampleBufferClass.checked(sbuf) && !asBuffer(sbuf)->invalidated;
 }
 
 bool hasOverride(const Buffer *b) noexcept {
@@ -143,7 +143,7 @@ SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) noex
 
 OSStatus SVSampleBufferSetOutputPresentationTimeStamp(SVSampleBufferRef sbuf,
                                                       SVTime outputPresentationTimeStamp) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     reinterpret_cast<Buffer *>(sbuf)->outputPresentationTimeStamp = outputPresentationTimeStamp;
     return 0;
 }
@@ -175,7 +175,7 @@ SVTime SVSampleBufferGetOutputDuration(SVSampleBufferRef sbuf) noexcept {
 OSStatus SVSampleBufferGetSampleTimingInfoArray(SVSampleBufferRef sbuf, SVItemCount timingArrayEntries,
                                                 SVSampleTimingInfo *timingArrayOut,
                                                 SVItemCount *timingArrayEntriesNeededOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     switch (b->kind) {
@@ -227,7 +227,7 @@ OSStatus SVSampleBufferGetOutputSampleTimingInfoArray(SVSampleBufferRef sbuf, SV
 
 OSStatus SVSampleBufferGetSampleTimingInfo(SVSampleBufferRef sbuf, SVItemIndex sampleIndex,
                                            SVSampleTimingInfo *timingInfoOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     switch (b->kind) {
@@ -271,7 +271,8 @@ size_t SVSampleBufferGetSampleSize(SVSampleBufferRef sbuf, SVItemIndex sampleInd
 
 OSStatus SVSampleBufferGetSampleSizeArray(SVSampleBufferRef sbuf, SVItemCount sizeArrayEntries, size_t *sizeArrayOut,
                                           SVItemCount *sizeArrayEntriesNeededOut) noexcept {
-    if (!sbuf || !sizeArrayEntriesNeededOut) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf) || !sizeArrayEntriesNeededOut)
+        return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     switch (b->kind) {

@@ -50,6 +50,11 @@
  *
  * Errors are the kSVSampleBufferError_ codes below.  Ordinary failures are
  * not logged; a broken internal invariant ends the process ("BUG").
+ *
+ * Arguments.  Every call that takes a sample buffer treats an object that
+ * is not a sample buffer exactly like NULL: the answer each call gives below
+ * for a NULL buffer (a buffer to track that is not one is refused with
+ * kSVSampleBufferError_RequiredParameterMissing, as NULL is).
  */
 #ifndef SORVEL_SVSAMPLEBUFFER_H
 #define SORVEL_SVSAMPLEBUFFER_H

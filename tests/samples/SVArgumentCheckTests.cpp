@@ -396,4 +396,179 @@ TEST(ArgumentCheck, FormatDescriptionCallsAnswerAWrongObjectAsAMissingDescriptio
     CFRelease(real);
 }
 
+// ---- sample buffers --------------------------------------------------------------------
+
+OSStatus eachSample(SVSampleBufferRef, SVItemCount, void *) {
+    return 0;
+}
+void *packetMemory(size_t, void *) {
+    return nullptr;
+}
+void invalidated(SVSampleBufferRef, uint64_t) {}
+
+TEST(ArgumentCheck, SampleBufferCallsAnswerAWrongObjectAsAMissingBuffer) {
+    constexpr OSStatus kMissing = kSVSampleBufferError_RequiredParameterMissing;
+    constexpr OSStatus kFormatInvalid = kSVFormatDescriptionError_InvalidParameter;
+    SVSampleBufferRef real = nullptr;
+    ASSERT_EQ(SVSampleBufferCreate(nullptr, nullptr, true, nullptr, nullptr, nullptr, 0, 0, nullptr, 0, nullptr, &real),
+              0);
+    SVBlockBufferRef data = nullptr;
+    static char bytes[4];
+    ASSERT_EQ(SVBlockBufferCreateWithMemoryBlock(nullptr, bytes, sizeof bytes, kCFAllocatorNull, nullptr, 0,
+                                                 sizeof bytes, 0, &data),
+              0);
+    auto sb = [](CFTypeRef b) { return as<SVSampleBufferRef>(b); };
+    auto invalid = [](SVTime t) { return sameTime(t, kSVTimeInvalid); };
+    auto noCopy = [](OSStatus status, SVSampleBufferRef made) {
+        if (made) CFRelease(made);
+        return status == kMissing && made == nullptr;
+    };
+    checkTable({
+        {"SVSampleBufferIsValid", [&](CFTypeRef b) { return !SVSampleBufferIsValid(sb(b)); }},
+        {"SVSampleBufferGetFormatDescription",
+         [&](CFTypeRef b) { return SVSampleBufferGetFormatDescription(sb(b)) == nullptr; }},
+        {"SVSampleBufferGetDataBuffer", [&](CFTypeRef b) { return SVSampleBufferGetDataBuffer(sb(b)) == nullptr; }},
+        {"SVSampleBufferGetImageBuffer", [&](CFTypeRef b) { return SVSampleBufferGetImageBuffer(sb(b)) == nullptr; }},
+        {"SVSampleBufferGetNumSamples", [&](CFTypeRef b) { return SVSampleBufferGetNumSamples(sb(b)) == 0; }},
+        {"SVSampleBufferGetPresentationTimeStamp",
+         [&](CFTypeRef b) { return invalid(SVSampleBufferGetPresentationTimeStamp(sb(b))); }},
+        {"SVSampleBufferGetDecodeTimeStamp",
+         [&](CFTypeRef b) { return invalid(SVSampleBufferGetDecodeTimeStamp(sb(b))); }},
+        {"SVSampleBufferGetDuration", [&](CFTypeRef b) { return invalid(SVSampleBufferGetDuration(sb(b))); }},
+        {"SVSampleBufferGetOutputPresentationTimeStamp",
+         [&](CFTypeRef b) { return invalid(SVSampleBufferGetOutputPresentationTimeStamp(sb(b))); }},
+        {"SVSampleBufferSetOutputPresentationTimeStamp",
+         [&](CFTypeRef b) { return SVSampleBufferSetOutputPresentationTimeStamp(sb(b), kSVTimeZero) == kMissing; }},
+        {"SVSampleBufferGetOutputDecodeTimeStamp",
+         [&](CFTypeRef b) { return invalid(SVSampleBufferGetOutputDecodeTimeStamp(sb(b))); }},
+        {"SVSampleBufferGetOutputDuration",
+         [&](CFTypeRef b) { return invalid(SVSampleBufferGetOutputDuration(sb(b))); }},
+        {"SVSampleBufferGetSampleTimingInfoArray",
+         [&](CFTypeRef b) {
+             SVItemCount needed = 0;
+             return SVSampleBufferGetSampleTimingInfoArray(sb(b), 0, nullptr, &needed) == kMissing;
+         }},
+        {"SVSampleBufferGetOutputSampleTimingInfoArray",
+         [&](CFTypeRef b) {
+             SVItemCount needed = 0;
+             return SVSampleBufferGetOutputSampleTimingInfoArray(sb(b), 0, nullptr, &needed) ==
+                    kSVSampleBufferError_Invalidated;
+         }},
+        {"SVSampleBufferGetSampleTimingInfo",
+         [&](CFTypeRef b) {
+             SVSampleTimingInfo info;
+             return SVSampleBufferGetSampleTimingInfo(sb(b), 0, &info) == kMissing;
+         }},
+        {"SVSampleBufferGetSampleSize", [&](CFTypeRef b) { return SVSampleBufferGetSampleSize(sb(b), 0) == 0; }},
+        {"SVSampleBufferGetSampleSizeArray",
+         [&](CFTypeRef b) {
+             SVItemCount needed = 0;
+             return SVSampleBufferGetSampleSizeArray(sb(b), 0, nullptr, &needed) == kMissing;
+         }},
+        {"SVSampleBufferGetTotalSampleSize", [&](CFTypeRef b) { return SVSampleBufferGetTotalSampleSize(sb(b)) == 0; }},
+        {"SVSampleBufferSetDataBuffer",
+         [&](CFTypeRef b) { return SVSampleBufferSetDataBuffer(sb(b), data) == kMissing; }},
+        {"SVSampleBufferDataIsReady", [&](CFTypeRef b) { return !SVSampleBufferDataIsReady(sb(b)); }},
+        {"SVSampleBufferSetDataReady", [&](CFTypeRef b) { return SVSampleBufferSetDataReady(sb(b)) == kMissing; }},
+        {"SVSampleBufferMakeDataReady", [&](CFTypeRef b) { return SVSampleBufferMakeDataReady(sb(b)) == kMissing; }},
+        {"SVSampleBufferTrackDataReadiness (buffer)",
+         [&](CFTypeRef b) { return SVSampleBufferTrackDataReadiness(sb(b), real) == 0; }},
+        {"SVSampleBufferTrackDataReadiness (tracked)",
+         [&](CFTypeRef b) { return SVSampleBufferTrackDataReadiness(real, sb(b)) == kMissing; }},
+        {"SVSampleBufferSetDataFailed", [&](CFTypeRef b) { return SVSampleBufferSetDataFailed(sb(b), -1) == 0; }},
+        {"SVSampleBufferHasDataFailed",
+         [&](CFTypeRef b) {
+             OSStatus status = 0;
+             return !SVSampleBufferHasDataFailed(sb(b), &status);
+         }},
+        {"SVSampleBufferInvalidate", [&](CFTypeRef b) { return SVSampleBufferInvalidate(sb(b)) == kMissing; }},
+        {"SVSampleBufferSetInvalidateCallback",
+         [&](CFTypeRef b) { return SVSampleBufferSetInvalidateCallback(sb(b), invalidated, 0) == kMissing; }},
+        {"SVSampleBufferSetInvalidateHandler",
+         [&](CFTypeRef b) {
+             return SVSampleBufferSetInvalidateHandler(sb(b), ^(SVSampleBufferRef){
+                                                       }) == kMissing;
+         }},
+        {"SVSampleBufferCreateCopy",
+         [&](CFTypeRef b) {
+             SVSampleBufferRef made = nullptr;
+             return noCopy(SVSampleBufferCreateCopy(nullptr, sb(b), &made), made);
+         }},
+        {"SVSampleBufferCreateCopyWithNewTiming",
+         [&](CFTypeRef b) {
+             SVSampleBufferRef made = nullptr;
+             return noCopy(SVSampleBufferCreateCopyWithNewTiming(nullptr, sb(b), 0, nullptr, &made), made);
+         }},
+        {"SVSampleBufferCopySampleBufferForRange",
+         [&](CFTypeRef b) {
+             SVSampleBufferRef made = nullptr;
+             return noCopy(SVSampleBufferCopySampleBufferForRange(nullptr, sb(b), CFRangeMake(0, 1), &made), made);
+         }},
+        {"SVSampleBufferCallForEachSample",
+         [&](CFTypeRef b) { return SVSampleBufferCallForEachSample(sb(b), eachSample, nullptr) == kMissing; }},
+        {"SVSampleBufferCallBlockForEachSample",
+         [&](CFTypeRef b) {
+             return SVSampleBufferCallBlockForEachSample(sb(b), ^OSStatus(SVSampleBufferRef, SVItemCount) {
+                      return 0;
+                    }) == kMissing;
+         }},
+        {"SVSampleBufferWriteAnnexB",
+         [&](CFTypeRef b) {
+             return SVSampleBufferWriteAnnexB(sb(b), true, nullptr, 0, packetMemory, nullptr) == kFormatInvalid;
+         }},
+        {"_SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer",
+         [&](CFTypeRef b) {
+             return _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(sb(b), 1, nullptr, 0, ^void *(size_t) {
+                      return nullptr;
+                    }) == kFormatInvalid;
+         }},
+        {"_SVSampleBufferOutputVideoSampleAsBytes",
+         [&](CFTypeRef b) {
+             return _SVSampleBufferOutputVideoSampleAsBytes(sb(b), 1, ^void *(size_t) {
+                      return nullptr;
+                    }) == kMissing;
+         }},
+        {"_SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction",
+         [&](CFTypeRef b) {
+             return _SVSampleBufferOutputVideoSampleAsBytesWithAllocatorFunction(sb(b), 1, packetMemory, nullptr) ==
+                    kMissing;
+         }},
+        {"SVSampleBufferGetAudioStreamPacketDescriptions",
+         [&](CFTypeRef b) {
+             size_t needed = 0;
+             return SVSampleBufferGetAudioStreamPacketDescriptions(sb(b), 0, nullptr, &needed) == kMissing;
+         }},
+        {"SVSampleBufferGetAudioStreamPacketDescriptionsPtr",
+         [&](CFTypeRef b) {
+             const AudioStreamPacketDescription *descriptions = nullptr;
+             size_t size = 0;
+             return SVSampleBufferGetAudioStreamPacketDescriptionsPtr(sb(b), &descriptions, &size) == kMissing;
+         }},
+        {"SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer",
+         [&](CFTypeRef b) {
+             AudioBufferList list;
+             SVBlockBufferRef retained = nullptr;
+             return SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(sb(b), nullptr, &list, sizeof list, nullptr,
+                                                                            nullptr, 0, &retained) == kMissing &&
+                    retained == nullptr;
+         }},
+        {"SVSampleBufferCopyPCMDataIntoAudioBufferList",
+         [&](CFTypeRef b) {
+             AudioBufferList list = {1, {{1, sizeof bytes, bytes}}};
+             return SVSampleBufferCopyPCMDataIntoAudioBufferList(sb(b), 0, 1, &list) == kMissing;
+         }},
+        {"SVSampleBufferSetDataBufferFromAudioBufferList",
+         [&](CFTypeRef b) {
+             AudioBufferList list = {1, {{1, sizeof bytes, bytes}}};
+             return SVSampleBufferSetDataBufferFromAudioBufferList(sb(b), nullptr, nullptr, 0, &list) == kMissing;
+         }},
+        {"SVSampleBufferGetSampleAttachmentsArray",
+         [&](CFTypeRef b) { return SVSampleBufferGetSampleAttachmentsArray(sb(b), true) == nullptr; }},
+    });
+    EXPECT_TRUE(SVSampleBufferIsValid(real));
+    EXPECT_EQ(SVSampleBufferGetDataBuffer(real), nullptr) << "the real buffer is untouched";
+    CFRelease(data);
+    CFRelease(real);
+}
+
 }  // namespace
