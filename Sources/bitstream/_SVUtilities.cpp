@@ -402,8 +402,7 @@ OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(co
                                                                               CFMutableDataRef *dataOut) noexcept {
     if (!record || recordSize == 0 || !dataOut) return kInvalidParameter;
     if (recordSize <= 22) {
-        SV_LOG(3, "_SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord", __LINE__,
-               "HEVC configuration record is too short");
+        SV_LOG_HERE(3, "HEVC configuration record is too short");
         return kInvalidParameter;
     }
     return concatenate([&](auto &&visit) { return walkHEVCRecord(record, recordSize, visit); }, 5,

@@ -38,7 +38,8 @@ const CFRuntimeClass kSVBlockBufferClass = {
 };
 constinit SVRuntimeClass<Buffer> gSVBlockBufferClass{kSVBlockBufferClass};
 
-constexpr int kCopyRanOffTheEndLine = 190;
+// Log identities the behaviour fixes (see core/SVLog.h).
+constexpr struct { sorvel::SVLogSite copyRanOffTheEnd{"_SVBlockBufferCopyData", 190}; } kLogSites;
 
 void *allocateBlock(const SubBlock &piece) noexcept {
     if (piece.hasCustomBlockSource) {
@@ -160,10 +161,10 @@ void blockBufferFinalize(CFTypeRef cf) noexcept {
 // size_t.  Every append checks this before it changes anything, so a
 // buffer's length never wraps (pieces left unallocated could otherwise add
 // up past the largest size and report a small length).
-bool growthFits(const Buffer *buffer, size_t dataLength, const char *function, int line) noexcept {
+bool growthFits(const Buffer *buffer, size_t dataLength, sorvel::SVLogSite site) noexcept {
     if (dataLength <= SIZE_MAX - buffer->dataLength) return true;
-    SV_LOG(3, function, line, "appending %zu bytes to a buffer of %zu bytes would overflow its data length.",
-           dataLength, buffer->dataLength);
+    SV_LOG_SITE(site, 3, "appending %zu bytes to a buffer of %zu bytes would overflow its data length.", dataLength,
+                buffer->dataLength);
     return false;
 }
 
@@ -177,7 +178,7 @@ OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, si
         dataLength = targetLength - offsetToData;
     else if (dataLength > targetLength - offsetToData)
         return kSVBlockBufferBadLengthParameterErr;
-    if (!growthFits(buffer, dataLength, function, __LINE__)) return kSVBlockBufferBadLengthParameterErr;
+    if (!growthFits(buffer, dataLength, {function, __LINE__})) return kSVBlockBufferBadLengthParameterErr;
 
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
     if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
@@ -246,7 +247,7 @@ OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocat
     }
     // The range was checked against the data length, which is the sum of
     // the pieces' lengths: the list cannot run out first.
-    SV_BUG("_SVBlockBufferCopyData", kCopyRanOffTheEndLine);
+    SV_BUG_SITE(kLogSites.copyRanOffTheEnd);
 }
 
 OSStatus checkRange(const Buffer *buffer, size_t offset, size_t length) noexcept {
@@ -294,15 +295,14 @@ OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, void *memory
                                         size_t dataLength, SVBlockBufferFlags flags) noexcept {
     if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (dataLength == 0) {
-        SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "dataLength must be a positive non-zero number.");
+        SV_LOG_HERE(3, "dataLength must be a positive non-zero number.");
         return kSVBlockBufferBadLengthParameterErr;
     }
     if (blockLength == 0) {
-        SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "blockLength must be a positive non-zero number.");
+        SV_LOG_HERE(3, "blockLength must be a positive non-zero number.");
         return kSVBlockBufferBadLengthParameterErr;
     }
-    if (!growthFits(theBuffer, dataLength, "SVBlockBufferAppendMemoryBlock", __LINE__))
-        return kSVBlockBufferBadLengthParameterErr;
+    if (!growthFits(theBuffer, dataLength, SV_HERE)) return kSVBlockBufferBadLengthParameterErr;
     // Deliberately unchecked: that the data lies inside the block.  The
     // caller is trusted.
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
@@ -347,7 +347,7 @@ OSStatus SVBlockBufferCreateWithMemoryBlock(CFAllocatorRef structureAllocator, v
 
 OSStatus SVBlockBufferAppendBufferReference(SVBlockBufferRef theBuffer, SVBlockBufferRef targetBBuf,
                                             size_t offsetToData, size_t dataLength, SVBlockBufferFlags flags) noexcept {
-    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength, "SVBlockBufferAppendBufferReference");
+    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength, __func__);
 }
 
 OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocator,
@@ -358,8 +358,7 @@ OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocato
     *blockBufferOut = nullptr;
     SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
     if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
-    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength,
-                                      "SVBlockBufferCreateWithBufferReference");
+    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength, __func__);
     if (status != kSVBlockBufferNoErr) return status;
     *blockBufferOut = buffer.release();
     return kSVBlockBufferNoErr;
@@ -386,7 +385,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
         if (status != kSVBlockBufferNoErr) return status;
         if (run >= length) {
             // Already contiguous: share the source's bytes instead of copying.
-            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length, "SVBlockBufferCreateContiguous");
+            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length, __func__);
             if (status != kSVBlockBufferNoErr) return status;
             *blockBufferOut = buffer.release();
             return kSVBlockBufferNoErr;

@@ -60,7 +60,8 @@ const CFRuntimeClass kSVMemoryPoolClass = {
 constinit sorvel::SVRuntimeClass<Pool> gSVMemoryPoolClass{kSVMemoryPoolClass};
 
 constexpr double kDefaultAgeOutPeriod = 0.5;
-constexpr int kLeakWarningLine = 225;
+// Log identities the behaviour fixes (see core/SVLog.h).
+constexpr struct { sorvel::SVLogSite leakWarning{"_SVMemoryPoolAllocatorRelease", 225}; } kLogSites;
 constexpr size_t kNotFound = SIZE_MAX;
 
 size_t pageSize() noexcept {
@@ -325,10 +326,10 @@ void _SVMemoryPoolAllocatorRelease(const void *info) noexcept {
     // Logged after unlocking: the allocator is unreachable by now, and a log
     // sink is client code.
     if (leaked)
-        SV_LOG(3, "_SVMemoryPoolAllocatorRelease", kLeakWarningLine,
-               "SVMemoryPool: Releasing allocator while %lld blocks of memory are still allocated. "
-               "That's a memory leak!",
-               static_cast<long long>(leaked));
+        SV_LOG_SITE(kLogSites.leakWarning, 3,
+                    "SVMemoryPool: Releasing allocator while %lld blocks of memory are still allocated. "
+                    "That's a memory leak!",
+                    static_cast<long long>(leaked));
     destroyState(state);
 }
 

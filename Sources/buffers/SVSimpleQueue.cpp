@@ -101,7 +101,7 @@ OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpl
     if (capacity < 0) {
         // The fullness test compares as unsigned, so a negative capacity
         // would let enqueues run past the slots.
-        SV_LOG(3, "SVSimpleQueueCreate", __LINE__, "capacity %d is negative", static_cast<int>(capacity));
+        SV_LOG_HERE(3, "capacity %d is negative", static_cast<int>(capacity));
         *queueOut = nullptr;
         return kSVSimpleQueueError_AllocationFailed;
     }
@@ -118,8 +118,7 @@ OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpl
     if (slotCount > SIZE_MAX / sizeof(void *) ||
         __builtin_mul_overflow(static_cast<size_t>(slotCount), sizeof(void *), &slotBytes) ||
         slotBytes > static_cast<size_t>(INTPTR_MAX) - fields - sizeof(CFRuntimeBase) - 64) {
-        SV_LOG(3, "SVSimpleQueueCreate", __LINE__, "capacity %d needs more slots than can be addressed",
-               static_cast<int>(capacity));
+        SV_LOG_HERE(3, "capacity %d needs more slots than can be addressed", static_cast<int>(capacity));
         *queueOut = nullptr;
         return kSVSimpleQueueError_AllocationFailed;
     }

@@ -270,7 +270,7 @@ Boolean SVFormatDescriptionEqual(SVFormatDescriptionRef desc1, SVFormatDescripti
         case kSVMediaType_Video:
             return videoPayloadEqual(desc1->video, desc2->video);
         default:
-            SV_NOT_YET_IMPLEMENTED("SVFormatDescriptionEqual", __LINE__);
+            SV_NOT_YET_IMPLEMENTED_HERE();
     }
 }
 
@@ -374,59 +374,58 @@ SV_CONSTANT_KEY(kSVSoundDescriptionFlavor_3GPFamily);
 
 Boolean SVFormatDescriptionEqualIgnoringExtensionKeys(SVFormatDescriptionRef, SVFormatDescriptionRef, CFTypeRef,
                                                       CFTypeRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVFormatDescriptionEqualIgnoringExtensionKeys", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMuxedFormatDescriptionCreate(CFAllocatorRef, SVMuxedStreamType, CFDictionaryRef,
                                         SVMuxedFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMuxedFormatDescriptionCreate", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVTimeCodeFormatDescriptionCreate(CFAllocatorRef, SVTimeCodeFormatType, SVTime, uint32_t, uint32_t,
                                            CFDictionaryRef, SVTimeCodeFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionCreate", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVTime SVTimeCodeFormatDescriptionGetFrameDuration(SVTimeCodeFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionGetFrameDuration", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 uint32_t SVTimeCodeFormatDescriptionGetFrameQuanta(SVTimeCodeFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionGetFrameQuanta", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 uint32_t SVTimeCodeFormatDescriptionGetTimeCodeFlags(SVTimeCodeFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionGetTimeCodeFlags", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateWithKeys(CFAllocatorRef, SVMetadataFormatType, CFArrayRef,
                                                    SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateWithKeys", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 CFDictionaryRef SVMetadataFormatDescriptionGetKeyWithLocalID(SVMetadataFormatDescriptionRef, OSType) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionGetKeyWithLocalID", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateWithMetadataSpecifications(CFAllocatorRef, SVMetadataFormatType, CFArrayRef,
                                                                      SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateWithMetadataSpecifications", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateWithMetadataFormatDescriptionAndMetadataSpecifications(
     CFAllocatorRef, SVMetadataFormatDescriptionRef, CFArrayRef, SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateWithMetadataFormatDescriptionAndMetadataSpecifications",
-                           __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions(
     CFAllocatorRef, SVMetadataFormatDescriptionRef, SVMetadataFormatDescriptionRef,
     SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 CFArrayRef SVMetadataFormatDescriptionGetIdentifiers(SVMetadataFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionGetIdentifiers", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 // Big-endian sample descriptions (the bridge's source unit).

@@ -177,8 +177,7 @@ OSStatus SVTextFormatDescriptionGetDefaultStyle(SVTextFormatDescriptionRef desc,
     if (boldOut) *boldOut = false;
     if (italicOut) *italicOut = false;
     if (underlineOut) *underlineOut = false;
-    SV_LOG(4, "SVTextFormatDescriptionGetDefaultStyle", __LINE__,
-           "SVTextFormatDescriptionGetDefaultStyle bold/italic/underline values currently hardcoded to false");
+    SV_LOG_HERE(4, "SVTextFormatDescriptionGetDefaultStyle bold/italic/underline values currently hardcoded to false");
     return 0;
 }
 

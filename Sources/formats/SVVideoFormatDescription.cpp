@@ -507,7 +507,7 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
         return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
     if (static_cast<unsigned>(nalUnitHeaderLength - 1) >= 4) {
-        SV_LOG(3, kFunction, __LINE__, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
+        SV_LOG_HERE(3, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
         return kSVFormatDescriptionError_InvalidParameter;
     }
     if (!checkParameterSets(parameterSetCount, parameterSetPointers, parameterSetSizes, kFunction, __LINE__))
@@ -520,7 +520,7 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
             sorvel::SVH264SPS parsed;
             const char *why = "";
             if (!sorvel::SVParseH264SPS(parameterSetPointers[i], parameterSetSizes[i], parsed, why)) {
-                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+                SV_LOG_HERE(3, "Invalid SPS: %s", why);
                 return kSVFormatDescriptionError_InvalidParameter;
             }
             if (spsCount++ == 0) first = parsed;
@@ -529,15 +529,14 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
         } else if (type == 13) {
             ++extCount;
         } else {
-            SV_LOG(3, kFunction, __LINE__, "Parameter set %d has NAL unit type %d", static_cast<int>(i),
-                   static_cast<int>(type));
+            SV_LOG_HERE(3, "Parameter set %d has NAL unit type %d", static_cast<int>(i), static_cast<int>(type));
             return kSVFormatDescriptionError_InvalidParameter;
         }
     }
     // The record counts SPSs in 5 bits and PPSs in 8.
     if (spsCount == 0 || spsCount > 31 || ppsCount > 255 || extCount > 255) {
-        SV_LOG(3, kFunction, __LINE__, "Unusable parameter set counts: %d SPS, %d PPS", static_cast<int>(spsCount),
-               static_cast<int>(ppsCount));
+        SV_LOG_HERE(3, "Unusable parameter set counts: %d SPS, %d PPS", static_cast<int>(spsCount),
+                    static_cast<int>(ppsCount));
         return kSVFormatDescriptionError_InvalidParameter;
     }
     CFDataRef record = sorvel::SVCreateAVCDecoderConfigurationRecord(first, parameterSetPointers, parameterSetSizes,
@@ -585,7 +584,7 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allo
     *formatDescriptionOut = nullptr;
     // The hvcC record has no room for a 3-byte length: only 1, 2 and 4.
     if (nalUnitHeaderLength != 1 && nalUnitHeaderLength != 2 && nalUnitHeaderLength != 4) {
-        SV_LOG(3, kFunction, __LINE__, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
+        SV_LOG_HERE(3, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
         return kSVFormatDescriptionError_InvalidParameter;
     }
     return createFromHEVC(allocator, parameterSetCount, parameterSetPointers, parameterSetSizes, nalUnitHeaderLength,
@@ -652,7 +651,6 @@ void fillPictureInfo(SVVideoCodingInfo &info, const SPS &sps) noexcept {
 }
 
 OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept {
-    static const char *const kFunction = "SVVideoFormatDescriptionGetCodingInfo";
     // Asking any other kind of description is a question with a "no" answer
     // (a tool walks every track), so like the parameter-set accessors it is
     // not logged; only an 'avc1'/'hvc1' description that cannot answer is.
@@ -676,7 +674,7 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
         if (hevc) {
             sorvel::SVHEVCSPS sps;
             if (!sorvel::SVParseHEVCSPS(set, size, sps, why)) {
-                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+                SV_LOG_HERE(3, "Invalid SPS: %s", why);
                 return kSVFormatDescriptionError_InvalidParameter;
             }
             info.profile = sps.generalProfileIdc;
@@ -688,7 +686,7 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
         } else {
             sorvel::SVH264SPS sps;
             if (!sorvel::SVParseH264SPS(set, size, sps, why)) {
-                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+                SV_LOG_HERE(3, "Invalid SPS: %s", why);
                 return kSVFormatDescriptionError_InvalidParameter;
             }
             info.profile = sps.profileIdc;
@@ -702,7 +700,7 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     }
     // SVVideoFormatDescriptionCreate makes 'avc1'/'hvc1' descriptions
     // without parameter sets.
-    SV_LOG(3, kFunction, __LINE__, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
+    SV_LOG_HERE(3, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
     return kSVFormatDescriptionError_InvalidParameter;
 }
 

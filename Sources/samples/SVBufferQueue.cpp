@@ -51,6 +51,13 @@
 
 SV_LOG_MODULE("Sorvel/Sources/SVBufferQueue");
 
+// Log identities the compiler cannot give: the names these internal sites
+// report (see core/SVLog.h).
+constexpr struct {
+    sorvel::SVLogSite modifyFromTrigger{"_SVBufferQueueDequeueAndRetainLocked", 0};
+    sorvel::SVLogSite finalizeFromTrigger{"_SVBufferQueueFinalize", 0};
+} kLogSites;
+
 namespace {
 
 struct Node {
@@ -358,7 +365,7 @@ SVBufferRef unlinkHeadLocked(SVBufferQueueRef queue) noexcept {
 
 SVBufferRef dequeueAndRetainLocked(SVBufferQueueRef queue, SVBufferGetBooleanCallback predicate) noexcept {
     if (queue->insideTriggerCallback) {
-        SV_LOG(3, "_SVBufferQueueDequeueAndRetainLocked", __LINE__, "Can Not Modify Queue From TriggerCallback");
+        SV_LOG_SITE(kLogSites.modifyFromTrigger, 3, "Can Not Modify Queue From TriggerCallback");
         return nullptr;
     }
     if (queue->head == nullptr) return nullptr;
@@ -466,7 +473,7 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
 void bufferQueueFinalize(CFTypeRef cf) noexcept {
     SVBufferQueueRef queue = gSVBufferQueueClass.cast(cf);
     if (queue->insideTriggerCallback || queue->releasedInsideTriggerCallback)
-        SV_LOG(3, "_SVBufferQueueFinalize", __LINE__, "Invalid: Attempting to finalize a queue From TriggerCallback");
+        SV_LOG_SITE(kLogSites.finalizeFromTrigger, 3, "Invalid: Attempting to finalize a queue From TriggerCallback");
     CFAllocatorRef allocator = allocatorOf(queue);
     while (queue->head != nullptr) CFRelease(unlinkHeadLocked(queue));
     while (Node *node = queue->spareNodes) {
@@ -851,12 +858,12 @@ OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTrigger
 
 Boolean SVBufferQueueTestTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
     if (!gSVBufferQueueClass.checked(queue)) {
-        SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The queue is null");
+        SV_LOG_HERE(3, "The queue is null");
         return false;
     }
     sorvel::SVMutexGuard lock(&queue->mutex);
     if (triggerToken == nullptr || !isInstalledLocked(queue, triggerToken)) {
-        SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The trigger is not installed on the queue");
+        SV_LOG_HERE(3, "The trigger is not installed on the queue");
         return false;
     }
     return triggerHoldsLocked(queue, triggerToken);

@@ -54,8 +54,8 @@ OpaqueSVTimebase *asTimebase(CFTypeRef cf) noexcept {
     return sorvel::SVRuntimeClass<OpaqueSVTimebase>::cast(cf);
 }
 
-OSStatus missingTimebase(const char *function, int line) noexcept {
-    SV_LOG(3, function, line, "timebase is NULL or not a timebase");
+OSStatus missingTimebase(sorvel::SVLogSite site) noexcept {
+    SV_LOG_SITE(site, 3, "timebase is NULL or not a timebase");
     return kSVTimebaseError_MissingRequiredParameter;
 }
 
@@ -100,17 +100,17 @@ void timebaseFinalize(CFTypeRef cf) noexcept {
 OSStatus createTimebase(CFAllocatorRef allocator, CFTypeRef master, SVTimebaseRef *timebaseOut, bool observeMaster,
                         const char *function) noexcept {
     if (timebaseOut == nullptr) {
-        SV_LOG(3, function, __LINE__, "timebaseOut is NULL");
+        SV_LOG_FOR(function, 3, "timebaseOut is NULL");
         return kSVTimebaseError_MissingRequiredParameter;
     }
     *timebaseOut = nullptr;
     if (master == nullptr) {
-        SV_LOG(3, function, __LINE__, "master is NULL");
+        SV_LOG_FOR(function, 3, "master is NULL");
         return kSVTimebaseError_MissingRequiredParameter;
     }
     OpaqueSVTimebase *timebase = sorvel::timebase::gTimebaseClass.create(allocator);
     if (timebase == nullptr) {
-        SV_LOG(3, function, __LINE__, "allocation failed");
+        SV_LOG_FOR(function, 3, "allocation failed");
         return kSVTimebaseError_AllocationFailed;
     }
     timebase->master = CFRetain(master);
@@ -247,12 +247,12 @@ CFTypeID SVTimebaseGetTypeID(void) noexcept {
 
 OSStatus SVTimebaseCreateWithMasterClock(CFAllocatorRef allocator, SVClockRef masterClock,
                                          SVTimebaseRef *timebaseOut) noexcept {
-    return createTimebase(allocator, masterClock, timebaseOut, false, "SVTimebaseCreateWithMasterClock");
+    return createTimebase(allocator, masterClock, timebaseOut, false, __func__);
 }
 
 OSStatus SVTimebaseCreateWithMasterTimebase(CFAllocatorRef allocator, SVTimebaseRef masterTimebase,
                                             SVTimebaseRef *timebaseOut) noexcept {
-    return createTimebase(allocator, masterTimebase, timebaseOut, true, "SVTimebaseCreateWithMasterTimebase");
+    return createTimebase(allocator, masterTimebase, timebaseOut, true, __func__);
 }
 
 SVTime SVTimebaseGetTime(SVTimebaseRef timebase) noexcept {
@@ -268,7 +268,7 @@ SVTime SVTimebaseGetTimeWithTimeScale(SVTimebaseRef timebase, SVTimeScale timesc
 
 OSStatus SVTimebaseGetTimeAndRate(SVTimebaseRef timebase, SVTime *timeOut, Float64 *rateOut) noexcept {
     OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseGetTimeAndRate", __LINE__);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     State state = sorvel::timebase::readState(checkedTimebase);
     if (timeOut != nullptr) *timeOut = sorvel::timebase::timeAt(state, masterTime(checkedTimebase));
     if (rateOut != nullptr) *rateOut = state.rate;
@@ -287,7 +287,7 @@ Float64 SVTimebaseGetEffectiveRate(SVTimebaseRef timebase) noexcept {
 
 OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
     OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRate", __LINE__);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     setRate(checkedTimebase, rate, true);
     sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
@@ -295,7 +295,7 @@ OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
 
 OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
     OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetTime", __LINE__);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     setAnchor(checkedTimebase, time, masterTime(checkedTimebase));
     sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
@@ -303,7 +303,7 @@ OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
 
 OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SVTime immediateMasterTime) noexcept {
     OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetAnchorTime", __LINE__);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
     sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
@@ -312,7 +312,7 @@ OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SV
 OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SVTime timebaseTime,
                                         SVTime immediateMasterTime) noexcept {
     OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRateAndAnchorTime", __LINE__);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     // Children hear the rate before the anchors are set; they wait for the
     // jump that follows, and this timebase re-arms once, at the end.
     __atomic_add_fetch(&checkedTimebase->settingRateOnly, 1, __ATOMIC_RELEASE);
@@ -347,23 +347,23 @@ SVClockRef SVTimebaseGetUltimateMasterClock(SVTimebaseRef timebase) noexcept {
 }
 
 SVClockOrTimebaseRef SVTimebaseCopyMaster(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyMaster", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVClockRef SVTimebaseCopyMasterClock(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyMasterClock", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVTimebaseRef SVTimebaseCopyMasterTimebase(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyMasterTimebase", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVClockRef SVTimebaseCopyUltimateMasterClock(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyUltimateMasterClock", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVTimebaseNotificationBarrier(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseNotificationBarrier", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 }  // extern "C"

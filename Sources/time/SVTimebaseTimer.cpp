@@ -181,33 +181,33 @@ Record *find(OpaqueSVTimebase *timebase, const void *timer) noexcept {
     return nullptr;
 }
 
-OSStatus missing(const char *function, int line, const char *what) noexcept {
-    SV_LOG(3, function, line, "%s is NULL", what);
+OSStatus missing(sorvel::SVLogSite site, const char *what) noexcept {
+    SV_LOG_SITE(site, 3, "%s is NULL", what);
     return kSVTimebaseError_MissingRequiredParameter;
 }
 
-OSStatus notAdded(const char *function, int line, const void *timer) noexcept {
-    SV_LOG(3, function, line, "timer %p is not added to this timebase", timer);
+OSStatus notAdded(sorvel::SVLogSite site, const void *timer) noexcept {
+    SV_LOG_SITE(site, 3, "timer %p is not added to this timebase", timer);
     return kSVTimebaseError_InvalidTimer;
 }
 
 OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoopRef runLoop,
              const char *function) noexcept {
     OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, isSource ? "timerSource" : "timer");
-    if (!isSource && runLoop == nullptr) return missing(function, __LINE__, "runloop");
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, isSource ? "timerSource" : "timer");
+    if (!isSource && runLoop == nullptr) return missing({function, __LINE__}, "runloop");
     if (isSource) {
         if (!_dispatch_source_is_timer(static_cast<dispatch_source_t>(const_cast<void *>(timer)))) {
-            SV_LOG(3, function, __LINE__, "dispatch source %p is not a timer source", timer);
+            SV_LOG_FOR(function, 3, "dispatch source %p is not a timer source", timer);
             return kSVTimebaseError_InvalidTimer;
         }
     } else if (CFGetTypeID(timer) != CFRunLoopTimerGetTypeID() || CFGetTypeID(runLoop) != CFRunLoopGetTypeID()) {
-        SV_LOG(3, function, __LINE__, "timer %p is not a run-loop timer, or runloop is not a run loop", timer);
+        SV_LOG_FOR(function, 3, "timer %p is not a run-loop timer, or runloop is not a run loop", timer);
         return kSVTimebaseError_InvalidTimer;
     }
     if (!isSource && !CFRunLoopTimerIsValid(static_cast<CFRunLoopTimerRef>(const_cast<void *>(timer)))) {
-        SV_LOG(3, function, __LINE__, "timer %p has been invalidated", timer);
+        SV_LOG_FOR(function, 3, "timer %p has been invalidated", timer);
         return kSVTimebaseError_InvalidTimer;
     }
     {
@@ -215,7 +215,7 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
         auto found = owners().find(timer);
         if (found != owners().end()) {
             if (found->second == tb) return 0;
-            SV_LOG(3, function, __LINE__, "timer %p is already added to another timebase", timer);
+            SV_LOG_FOR(function, 3, "timer %p is already added to another timebase", timer);
             return kSVTimebaseError_InvalidTimer;
         }
         owners().emplace(timer, tb);
@@ -236,13 +236,13 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
 
 OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function) noexcept {
     OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, "timer");
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, "timer");
     Record removed;
     {
         sorvel::SVMutexGuard lock(tb->timerMutex);
         Record *record = find(tb, timer);
-        if (record == nullptr) return notAdded(function, __LINE__, timer);
+        if (record == nullptr) return notAdded({function, __LINE__}, timer);
         removed = *record;
         tb->timers->records.erase(tb->timers->records.begin() + (record - tb->timers->records.data()));
     }
@@ -259,14 +259,14 @@ OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function)
 OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime fireTime,
                      const char *function) noexcept {
     OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, "timer");
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, "timer");
     sorvel::SVMutexGuard lock(tb->timerMutex);
     Record *record = find(tb, timer);
-    if (record == nullptr) return notAdded(function, __LINE__, timer);
+    if (record == nullptr) return notAdded({function, __LINE__}, timer);
     if (how == Arm::FireTime &&
         ((fireTime.flags & kSVTimeFlags_Valid) == 0 || (fireTime.flags & kSVTimeFlags_Indefinite) != 0)) {
-        SV_LOG(4, function, __LINE__, "fire time is invalid or indefinite: the timer is disarmed");
+        SV_LOG_FOR(function, 4, "fire time is invalid or indefinite: the timer is disarmed");
         how = Arm::None;
     }
     record->arm = how;
@@ -277,12 +277,12 @@ OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime 
 
 OSStatus getDeadline(SVTimebaseRef timebase, const void *timer, SVTime *deadlineOut, const char *function) noexcept {
     OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, "timer");
-    if (deadlineOut == nullptr) return missing(function, __LINE__, "deadlineOut");
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, "timer");
+    if (deadlineOut == nullptr) return missing({function, __LINE__}, "deadlineOut");
     sorvel::SVMutexGuard lock(tb->timerMutex);
     Record *record = find(tb, timer);
-    if (record == nullptr) return notAdded(function, __LINE__, timer);
+    if (record == nullptr) return notAdded({function, __LINE__}, timer);
     if (record->deadline == 0)
         *deadlineOut = kSVTimeInvalid;
     else if (record->deadline == kForever)
@@ -331,48 +331,47 @@ void destroyTimers(OpaqueSVTimebase *timebase) noexcept {
 extern "C" {
 
 OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer, CFRunLoopRef runloop) noexcept {
-    return add(timebase, timer, false, runloop, "SVTimebaseAddTimer");
+    return add(timebase, timer, false, runloop, __func__);
 }
 
 OSStatus SVTimebaseRemoveTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer) noexcept {
-    return remove(timebase, timer, "SVTimebaseRemoveTimer");
+    return remove(timebase, timer, __func__);
 }
 
 OSStatus SVTimebaseSetTimerNextFireTime(SVTimebaseRef timebase, CFRunLoopTimerRef timer, SVTime fireTime,
                                         uint32_t) noexcept {
-    return setFireTime(timebase, timer, Arm::FireTime, fireTime, "SVTimebaseSetTimerNextFireTime");
+    return setFireTime(timebase, timer, Arm::FireTime, fireTime, __func__);
 }
 
 OSStatus SVTimebaseSetTimerToFireImmediately(SVTimebaseRef timebase, CFRunLoopTimerRef timer) noexcept {
-    return setFireTime(timebase, timer, Arm::Immediately, kSVTimeInvalid, "SVTimebaseSetTimerToFireImmediately");
+    return setFireTime(timebase, timer, Arm::Immediately, kSVTimeInvalid, __func__);
 }
 
 OSStatus SVTimebaseAddTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept {
-    return add(timebase, timerSource, true, nullptr, "SVTimebaseAddTimerDispatchSource");
+    return add(timebase, timerSource, true, nullptr, __func__);
 }
 
 OSStatus SVTimebaseRemoveTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept {
-    return remove(timebase, timerSource, "SVTimebaseRemoveTimerDispatchSource");
+    return remove(timebase, timerSource, __func__);
 }
 
 OSStatus SVTimebaseSetTimerDispatchSourceNextFireTime(SVTimebaseRef timebase, dispatch_source_t timerSource,
                                                       SVTime fireTime, uint32_t) noexcept {
-    return setFireTime(timebase, timerSource, Arm::FireTime, fireTime, "SVTimebaseSetTimerDispatchSourceNextFireTime");
+    return setFireTime(timebase, timerSource, Arm::FireTime, fireTime, __func__);
 }
 
 OSStatus SVTimebaseSetTimerDispatchSourceToFireImmediately(SVTimebaseRef timebase,
                                                            dispatch_source_t timerSource) noexcept {
-    return setFireTime(timebase, timerSource, Arm::Immediately, kSVTimeInvalid,
-                       "SVTimebaseSetTimerDispatchSourceToFireImmediately");
+    return setFireTime(timebase, timerSource, Arm::Immediately, kSVTimeInvalid, __func__);
 }
 
 OSStatus SVTimebaseGetTimerDeadline(SVTimebaseRef timebase, CFRunLoopTimerRef timer, SVTime *deadlineOut) noexcept {
-    return getDeadline(timebase, timer, deadlineOut, "SVTimebaseGetTimerDeadline");
+    return getDeadline(timebase, timer, deadlineOut, __func__);
 }
 
 OSStatus SVTimebaseGetTimerDispatchSourceDeadline(SVTimebaseRef timebase, dispatch_source_t timerSource,
                                                   SVTime *deadlineOut) noexcept {
-    return getDeadline(timebase, timerSource, deadlineOut, "SVTimebaseGetTimerDispatchSourceDeadline");
+    return getDeadline(timebase, timerSource, deadlineOut, __func__);
 }
 
 }  // extern "C"
