@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "bitstream/SVParameterSetsInternal.h"
+#include "core/SVAllocationBoundary.h"
 #include "core/SVLog.h"
 #include "formats/SVFormatDescriptionInternal.h"
 #include "formats/SVSampleDescriptionInternal.h"
@@ -906,7 +907,7 @@ extern "C" {
 
 OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SVMediaType mediaType,
                                                     const uint8_t *bytes, size_t length, CFStringRef flavor,
-                                                    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                                    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     static const char *const kFunction = "SVSampleDescriptionCreateFormatDescription";
     if (!formatDescriptionOut) {
         SV_LOG_HERE(3, "No output pointer");
@@ -1011,9 +1012,10 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
         SV_LOG_HERE(3, "Allocation failed while reading a sample description");
     return status;
 }
+SV_ALLOCATION_BOUNDARY(kSVSampleDescriptionError_AllocationFailed)
 
 OSStatus SVSampleDescriptionCopyAsBigEndianData(CFAllocatorRef allocator, SVFormatDescriptionRef formatDescription,
-                                                CFStringRef flavor, CFDataRef *dataOut) noexcept {
+                                                CFStringRef flavor, CFDataRef *dataOut) noexcept try {
     static const char *const kFunction = "SVSampleDescriptionCopyAsBigEndianData";
     if (!dataOut) {
         SV_LOG_HERE(3, "No output pointer");
@@ -1031,10 +1033,11 @@ OSStatus SVSampleDescriptionCopyAsBigEndianData(CFAllocatorRef allocator, SVForm
     *dataOut = data;
     return 0;
 }
+SV_ALLOCATION_BOUNDARY(kSVSampleDescriptionError_AllocationFailed)
 
 OSStatus SVSampleDescriptionCopyAsBigEndianBlockBuffer(CFAllocatorRef allocator,
                                                        SVFormatDescriptionRef formatDescription, CFStringRef flavor,
-                                                       SVBlockBufferRef *blockBufferOut) noexcept {
+                                                       SVBlockBufferRef *blockBufferOut) noexcept try {
     static const char *const kFunction = "SVSampleDescriptionCopyAsBigEndianBlockBuffer";
     if (!blockBufferOut) {
         SV_LOG_HERE(3, "No output pointer");
@@ -1056,5 +1059,6 @@ OSStatus SVSampleDescriptionCopyAsBigEndianBlockBuffer(CFAllocatorRef allocator,
     *blockBufferOut = buffer;
     return 0;
 }
+SV_ALLOCATION_BOUNDARY(kSVSampleDescriptionError_AllocationFailed)
 
 }  // extern "C"

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bitstream/SVParameterSetsInternal.h"
+#include "core/SVAllocationBoundary.h"
 #include "core/SVLog.h"
 #include "formats/SVFormatDescriptionInternal.h"
 
@@ -180,6 +181,13 @@ OSStatus createParameterSetDescription(CFAllocatorRef allocator, FourCharCode su
     return 0;
 }
 
+void setEntry(const void *key, const void *value, void *dictionary) {
+    CFDictionarySetValue(static_cast<CFMutableDictionaryRef>(dictionary), key, value);
+}
+void addEntry(const void *key, const void *value, void *dictionary) {
+    CFDictionaryAddValue(static_cast<CFMutableDictionaryRef>(dictionary), key, value);
+}
+
 // Extensions holding the record under the atoms key, merged with the
 // caller's (whose entries win, except that the record is added to any atoms
 // dictionary they give).
@@ -188,10 +196,9 @@ CFMutableDictionaryRef createRecordExtensions(CFDictionaryRef callerExtensions, 
     CFMutableDictionaryRef extensions = createMutableDictionary();
     if (!extensions) return nullptr;
     if (callerExtensions) {
-        const CFIndex count = CFDictionaryGetCount(callerExtensions);
-        std::vector<const void *> keys(static_cast<size_t>(count)), values(static_cast<size_t>(count));
-        CFDictionaryGetKeysAndValues(callerExtensions, keys.data(), values.data());
-        for (CFIndex i = 0; i < count; ++i) CFDictionarySetValue(extensions, keys[size_t(i)], values[size_t(i)]);
+        // Copied entry by entry without a list of its own, so that nothing
+        // here can throw while the dictionary is held.
+        CFDictionaryApplyFunction(callerExtensions, setEntry, extensions);
     }
     const void *given = CFDictionaryGetValue(extensions, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
     CFMutableDictionaryRef atoms =
@@ -298,10 +305,7 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
     }
     sorvel::SVAddVideoUsabilityExtensions(derived, sps.vui, sps.chromaFormatIdc, sps.vui.fieldSeq, function, line);
     // Derived values fill only what the caller left out.
-    const CFIndex n = CFDictionaryGetCount(derived);
-    std::vector<const void *> keys(static_cast<size_t>(n)), values(static_cast<size_t>(n));
-    CFDictionaryGetKeysAndValues(derived, keys.data(), values.data());
-    for (size_t k = 0; k < keys.size(); ++k) CFDictionaryAddValue(extensions, keys[k], values[k]);
+    CFDictionaryApplyFunction(derived, addEntry, extensions);
     CFRelease(derived);
     const OSStatus status = createParameterSetDescription(allocator, kHVC1, sps.width, sps.height, extensions, count,
                                                           pointers, sizes, nalUnitHeaderLength, out);
@@ -391,7 +395,7 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
 template <typename Create>
 OSStatus createFromRecord(const uint8_t *record, size_t recordSize, SVFormatDescriptionRef *formatDescriptionOut,
                           OSStatus (*get)(const uint8_t *, size_t, size_t, const uint8_t **, size_t *, size_t *, int *),
-                          Create &&create) noexcept {
+                          Create &&create) {
     if (!formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
     size_t count = 0;
@@ -501,7 +505,8 @@ CFArrayRef SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers(void) 
 OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allocator, size_t parameterSetCount,
                                                              const uint8_t *const *parameterSetPointers,
                                                              const size_t *parameterSetSizes, int nalUnitHeaderLength,
-                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept
+    try {
     static const char *const kFunction = "SVVideoFormatDescriptionCreateFromH264ParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
         return kSVFormatDescriptionError_InvalidParameter;
@@ -553,10 +558,11 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
     CFRelease(extensions);
     return status;
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     if (!data || !size || !formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
     std::vector<const uint8_t *> pointers;
     std::vector<size_t> sizes;
@@ -564,6 +570,7 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
     return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, pointers.size(), pointers.data(),
                                                                sizes.data(), nalUnitHeaderLength, formatDescriptionOut);
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
@@ -577,7 +584,8 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allo
                                                              const uint8_t *const *parameterSetPointers,
                                                              const size_t *parameterSetSizes, int nalUnitHeaderLength,
                                                              CFDictionaryRef extensions,
-                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept
+    try {
     static const char *const kFunction = "SVVideoFormatDescriptionCreateFromHEVCParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
         return kSVFormatDescriptionError_InvalidParameter;
@@ -590,10 +598,11 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allo
     return createFromHEVC(allocator, parameterSetCount, parameterSetPointers, parameterSetSizes, nalUnitHeaderLength,
                           extensions, formatDescriptionOut, kFunction, __LINE__);
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     if (!data || !size || !formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
     std::vector<const uint8_t *> pointers;
     std::vector<size_t> sizes;
@@ -601,10 +610,11 @@ OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     return SVVideoFormatDescriptionCreateFromHEVCParameterSets(
         allocator, pointers.size(), pointers.data(), sizes.data(), nalUnitHeaderLength, nullptr, formatDescriptionOut);
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
     CFAllocatorRef allocator, const uint8_t *record, size_t recordSize,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     return sorvel::createFromRecord(
         record, recordSize, formatDescriptionOut, SVGetParameterSetFromAVCDecoderConfigurationRecord,
         [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
@@ -612,10 +622,11 @@ OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
                                                                        formatDescriptionOut);
         });
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
     CFAllocatorRef allocator, const uint8_t *record, size_t recordSize, CFDictionaryRef extensions,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     return sorvel::createFromRecord(
         record, recordSize, formatDescriptionOut, SVGetParameterSetFromHEVCDecoderConfigurationRecord,
         [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
@@ -623,6 +634,7 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
                                                                        extensions, formatDescriptionOut);
         });
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
@@ -650,7 +662,7 @@ void fillPictureInfo(SVVideoCodingInfo &info, const SPS &sps) noexcept {
 }  // namespace
 }
 
-OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept {
+OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept try {
     // Asking any other kind of description is a question with a "no" answer
     // (a tool walks every track), so like the parameter-set accessors it is
     // not logged; only an 'avc1'/'hvc1' description that cannot answer is.
@@ -703,9 +715,10 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     SV_LOG_HERE(3, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
     return kSVFormatDescriptionError_InvalidParameter;
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescriptionRef desc, const uint8_t *data,
-                                                               size_t size) noexcept {
+                                                               size_t size) noexcept try {
     if (!data || size == 0 || !isVideo(desc) || desc->mediaSubType != kAVC1) return nullptr;
     for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
         const uint8_t *set = desc->video.parameterSets[i];
@@ -725,6 +738,7 @@ CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescripti
     }
     return nullptr;
 }
+SV_ALLOCATION_BOUNDARY(nullptr)
 
 Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef desc,
                                                    CVImageBufferRef imageBuffer) noexcept {

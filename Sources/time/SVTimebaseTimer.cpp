@@ -32,6 +32,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/SVAllocationBoundary.h"
 #include "core/SVLog.h"
 #include "core/SVMutex.h"
 #include "time/SVClockInternal.h"
@@ -191,8 +192,9 @@ OSStatus notAdded(sorvel::SVLogSite site, const void *timer) noexcept {
     return kSVTimebaseError_InvalidTimer;
 }
 
-OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoopRef runLoop,
-             const char *function) noexcept {
+// May throw std::bad_alloc, before anything is registered or retained; the
+// entry points' boundary turns it into kSVTimebaseError_AllocationFailed.
+OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoopRef runLoop, const char *function) {
     OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (tb == nullptr) return missing({function, __LINE__}, "timebase");
     if (timer == nullptr) return missing({function, __LINE__}, isSource ? "timerSource" : "timer");
@@ -221,7 +223,16 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
         owners().emplace(timer, tb);
     }
     sorvel::SVMutexGuard lock(tb->timerMutex);
-    if (tb->timers == nullptr) __atomic_store_n(&tb->timers, new TimerRegistry, __ATOMIC_RELEASE);
+    // Room for the record first, so that nothing below can fail half-way;
+    // without it the timer is owned by no timebase again.
+    try {
+        if (tb->timers == nullptr) __atomic_store_n(&tb->timers, new TimerRegistry, __ATOMIC_RELEASE);
+        tb->timers->records.reserve(tb->timers->records.size() + 1);
+    } catch (const std::bad_alloc &) {
+        std::lock_guard<std::mutex> guard(gOwnersLock);
+        owners().erase(timer);
+        throw;
+    }
     Record record{timer, isSource, runLoop, Arm::None, sorvel::time::kInvalid, 0, 0};
     if (isSource) {
         dispatch_retain(static_cast<dispatch_source_t>(const_cast<void *>(timer)));
@@ -330,9 +341,10 @@ void destroyTimers(OpaqueSVTimebase *timebase) noexcept {
 
 extern "C" {
 
-OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer, CFRunLoopRef runloop) noexcept {
+OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer, CFRunLoopRef runloop) noexcept try {
     return add(timebase, timer, false, runloop, __func__);
 }
+SV_ALLOCATION_BOUNDARY(kSVTimebaseError_AllocationFailed)
 
 OSStatus SVTimebaseRemoveTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer) noexcept {
     return remove(timebase, timer, __func__);
@@ -347,9 +359,10 @@ OSStatus SVTimebaseSetTimerToFireImmediately(SVTimebaseRef timebase, CFRunLoopTi
     return setFireTime(timebase, timer, Arm::Immediately, kSVTimeInvalid, __func__);
 }
 
-OSStatus SVTimebaseAddTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept {
+OSStatus SVTimebaseAddTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept try {
     return add(timebase, timerSource, true, nullptr, __func__);
 }
+SV_ALLOCATION_BOUNDARY(kSVTimebaseError_AllocationFailed)
 
 OSStatus SVTimebaseRemoveTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept {
     return remove(timebase, timerSource, __func__);
