@@ -89,6 +89,12 @@ void becomeReady(Buffer *sbuf) noexcept {
 }
 
 // The creation steps shared by both data-buffer creators.
+// Objects of the lower families are checked by type too: one of another
+// type is refused like a missing one instead of being kept and read later.
+bool isNullOr(CFTypeRef cf, CFTypeID type) noexcept {
+    return cf == nullptr || CFGetTypeID(cf) == type;
+}
+
 OSStatus createDataBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
                           SVSampleBufferMakeDataReadyCallback makeDataReadyCallback, void *makeDataReadyRefcon,
                           SVFormatDescriptionRef formatDescription, SVItemCount numSamples,
@@ -96,6 +102,8 @@ OSStatus createDataBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
                           SVItemCount numSampleSizeEntries, const size_t *sampleSizeArray,
                           SVSampleBufferRef *sampleBufferOut) noexcept {
     if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!isNullOr(dataBuffer, SVBlockBufferGetTypeID()) || !isNullOr(formatDescription, SVFormatDescriptionGetTypeID()))
+        return kSVSampleBufferError_RequiredParameterMissing;
     // One entry stands for every sample; otherwise there must be one per
     // sample.
     if ((numSampleTimingEntries >= 2 && numSampleTimingEntries != numSamples) ||
@@ -118,7 +126,7 @@ OSStatus createDataBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
         }
     }
     Buffer *sbuf = sorvel::SVSampleBufferAllocate(allocator);
-    if (!gSVSampleBufferClass.checked(sbuf)) {
+    if (!sbuf) {
         sorvel::SVSampleBufferFreeArray(allocator, timing);
         sorvel::SVSampleBufferFreeArray(allocator, sizes);
         *sampleBufferOut = nullptr;
@@ -145,12 +153,13 @@ OSStatus createImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffe
                            SVVideoFormatDescriptionRef formatDescription, const SVSampleTimingInfo *sampleTiming,
                            SVSampleBufferRef *sampleBufferOut) noexcept {
     if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
-    if (!imageBuffer || !formatDescription || !sampleTiming) {
+    if (!imageBuffer || !isNullOr(formatDescription, SVFormatDescriptionGetTypeID()) || !formatDescription ||
+        !sampleTiming) {
         *sampleBufferOut = nullptr;
         return kSVSampleBufferError_RequiredParameterMissing;
     }
     Buffer *sbuf = sorvel::SVSampleBufferAllocate(allocator);
-    if (!gSVSampleBufferClass.checked(sbuf)) {
+    if (!sbuf) {
         *sampleBufferOut = nullptr;
         return kSVSampleBufferError_AllocationFailed;
     }
@@ -370,7 +379,8 @@ SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) noexcept {
 // ==== Data buffer, readiness and failure =====================================
 
 OSStatus SVSampleBufferSetDataBuffer(SVSampleBufferRef sbuf, SVBlockBufferRef dataBuffer) noexcept {
-    if (!gSVSampleBufferClass.checked(sbuf) || !dataBuffer) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf) || !dataBuffer || !isNullOr(dataBuffer, SVBlockBufferGetTypeID()))
+        return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;

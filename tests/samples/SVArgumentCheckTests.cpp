@@ -565,6 +565,31 @@ TEST(ArgumentCheck, SampleBufferCallsAnswerAWrongObjectAsAMissingBuffer) {
         {"SVSampleBufferGetSampleAttachmentsArray",
          [&](CFTypeRef b) { return SVSampleBufferGetSampleAttachmentsArray(sb(b), true) == nullptr; }},
     });
+    // Objects of the lower families given to a sample buffer are checked too.
+    SVSampleBufferRef empty = nullptr;
+    ASSERT_EQ(
+        SVSampleBufferCreate(nullptr, nullptr, false, nullptr, nullptr, nullptr, 0, 0, nullptr, 0, nullptr, &empty), 0);
+    auto untouched = reinterpret_cast<SVSampleBufferRef>(static_cast<uintptr_t>(8));
+    for (CFTypeRef wrong : {static_cast<CFTypeRef>(CFSTR("not a buffer")), static_cast<CFTypeRef>(real)}) {
+        SVSampleBufferRef out = untouched;
+        EXPECT_EQ(SVSampleBufferCreate(nullptr, as<SVBlockBufferRef>(wrong), true, nullptr, nullptr, nullptr, 0, 0,
+                                       nullptr, 0, nullptr, &out),
+                  kMissing);
+        EXPECT_EQ(out, untouched);
+        EXPECT_EQ(SVSampleBufferCreateReady(nullptr, nullptr, as<SVFormatDescriptionRef>(wrong), 0, 0, nullptr, 0,
+                                            nullptr, &out),
+                  kMissing);
+        EXPECT_EQ(out, untouched);
+        SVSampleTimingInfo timing = {kSVTimeInvalid, kSVTimeZero, kSVTimeInvalid};
+        EXPECT_EQ(SVSampleBufferCreateForImageBuffer(nullptr, as<CVImageBufferRef>(CFSTR("image")), true, nullptr,
+                                                     nullptr, as<SVFormatDescriptionRef>(wrong), &timing, &out),
+                  kMissing);
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(SVSampleBufferSetDataBuffer(empty, as<SVBlockBufferRef>(wrong)), kMissing);
+        EXPECT_EQ(SVSampleBufferGetDataBuffer(empty), nullptr);
+    }
+    EXPECT_EQ(SVSampleBufferSetDataBuffer(empty, data), 0) << "a real block buffer is still taken";
+    CFRelease(empty);
     EXPECT_TRUE(SVSampleBufferIsValid(real));
     EXPECT_EQ(SVSampleBufferGetDataBuffer(real), nullptr) << "the real buffer is untouched";
     CFRelease(data);
