@@ -389,15 +389,19 @@ bool SVGetDouble(CFDictionaryRef dict, CFStringRef key, double *out) {
 }
 
 CFDictionaryRef SVCreateAtomsDictionary(const std::vector<SVAtom> &atoms) {
-    CFMutableDictionaryRef dict = SVCreateMutableDictionary();
+    SVRetained<CFMutableDictionaryRef> owned(SVCreateMutableDictionary());
+    CFMutableDictionaryRef dict = owned.get();
     if (!dict) return nullptr;
     for (size_t i = 0; i < atoms.size(); ++i) {
-        CFStringRef key = SVCreateStringForCode(atoms[i].code);
-        if (!key || CFDictionaryContainsKey(dict, key)) {
-            if (key) CFRelease(key);
-            continue;
-        }
+        SVRetained<CFStringRef> ownedKey(SVCreateStringForCode(atoms[i].code));
+        CFStringRef key = ownedKey.get();
+        if (!key || CFDictionaryContainsKey(dict, key)) continue;
+        // The list is sized before any payload is made: reserving is the
+        // only step here that can throw.
+        size_t count = 0;
+        for (size_t j = i; j < atoms.size(); ++j) count += atoms[j].code == atoms[i].code;
         std::vector<const void *> payloads;
+        payloads.reserve(count);
         for (size_t j = i; j < atoms.size(); ++j)
             if (atoms[j].code == atoms[i].code)
                 payloads.push_back(CFDataCreate(kCFAllocatorDefault, atoms[j].payload, CFIndex(atoms[j].size)));
@@ -409,15 +413,11 @@ CFDictionaryRef SVCreateAtomsDictionary(const std::vector<SVAtom> &atoms) {
                                                          &kCFTypeArrayCallBacks);
         for (const void *p : payloads)
             if (p) CFRelease(p);
-        if (value) CFDictionarySetValue(dict, key, value);
-        CFRelease(key);
-        if (!value) {
-            CFRelease(dict);
-            return nullptr;
-        }
+        if (!value) return nullptr;
+        CFDictionarySetValue(dict, key, value);
         CFRelease(value);
     }
-    return dict;
+    return owned.release();
 }
 
 bool SVAtomsAreQuickTimeOnly(const std::vector<SVAtom> &atoms) {
@@ -996,8 +996,9 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
     }
     r.iso = family == Family::ISO;
 
-    CFMutableDictionaryRef ext = sorvel::SVCreateMutableDictionary();
+    // The atoms first: they are the step that can throw.
     CFDictionaryRef atoms = sorvel::SVCreateAtomsDictionary(r.atoms);
+    CFMutableDictionaryRef ext = sorvel::SVCreateMutableDictionary();
     CFDataRef verbatim = CFDataCreate(kCFAllocatorDefault, bytes, CFIndex(size));
     CFReleaser g1{ext}, g2{atoms}, g3{verbatim};
     if (!ext || !atoms || !verbatim) return kSVSampleDescriptionError_AllocationFailed;

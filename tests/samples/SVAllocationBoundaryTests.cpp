@@ -70,6 +70,31 @@ void operator delete(void *p) noexcept {
 void operator delete(void *p, std::size_t) noexcept {
     std::free(p);
 }
+// Every other plain form goes through the same pair, so that a block is
+// freed the way it was allocated whatever form made it (AddressSanitizer
+// checks the pairing).  Only the plain form above is ever failed.
+void *operator new[](std::size_t size) {
+    if (void *p = std::malloc(size ? size : 1)) return p;
+    throw std::bad_alloc();
+}
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+    return std::malloc(size ? size : 1);
+}
+void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
+    return std::malloc(size ? size : 1);
+}
+void operator delete[](void *p) noexcept {
+    std::free(p);
+}
+void operator delete[](void *p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete(void *p, const std::nothrow_t &) noexcept {
+    std::free(p);
+}
+void operator delete[](void *p, const std::nothrow_t &) noexcept {
+    std::free(p);
+}
 #endif
 
 namespace {
