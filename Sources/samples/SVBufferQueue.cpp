@@ -323,7 +323,9 @@ bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept
 }
 
 // Calls a trigger's callback and notes a queue whose last client reference
-// went while it ran: only the running call's own reference is left.
+// went while it ran: only the running call's own reference is left.  The
+// count is the only record of that moment (see DESIGN.md, the buffer
+// queue's retain count).
 void callTriggerLocked(SVBufferQueueRef queue, Trigger *trigger) noexcept {
     trigger->callback(trigger->refcon, trigger);
     if (CFGetRetainCount(queue) == 1) queue->releasedInsideTriggerCallback = true;
