@@ -413,18 +413,18 @@ OSStatus SVGetParameterSetFromAVCDecoderConfigurationRecord(const uint8_t *recor
                                                             const uint8_t **parameterSetPointerOut,
                                                             size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                             int *nalUnitHeaderLengthOut) noexcept {
-    return parameterSetFromRecord("SVGetParameterSetFromAVCDecoderConfigurationRecord", __LINE__, record, recordSize,
-                                  index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
-                                  nalUnitHeaderLengthOut, [](auto... args) { return readAVCRecord(args...); });
+    return parameterSetFromRecord(__func__, __LINE__, record, recordSize, index, parameterSetPointerOut,
+                                  parameterSetSizeOut, parameterSetCountOut, nalUnitHeaderLengthOut,
+                                  [](auto... args) { return readAVCRecord(args...); });
 }
 
 OSStatus SVGetParameterSetFromHEVCDecoderConfigurationRecord(const uint8_t *record, size_t recordSize, size_t index,
                                                              const uint8_t **parameterSetPointerOut,
                                                              size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                              int *nalUnitHeaderLengthOut) noexcept {
-    return parameterSetFromRecord("SVGetParameterSetFromHEVCDecoderConfigurationRecord", __LINE__, record, recordSize,
-                                  index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
-                                  nalUnitHeaderLengthOut, [](auto... args) { return readHEVCRecord(args...); });
+    return parameterSetFromRecord(__func__, __LINE__, record, recordSize, index, parameterSetPointerOut,
+                                  parameterSetSizeOut, parameterSetCountOut, nalUnitHeaderLengthOut,
+                                  [](auto... args) { return readHEVCRecord(args...); });
 }
 
 }  // extern "C"

@@ -433,161 +433,159 @@ CFArrayRef SVMetadataFormatDescriptionGetIdentifiers(SVMetadataFormatDescription
 OSStatus SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer(CFAllocatorRef, SVAudioFormatDescriptionRef,
                                                                             SVSoundDescriptionFlavor,
                                                                             SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVSoundDescriptionFlavor, SVAudioFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
                                                                          SVSoundDescriptionFlavor,
                                                                          SVAudioFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 Boolean SVDoesBigEndianSoundDescriptionRequireLegacyCBRSampleTableLayout(SVBlockBufferRef,
                                                                          SVSoundDescriptionFlavor) noexcept {
-    bridgeNotImplemented("SVDoesBigEndianSoundDescriptionRequireLegacyCBRSampleTableLayout", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianSoundDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianSoundDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianSoundDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianSoundDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer(CFAllocatorRef, SVVideoFormatDescriptionRef,
                                                                             CFStringEncoding, SVImageDescriptionFlavor,
                                                                             SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, CFStringEncoding, SVImageDescriptionFlavor,
     SVVideoFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
                                                                          CFStringEncoding, SVImageDescriptionFlavor,
                                                                          SVVideoFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianImageDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianImageDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianImageDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianImageDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTextFormatDescriptionCopyAsBigEndianTextDescriptionBlockBuffer(CFAllocatorRef, SVTextFormatDescriptionRef,
                                                                           SVTextDescriptionFlavor,
                                                                           SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVTextFormatDescriptionCopyAsBigEndianTextDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTextFormatDescriptionCreateFromBigEndianTextDescriptionBlockBuffer(CFAllocatorRef, SVBlockBufferRef,
                                                                               SVTextDescriptionFlavor, SVMediaType,
                                                                               SVTextFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTextFormatDescriptionCreateFromBigEndianTextDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTextFormatDescriptionCreateFromBigEndianTextDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
                                                                        SVTextDescriptionFlavor, SVMediaType,
                                                                        SVTextFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTextFormatDescriptionCreateFromBigEndianTextDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianTextDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianTextDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianTextDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianTextDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCopyAsBigEndianClosedCaptionDescriptionBlockBuffer(
     CFAllocatorRef, SVClosedCaptionFormatDescriptionRef, SVClosedCaptionDescriptionFlavor,
     SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVClosedCaptionFormatDescriptionCopyAsBigEndianClosedCaptionDescriptionBlockBuffer",
-                         __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVClosedCaptionDescriptionFlavor,
     SVClosedCaptionFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionBlockBuffer",
-                         __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionData(
     CFAllocatorRef, const uint8_t *, size_t, SVClosedCaptionDescriptionFlavor,
     SVClosedCaptionFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianClosedCaptionDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianClosedCaptionDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianClosedCaptionDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianClosedCaptionDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTimeCodeFormatDescriptionCopyAsBigEndianTimeCodeDescriptionBlockBuffer(CFAllocatorRef,
                                                                                   SVTimeCodeFormatDescriptionRef,
                                                                                   SVTimeCodeDescriptionFlavor,
                                                                                   SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVTimeCodeFormatDescriptionCopyAsBigEndianTimeCodeDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVTimeCodeDescriptionFlavor, SVTimeCodeFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData(
     CFAllocatorRef, const uint8_t *, size_t, SVTimeCodeDescriptionFlavor, SVTimeCodeFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianTimeCodeDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianTimeCodeDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianTimeCodeDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianTimeCodeDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVMetadataFormatDescriptionCopyAsBigEndianMetadataDescriptionBlockBuffer(CFAllocatorRef,
                                                                                   SVMetadataFormatDescriptionRef,
                                                                                   SVMetadataDescriptionFlavor,
                                                                                   SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVMetadataFormatDescriptionCopyAsBigEndianMetadataDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVMetadataDescriptionFlavor, SVMetadataFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData(
     CFAllocatorRef, const uint8_t *, size_t, SVMetadataDescriptionFlavor, SVMetadataFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianMetadataDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianMetadataDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianMetadataDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianMetadataDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 }  // extern "C"

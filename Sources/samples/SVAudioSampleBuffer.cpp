@@ -462,7 +462,7 @@ OSStatus SVAudioSampleBufferCreateWithPacketDescriptions(
     const AudioStreamPacketDescription *packetDescriptions, SVSampleBufferRef *sampleBufferOut) noexcept {
     return createAudioSampleBuffer(allocator, dataBuffer, dataReady, makeDataReadyCallback, makeDataReadyRefcon,
                                    formatDescription, numSamples, presentationTimeStamp, packetDescriptions,
-                                   sampleBufferOut, "SVAudioSampleBufferCreateWithPacketDescriptions");
+                                   sampleBufferOut, __func__);
 }
 
 OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
@@ -471,8 +471,7 @@ OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(CFAllocatorRef all
                                                               const AudioStreamPacketDescription *packetDescriptions,
                                                               SVSampleBufferRef *sampleBufferOut) noexcept {
     return createAudioSampleBuffer(allocator, dataBuffer, true, nullptr, nullptr, formatDescription, numSamples,
-                                   presentationTimeStamp, packetDescriptions, sampleBufferOut,
-                                   "SVAudioSampleBufferCreateReadyWithPacketDescriptions");
+                                   presentationTimeStamp, packetDescriptions, sampleBufferOut, __func__);
 }
 
 // ==== Packet descriptions =====================================================

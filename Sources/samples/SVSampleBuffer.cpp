@@ -333,7 +333,7 @@ SVTime SVSampleBufferGetPresentationTimeStamp(SVSampleBufferRef sbuf) noexcept {
             return earliest;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetPresentationTimeStamp", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -348,7 +348,7 @@ SVTime SVSampleBufferGetDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
             if (!b->sampleTimingArray || b->numSampleTimingEntries < 1) return kSVTimeInvalid;
             return b->sampleTimingArray[0].decodeTimeStamp;
         default:
-            SVSampleBufferBug("SVSampleBufferGetDecodeTimeStamp", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -372,7 +372,7 @@ SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) noexcept {
             return total;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetDuration", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -520,7 +520,7 @@ CFArrayRef SVSampleBufferGetSampleAttachmentsArray(SVSampleBufferRef sbuf, Boole
             count = 1;
             break;
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleAttachmentsArray", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
     sorvel::SVRetained<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, count, &kCFTypeArrayCallBacks));
     if (!array) return nullptr;

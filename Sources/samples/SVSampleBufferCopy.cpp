@@ -208,7 +208,7 @@ OSStatus SVSampleBufferCreateCopy(CFAllocatorRef allocator, SVSampleBufferRef sb
     const Buffer *source = asBuffer(sbuf);
     if (source->invalidated) return kSVSampleBufferError_Invalidated;
     if (source->kind != kSVSampleBufferKind_DataBuffer && source->kind != kSVSampleBufferKind_ImageBuffer)
-        SVSampleBufferBug("SVSampleBufferCreateCopy", __LINE__);
+        SVSampleBufferBug(__func__, __LINE__);
     Buffer *copy = sorvel::SVSampleBufferAllocate(allocator);
     if (!copy) {
         *sampleBufferOut = nullptr;
@@ -293,8 +293,7 @@ OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSamp
     if (source && source->kind == kSVSampleBufferKind_ImageBuffer)
         return kSVSampleBufferError_InvalidMediaTypeForOperation;
     if (!sampleBufferOut || !source) return kSVSampleBufferError_RequiredParameterMissing;
-    if (source->kind != kSVSampleBufferKind_DataBuffer)
-        SVSampleBufferBug("SVSampleBufferCopySampleBufferForRange", __LINE__);
+    if (source->kind != kSVSampleBufferKind_DataBuffer) SVSampleBufferBug(__func__, __LINE__);
     const SVItemCount numSamples = source->numSamples;
     if (numSamples <= 0) return kSVSampleBufferError_CannotSubdivide;
     // Negative ranges, and ranges whose end overflows, are past the end too.

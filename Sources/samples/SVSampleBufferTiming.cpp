@@ -152,7 +152,7 @@ SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
     if (!isUsable(sbuf)) return kInvalid;
     const Buffer *b = asBuffer(sbuf);
     if (b->kind != kSVSampleBufferKind_DataBuffer && b->kind != kSVSampleBufferKind_ImageBuffer)
-        SVSampleBufferBug("SVSampleBufferGetOutputDecodeTimeStamp", __LINE__);
+        SVSampleBufferBug(__func__, __LINE__);
     const Adjustments adjust = readAdjustments(sbuf);
     // For the image kind the buffer-wide decode time is its inline one.
     return outputDecode(adjust, bufferOutputPresentation(sbuf, adjust), SVSampleBufferGetPresentationTimeStamp(sbuf),
@@ -197,7 +197,7 @@ OSStatus SVSampleBufferGetSampleTimingInfoArray(SVSampleBufferRef sbuf, SVItemCo
             return 0;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleTimingInfoArray", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -248,7 +248,7 @@ OSStatus SVSampleBufferGetSampleTimingInfo(SVSampleBufferRef sbuf, SVItemIndex s
             return 0;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleTimingInfo", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -265,7 +265,7 @@ size_t SVSampleBufferGetSampleSize(SVSampleBufferRef sbuf, SVItemIndex sampleInd
             return b->sampleSizeArray[sampleIndex];
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleSize", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -292,7 +292,7 @@ OSStatus SVSampleBufferGetSampleSizeArray(SVSampleBufferRef sbuf, SVItemCount si
             return 0;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleSizeArray", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -313,6 +313,6 @@ size_t SVSampleBufferGetTotalSampleSize(SVSampleBufferRef sbuf) noexcept {
             return total;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetTotalSampleSize", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
