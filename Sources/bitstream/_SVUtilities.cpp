@@ -359,8 +359,7 @@ OSStatus _SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord(co
                                                                               CFMutableDataRef *dataOut) noexcept {
     if (!record || recordSize == 0 || !dataOut) return kInvalidParameter;
     if (recordSize <= 22) {
-        SV_LOG(3, "_SVCreateConcatenatedParameterSetsFromHEVCDecoderConfigurationRecord", __LINE__,
-               "HEVC configuration record is too short");
+        SV_LOG_HERE(3, "HEVC configuration record is too short");
         return kInvalidParameter;
     }
     return concatenate([&](auto &&visit) { return walkHEVCRecord(record, recordSize, visit); }, 5,
@@ -371,18 +370,18 @@ OSStatus SVGetParameterSetFromAVCDecoderConfigurationRecord(const uint8_t *recor
                                                             const uint8_t **parameterSetPointerOut,
                                                             size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                             int *nalUnitHeaderLengthOut) noexcept {
-    return parameterSetFromRecord("SVGetParameterSetFromAVCDecoderConfigurationRecord", __LINE__, record, recordSize,
-                                  index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
-                                  nalUnitHeaderLengthOut, [](auto... args) { return readAVCRecord(args...); });
+    return parameterSetFromRecord(__func__, __LINE__, record, recordSize, index, parameterSetPointerOut,
+                                  parameterSetSizeOut, parameterSetCountOut, nalUnitHeaderLengthOut,
+                                  [](auto... args) { return readAVCRecord(args...); });
 }
 
 OSStatus SVGetParameterSetFromHEVCDecoderConfigurationRecord(const uint8_t *record, size_t recordSize, size_t index,
                                                              const uint8_t **parameterSetPointerOut,
                                                              size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                              int *nalUnitHeaderLengthOut) noexcept {
-    return parameterSetFromRecord("SVGetParameterSetFromHEVCDecoderConfigurationRecord", __LINE__, record, recordSize,
-                                  index, parameterSetPointerOut, parameterSetSizeOut, parameterSetCountOut,
-                                  nalUnitHeaderLengthOut, [](auto... args) { return readHEVCRecord(args...); });
+    return parameterSetFromRecord(__func__, __LINE__, record, recordSize, index, parameterSetPointerOut,
+                                  parameterSetSizeOut, parameterSetCountOut, nalUnitHeaderLengthOut,
+                                  [](auto... args) { return readHEVCRecord(args...); });
 }
 
 }  // extern "C"

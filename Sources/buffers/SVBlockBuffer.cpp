@@ -38,7 +38,8 @@ const CFRuntimeClass kSVBlockBufferClass = {
 };
 constinit SVRuntimeClass<Buffer> gSVBlockBufferClass{kSVBlockBufferClass};
 
-constexpr int kCopyRanOffTheEndLine = 190;
+// Log identities the behaviour fixes (see core/SVLog.h).
+constexpr struct { sorvel::SVLogSite copyRanOffTheEnd{"_SVBlockBufferCopyData", 190}; } kLogSites;
 
 void *allocateBlock(const SubBlock &piece) noexcept {
     if (piece.hasCustomBlockSource) {
@@ -160,23 +161,24 @@ void blockBufferFinalize(CFTypeRef cf) noexcept {
 // size_t.  Every append checks this before it changes anything, so a
 // buffer's length never wraps (pieces left unallocated could otherwise add
 // up past the largest size and report a small length).
-bool growthFits(const Buffer *buffer, size_t dataLength, const char *function, int line) noexcept {
+bool growthFits(const Buffer *buffer, size_t dataLength, sorvel::SVLogSite site) noexcept {
     if (dataLength <= SIZE_MAX - buffer->dataLength) return true;
-    SV_LOG(3, function, line, "appending %zu bytes to a buffer of %zu bytes would overflow its data length.",
-           dataLength, buffer->dataLength);
+    SV_LOG_SITE(site, 3, "appending %zu bytes to a buffer of %zu bytes would overflow its data length.", dataLength,
+                buffer->dataLength);
     return false;
 }
 
 OSStatus appendReference(Buffer *buffer, Buffer *target, size_t offsetToData, size_t dataLength,
                          const char *function) noexcept {
-    if (!buffer || !target) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(buffer) || !gSVBlockBufferClass.checked(target))
+        return kSVBlockBufferBadPointerParameterErr;
     const size_t targetLength = target->dataLength;
     if (offsetToData >= targetLength) return kSVBlockBufferBadOffsetParameterErr;
     if (dataLength == 0)
         dataLength = targetLength - offsetToData;
     else if (dataLength > targetLength - offsetToData)
         return kSVBlockBufferBadLengthParameterErr;
-    if (!growthFits(buffer, dataLength, function, __LINE__)) return kSVBlockBufferBadLengthParameterErr;
+    if (!growthFits(buffer, dataLength, {function, __LINE__})) return kSVBlockBufferBadLengthParameterErr;
 
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
     if (!piece) return kSVBlockBufferStructureAllocationFailedErr;
@@ -245,7 +247,7 @@ OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocat
     }
     // The range was checked against the data length, which is the sum of
     // the pieces' lengths: the list cannot run out first.
-    SV_BUG("_SVBlockBufferCopyData", kCopyRanOffTheEndLine);
+    SV_BUG_SITE(kLogSites.copyRanOffTheEnd);
 }
 
 OSStatus checkRange(const Buffer *buffer, size_t offset, size_t length) noexcept {
@@ -264,7 +266,7 @@ CFTypeID SVBlockBufferGetTypeID(void) noexcept {
 
 OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer, size_t offset, size_t length,
                                 SVBlockBufferCopyDirection direction, Boolean mayAllocate) noexcept {
-    if (!memory || !buffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!memory || !gSVBlockBufferClass.checked(buffer)) return kSVBlockBufferBadPointerParameterErr;
     if (OSStatus status = checkRange(buffer, offset, length); status != kSVBlockBufferNoErr) return status;
     char *bytes = static_cast<char *>(memory);
     // memmove: the caller's memory may lie inside the buffer's own blocks.
@@ -291,17 +293,16 @@ OSStatus SVBlockBufferAppendMemoryBlock(SVBlockBufferRef theBuffer, void *memory
                                         CFAllocatorRef blockAllocator,
                                         const SVBlockBufferCustomBlockSource *customBlockSource, size_t offsetToData,
                                         size_t dataLength, SVBlockBufferFlags flags) noexcept {
-    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (dataLength == 0) {
-        SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "dataLength must be a positive non-zero number.");
+        SV_LOG_HERE(3, "dataLength must be a positive non-zero number.");
         return kSVBlockBufferBadLengthParameterErr;
     }
     if (blockLength == 0) {
-        SV_LOG(3, "SVBlockBufferAppendMemoryBlock", __LINE__, "blockLength must be a positive non-zero number.");
+        SV_LOG_HERE(3, "blockLength must be a positive non-zero number.");
         return kSVBlockBufferBadLengthParameterErr;
     }
-    if (!growthFits(theBuffer, dataLength, "SVBlockBufferAppendMemoryBlock", __LINE__))
-        return kSVBlockBufferBadLengthParameterErr;
+    if (!growthFits(theBuffer, dataLength, SV_HERE)) return kSVBlockBufferBadLengthParameterErr;
     // Deliberately unchecked: that the data lies inside the block.  The
     // caller is trusted.
     auto *piece = static_cast<SubBlock *>(std::calloc(1, sizeof(SubBlock)));
@@ -346,7 +347,7 @@ OSStatus SVBlockBufferCreateWithMemoryBlock(CFAllocatorRef structureAllocator, v
 
 OSStatus SVBlockBufferAppendBufferReference(SVBlockBufferRef theBuffer, SVBlockBufferRef targetBBuf,
                                             size_t offsetToData, size_t dataLength, SVBlockBufferFlags flags) noexcept {
-    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength, "SVBlockBufferAppendBufferReference");
+    return appendReference(theBuffer, targetBBuf, offsetToData, dataLength, __func__);
 }
 
 OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocator,
@@ -357,8 +358,7 @@ OSStatus SVBlockBufferCreateWithBufferReference(CFAllocatorRef structureAllocato
     *blockBufferOut = nullptr;
     SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
     if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
-    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength,
-                                      "SVBlockBufferCreateWithBufferReference");
+    OSStatus status = appendReference(buffer.get(), referencedBlockBuffer, offsetToData, dataLength, __func__);
     if (status != kSVBlockBufferNoErr) return status;
     *blockBufferOut = buffer.release();
     return kSVBlockBufferNoErr;
@@ -374,6 +374,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
     SVRetained<SVBlockBufferRef> buffer(gSVBlockBufferClass.create(structureAllocator));
     if (!buffer) return kSVBlockBufferStructureAllocationFailedErr;
 
+    if (!gSVBlockBufferClass.checked(sourceBuffer)) sourceBuffer = nullptr;
     const size_t length = dataLength ? dataLength : (sourceBuffer ? sourceBuffer->dataLength : 0) - offsetToData;
     OSStatus status;
     if (!(flags & kSVBlockBufferAlwaysCopyDataFlag)) {
@@ -384,7 +385,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
         if (status != kSVBlockBufferNoErr) return status;
         if (run >= length) {
             // Already contiguous: share the source's bytes instead of copying.
-            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length, "SVBlockBufferCreateContiguous");
+            status = appendReference(buffer.get(), sourceBuffer, offsetToData, length, __func__);
             if (status != kSVBlockBufferNoErr) return status;
             *blockBufferOut = buffer.release();
             return kSVBlockBufferNoErr;
@@ -401,7 +402,7 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
 }
 
 OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
-    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     for (SubBlock *piece = theBuffer->firstSubBlock; piece; piece = piece->next) {
         if (piece->isReference) {
             OSStatus status = SVBlockBufferAssureBlockMemory(
@@ -419,7 +420,7 @@ OSStatus SVBlockBufferAccessDataBytes(SVBlockBufferRef theBuffer, size_t offset,
                                       char **dataPointerOut) noexcept {
     if (!dataPointerOut) return kSVBlockBufferBadPointerParameterErr;
     *dataPointerOut = nullptr;
-    if (!theBuffer || !temporaryBlock) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer) || !temporaryBlock) return kSVBlockBufferBadPointerParameterErr;
     if (length == 0) return kSVBlockBufferBadLengthParameterErr;
     size_t run;
     char *pointer;
@@ -449,7 +450,7 @@ OSStatus SVBlockBufferReplaceDataBytes(const void *sourceBytes, SVBlockBufferRef
 
 OSStatus SVBlockBufferFillDataBytes(char fillByte, SVBlockBufferRef destinationBuffer, size_t offsetIntoDestination,
                                     size_t dataLength) noexcept {
-    if (!destinationBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(destinationBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (offsetIntoDestination >= destinationBuffer->dataLength) return kSVBlockBufferBadOffsetParameterErr;
     if (dataLength > destinationBuffer->dataLength - offsetIntoDestination) return kSVBlockBufferBadLengthParameterErr;
     if (dataLength == 0) {
@@ -473,7 +474,7 @@ OSStatus SVBlockBufferGetDataPointer(SVBlockBufferRef theBuffer, size_t offset, 
     if (lengthAtOffsetOut) *lengthAtOffsetOut = 0;
     if (totalLengthOut) *totalLengthOut = 0;
     if (dataPointerOut) *dataPointerOut = nullptr;
-    if (!theBuffer) return kSVBlockBufferBadPointerParameterErr;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
     if (totalLengthOut) *totalLengthOut = theBuffer->dataLength;
     size_t run;
     char *pointer;
@@ -485,11 +486,11 @@ OSStatus SVBlockBufferGetDataPointer(SVBlockBufferRef theBuffer, size_t offset, 
 }
 
 size_t SVBlockBufferGetDataLength(SVBlockBufferRef theBuffer) noexcept {
-    return theBuffer ? theBuffer->dataLength : 0;
+    return gSVBlockBufferClass.checked(theBuffer) ? theBuffer->dataLength : 0;
 }
 
 Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset, size_t length) noexcept {
-    if (!theBuffer) return false;
+    if (!gSVBlockBufferClass.checked(theBuffer)) return false;
     size_t run;
     char *pointer;
     if (locate(theBuffer, offset, &run, &pointer) != kSVBlockBufferNoErr) return false;
@@ -498,7 +499,7 @@ Boolean SVBlockBufferIsRangeContiguous(SVBlockBufferRef theBuffer, size_t offset
 }
 
 Boolean SVBlockBufferIsEmpty(SVBlockBufferRef theBuffer) noexcept {
-    return theBuffer ? theBuffer->dataLength == 0 : false;
+    return gSVBlockBufferClass.checked(theBuffer) ? theBuffer->dataLength == 0 : false;
 }
 
 }  // extern "C"

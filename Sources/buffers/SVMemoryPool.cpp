@@ -32,6 +32,7 @@
 
 #include "buffers/SVMemoryPoolInternal.h"
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "core/SVObject.h"
 
 namespace {
@@ -59,19 +60,9 @@ const CFRuntimeClass kSVMemoryPoolClass = {
 constinit sorvel::SVRuntimeClass<Pool> gSVMemoryPoolClass{kSVMemoryPoolClass};
 
 constexpr double kDefaultAgeOutPeriod = 0.5;
-constexpr int kLeakWarningLine = 225;
+// Log identities the behaviour fixes (see core/SVLog.h).
+constexpr struct { sorvel::SVLogSite leakWarning{"_SVMemoryPoolAllocatorRelease", 225}; } kLogSites;
 constexpr size_t kNotFound = SIZE_MAX;
-
-class Locked {
-public:
-    explicit Locked(State *state) noexcept : lock_(state->lock) { XPMutexAcquire(lock_); }
-    ~Locked() { XPMutexRelease(lock_); }
-    Locked(const Locked &) = delete;
-    Locked &operator=(const Locked &) = delete;
-
-private:
-    XPMutexRef lock_;
-};
 
 size_t pageSize() noexcept {
     static const size_t page = static_cast<size_t>(getpagesize());
@@ -270,14 +261,14 @@ void deallocateLocked(State *state, void *block) noexcept {
 void *poolAllocate(CFIndex size, CFOptionFlags hint, void *info) noexcept {
     if (size < 1) return nullptr;
     auto *state = static_cast<State *>(info);
-    Locked locked(state);
+    sorvel::SVMutexGuard locked(state->lock);
     return allocateLocked(state, static_cast<size_t>(size));
 }
 
 void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *info) noexcept {
     if (!block || newSize < 1) return nullptr;
     auto *state = static_cast<State *>(info);
-    Locked locked(state);
+    sorvel::SVMutexGuard locked(state->lock);
     const size_t slot = tableFind(state->outstanding, block);
     if (slot == kNotFound) return nullptr;
     const size_t recorded = state->outstanding.slots[slot].requestedSize;
@@ -296,7 +287,7 @@ void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *inf
 void poolDeallocate(void *block, void *info) noexcept {
     if (!block) return;
     auto *state = static_cast<State *>(info);
-    Locked locked(state);
+    sorvel::SVMutexGuard locked(state->lock);
     deallocateLocked(state, block);
 }
 
@@ -310,7 +301,7 @@ void poolFinalize(CFTypeRef cf) noexcept {
     Pool *pool = sorvel::SVRuntimeClass<Pool>::cast(cf);
     if (!pool->state) return;  // half-built: nothing was shared yet
     {
-        Locked locked(pool->state);
+        sorvel::SVMutexGuard locked(pool->state->lock);
         invalidateLocked(pool);
     }
     // The allocator, and with it the shared state, lives on while clients
@@ -332,16 +323,16 @@ void _SVMemoryPoolAllocatorRelease(const void *info) noexcept {
     auto *state = static_cast<State *>(const_cast<void *>(info));
     size_t leaked;
     {
-        Locked locked(state);
+        sorvel::SVMutexGuard locked(state->lock);
         leaked = state->outstanding.count;
     }
     // Logged after unlocking: the allocator is unreachable by now, and a log
     // sink is client code.
     if (leaked)
-        SV_LOG(3, "_SVMemoryPoolAllocatorRelease", kLeakWarningLine,
-               "SVMemoryPool: Releasing allocator while %lld blocks of memory are still allocated. "
-               "That's a memory leak!",
-               static_cast<long long>(leaked));
+        SV_LOG_SITE(kLogSites.leakWarning, 3,
+                    "SVMemoryPool: Releasing allocator while %lld blocks of memory are still allocated. "
+                    "That's a memory leak!",
+                    static_cast<long long>(leaked));
     destroyState(state);
 }
 
@@ -383,18 +374,18 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
 }
 
 CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept {
-    return pool ? pool->allocator : nullptr;
+    return gSVMemoryPoolClass.checked(pool) ? pool->allocator : nullptr;
 }
 
 void SVMemoryPoolFlush(SVMemoryPoolRef pool) noexcept {
-    if (!pool || !pool->state) return;
-    Locked locked(pool->state);
+    if (!gSVMemoryPoolClass.checked(pool) || !pool->state) return;
+    sorvel::SVMutexGuard locked(pool->state->lock);
     if (pool->freeList) flushLocked(*pool->freeList);
 }
 
 void SVMemoryPoolInvalidate(SVMemoryPoolRef pool) noexcept {
-    if (!pool || !pool->state) return;
-    Locked locked(pool->state);
+    if (!gSVMemoryPoolClass.checked(pool) || !pool->state) return;
+    sorvel::SVMutexGuard locked(pool->state->lock);
     invalidateLocked(pool);
 }
 

@@ -101,7 +101,7 @@ OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpl
     if (capacity < 0) {
         // The fullness test compares as unsigned, so a negative capacity
         // would let enqueues run past the slots.
-        SV_LOG(3, "SVSimpleQueueCreate", __LINE__, "capacity %d is negative", static_cast<int>(capacity));
+        SV_LOG_HERE(3, "capacity %d is negative", static_cast<int>(capacity));
         *queueOut = nullptr;
         return kSVSimpleQueueError_AllocationFailed;
     }
@@ -118,8 +118,7 @@ OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpl
     if (slotCount > SIZE_MAX / sizeof(void *) ||
         __builtin_mul_overflow(static_cast<size_t>(slotCount), sizeof(void *), &slotBytes) ||
         slotBytes > static_cast<size_t>(INTPTR_MAX) - fields - sizeof(CFRuntimeBase) - 64) {
-        SV_LOG(3, "SVSimpleQueueCreate", __LINE__, "capacity %d needs more slots than can be addressed",
-               static_cast<int>(capacity));
+        SV_LOG_HERE(3, "capacity %d needs more slots than can be addressed", static_cast<int>(capacity));
         *queueOut = nullptr;
         return kSVSimpleQueueError_AllocationFailed;
     }
@@ -140,7 +139,7 @@ OSStatus SVSimpleQueueCreate(CFAllocatorRef allocator, int32_t capacity, SVSimpl
 }
 
 OSStatus SVSimpleQueueEnqueue(SVSimpleQueueRef queue, const void *element) noexcept {
-    if (!queue || !element) return kSVSimpleQueueError_RequiredParameterMissing;
+    if (!gSVSimpleQueueClass.checked(queue) || !element) return kSVSimpleQueueError_RequiredParameterMissing;
     const uint32_t capacity = static_cast<uint32_t>(queue->capacity);
     const uint32_t enqueued = loadRelaxed(queue->enqueueCount);  // only this thread writes it
     if (enqueued - queue->producerSeenDequeue >= capacity) {
@@ -153,7 +152,7 @@ OSStatus SVSimpleQueueEnqueue(SVSimpleQueueRef queue, const void *element) noexc
 }
 
 const void *SVSimpleQueueDequeue(SVSimpleQueueRef queue) noexcept {
-    if (!queue) return nullptr;
+    if (!gSVSimpleQueueClass.checked(queue)) return nullptr;
     const uint32_t dequeued = loadRelaxed(queue->dequeueCount);  // only this thread writes it
     if (dequeued == queue->consumerSeenEnqueue) {
         queue->consumerSeenEnqueue = loadAcquire(queue->enqueueCount);
@@ -168,25 +167,25 @@ const void *SVSimpleQueueDequeue(SVSimpleQueueRef queue) noexcept {
 }
 
 const void *SVSimpleQueueGetHead(SVSimpleQueueRef queue) noexcept {
-    if (!queue) return nullptr;
+    if (!gSVSimpleQueueClass.checked(queue)) return nullptr;
     const uint32_t dequeued = loadRelaxed(queue->dequeueCount);
     if (dequeued == loadAcquire(queue->enqueueCount)) return nullptr;
     return SVSimpleQueueSlots(queue)[dequeued & queue->indexMask];
 }
 
 OSStatus SVSimpleQueueReset(SVSimpleQueueRef queue) noexcept {
-    if (!queue) return kSVSimpleQueueError_RequiredParameterMissing;
+    if (!gSVSimpleQueueClass.checked(queue)) return kSVSimpleQueueError_RequiredParameterMissing;
     // The slots are not cleared; the counts alone say what is in the queue.
     setCounts(queue, kResetCount);
     return 0;
 }
 
 int32_t SVSimpleQueueGetCapacity(SVSimpleQueueRef queue) noexcept {
-    return queue ? queue->capacity : 0;
+    return gSVSimpleQueueClass.checked(queue) ? queue->capacity : 0;
 }
 
 int32_t SVSimpleQueueGetCount(SVSimpleQueueRef queue) noexcept {
-    if (!queue) return 0;
+    if (!gSVSimpleQueueClass.checked(queue)) return 0;
     // Reading the two counts one after the other can pair an old enqueue
     // count with a newer dequeue count.  Re-read until one of them is seen
     // unchanged across a read of the other: then the pair existed together.

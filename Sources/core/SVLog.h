@@ -86,4 +86,64 @@ inline bool SVLogEnabled(SVLogModule &module, const char *sourcePath, int level,
         XPAbortWithBacktrace();                 \
     } while (0)
 
+// ---- where a line says it comes from ------------------------------------------
+//
+// A log line names a function and a source line.  One rule decides where
+// each site takes them from:
+//
+// - A site inside the exported function whose name it logs lets the
+//   compiler give both: SV_LOG_HERE, SV_LOG_STATUS_HERE, SV_FATAL_HERE,
+//   SV_BUG_HERE, SV_NOT_YET_IMPLEMENTED_HERE (__func__ and __LINE__).
+// - A helper that logs on behalf of its public caller is handed the
+//   caller's identity, which the caller captures the same way: SV_HERE (its
+//   name and line) or __func__ alone when the helper reports its own line
+//   (SV_LOG_FOR, SV_LOG_STATUS_FOR).
+// - Every identity the compiler cannot give (a name that is not the
+//   enclosing C function's, such as an internal name or a site inside a
+//   block, or a line number the behaviour fixes) is written once, in the
+//   module's table of SVLogSite entries, and logged with the _SITE macros.
+//   A table entry with line 0 reports the site's own line.
+
+namespace sorvel {
+
+struct SVLogSite {
+    const char *function;
+    int line;  // 0: the line of the site that logs
+};
+
+constexpr int SVLogSiteLine(const SVLogSite &site, int here) noexcept {
+    return site.line != 0 ? site.line : here;
+}
+
+}  // namespace sorvel
+
+#define SV_HERE (::sorvel::SVLogSite{__func__, __LINE__})
+
+#define SV_LOG_HERE(level, ...) SV_LOG(level, __func__, __LINE__, __VA_ARGS__)
+#define SV_LOG_HERE_AT(path, level, ...) SV_LOG_AT(path, level, __func__, __LINE__, __VA_ARGS__)
+#define SV_LOG_STATUS_HERE(level, status, format, ...) \
+    SV_LOG_STATUS(level, __func__, __LINE__, status, format __VA_OPT__(, ) __VA_ARGS__)
+#define SV_FATAL_HERE(...) SV_FATAL(__func__, __LINE__, __VA_ARGS__)
+#define SV_BUG_HERE() SV_BUG(__func__, __LINE__)
+#define SV_NOT_YET_IMPLEMENTED_HERE() SV_NOT_YET_IMPLEMENTED(__func__, __LINE__)
+
+#define SV_LOG_FOR(function, level, ...) SV_LOG(level, function, __LINE__, __VA_ARGS__)
+#define SV_LOG_STATUS_FOR(function, level, status, format, ...) \
+    SV_LOG_STATUS(level, function, __LINE__, status, format __VA_OPT__(, ) __VA_ARGS__)
+
+#define SV_LOG_SITE(site, level, ...) \
+    SV_LOG(level, (site).function, ::sorvel::SVLogSiteLine((site), __LINE__), __VA_ARGS__)
+#define SV_LOG_SITE_AT(path, site, level, ...) \
+    SV_LOG_AT(path, level, (site).function, ::sorvel::SVLogSiteLine((site), __LINE__), __VA_ARGS__)
+#define SV_LOG_STATUS_SITE(site, level, status, format, ...)                                 \
+    SV_LOG_STATUS(level, (site).function, ::sorvel::SVLogSiteLine((site), __LINE__), status, \
+                  format __VA_OPT__(, ) __VA_ARGS__)
+#define SV_LOG_STATUS_SITE_AT(path, site, level, status, format, ...)                                 \
+    SV_LOG_STATUS_AT(path, level, (site).function, ::sorvel::SVLogSiteLine((site), __LINE__), status, \
+                     format __VA_OPT__(, ) __VA_ARGS__)
+#define SV_FATAL_SITE(site, ...) SV_FATAL((site).function, ::sorvel::SVLogSiteLine((site), __LINE__), __VA_ARGS__)
+#define SV_BUG_SITE(site) SV_BUG((site).function, ::sorvel::SVLogSiteLine((site), __LINE__))
+#define SV_NOT_YET_IMPLEMENTED_SITE(site) \
+    SV_NOT_YET_IMPLEMENTED((site).function, ::sorvel::SVLogSiteLine((site), __LINE__))
+
 #endif  // SORVEL_SOURCES_SVLOG_H

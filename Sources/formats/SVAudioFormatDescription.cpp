@@ -29,7 +29,7 @@ constexpr uint32_t kChannelDescriptionSize = sizeof(AudioChannelDescription);
 static_assert(kLayoutRecordSize == 32 && kLayoutHeaderSize == 12 && kChannelDescriptionSize == 20);
 
 bool isAudio(SVFormatDescriptionRef desc) {
-    return desc && desc->mediaType == kSVMediaType_Audio;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) && desc->mediaType == kSVMediaType_Audio;
 }
 
 uint32_t readWord(const uint8_t *bytes, uint64_t offset) {
@@ -95,8 +95,7 @@ OSStatus SVAudioFormatDescriptionCreate(CFAllocatorRef allocator, const AudioStr
                                         const void *magicCookie, CFDictionaryRef extensions,
                                         SVAudioFormatDescriptionRef *formatDescriptionOut) noexcept {
     if (!asbd) {
-        SV_LOG(3, "SVAudioFormatDescriptionCreate", __LINE__,
-               "Missing AudioStreamBasicDescription in SVAudioFormatDescriptionCreate");
+        SV_LOG_HERE(3, "Missing AudioStreamBasicDescription in SVAudioFormatDescriptionCreate");
         return kSVFormatDescriptionError_InvalidParameter;
     }
     if (!formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
@@ -104,8 +103,7 @@ OSStatus SVAudioFormatDescriptionCreate(CFAllocatorRef allocator, const AudioStr
     // The payload stores 32-bit sizes; and a layout size promises bytes to copy.
     if (layoutSize > std::numeric_limits<uint32_t>::max() || magicCookieSize > std::numeric_limits<uint32_t>::max() ||
         (layoutSize > 0 && !layout)) {
-        SV_LOG(3, "SVAudioFormatDescriptionCreate", __LINE__,
-               "Invalid channel layout or magic cookie size in SVAudioFormatDescriptionCreate");
+        SV_LOG_HERE(3, "Invalid channel layout or magic cookie size in SVAudioFormatDescriptionCreate");
         return kSVFormatDescriptionError_InvalidParameter;
     }
     sorvel::SVRetained<SVFormatDescriptionRef> desc(
@@ -192,8 +190,7 @@ const AudioFormatListItem *SVAudioFormatDescriptionGetFormatList(SVAudioFormatDe
     UInt32 size = 0;
     OSStatus status = AudioFormatGetPropertyInfo(kAudioFormatProperty_FormatList, sizeof info, &info, &size);
     if (status != 0) {
-        SV_LOG_STATUS(3, "SVAudioFormatDescriptionGetFormatList", __LINE__, status,
-                      "Failed to get property size for kAudioFormatProperty_FormatList: %s");
+        SV_LOG_STATUS_HERE(3, status, "Failed to get property size for kAudioFormatProperty_FormatList: %s");
         return nullptr;
     }
     auto *list = static_cast<AudioFormatListItem *>(allocatePayload(desc, size));
@@ -212,8 +209,7 @@ const AudioFormatListItem *SVAudioFormatDescriptionGetFormatList(SVAudioFormatDe
         list = expected;
     }
     if (status != 0) {
-        SV_LOG_STATUS(3, "SVAudioFormatDescriptionGetFormatList", __LINE__, status,
-                      "Failed to get property data for kAudioFormatProperty_FormatList: %s");
+        SV_LOG_STATUS_HERE(3, status, "Failed to get property data for kAudioFormatProperty_FormatList: %s");
         return nullptr;
     }
     if (formatListSizeOut) *formatListSizeOut = __atomic_load_n(&audio.formatListSize, __ATOMIC_RELAXED);
@@ -238,8 +234,8 @@ const AudioFormatListItem *SVAudioFormatDescriptionGetRichestDecodableFormat(
     OSStatus status = AudioFormatGetProperty(kAudioFormatProperty_FirstPlayableFormatFromList,
                                              static_cast<UInt32>(size), list, &indexSize, &index);
     if (status != 0) {
-        SV_LOG_STATUS(3, "SVAudioFormatDescriptionGetRichestDecodableFormat", __LINE__, status,
-                      "Failed to retrieve kAudioFormatProperty_FirstPlayableFormatFromList for format list: %s");
+        SV_LOG_STATUS_HERE(3, status,
+                           "Failed to retrieve kAudioFormatProperty_FirstPlayableFormatFromList for format list: %s");
         return nullptr;
     }
     // The service answers within the list; the bound only guards against a

@@ -238,25 +238,26 @@ OSStatus SVFormatDescriptionCreate(CFAllocatorRef allocator, SVMediaType mediaTy
 }
 
 SVMediaType SVFormatDescriptionGetMediaType(SVFormatDescriptionRef desc) noexcept {
-    return desc ? desc->mediaType : 0;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) ? desc->mediaType : 0;
 }
 
 FourCharCode SVFormatDescriptionGetMediaSubType(SVFormatDescriptionRef desc) noexcept {
-    return desc ? desc->mediaSubType : 0;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) ? desc->mediaSubType : 0;
 }
 
 CFDictionaryRef SVFormatDescriptionGetExtensions(SVFormatDescriptionRef desc) noexcept {
-    return desc ? desc->extensions : nullptr;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) ? desc->extensions : nullptr;
 }
 
 CFPropertyListRef SVFormatDescriptionGetExtension(SVFormatDescriptionRef desc, CFStringRef extensionKey) noexcept {
-    if (!desc || !desc->extensions || !extensionKey) return nullptr;
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc) || !desc->extensions || !extensionKey) return nullptr;
     return CFDictionaryGetValue(desc->extensions, extensionKey);
 }
 
 Boolean SVFormatDescriptionEqual(SVFormatDescriptionRef desc1, SVFormatDescriptionRef desc2) noexcept {
     if (desc1 == desc2) return true;
-    if (!desc1 || !desc2) return false;
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc1) || !sorvel::gSVFormatDescriptionClass.checked(desc2))
+        return false;
     if (desc1->mediaType != desc2->mediaType || desc1->mediaSubType != desc2->mediaSubType) return false;
     if (desc1->extensions != desc2->extensions &&
         (!desc1->extensions || !desc2->extensions || !CFEqual(desc1->extensions, desc2->extensions)))
@@ -269,7 +270,7 @@ Boolean SVFormatDescriptionEqual(SVFormatDescriptionRef desc1, SVFormatDescripti
         case kSVMediaType_Video:
             return videoPayloadEqual(desc1->video, desc2->video);
         default:
-            SV_NOT_YET_IMPLEMENTED("SVFormatDescriptionEqual", __LINE__);
+            SV_NOT_YET_IMPLEMENTED_HERE();
     }
 }
 
@@ -373,59 +374,58 @@ SV_CONSTANT_KEY(kSVSoundDescriptionFlavor_3GPFamily);
 
 Boolean SVFormatDescriptionEqualIgnoringExtensionKeys(SVFormatDescriptionRef, SVFormatDescriptionRef, CFTypeRef,
                                                       CFTypeRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVFormatDescriptionEqualIgnoringExtensionKeys", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMuxedFormatDescriptionCreate(CFAllocatorRef, SVMuxedStreamType, CFDictionaryRef,
                                         SVMuxedFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMuxedFormatDescriptionCreate", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVTimeCodeFormatDescriptionCreate(CFAllocatorRef, SVTimeCodeFormatType, SVTime, uint32_t, uint32_t,
                                            CFDictionaryRef, SVTimeCodeFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionCreate", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVTime SVTimeCodeFormatDescriptionGetFrameDuration(SVTimeCodeFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionGetFrameDuration", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 uint32_t SVTimeCodeFormatDescriptionGetFrameQuanta(SVTimeCodeFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionGetFrameQuanta", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 uint32_t SVTimeCodeFormatDescriptionGetTimeCodeFlags(SVTimeCodeFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimeCodeFormatDescriptionGetTimeCodeFlags", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateWithKeys(CFAllocatorRef, SVMetadataFormatType, CFArrayRef,
                                                    SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateWithKeys", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 CFDictionaryRef SVMetadataFormatDescriptionGetKeyWithLocalID(SVMetadataFormatDescriptionRef, OSType) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionGetKeyWithLocalID", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateWithMetadataSpecifications(CFAllocatorRef, SVMetadataFormatType, CFArrayRef,
                                                                      SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateWithMetadataSpecifications", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateWithMetadataFormatDescriptionAndMetadataSpecifications(
     CFAllocatorRef, SVMetadataFormatDescriptionRef, CFArrayRef, SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateWithMetadataFormatDescriptionAndMetadataSpecifications",
-                           __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions(
     CFAllocatorRef, SVMetadataFormatDescriptionRef, SVMetadataFormatDescriptionRef,
     SVMetadataFormatDescriptionRef *) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionCreateByMergingMetadataFormatDescriptions", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 CFArrayRef SVMetadataFormatDescriptionGetIdentifiers(SVMetadataFormatDescriptionRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataFormatDescriptionGetIdentifiers", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 // Big-endian sample descriptions (the bridge's source unit).
@@ -433,161 +433,159 @@ CFArrayRef SVMetadataFormatDescriptionGetIdentifiers(SVMetadataFormatDescription
 OSStatus SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer(CFAllocatorRef, SVAudioFormatDescriptionRef,
                                                                             SVSoundDescriptionFlavor,
                                                                             SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVAudioFormatDescriptionCopyAsBigEndianSoundDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVSoundDescriptionFlavor, SVAudioFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
                                                                          SVSoundDescriptionFlavor,
                                                                          SVAudioFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVAudioFormatDescriptionCreateFromBigEndianSoundDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 Boolean SVDoesBigEndianSoundDescriptionRequireLegacyCBRSampleTableLayout(SVBlockBufferRef,
                                                                          SVSoundDescriptionFlavor) noexcept {
-    bridgeNotImplemented("SVDoesBigEndianSoundDescriptionRequireLegacyCBRSampleTableLayout", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianSoundDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianSoundDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianSoundDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianSoundDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer(CFAllocatorRef, SVVideoFormatDescriptionRef,
                                                                             CFStringEncoding, SVImageDescriptionFlavor,
                                                                             SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVVideoFormatDescriptionCopyAsBigEndianImageDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, CFStringEncoding, SVImageDescriptionFlavor,
     SVVideoFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
                                                                          CFStringEncoding, SVImageDescriptionFlavor,
                                                                          SVVideoFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVVideoFormatDescriptionCreateFromBigEndianImageDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianImageDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianImageDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianImageDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianImageDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTextFormatDescriptionCopyAsBigEndianTextDescriptionBlockBuffer(CFAllocatorRef, SVTextFormatDescriptionRef,
                                                                           SVTextDescriptionFlavor,
                                                                           SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVTextFormatDescriptionCopyAsBigEndianTextDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTextFormatDescriptionCreateFromBigEndianTextDescriptionBlockBuffer(CFAllocatorRef, SVBlockBufferRef,
                                                                               SVTextDescriptionFlavor, SVMediaType,
                                                                               SVTextFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTextFormatDescriptionCreateFromBigEndianTextDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTextFormatDescriptionCreateFromBigEndianTextDescriptionData(CFAllocatorRef, const uint8_t *, size_t,
                                                                        SVTextDescriptionFlavor, SVMediaType,
                                                                        SVTextFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTextFormatDescriptionCreateFromBigEndianTextDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianTextDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianTextDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianTextDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianTextDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCopyAsBigEndianClosedCaptionDescriptionBlockBuffer(
     CFAllocatorRef, SVClosedCaptionFormatDescriptionRef, SVClosedCaptionDescriptionFlavor,
     SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVClosedCaptionFormatDescriptionCopyAsBigEndianClosedCaptionDescriptionBlockBuffer",
-                         __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVClosedCaptionDescriptionFlavor,
     SVClosedCaptionFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionBlockBuffer",
-                         __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionData(
     CFAllocatorRef, const uint8_t *, size_t, SVClosedCaptionDescriptionFlavor,
     SVClosedCaptionFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVClosedCaptionFormatDescriptionCreateFromBigEndianClosedCaptionDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianClosedCaptionDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianClosedCaptionDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianClosedCaptionDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianClosedCaptionDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTimeCodeFormatDescriptionCopyAsBigEndianTimeCodeDescriptionBlockBuffer(CFAllocatorRef,
                                                                                   SVTimeCodeFormatDescriptionRef,
                                                                                   SVTimeCodeDescriptionFlavor,
                                                                                   SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVTimeCodeFormatDescriptionCopyAsBigEndianTimeCodeDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVTimeCodeDescriptionFlavor, SVTimeCodeFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData(
     CFAllocatorRef, const uint8_t *, size_t, SVTimeCodeDescriptionFlavor, SVTimeCodeFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVTimeCodeFormatDescriptionCreateFromBigEndianTimeCodeDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianTimeCodeDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianTimeCodeDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianTimeCodeDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianTimeCodeDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVMetadataFormatDescriptionCopyAsBigEndianMetadataDescriptionBlockBuffer(CFAllocatorRef,
                                                                                   SVMetadataFormatDescriptionRef,
                                                                                   SVMetadataDescriptionFlavor,
                                                                                   SVBlockBufferRef *) noexcept {
-    bridgeNotImplemented("SVMetadataFormatDescriptionCopyAsBigEndianMetadataDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer(
     CFAllocatorRef, SVBlockBufferRef, SVMetadataDescriptionFlavor, SVMetadataFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionBlockBuffer", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData(
     CFAllocatorRef, const uint8_t *, size_t, SVMetadataDescriptionFlavor, SVMetadataFormatDescriptionRef *) noexcept {
-    bridgeNotImplemented("SVMetadataFormatDescriptionCreateFromBigEndianMetadataDescriptionData", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapBigEndianMetadataDescriptionToHost(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapBigEndianMetadataDescriptionToHost", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 OSStatus SVSwapHostEndianMetadataDescriptionToBig(uint8_t *, size_t) noexcept {
-    bridgeNotImplemented("SVSwapHostEndianMetadataDescriptionToBig", __LINE__);
+    bridgeNotImplemented(__func__, __LINE__);
 }
 
 }  // extern "C"

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "bitstream/SVParameterSetsInternal.h"
+#include "core/SVAllocationBoundary.h"
 #include "core/SVLog.h"
 #include "formats/SVFormatDescriptionInternal.h"
 #include "formats/SVSampleDescriptionInternal.h"
@@ -359,7 +360,7 @@ void mergeDerived(CFDictionaryRef from, CFMutableDictionaryRef to) {
 namespace sorvel {
 
 OSStatus SVBadAtom(const char *function, const char *why) {
-    SV_LOG(3, function, __LINE__, "Bad sample description atom: %s", why);
+    SV_LOG_FOR(function, 3, "Bad sample description atom: %s", why);
     return kSVSampleDescriptionError_BadAtom;
 }
 
@@ -369,15 +370,15 @@ bool SVWalkAtoms(const uint8_t *begin, const uint8_t *end, std::vector<SVAtom> &
         const size_t left = size_t(end - p);
         if (left < 8) {
             if (left == 4 && SVReadBE32(p) == 0) return true;  // 32-bit terminator
-            SV_LOG(3, function, __LINE__, "Bad sample description atom: %d stray bytes at the end", int(left));
+            SV_LOG_FOR(function, 3, "Bad sample description atom: %d stray bytes at the end", int(left));
             return false;
         }
         const uint32_t size = SVReadBE32(p);
         const FourCharCode code = SVReadBE32(p + 4);
         if (size == 0 && code == 0) return true;  // 8-byte terminator
         if (size < 8 || size > left) {
-            SV_LOG(3, function, __LINE__, "Bad sample description atom: '%s' has size %u with %d bytes left",
-                   SVCodeText(code).text, size, int(left));
+            SV_LOG_FOR(function, 3, "Bad sample description atom: '%s' has size %u with %d bytes left",
+                       SVCodeText(code).text, size, int(left));
             return false;
         }
         atoms.push_back({code, p + 8, size - 8});
@@ -445,15 +446,19 @@ bool SVGetDouble(CFDictionaryRef dict, CFStringRef key, double *out) {
 }
 
 CFDictionaryRef SVCreateAtomsDictionary(const std::vector<SVAtom> &atoms) {
-    CFMutableDictionaryRef dict = SVCreateMutableDictionary();
+    SVRetained<CFMutableDictionaryRef> owned(SVCreateMutableDictionary());
+    CFMutableDictionaryRef dict = owned.get();
     if (!dict) return nullptr;
     for (size_t i = 0; i < atoms.size(); ++i) {
-        CFStringRef key = SVCreateStringForCode(atoms[i].code);
-        if (!key || CFDictionaryContainsKey(dict, key)) {
-            if (key) CFRelease(key);
-            continue;
-        }
+        SVRetained<CFStringRef> ownedKey(SVCreateStringForCode(atoms[i].code));
+        CFStringRef key = ownedKey.get();
+        if (!key || CFDictionaryContainsKey(dict, key)) continue;
+        // The list is sized before any payload is made: reserving is the
+        // only step here that can throw.
+        size_t count = 0;
+        for (size_t j = i; j < atoms.size(); ++j) count += atoms[j].code == atoms[i].code;
         std::vector<const void *> payloads;
+        payloads.reserve(count);
         for (size_t j = i; j < atoms.size(); ++j)
             if (atoms[j].code == atoms[i].code)
                 payloads.push_back(CFDataCreate(kCFAllocatorDefault, atoms[j].payload, CFIndex(atoms[j].size)));
@@ -465,15 +470,11 @@ CFDictionaryRef SVCreateAtomsDictionary(const std::vector<SVAtom> &atoms) {
                                                          &kCFTypeArrayCallBacks);
         for (const void *p : payloads)
             if (p) CFRelease(p);
-        if (value) CFDictionarySetValue(dict, key, value);
-        CFRelease(key);
-        if (!value) {
-            CFRelease(dict);
-            return nullptr;
-        }
+        if (!value) return nullptr;
+        CFDictionarySetValue(dict, key, value);
         CFRelease(value);
     }
-    return dict;
+    return owned.release();
 }
 
 bool SVAtomsAreQuickTimeOnly(const std::vector<SVAtom> &atoms) {
@@ -845,8 +846,7 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
     const FourCharCode format = SVFormatDescriptionGetMediaSubType(desc);
     const SVVideoDimensions dims = SVVideoFormatDescriptionGetDimensions(desc);
     if (dims.width < 0 || dims.width > 0xFFFF || dims.height < 0 || dims.height > 0xFFFF) {
-        SV_LOG(3, function, __LINE__, "Dimensions %dx%d do not fit a sample description", int(dims.width),
-               int(dims.height));
+        SV_LOG_FOR(function, 3, "Dimensions %dx%d do not fit a sample description", int(dims.width), int(dims.height));
         return kSVSampleDescriptionError_UnsupportedFormat;
     }
     writeVisualFixedPart(desc, format, dims, iso, w);
@@ -862,7 +862,7 @@ OSStatus SVWriteVisualSampleEntry(SVFormatDescriptionRef desc, bool iso, SVByteW
         if (cleanAperturePayload(static_cast<CFDictionaryRef>(clap), payload))
             w.atom(SVFourCC("clap"), payload.bytes);
         else
-            SV_LOG(4, function, __LINE__, "Clean aperture not written: its values do not fit the 'clap' fields");
+            SV_LOG_FOR(function, 4, "Clean aperture not written: its values do not fit the 'clap' fields");
     }
     if (!iso) {
         writeFieldsAtom(desc, w);
@@ -904,20 +904,20 @@ Family flavorFamily(CFStringRef flavor, SVMediaType mediaType, bool *version2) {
 
 OSStatus copyEntryBytes(SVFormatDescriptionRef desc, CFStringRef flavor, std::vector<uint8_t> &bytes,
                         const char *function) {
-    if (!desc) {
-        SV_LOG(3, function, __LINE__, "No format description");
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc)) {
+        SV_LOG_FOR(function, 3, "No format description");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     const SVMediaType mediaType = SVFormatDescriptionGetMediaType(desc);
     if (mediaType != kSVMediaType_Video && mediaType != kSVMediaType_Audio) {
-        SV_LOG(3, function, __LINE__, "Only video and sound descriptions have sample entries here");
+        SV_LOG_FOR(function, 3, "Only video and sound descriptions have sample entries here");
         return kSVSampleDescriptionError_UnsupportedFormat;
     }
     bool version2 = false;
     Family family = flavorFamily(flavor, mediaType, &version2);
     if (family == Family::Invalid) {
-        SV_LOG(3, function, __LINE__, "Flavor is not a %s description flavor",
-               mediaType == kSVMediaType_Video ? "image" : "sound");
+        SV_LOG_FOR(function, 3, "Flavor is not a %s description flavor",
+                   mediaType == kSVMediaType_Video ? "image" : "sound");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     // The entry the description was read from, when it is of the family
@@ -947,12 +947,12 @@ OSStatus copyEntryBytes(SVFormatDescriptionRef desc, CFStringRef flavor, std::ve
 }
 
 // Where the atoms of a sound description start: after the fixed part of
-// its version, which version 2 states itself.  `kFunction` is the entry
+// its version, which version 2 states itself.  `function` is the entry
 // point's name, as its log lines give it.
-OSStatus soundAtomsOffset(const uint8_t *bytes, uint32_t size, bool iso, size_t &atomsAt, const char *kFunction) {
+OSStatus soundAtomsOffset(const uint8_t *bytes, uint32_t size, bool iso, size_t &atomsAt, const char *function) {
     const unsigned version = SVReadBE16(bytes + 16);
     if (version > 2) {
-        SV_LOG(3, kFunction, __LINE__, "Sound description version %u is not supported", version);
+        SV_LOG_FOR(function, 3, "Sound description version %u is not supported", version);
         return kSVSampleDescriptionError_UnsupportedVersion;
     }
     // An ISO version 1 entry keeps the version 0 layout (its rate may be
@@ -960,15 +960,14 @@ OSStatus soundAtomsOffset(const uint8_t *bytes, uint32_t size, bool iso, size_t 
     // flavour takes version 1 as QuickTime's, by far the common one.
     atomsAt = version == 0 || (version == 1 && iso) ? 36 : version == 1 ? 52 : 72;
     if (size < atomsAt) {
-        SV_LOG(3, kFunction, __LINE__, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt),
-               size);
+        SV_LOG_FOR(function, 3, "Sound description version %u needs %d bytes, has %u", version, int(atomsAt), size);
         return kSVSampleDescriptionError_Truncated;
     }
     // Version 2 states where its fixed part ends.
     if (version == 2) {
         const uint32_t structSize = SVReadBE32(bytes + 36);
         if (structSize < 72 || structSize > size) {
-            SV_LOG(3, kFunction, __LINE__, "Sound description version 2 states %u fixed bytes of %u", structSize, size);
+            SV_LOG_FOR(function, 3, "Sound description version 2 states %u fixed bytes of %u", structSize, size);
             return kSVSampleDescriptionError_Truncated;
         }
         atomsAt = structSize;
@@ -978,18 +977,18 @@ OSStatus soundAtomsOffset(const uint8_t *bytes, uint32_t size, bool iso, size_t 
 
 // Moves `atomsAt` past the colour table of an image description: a palette
 // follows an ID of 0 at the palette depths.
-OSStatus skipColourTable(const uint8_t *bytes, uint32_t size, size_t &atomsAt, const char *kFunction) {
+OSStatus skipColourTable(const uint8_t *bytes, uint32_t size, size_t &atomsAt, const char *function) {
     const unsigned depth = SVReadBE16(bytes + 82);
     if (SVReadBE16(bytes + 84) != 0 ||
         !(depth == 1 || depth == 2 || depth == 4 || depth == 8 || (depth >= 33 && depth <= 40)))
         return 0;
     if (size - atomsAt < 8) {
-        SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
+        SV_LOG_FOR(function, 3, "Colour table past the end of the sample description");
         return kSVSampleDescriptionError_Truncated;
     }
     const size_t entries = size_t(SVReadBE16(bytes + atomsAt + 6)) + 1;
     if ((size - atomsAt - 8) / 8 < entries) {
-        SV_LOG(3, kFunction, __LINE__, "Colour table past the end of the sample description");
+        SV_LOG_FOR(function, 3, "Colour table past the end of the sample description");
         return kSVSampleDescriptionError_Truncated;
     }
     atomsAt += 8 + 8 * entries;
@@ -999,8 +998,9 @@ OSStatus skipColourTable(const uint8_t *bytes, uint32_t size, size_t &atomsAt, c
 // The extensions every entry gives (its atoms and its verbatim bytes),
 // then the media type's half.
 OSStatus readEntry(CFAllocatorRef allocator, sorvel::SVEntryReader &r, bool video, SVFormatDescriptionRef *out) {
-    CFMutableDictionaryRef ext = sorvel::SVCreateMutableDictionary();
+    // The atoms first: they are the step that can throw.
     CFDictionaryRef atoms = sorvel::SVCreateAtomsDictionary(r.atoms);
+    CFMutableDictionaryRef ext = sorvel::SVCreateMutableDictionary();
     CFDataRef verbatim = CFDataCreate(kCFAllocatorDefault, r.entry, CFIndex(r.size));
     CFReleaser g1{ext}, g2{atoms}, g3{verbatim};
     if (!ext || !atoms || !verbatim) return kSVSampleDescriptionError_AllocationFailed;
@@ -1019,44 +1019,42 @@ extern "C" {
 
 OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SVMediaType mediaType,
                                                     const uint8_t *bytes, size_t length, CFStringRef flavor,
-                                                    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                                    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     static const char *const kFunction = "SVSampleDescriptionCreateFormatDescription";
     if (!formatDescriptionOut) {
-        SV_LOG(3, kFunction, __LINE__, "No output pointer");
+        SV_LOG_HERE(3, "No output pointer");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     *formatDescriptionOut = nullptr;
     if (!bytes) {
-        SV_LOG(3, kFunction, __LINE__, "No sample description bytes");
+        SV_LOG_HERE(3, "No sample description bytes");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     if (mediaType != kSVMediaType_Video && mediaType != kSVMediaType_Audio) {
-        SV_LOG(3, kFunction, __LINE__, "Media type %08X has no sample description reader", unsigned(mediaType));
+        SV_LOG_HERE(3, "Media type %08X has no sample description reader", unsigned(mediaType));
         return kSVSampleDescriptionError_InvalidParameter;
     }
     bool version2 = false;
     Family family = flavorFamily(flavor, mediaType, &version2);
     if (family == Family::Invalid) {
-        SV_LOG(3, kFunction, __LINE__, "Flavor is not a %s description flavor",
-               mediaType == kSVMediaType_Video ? "image" : "sound");
+        SV_LOG_HERE(3, "Flavor is not a %s description flavor", mediaType == kSVMediaType_Video ? "image" : "sound");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     const bool video = mediaType == kSVMediaType_Video;
     const size_t fixedSize = video ? kVisualFixedSize : 36;
     if (length < kEntryHeaderSize) {
-        SV_LOG(3, kFunction, __LINE__, "Sample description of %d bytes is shorter than its header", int(length));
+        SV_LOG_HERE(3, "Sample description of %d bytes is shorter than its header", int(length));
         return kSVSampleDescriptionError_Truncated;
     }
     const uint32_t size = SVReadBE32(bytes);
     if (size > length || size < fixedSize) {
-        SV_LOG(3, kFunction, __LINE__, "Sample description size %u does not fit %d bytes with %d fixed", size,
-               int(length), int(fixedSize));
+        SV_LOG_HERE(3, "Sample description size %u does not fit %d bytes with %d fixed", size, int(length),
+                    int(fixedSize));
         return kSVSampleDescriptionError_Truncated;
     }
     sorvel::SVEntryReader r{kFunction, bytes, size, SVReadBE32(bytes + 4), false, {}};
     if (video ? sorvel::SVIsAudioFormatCode(r.format) : sorvel::SVIsVideoFormatCode(r.format)) {
-        SV_LOG(3, kFunction, __LINE__, "'%s' is not a %s format", sorvel::SVCodeText(r.format).text,
-               video ? "video" : "sound");
+        SV_LOG_HERE(3, "'%s' is not a %s format", sorvel::SVCodeText(r.format).text, video ? "video" : "sound");
         return kSVSampleDescriptionError_MediaTypeMismatch;
     }
     size_t atomsAt = fixedSize;
@@ -1075,15 +1073,16 @@ OSStatus SVSampleDescriptionCreateFormatDescription(CFAllocatorRef allocator, SV
 
     const OSStatus status = readEntry(allocator, r, video, formatDescriptionOut);
     if (status == kSVSampleDescriptionError_AllocationFailed)
-        SV_LOG(3, kFunction, __LINE__, "Allocation failed while reading a sample description");
+        SV_LOG_HERE(3, "Allocation failed while reading a sample description");
     return status;
 }
+SV_ALLOCATION_BOUNDARY(kSVSampleDescriptionError_AllocationFailed)
 
 OSStatus SVSampleDescriptionCopyAsBigEndianData(CFAllocatorRef allocator, SVFormatDescriptionRef formatDescription,
-                                                CFStringRef flavor, CFDataRef *dataOut) noexcept {
+                                                CFStringRef flavor, CFDataRef *dataOut) noexcept try {
     static const char *const kFunction = "SVSampleDescriptionCopyAsBigEndianData";
     if (!dataOut) {
-        SV_LOG(3, kFunction, __LINE__, "No output pointer");
+        SV_LOG_HERE(3, "No output pointer");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     *dataOut = nullptr;
@@ -1092,19 +1091,20 @@ OSStatus SVSampleDescriptionCopyAsBigEndianData(CFAllocatorRef allocator, SVForm
     if (status) return status;
     CFDataRef data = CFDataCreate(allocator, bytes.data(), CFIndex(bytes.size()));
     if (!data) {
-        SV_LOG(3, kFunction, __LINE__, "Allocation failed");
+        SV_LOG_HERE(3, "Allocation failed");
         return kSVSampleDescriptionError_AllocationFailed;
     }
     *dataOut = data;
     return 0;
 }
+SV_ALLOCATION_BOUNDARY(kSVSampleDescriptionError_AllocationFailed)
 
 OSStatus SVSampleDescriptionCopyAsBigEndianBlockBuffer(CFAllocatorRef allocator,
                                                        SVFormatDescriptionRef formatDescription, CFStringRef flavor,
-                                                       SVBlockBufferRef *blockBufferOut) noexcept {
+                                                       SVBlockBufferRef *blockBufferOut) noexcept try {
     static const char *const kFunction = "SVSampleDescriptionCopyAsBigEndianBlockBuffer";
     if (!blockBufferOut) {
-        SV_LOG(3, kFunction, __LINE__, "No output pointer");
+        SV_LOG_HERE(3, "No output pointer");
         return kSVSampleDescriptionError_InvalidParameter;
     }
     *blockBufferOut = nullptr;
@@ -1117,11 +1117,12 @@ OSStatus SVSampleDescriptionCopyAsBigEndianBlockBuffer(CFAllocatorRef allocator,
     if (status == 0) status = SVBlockBufferReplaceDataBytes(bytes.data(), buffer, 0, bytes.size());
     if (status) {
         if (buffer) CFRelease(buffer);
-        SV_LOG(3, kFunction, __LINE__, "Allocation failed");
+        SV_LOG_HERE(3, "Allocation failed");
         return kSVSampleDescriptionError_AllocationFailed;
     }
     *blockBufferOut = buffer;
     return 0;
 }
+SV_ALLOCATION_BOUNDARY(kSVSampleDescriptionError_AllocationFailed)
 
 }  // extern "C"

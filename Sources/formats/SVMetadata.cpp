@@ -17,18 +17,24 @@
 #include <cstdlib>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "core/SVObject.h"
 
 namespace {
 
 SV_LOG_MODULE("Sorvel/Sources/SVMetadata");
 
-// Source lines that the module's stops and notices report.
-constexpr int kNumberKeyLine = 177;
-constexpr int kNoConformingBaseTypeLine = 220;
-constexpr int kConformsToLine = 295;
-constexpr int kUnknownDataTypeLine = 346;
-constexpr int kUnknownMOVTypeIDLine = 400;
+// The names and source lines that the module's stops and notices report
+// (see core/SVLog.h); the registry's stop runs inside a block, so its name
+// is written here too.
+constexpr struct {
+    sorvel::SVLogSite numberKey{"SVMetadataCreateIdentifierForKeyAndKeySpace", 177};
+    sorvel::SVLogSite noConformingBaseType{"SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType", 220};
+    sorvel::SVLogSite conformsTo{"SVMetadataDataTypeRegistryDataTypeConformsToDataType", 295};
+    sorvel::SVLogSite unknownDataType{"_SVMetadataGetMOVTypeIDFromDataType", 346};
+    sorvel::SVLogSite unknownMOVTypeID{"_SVMetadataGetDataTypeFromMOVTypeID", 400};
+    sorvel::SVLogSite registryIncomplete{"SVMetadataDataTypeRegistry", 0};
+} kLogSites;
 
 using sorvel::SVRetained;
 
@@ -163,7 +169,7 @@ Registry &registry() {
           // Nothing can be registered without these; running on without them
           // would only fail later and less clearly.
           if (!gRegistry.baseDataTypes || !gRegistry.registrations || !gRegistry.retired)
-              SV_BUG("SVMetadataDataTypeRegistry", __LINE__);
+              SV_BUG_SITE(kLogSites.registryIncomplete);
         });
     }
     return gRegistry;
@@ -178,10 +184,8 @@ bool isBaseDataType(Registry &r, CFTypeRef dataType) {
 // is never freed (see the retired list), so it may be used after unlocking.
 CFArrayRef registration(Registry &r, CFStringRef dataType) {
     if (!dataType) return nullptr;
-    XPMutexAcquire(r.mutex);
-    auto pair = static_cast<CFArrayRef>(CFDictionaryGetValue(r.registrations, dataType));
-    XPMutexRelease(r.mutex);
-    return pair;
+    sorvel::SVMutexGuard guard(r.mutex);
+    return static_cast<CFArrayRef>(CFDictionaryGetValue(r.registrations, dataType));
 }
 
 // The MOV table's data types by well-known identifier, in one list for both
@@ -247,7 +251,7 @@ OSStatus SVMetadataCreateIdentifierForKeyAndKeySpace(CFAllocatorRef allocator, C
         if (!keyText) return kSVMetadataIdentifierError_AllocationFailed;
     } else if (type == CFNumberGetTypeID()) {
         // What a numeric key would mean in an identifier is not defined.
-        SV_NOT_YET_IMPLEMENTED("SVMetadataCreateIdentifierForKeyAndKeySpace", kNumberKeyLine);
+        SV_NOT_YET_IMPLEMENTED_SITE(kLogSites.numberKey);
     } else {
         return kSVMetadataIdentifierError_BadKeyType;
     }
@@ -281,11 +285,10 @@ OSStatus SVMetadataDataTypeRegistryRegisterDataType(CFStringRef dataType, CFStri
     SVRetained<CFArrayRef> pair(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
     if (!pair) return kSVMetadataDataTypeRegistryError_AllocationFailed;
 
-    XPMutexAcquire(r.mutex);
+    sorvel::SVMutexGuard guard(r.mutex);
     if (const void *previous = CFDictionaryGetValue(r.registrations, key.get()))
         CFArrayAppendValue(r.retired, previous);
     CFDictionarySetValue(r.registrations, key.get(), pair.get());
-    XPMutexRelease(r.mutex);
     return 0;
 }
 
@@ -321,12 +324,11 @@ CFStringRef SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType(CFStr
             if (isBaseDataType(r, candidate)) return static_cast<CFStringRef>(candidate);
         }
     }
-    SV_FATAL("SVMetadataDataTypeRegistryGetBaseDataTypeForConformingDataType", kNoConformingBaseTypeLine,
-             "Data type in registry without a conforming base type");
+    SV_FATAL_SITE(kLogSites.noConformingBaseType, "Data type in registry without a conforming base type");
 }
 
 Boolean SVMetadataDataTypeRegistryDataTypeConformsToDataType(CFStringRef, CFStringRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVMetadataDataTypeRegistryDataTypeConformsToDataType", kConformsToLine);
+    SV_NOT_YET_IMPLEMENTED_SITE(kLogSites.conformsTo);
 }
 
 uint32_t _SVMetadataGetMOVTypeIDFromDataType(CFStringRef dataType) noexcept {
@@ -334,8 +336,8 @@ uint32_t _SVMetadataGetMOVTypeIDFromDataType(CFStringRef dataType) noexcept {
         for (const MOVType &entry : kMOVTypes)
             if (CFEqual(dataType, *entry.dataType)) return entry.id;
     }
-    if (sorvel::SVLogEnabled(gSVLogModule, gSVLogModule.sourcePath, 4, "_SVMetadataGetMOVTypeIDFromDataType",
-                             kUnknownDataTypeLine)) {
+    if (sorvel::SVLogEnabled(gSVLogModule, gSVLogModule.sourcePath, 4, kLogSites.unknownDataType.function,
+                             kLogSites.unknownDataType.line)) {
         // The message names the data type as "%@" does, so it is made as a
         // CFString first.
         SVRetained<CFStringRef> text(
@@ -344,8 +346,8 @@ uint32_t _SVMetadataGetMOVTypeIDFromDataType(CFStringRef dataType) noexcept {
             text ? CFStringGetMaximumSizeForEncoding(CFStringGetLength(text.get()), kCFStringEncodingUTF8) + 1 : 0;
         char *buffer = capacity > 0 ? static_cast<char *>(std::malloc(static_cast<size_t>(capacity))) : nullptr;
         if (buffer && CFStringGetCString(text.get(), buffer, capacity, kCFStringEncodingUTF8))
-            XPLogS(4, &gSVLogModule.record, "_SVMetadataGetMOVTypeIDFromDataType", gSVLogModule.sourcePath,
-                   kUnknownDataTypeLine, "%s", buffer);
+            XPLogS(4, &gSVLogModule.record, kLogSites.unknownDataType.function, gSVLogModule.sourcePath,
+                   kLogSites.unknownDataType.line, "%s", buffer);
         std::free(buffer);
     }
     return 0;
@@ -354,8 +356,7 @@ uint32_t _SVMetadataGetMOVTypeIDFromDataType(CFStringRef dataType) noexcept {
 CFStringRef _SVMetadataGetDataTypeFromMOVTypeID(uint32_t movTypeID) noexcept {
     for (const MOVType &entry : kMOVTypes)
         if (entry.id == movTypeID) return *entry.dataType;
-    SV_LOG(4, "_SVMetadataGetDataTypeFromMOVTypeID", kUnknownMOVTypeIDLine, "Unknown MOV metadata type ID: %u",
-           movTypeID);
+    SV_LOG_SITE(kLogSites.unknownMOVTypeID, 4, "Unknown MOV metadata type ID: %u", movTypeID);
     return kSVMetadataBaseDataType_RawData;
 }
 

@@ -525,7 +525,7 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
     if (!cookie) cookieSize = 0;
     const bool pcm = id == kLPCM;
     if (pcm && iso) {
-        SV_LOG(3, function, __LINE__, "Linear PCM has no ISO sample entry here");
+        SV_LOG_FOR(function, 3, "Linear PCM has no ISO sample entry here");
         return kSVSampleDescriptionError_UnsupportedFormat;
     }
     if (pcm) version2 = true;
@@ -534,8 +534,8 @@ OSStatus SVWriteAudioSampleEntry(SVFormatDescriptionRef desc, bool iso, bool ver
     // description whose codec atoms sit in 'wave' behind 'frma'.
     const bool wave = !iso && !version2 && (format == kMP4A || (id == kALAC && cookieSize >= 24));
     if (!version2 && (asbd->mChannelsPerFrame > 0xFFFF || !(asbd->mSampleRate >= 0) || asbd->mSampleRate >= 65536)) {
-        SV_LOG(3, function, __LINE__, "%u channels at %g Hz do not fit a version %d sound description",
-               unsigned(asbd->mChannelsPerFrame), asbd->mSampleRate, wave ? 1 : 0);
+        SV_LOG_FOR(function, 3, "%u channels at %g Hz do not fit a version %d sound description",
+                   unsigned(asbd->mChannelsPerFrame), asbd->mSampleRate, wave ? 1 : 0);
         return kSVSampleDescriptionError_UnsupportedFormat;
     }
     w.u32(0);

@@ -28,6 +28,7 @@ constexpr FourCharCode kSubtype3GText = kSVTextFormatType_3GText;
 // formats that are not implemented, and a logged refusal for everything
 // else.
 bool passesTextGate(SVTextFormatDescriptionRef desc, const char *function, OSStatus &status) {
+    if (!sorvel::gSVFormatDescriptionClass.checked(desc)) desc = nullptr;
     const FourCharCode type = desc ? desc->mediaType : 0;
     const FourCharCode subtype = desc ? desc->mediaSubType : 0;
     if (type == kSVMediaType_Text || type == kSVMediaType_Subtitle) {
@@ -82,7 +83,7 @@ extern "C" {
 OSStatus SVTextFormatDescriptionGetDisplayFlags(SVTextFormatDescriptionRef desc,
                                                 SVTextDisplayFlags *displayFlagsOut) noexcept {
     OSStatus status = 0;
-    if (!passesTextGate(desc, "SVTextFormatDescriptionGetDisplayFlags", status)) return status;
+    if (!passesTextGate(desc, __func__, status)) return status;
     int flags = 0;
     if (!readInt(desc->extensions, kSVTextFormatDescriptionExtension_DisplayFlags, flags))
         return kSVFormatDescriptionError_ValueNotAvailable;
@@ -94,7 +95,7 @@ OSStatus SVTextFormatDescriptionGetJustification(SVTextFormatDescriptionRef desc
                                                  SVTextJustificationValue *horizontalJustificationOut,
                                                  SVTextJustificationValue *verticalJustificationOut) noexcept {
     OSStatus status = 0;
-    if (!passesTextGate(desc, "SVTextFormatDescriptionGetJustification", status)) return status;
+    if (!passesTextGate(desc, __func__, status)) return status;
     int horizontal = 0, vertical = 0;
     if (!readInt(desc->extensions, kSVTextFormatDescriptionExtension_HorizontalJustification, horizontal))
         return kSVFormatDescriptionError_ValueNotAvailable;
@@ -108,7 +109,7 @@ OSStatus SVTextFormatDescriptionGetJustification(SVTextFormatDescriptionRef desc
 OSStatus SVTextFormatDescriptionGetDefaultTextBox(SVTextFormatDescriptionRef desc, Boolean originIsAtTopLeft,
                                                   Float32 heightOfTextTrack, SVTextRect *defaultTextBoxOut) noexcept {
     OSStatus status = 0;
-    if (!passesTextGate(desc, "SVTextFormatDescriptionGetDefaultTextBox", status)) return status;
+    if (!passesTextGate(desc, __func__, status)) return status;
     CFDictionaryRef box = readDictionary(desc->extensions, kSVTextFormatDescriptionExtension_DefaultTextBox);
     int top = 0, left = 0, bottom = 0, right = 0;
     if (!box || !readInt(box, kSVTextFormatDescriptionRect_Top, top) ||
@@ -142,7 +143,7 @@ OSStatus SVTextFormatDescriptionGetDefaultStyle(SVTextFormatDescriptionRef desc,
                                                 Boolean *boldOut, Boolean *italicOut, Boolean *underlineOut,
                                                 Float32 *fontSizeOut, Float32 colorComponentsOut[4]) noexcept {
     OSStatus status = 0;
-    if (!passesTextGate(desc, "SVTextFormatDescriptionGetDefaultStyle", status)) return status;
+    if (!passesTextGate(desc, __func__, status)) return status;
     CFDictionaryRef style = readDictionary(desc->extensions, kSVTextFormatDescriptionExtension_DefaultStyle);
     if (!style) return kSVFormatDescriptionError_ValueNotAvailable;
 
@@ -176,15 +177,14 @@ OSStatus SVTextFormatDescriptionGetDefaultStyle(SVTextFormatDescriptionRef desc,
     if (boldOut) *boldOut = false;
     if (italicOut) *italicOut = false;
     if (underlineOut) *underlineOut = false;
-    SV_LOG(4, "SVTextFormatDescriptionGetDefaultStyle", __LINE__,
-           "SVTextFormatDescriptionGetDefaultStyle bold/italic/underline values currently hardcoded to false");
+    SV_LOG_HERE(4, "SVTextFormatDescriptionGetDefaultStyle bold/italic/underline values currently hardcoded to false");
     return 0;
 }
 
 OSStatus SVTextFormatDescriptionGetFontName(SVTextFormatDescriptionRef desc, uint16_t localFontID,
                                             CFStringRef *fontNameOut) noexcept {
     OSStatus status = 0;
-    if (!passesTextGate(desc, "SVTextFormatDescriptionGetFontName", status)) return status;
+    if (!passesTextGate(desc, __func__, status)) return status;
     if (!fontNameOut) return kSVFormatDescriptionError_InvalidParameter;
     CFDictionaryRef fontTable = readDictionary(desc->extensions, kSVTextFormatDescriptionExtension_FontTable);
     if (!fontTable) return kSVFormatDescriptionError_ValueNotAvailable;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bitstream/SVParameterSetsInternal.h"
+#include "core/SVAllocationBoundary.h"
 #include "core/SVLog.h"
 #include "formats/SVFormatDescriptionInternal.h"
 
@@ -25,7 +26,7 @@ constexpr FourCharCode kHEV1 = 0x68657631;          // 'hev1'
 constexpr FourCharCode kUnknownImage = 0x7761743F;  // 'wat?'
 
 bool isVideo(SVFormatDescriptionRef desc) {
-    return desc && desc->mediaType == kSVMediaType_Video;
+    return sorvel::gSVFormatDescriptionClass.checked(desc) && desc->mediaType == kSVMediaType_Video;
 }
 
 CFDictionaryRef dictionaryExtension(SVFormatDescriptionRef desc, CFStringRef key) {
@@ -180,6 +181,13 @@ OSStatus createParameterSetDescription(CFAllocatorRef allocator, FourCharCode su
     return 0;
 }
 
+void setEntry(const void *key, const void *value, void *dictionary) {
+    CFDictionarySetValue(static_cast<CFMutableDictionaryRef>(dictionary), key, value);
+}
+void addEntry(const void *key, const void *value, void *dictionary) {
+    CFDictionaryAddValue(static_cast<CFMutableDictionaryRef>(dictionary), key, value);
+}
+
 // Extensions holding the record under the atoms key, merged with the
 // caller's (whose entries win, except that the record is added to any atoms
 // dictionary they give).
@@ -188,10 +196,9 @@ CFMutableDictionaryRef createRecordExtensions(CFDictionaryRef callerExtensions, 
     CFMutableDictionaryRef extensions = createMutableDictionary();
     if (!extensions) return nullptr;
     if (callerExtensions) {
-        const CFIndex count = CFDictionaryGetCount(callerExtensions);
-        std::vector<const void *> keys(static_cast<size_t>(count)), values(static_cast<size_t>(count));
-        CFDictionaryGetKeysAndValues(callerExtensions, keys.data(), values.data());
-        for (CFIndex i = 0; i < count; ++i) CFDictionarySetValue(extensions, keys[size_t(i)], values[size_t(i)]);
+        // Copied entry by entry without a list of its own, so that nothing
+        // here can throw while the dictionary is held.
+        CFDictionaryApplyFunction(callerExtensions, setEntry, extensions);
     }
     const void *given = CFDictionaryGetValue(extensions, kSVFormatDescriptionExtension_SampleDescriptionExtensionAtoms);
     CFMutableDictionaryRef atoms =
@@ -303,10 +310,7 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
     }
     sorvel::SVAddVideoUsabilityExtensions(derived, sps.vui, sps.chromaFormatIdc, sps.vui.fieldSeq, function, line);
     // Derived values fill only what the caller left out.
-    const CFIndex n = CFDictionaryGetCount(derived);
-    std::vector<const void *> keys(static_cast<size_t>(n)), values(static_cast<size_t>(n));
-    CFDictionaryGetKeysAndValues(derived, keys.data(), values.data());
-    for (size_t k = 0; k < keys.size(); ++k) CFDictionaryAddValue(extensions, keys[k], values[k]);
+    CFDictionaryApplyFunction(derived, addEntry, extensions);
     CFRelease(derived);
     const OSStatus status = createParameterSetDescription(allocator, kHVC1, sps.width, sps.height, extensions, count,
                                                           pointers, sizes, nalUnitHeaderLength, out);
@@ -396,7 +400,7 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
 template <typename Create>
 OSStatus createFromRecord(const uint8_t *record, size_t recordSize, SVFormatDescriptionRef *formatDescriptionOut,
                           OSStatus (*get)(const uint8_t *, size_t, size_t, const uint8_t **, size_t *, size_t *, int *),
-                          Create &&create) noexcept {
+                          Create &&create) {
     if (!formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
     size_t count = 0;
@@ -506,13 +510,14 @@ CFArrayRef SVVideoFormatDescriptionGetExtensionKeysCommonWithImageBuffers(void) 
 OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allocator, size_t parameterSetCount,
                                                              const uint8_t *const *parameterSetPointers,
                                                              const size_t *parameterSetSizes, int nalUnitHeaderLength,
-                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept
+    try {
     static const char *const kFunction = "SVVideoFormatDescriptionCreateFromH264ParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
         return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
     if (static_cast<unsigned>(nalUnitHeaderLength - 1) >= 4) {
-        SV_LOG(3, kFunction, __LINE__, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
+        SV_LOG_HERE(3, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
         return kSVFormatDescriptionError_InvalidParameter;
     }
     if (!checkParameterSets(parameterSetCount, parameterSetPointers, parameterSetSizes, kFunction, __LINE__))
@@ -525,7 +530,7 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
             sorvel::SVH264SPS parsed;
             const char *why = "";
             if (!sorvel::SVParseH264SPS(parameterSetPointers[i], parameterSetSizes[i], parsed, why)) {
-                SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+                SV_LOG_HERE(3, "Invalid SPS: %s", why);
                 return kSVFormatDescriptionError_InvalidParameter;
             }
             if (spsCount++ == 0) first = parsed;
@@ -534,15 +539,14 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
         } else if (type == 13) {
             ++extCount;
         } else {
-            SV_LOG(3, kFunction, __LINE__, "Parameter set %d has NAL unit type %d", static_cast<int>(i),
-                   static_cast<int>(type));
+            SV_LOG_HERE(3, "Parameter set %d has NAL unit type %d", static_cast<int>(i), static_cast<int>(type));
             return kSVFormatDescriptionError_InvalidParameter;
         }
     }
     // The record counts SPSs in 5 bits and PPSs in 8.
     if (spsCount == 0 || spsCount > 31 || ppsCount > 255 || extCount > 255) {
-        SV_LOG(3, kFunction, __LINE__, "Unusable parameter set counts: %d SPS, %d PPS", static_cast<int>(spsCount),
-               static_cast<int>(ppsCount));
+        SV_LOG_HERE(3, "Unusable parameter set counts: %d SPS, %d PPS", static_cast<int>(spsCount),
+                    static_cast<int>(ppsCount));
         return kSVFormatDescriptionError_InvalidParameter;
     }
     CFDataRef record = sorvel::SVCreateAVCDecoderConfigurationRecord(first, parameterSetPointers, parameterSetSizes,
@@ -559,16 +563,18 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
     CFRelease(extensions);
     return status;
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedH264ParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     if (!data || !size || !formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
     const NALUnits units = splitAnnexB(data, size);
     return SVVideoFormatDescriptionCreateFromH264ParameterSets(allocator, units.pointers.size(), units.pointers.data(),
                                                                units.sizes.data(), nalUnitHeaderLength,
                                                                formatDescriptionOut);
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionGetH264ParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
@@ -582,33 +588,36 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allo
                                                              const uint8_t *const *parameterSetPointers,
                                                              const size_t *parameterSetSizes, int nalUnitHeaderLength,
                                                              CFDictionaryRef extensions,
-                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+                                                             SVFormatDescriptionRef *formatDescriptionOut) noexcept
+    try {
     static const char *const kFunction = "SVVideoFormatDescriptionCreateFromHEVCParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
         return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
     // The hvcC record has no room for a 3-byte length: only 1, 2 and 4.
     if (nalUnitHeaderLength != 1 && nalUnitHeaderLength != 2 && nalUnitHeaderLength != 4) {
-        SV_LOG(3, kFunction, __LINE__, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
+        SV_LOG_HERE(3, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
         return kSVFormatDescriptionError_InvalidParameter;
     }
     return createFromHEVC(allocator, parameterSetCount, parameterSetPointers, parameterSetSizes, nalUnitHeaderLength,
                           extensions, formatDescriptionOut, kFunction, __LINE__);
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus _SVVideoFormatDescriptionCreateFromConcatenatedHEVCParameterSetNALs(
     CFAllocatorRef allocator, const uint8_t *data, size_t size, int nalUnitHeaderLength,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     if (!data || !size || !formatDescriptionOut) return kSVFormatDescriptionError_InvalidParameter;
     const NALUnits units = splitAnnexB(data, size);
     return SVVideoFormatDescriptionCreateFromHEVCParameterSets(allocator, units.pointers.size(), units.pointers.data(),
                                                                units.sizes.data(), nalUnitHeaderLength, nullptr,
                                                                formatDescriptionOut);
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
     CFAllocatorRef allocator, const uint8_t *record, size_t recordSize,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     return sorvel::createFromRecord(
         record, recordSize, formatDescriptionOut, SVGetParameterSetFromAVCDecoderConfigurationRecord,
         [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
@@ -616,10 +625,11 @@ OSStatus SVVideoFormatDescriptionCreateFromAVCDecoderConfigurationRecord(
                                                                        formatDescriptionOut);
         });
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
     CFAllocatorRef allocator, const uint8_t *record, size_t recordSize, CFDictionaryRef extensions,
-    SVFormatDescriptionRef *formatDescriptionOut) noexcept {
+    SVFormatDescriptionRef *formatDescriptionOut) noexcept try {
     return sorvel::createFromRecord(
         record, recordSize, formatDescriptionOut, SVGetParameterSetFromHEVCDecoderConfigurationRecord,
         [&](size_t count, const uint8_t *const *pointers, const size_t *sizes, int headerLength) {
@@ -627,6 +637,7 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCDecoderConfigurationRecord(
                                                                        extensions, formatDescriptionOut);
         });
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 OSStatus SVVideoFormatDescriptionGetHEVCParameterSetAtIndex(SVFormatDescriptionRef desc, size_t index,
                                                             const uint8_t **parameterSetPointerOut,
@@ -681,8 +692,7 @@ bool codingInfoOfSPS(const uint8_t *set, size_t size, SVVideoCodingInfo &info, c
 }  // namespace
 }
 
-OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept {
-    static const char *const kFunction = "SVVideoFormatDescriptionGetCodingInfo";
+OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVideoCodingInfo *infoOut) noexcept try {
     // Asking any other kind of description is a question with a "no" answer
     // (a tool walks every track), so like the parameter-set accessors it is
     // not logged; only an 'avc1'/'hvc1' description that cannot answer is.
@@ -704,7 +714,7 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
         // has since become stricter than the one that made the description.
         if (!(hevc ? codingInfoOfSPS<sorvel::SVHEVCSPS>(set, size, info, why)
                    : codingInfoOfSPS<sorvel::SVH264SPS>(set, size, info, why))) {
-            SV_LOG(3, kFunction, __LINE__, "Invalid SPS: %s", why);
+            SV_LOG_HERE(3, "Invalid SPS: %s", why);
             return kSVFormatDescriptionError_InvalidParameter;
         }
         *infoOut = info;
@@ -712,12 +722,13 @@ OSStatus SVVideoFormatDescriptionGetCodingInfo(SVFormatDescriptionRef desc, SVVi
     }
     // SVVideoFormatDescriptionCreate makes 'avc1'/'hvc1' descriptions
     // without parameter sets.
-    SV_LOG(3, kFunction, __LINE__, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
+    SV_LOG_HERE(3, "The '%s' description holds no SPS", hevc ? "hvc1" : "avc1");
     return kSVFormatDescriptionError_InvalidParameter;
 }
+SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
 CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescriptionRef desc, const uint8_t *data,
-                                                               size_t size) noexcept {
+                                                               size_t size) noexcept try {
     if (!data || size == 0 || !isVideo(desc) || desc->mediaSubType != kAVC1) return nullptr;
     for (uint32_t i = 0; i < desc->video.parameterSetCount; ++i) {
         const uint8_t *set = desc->video.parameterSets[i];
@@ -737,6 +748,7 @@ CFStringRef SVVideoFormatDescriptionGetH264FieldDetailOfSample(SVFormatDescripti
     }
     return nullptr;
 }
+SV_ALLOCATION_BOUNDARY(nullptr)
 
 Boolean SVVideoFormatDescriptionMatchesImageBuffer(SVVideoFormatDescriptionRef desc,
                                                    CVImageBufferRef imageBuffer) noexcept {

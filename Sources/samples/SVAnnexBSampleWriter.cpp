@@ -14,6 +14,7 @@
 
 #include "bitstream/_SVUtilitiesInternal.h"
 #include "core/SVLog.h"
+#include "samples/SVSampleBufferInternal.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ bool isNotSync(SVSampleBufferRef sbuf) noexcept {
 template <typename Allocate>
 OSStatus writeAnnexB(const char *kFunction, SVSampleBufferRef sampleBuffer, int32_t includeParameterSets,
                      const uint8_t *nalTypesToSkip, size_t skipCount, Allocate &&allocator) noexcept {
-    if (!sampleBuffer) return kInvalidParameter;
+    if (!sorvel::gSVSampleBufferClass.checked(sampleBuffer)) return kInvalidParameter;
     SVFormatDescriptionRef desc = SVSampleBufferGetFormatDescription(sampleBuffer);
     const FourCharCode subtype = desc ? SVFormatDescriptionGetMediaSubType(desc) : 0;
     if (subtype != kAVC1 && subtype != kHVC1) return kInvalidParameter;
@@ -61,12 +62,12 @@ OSStatus writeAnnexB(const char *kFunction, SVSampleBufferRef sampleBuffer, int3
     SVBlockBufferRef dataBuffer = SVSampleBufferGetDataBuffer(sampleBuffer);
     char *bytes = nullptr;
     if (!dataBuffer || SVBlockBufferGetDataPointer(dataBuffer, 0, nullptr, nullptr, &bytes) != 0 || !bytes) {
-        SV_LOG(3, kFunction, __LINE__, "Unable to get input data");
+        SV_LOG_FOR(kFunction, 3, "Unable to get input data");
         return kInvalidParameter;
     }
     const size_t length = SVBlockBufferGetDataLength(dataBuffer);
     if (!SVBlockBufferIsRangeContiguous(dataBuffer, 0, length)) {
-        SV_LOG(3, kFunction, __LINE__, "Non-contiguous block buffers not yet supported");
+        SV_LOG_FOR(kFunction, 3, "Non-contiguous block buffers not yet supported");
         return kInvalidParameter;
     }
     const uint8_t *input = reinterpret_cast<const uint8_t *>(bytes);
@@ -89,7 +90,7 @@ OSStatus writeAnnexB(const char *kFunction, SVSampleBufferRef sampleBuffer, int3
             size_t count = 0;
             OSStatus status = parameterSetAtIndex(desc, subtype, 0, nullptr, nullptr, &count, nullptr);
             if (status != 0) {
-                SV_LOG_STATUS(3, kFunction, __LINE__, status, "Failed to get format description's parameter sets: %s");
+                SV_LOG_STATUS_FOR(kFunction, 3, status, "Failed to get format description's parameter sets: %s");
                 return status;
             }
             for (size_t i = 0; i < count; ++i) {
@@ -97,8 +98,7 @@ OSStatus writeAnnexB(const char *kFunction, SVSampleBufferRef sampleBuffer, int3
                 size_t setSize = 0;
                 status = parameterSetAtIndex(desc, subtype, i, &set, &setSize, nullptr, nullptr);
                 if (status != 0) {
-                    SV_LOG_STATUS(3, kFunction, __LINE__, status,
-                                  "Failed to get format description's parameter sets: %s");
+                    SV_LOG_STATUS_FOR(kFunction, 3, status, "Failed to get format description's parameter sets: %s");
                     return status;
                 }
                 if (pass == 0) {
@@ -134,16 +134,16 @@ OSStatus _SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer(SVSampleBufferRef sample
                                                         const uint8_t *nalTypesToSkip, size_t skipCount,
                                                         SVSampleBufferPacketAllocator allocator) noexcept {
     if (!allocator) return kInvalidParameter;
-    return writeAnnexB("_SVCreateAnnexBEncodingOfAVCOrHEVCSampleBuffer", sampleBuffer, includeParameterSets,
-                       nalTypesToSkip, skipCount, [allocator](size_t size) { return allocator(size); });
+    return writeAnnexB(__func__, sampleBuffer, includeParameterSets, nalTypesToSkip, skipCount,
+                       [allocator](size_t size) { return allocator(size); });
 }
 
 OSStatus SVSampleBufferWriteAnnexB(SVSampleBufferRef sampleBuffer, Boolean includeParameterSets,
                                    const uint8_t *nalTypesToSkip, size_t skipCount,
                                    SVSampleBufferPacketAllocatorFunction allocate, void *refcon) noexcept {
     if (!allocate) return kInvalidParameter;
-    return writeAnnexB("SVSampleBufferWriteAnnexB", sampleBuffer, includeParameterSets ? 1 : 0, nalTypesToSkip,
-                       skipCount, [allocate, refcon](size_t size) { return allocate(size, refcon); });
+    return writeAnnexB(__func__, sampleBuffer, includeParameterSets ? 1 : 0, nalTypesToSkip, skipCount,
+                       [allocate, refcon](size_t size) { return allocate(size, refcon); });
 }
 
 }  // extern "C"

@@ -17,6 +17,19 @@
 
 SV_LOG_MODULE("Sorvel/Sources/SVAttachment");
 
+// The attachment calls log with an empty source path, and the seven
+// original calls at the lines the behaviour fixes (see core/SVLog.h).
+constexpr const char *kNoSourcePath = "";
+constexpr struct {
+    sorvel::SVLogSite copyDictionaryOfAttachments{"SVCopyDictionaryOfAttachments", 42};
+    sorvel::SVLogSite getAttachment{"SVGetAttachment", 54};
+    sorvel::SVLogSite propagateAttachments{"SVPropagateAttachments", 67};
+    sorvel::SVLogSite removeAllAttachments{"SVRemoveAllAttachments", 79};
+    sorvel::SVLogSite removeAttachment{"SVRemoveAttachment", 90};
+    sorvel::SVLogSite setAttachment{"SVSetAttachment", 101};
+    sorvel::SVLogSite setAttachments{"SVSetAttachments", 112};
+} kLogSites;
+
 namespace {
 
 // Accepted kinds, compared in this order.
@@ -38,9 +51,10 @@ extern "C" {
 CFDictionaryRef SVCopyDictionaryOfAttachments(CFAllocatorRef allocator, SVAttachmentBearerRef target,
                                               SVAttachmentMode attachmentMode) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT("", 3, "SVCopyDictionaryOfAttachments", 42,
-                  "SVCopyDictionaryOfAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
-                  "CVPixelBuffer.");
+        SV_LOG_SITE_AT(
+            kNoSourcePath, kLogSites.copyDictionaryOfAttachments, 3,
+            "SVCopyDictionaryOfAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+            "CVPixelBuffer.");
         return nullptr;
     }
     // The copy is taken under the storage's lock, so a writer on another
@@ -51,8 +65,8 @@ CFDictionaryRef SVCopyDictionaryOfAttachments(CFAllocatorRef allocator, SVAttach
 
 CFTypeRef SVGetAttachment(SVAttachmentBearerRef target, CFStringRef key, SVAttachmentMode *attachmentModeOut) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT(
-            "", 3, "SVGetAttachment", 54,
+        SV_LOG_SITE_AT(
+            kNoSourcePath, kLogSites.getAttachment, 3,
             "SVGetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer.");
         return nullptr;
     }
@@ -63,8 +77,8 @@ CFTypeRef SVGetAttachment(SVAttachmentBearerRef target, CFStringRef key, SVAttac
 CFTypeRef SVCopyAttachment(SVAttachmentBearerRef target, CFStringRef key,
                            SVAttachmentMode *attachmentModeOut) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT(
-            "", 3, "SVCopyAttachment", __LINE__,
+        SV_LOG_HERE_AT(
+            kNoSourcePath, 3,
             "SVCopyAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer.");
         return nullptr;
     }
@@ -73,9 +87,9 @@ CFTypeRef SVCopyAttachment(SVAttachmentBearerRef target, CFStringRef key,
 
 void SVPropagateAttachments(SVAttachmentBearerRef source, SVAttachmentBearerRef destination) noexcept {
     if (!isAttachmentBearer(source) || !isAttachmentBearer(destination)) {
-        SV_LOG_AT("", 3, "SVPropagateAttachments", 67,
-                  "SVPropagateAttachments fails. The source and destination need to be a SVSampleBuffer, "
-                  "CVOpenGLESTexture or CVPixelBuffer");
+        SV_LOG_SITE_AT(kNoSourcePath, kLogSites.propagateAttachments, 3,
+                       "SVPropagateAttachments fails. The source and destination need to be a SVSampleBuffer, "
+                       "CVOpenGLESTexture or CVPixelBuffer");
         return;
     }
     CVBufferPropagateAttachments(asBuffer(source), asBuffer(destination));
@@ -83,9 +97,9 @@ void SVPropagateAttachments(SVAttachmentBearerRef source, SVAttachmentBearerRef 
 
 void SVRemoveAllAttachments(SVAttachmentBearerRef target) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT("", 3, "SVRemoveAllAttachments", 79,
-                  "SVRemoveAllAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
-                  "CVPixelBuffer");
+        SV_LOG_SITE_AT(kNoSourcePath, kLogSites.removeAllAttachments, 3,
+                       "SVRemoveAllAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                       "CVPixelBuffer");
         return;
     }
     CVBufferRemoveAllAttachments(asBuffer(target));
@@ -93,9 +107,9 @@ void SVRemoveAllAttachments(SVAttachmentBearerRef target) noexcept {
 
 void SVRemoveAttachment(SVAttachmentBearerRef target, CFStringRef key) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT("", 3, "SVRemoveAttachment", 90,
-                  "SVRemoveAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
-                  "CVPixelBuffer");
+        SV_LOG_SITE_AT(kNoSourcePath, kLogSites.removeAttachment, 3,
+                       "SVRemoveAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                       "CVPixelBuffer");
         return;
     }
     CVBufferRemoveAttachment(asBuffer(target), key);
@@ -104,8 +118,9 @@ void SVRemoveAttachment(SVAttachmentBearerRef target, CFStringRef key) noexcept 
 void SVSetAttachment(SVAttachmentBearerRef target, CFStringRef key, CFTypeRef value,
                      SVAttachmentMode attachmentMode) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT("", 3, "SVSetAttachment", 101,
-                  "SVSetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer");
+        SV_LOG_SITE_AT(
+            kNoSourcePath, kLogSites.setAttachment, 3,
+            "SVSetAttachment fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or CVPixelBuffer");
         return;
     }
     CVBufferSetAttachment(asBuffer(target), key, value, attachmentMode);
@@ -114,9 +129,9 @@ void SVSetAttachment(SVAttachmentBearerRef target, CFStringRef key, CFTypeRef va
 void SVSetAttachments(SVAttachmentBearerRef target, CFDictionaryRef theAttachments,
                       SVAttachmentMode attachmentMode) noexcept {
     if (!isAttachmentBearer(target)) {
-        SV_LOG_AT("", 3, "SVSetAttachments", 112,
-                  "SVSetAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
-                  "CVPixelBuffer");
+        SV_LOG_SITE_AT(kNoSourcePath, kLogSites.setAttachments, 3,
+                       "SVSetAttachments fails. The target needs to be a SVSampleBuffer, CVOpenGLESTexture or "
+                       "CVPixelBuffer");
         return;
     }
     CVBufferSetAttachments(asBuffer(target), theAttachments, attachmentMode);

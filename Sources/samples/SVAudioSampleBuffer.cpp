@@ -60,8 +60,8 @@ struct Layout {
 // refuse the buffer with (logged under `function`).
 OSStatus layoutOf(SVFormatDescriptionRef desc, const char *function, Layout *layout) noexcept {
     if (!desc || SVFormatDescriptionGetMediaType(desc) != kSVMediaType_Audio) {
-        SV_LOG_STATUS(3, function, __LINE__, static_cast<OSStatus>(desc ? SVFormatDescriptionGetMediaType(desc) : 0),
-                      "needs an audio format description, not %s");
+        SV_LOG_STATUS_FOR(function, 3, static_cast<OSStatus>(desc ? SVFormatDescriptionGetMediaType(desc) : 0),
+                          "needs an audio format description, not %s");
         return kSVSampleBufferError_InvalidMediaTypeForOperation;
     }
     const AudioStreamBasicDescription *asbd = SVAudioFormatDescriptionGetStreamBasicDescription(desc);
@@ -76,10 +76,11 @@ OSStatus layoutOf(SVFormatDescriptionRef desc, const char *function, Layout *lay
     // A PCM packet is one frame; anything else cannot be split into frames.
     if (asbd->mFramesPerPacket != 1 || asbd->mBytesPerFrame == 0 || asbd->mBytesPerPacket != asbd->mBytesPerFrame ||
         asbd->mChannelsPerFrame == 0) {
-        SV_LOG(3, function, __LINE__,
-               "linear PCM needs 1 frame per packet, equal non-zero bytes per frame and per packet and at least one "
-               "channel (frames per packet %u, bytes per frame %u, bytes per packet %u, channels %u)",
-               asbd->mFramesPerPacket, asbd->mBytesPerFrame, asbd->mBytesPerPacket, asbd->mChannelsPerFrame);
+        SV_LOG_FOR(
+            function, 3,
+            "linear PCM needs 1 frame per packet, equal non-zero bytes per frame and per packet and at least one "
+            "channel (frames per packet %u, bytes per frame %u, bytes per packet %u, channels %u)",
+            asbd->mFramesPerPacket, asbd->mBytesPerFrame, asbd->mBytesPerPacket, asbd->mChannelsPerFrame);
         return kSVSampleBufferError_InvalidAudioData;
     }
     layout->nonInterleaved = (asbd->mFormatFlags & kAudioFormatFlagIsNonInterleaved) != 0;
@@ -137,27 +138,26 @@ OSStatus checkDescriptions(const AudioStreamPacketDescription *packets, SVItemCo
     for (SVItemCount i = 0; i < count; i++) {
         const AudioStreamPacketDescription &packet = packets[i];
         if (packet.mStartOffset < 0 || packet.mStartOffset > kLimit) {
-            SV_LOG(3, function, __LINE__, "packet %ld starts at offset %lld", static_cast<long>(i),
-                   static_cast<long long>(packet.mStartOffset));
+            SV_LOG_FOR(function, 3, "packet %ld starts at offset %lld", static_cast<long>(i),
+                       static_cast<long long>(packet.mStartOffset));
             return kSVSampleBufferError_InvalidAudioData;
         }
         if (packet.mStartOffset < previousEnd) {
-            SV_LOG(3, function, __LINE__, "packet %ld (offset %lld) overlaps the packet before it, which ends at %lld",
-                   static_cast<long>(i), static_cast<long long>(packet.mStartOffset),
-                   static_cast<long long>(previousEnd));
+            SV_LOG_FOR(function, 3, "packet %ld (offset %lld) overlaps the packet before it, which ends at %lld",
+                       static_cast<long>(i), static_cast<long long>(packet.mStartOffset),
+                       static_cast<long long>(previousEnd));
             return kSVSampleBufferError_InvalidAudioData;
         }
         if (dataLength && static_cast<uint64_t>(endOf(packet)) > *dataLength) {
-            SV_LOG(3, function, __LINE__, "packet %ld (offset %lld, %u bytes) runs past the data (%zu bytes)",
-                   static_cast<long>(i), static_cast<long long>(packet.mStartOffset), packet.mDataByteSize,
-                   *dataLength);
+            SV_LOG_FOR(function, 3, "packet %ld (offset %lld, %u bytes) runs past the data (%zu bytes)",
+                       static_cast<long>(i), static_cast<long long>(packet.mStartOffset), packet.mDataByteSize,
+                       *dataLength);
             return kSVSampleBufferError_InvalidAudioData;
         }
         if (framesPerPacket == 0) {
             if (packet.mVariableFramesInPacket == 0) {
-                SV_LOG(3, function, __LINE__,
-                       "the format has no fixed frames per packet and packet %ld gives no frame count",
-                       static_cast<long>(i));
+                SV_LOG_FOR(function, 3, "the format has no fixed frames per packet and packet %ld gives no frame count",
+                           static_cast<long>(i));
                 return kSVSampleBufferError_InvalidAudioData;
             }
             frames += packet.mVariableFramesInPacket;
@@ -167,8 +167,8 @@ OSStatus checkDescriptions(const AudioStreamPacketDescription *packets, SVItemCo
         previousEnd = endOf(packet);
     }
     if (dataLength && static_cast<uint64_t>(previousEnd) != *dataLength) {
-        SV_LOG(3, function, __LINE__, "the data is %zu bytes long but the packets end at %lld", *dataLength,
-               static_cast<long long>(previousEnd));
+        SV_LOG_FOR(function, 3, "the data is %zu bytes long but the packets end at %lld", *dataLength,
+                   static_cast<long long>(previousEnd));
         return kSVSampleBufferError_InvalidAudioData;
     }
     *totalFramesOut = frames;
@@ -184,26 +184,25 @@ OSStatus checkPacketing(const Layout &layout, SVItemCount numSamples,
     char formatName[XP_OSSTATUS_STRING_SIZE];
     _XPFormatOSStatus(formatName, static_cast<OSStatus>(asbd.mFormatID));
     if (!(std::isfinite(asbd.mSampleRate) && asbd.mSampleRate > 0)) {
-        SV_LOG(3, function, __LINE__, "%s at a sample rate of %g cannot be timed", formatName, asbd.mSampleRate);
+        SV_LOG_FOR(function, 3, "%s at a sample rate of %g cannot be timed", formatName, asbd.mSampleRate);
         return kSVSampleBufferError_InvalidAudioData;
     }
     if (numSamples < 1 || numSamples > std::numeric_limits<int32_t>::max()) {
-        SV_LOG(3, function, __LINE__, "an audio sample buffer holds 1 to 2^31 - 1 packets, not %ld",
-               static_cast<long>(numSamples));
+        SV_LOG_FOR(function, 3, "an audio sample buffer holds 1 to 2^31 - 1 packets, not %ld",
+                   static_cast<long>(numSamples));
         return kSVSampleBufferError_InvalidAudioData;
     }
     if (layout.pcm && packetDescriptions) {
-        SV_LOG(3, function, __LINE__, "linear PCM takes no packet descriptions");
+        SV_LOG_FOR(function, 3, "linear PCM takes no packet descriptions");
         return kSVSampleBufferError_InvalidAudioData;
     }
     if (!packetDescriptions && layout.bytesPerPacket == 0) {
-        SV_LOG(3, function, __LINE__, "%s has no constant bytes per packet: packet descriptions are required",
-               formatName);
+        SV_LOG_FOR(function, 3, "%s has no constant bytes per packet: packet descriptions are required", formatName);
         return kSVSampleBufferError_RequiredParameterMissing;
     }
     if (!packetDescriptions && asbd.mFramesPerPacket == 0) {
-        SV_LOG(3, function, __LINE__, "%s has no frames per packet: packet descriptions with frame counts are required",
-               formatName);
+        SV_LOG_FOR(function, 3, "%s has no frames per packet: packet descriptions with frame counts are required",
+                   formatName);
         return kSVSampleBufferError_InvalidAudioData;
     }
     return 0;
@@ -224,8 +223,8 @@ OSStatus checkDataLength(const Layout &layout, SVBlockBufferRef dataBuffer, SVIt
         size_t expected;
         if (__builtin_mul_overflow(static_cast<size_t>(numSamples), layout.bytesPerPacket, &expected) ||
             expected != dataLength) {
-            SV_LOG(3, function, __LINE__, "the data is %zu bytes long but %ld packets of %zu bytes are %zu", dataLength,
-                   static_cast<long>(numSamples), layout.bytesPerPacket, expected);
+            SV_LOG_FOR(function, 3, "the data is %zu bytes long but %ld packets of %zu bytes are %zu", dataLength,
+                       static_cast<long>(numSamples), layout.bytesPerPacket, expected);
             return kSVSampleBufferError_InvalidAudioData;
         }
     }
@@ -268,7 +267,7 @@ OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef data
     if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
     *sampleBufferOut = nullptr;
     if (!formatDescription) {
-        SV_LOG(3, function, __LINE__, "an audio sample buffer needs a format description");
+        SV_LOG_FOR(function, 3, "an audio sample buffer needs a format description");
         return kSVSampleBufferError_RequiredParameterMissing;
     }
     Layout layout;
@@ -307,7 +306,7 @@ OSStatus createAudioSampleBuffer(CFAllocatorRef allocator, SVBlockBufferRef data
 
 // The checks shared by the calls that read or set an audio buffer's data.
 OSStatus checkAudioBuffer(SVSampleBufferRef sbuf, const char *function, Layout *layout) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -320,8 +319,8 @@ OSStatus checkPCMLength(const Buffer *b, const Layout &layout, size_t dataLength
     if (__builtin_mul_overflow(static_cast<size_t>(b->numSamples < 0 ? 0 : b->numSamples), layout.bytesPerPacket,
                                &expected) ||
         expected != dataLength) {
-        SV_LOG(3, function, __LINE__, "the data is %zu bytes long but %ld frames of %zu bytes are %zu", dataLength,
-               static_cast<long>(b->numSamples), layout.bytesPerPacket, expected);
+        SV_LOG_FOR(function, 3, "the data is %zu bytes long but %ld frames of %zu bytes are %zu", dataLength,
+                   static_cast<long>(b->numSamples), layout.bytesPerPacket, expected);
         return kSVSampleBufferError_InvalidAudioData;
     }
     return 0;
@@ -376,14 +375,14 @@ size_t expectedListBytes(const Buffer *b, const Layout &layout) noexcept {
 
 OSStatus checkListShape(const AudioBufferList *list, const Layout &layout, const char *function) noexcept {
     if (list->mNumberBuffers != layout.bufferCount) {
-        SV_LOG(3, function, __LINE__, "the buffer list has %u buffers; the format needs %u", list->mNumberBuffers,
-               layout.bufferCount);
+        SV_LOG_FOR(function, 3, "the buffer list has %u buffers; the format needs %u", list->mNumberBuffers,
+                   layout.bufferCount);
         return kSVSampleBufferError_AudioBufferListMismatch;
     }
     for (uint32_t i = 0; i < list->mNumberBuffers; i++) {
         if (list->mBuffers[i].mNumberChannels != layout.channelsPerBuffer) {
-            SV_LOG(3, function, __LINE__, "buffer %u of the list has %u channels; the format needs %u", i,
-                   list->mBuffers[i].mNumberChannels, layout.channelsPerBuffer);
+            SV_LOG_FOR(function, 3, "buffer %u of the list has %u channels; the format needs %u", i,
+                       list->mBuffers[i].mNumberChannels, layout.channelsPerBuffer);
             return kSVSampleBufferError_AudioBufferListMismatch;
         }
     }
@@ -496,7 +495,7 @@ OSStatus SVAudioSampleBufferCreateWithPacketDescriptions(
     const AudioStreamPacketDescription *packetDescriptions, SVSampleBufferRef *sampleBufferOut) noexcept {
     return createAudioSampleBuffer(allocator, dataBuffer, dataReady, makeDataReadyCallback, makeDataReadyRefcon,
                                    formatDescription, numSamples, presentationTimeStamp, packetDescriptions,
-                                   sampleBufferOut, "SVAudioSampleBufferCreateWithPacketDescriptions");
+                                   sampleBufferOut, __func__);
 }
 
 OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
@@ -505,8 +504,7 @@ OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(CFAllocatorRef all
                                                               const AudioStreamPacketDescription *packetDescriptions,
                                                               SVSampleBufferRef *sampleBufferOut) noexcept {
     return createAudioSampleBuffer(allocator, dataBuffer, true, nullptr, nullptr, formatDescription, numSamples,
-                                   presentationTimeStamp, packetDescriptions, sampleBufferOut,
-                                   "SVAudioSampleBufferCreateReadyWithPacketDescriptions");
+                                   presentationTimeStamp, packetDescriptions, sampleBufferOut, __func__);
 }
 
 // ==== Packet descriptions =====================================================
@@ -514,7 +512,7 @@ OSStatus SVAudioSampleBufferCreateReadyWithPacketDescriptions(CFAllocatorRef all
 OSStatus SVSampleBufferGetAudioStreamPacketDescriptions(SVSampleBufferRef sbuf, size_t packetDescriptionsSize,
                                                         AudioStreamPacketDescription *packetDescriptionsOut,
                                                         size_t *packetDescriptionsSizeNeededOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -530,7 +528,7 @@ OSStatus SVSampleBufferGetAudioStreamPacketDescriptions(SVSampleBufferRef sbuf, 
 OSStatus SVSampleBufferGetAudioStreamPacketDescriptionsPtr(
     SVSampleBufferRef sbuf, const AudioStreamPacketDescription **packetDescriptionsPointerOut,
     size_t *packetDescriptionsSizeOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -565,7 +563,7 @@ OSStatus SVSampleBufferGetAudioBufferListWithRetainedBlockBuffer(
         if (OSStatus status = checkPCMLength(b, layout, length, kFunction)) return status;
     const size_t bufferBytes = length / layout.bufferCount;  // exact: checked above for PCM
     if (bufferBytes > std::numeric_limits<UInt32>::max()) {
-        SV_LOG(3, kFunction, __LINE__, "a buffer of %zu bytes does not fit a buffer list", bufferBytes);
+        SV_LOG_HERE(3, "a buffer of %zu bytes does not fit a buffer list", bufferBytes);
         return kSVSampleBufferError_InvalidAudioData;
     }
     const bool assure16 = (flags & kSVSampleBufferFlag_AudioBufferList_Assure16ByteAlignment) != 0;
@@ -624,16 +622,15 @@ OSStatus SVSampleBufferCopyPCMDataIntoAudioBufferList(SVSampleBufferRef sbuf, in
     Layout layout;
     if (OSStatus status = checkAudioBuffer(sbuf, kFunction, &layout)) return status;
     if (!layout.pcm) {
-        SV_LOG_STATUS(3, kFunction, __LINE__, static_cast<OSStatus>(layout.asbd->mFormatID),
-                      "copies linear PCM only, not %s");
+        SV_LOG_STATUS_HERE(3, static_cast<OSStatus>(layout.asbd->mFormatID), "copies linear PCM only, not %s");
         return kSVSampleBufferError_InvalidMediaTypeForOperation;
     }
     const Buffer *b = asBuffer(sbuf);
     SVBlockBufferRef data = dataOf(b);
     if (!data || !SVSampleBufferDataIsReady(sbuf)) return kSVSampleBufferError_BufferNotReady;
     if (frameOffset < 0 || numFrames < 0 || int64_t{frameOffset} + numFrames > b->numSamples) {
-        SV_LOG(3, kFunction, __LINE__, "frames %d to %lld lie outside the buffer's %ld frames", frameOffset,
-               static_cast<long long>(int64_t{frameOffset} + numFrames), static_cast<long>(b->numSamples));
+        SV_LOG_HERE(3, "frames %d to %lld lie outside the buffer's %ld frames", frameOffset,
+                    static_cast<long long>(int64_t{frameOffset} + numFrames), static_cast<long>(b->numSamples));
         return kSVSampleBufferError_SampleIndexOutOfRange;
     }
     if (OSStatus status = checkListShape(bufferList, layout, kFunction)) return status;
@@ -643,8 +640,8 @@ OSStatus SVSampleBufferCopyPCMDataIntoAudioBufferList(SVSampleBufferRef sbuf, in
     for (uint32_t i = 0; i < layout.bufferCount; i++) {
         const AudioBuffer &buffer = bufferList->mBuffers[i];
         if (buffer.mDataByteSize < bytes) {
-            SV_LOG(3, kFunction, __LINE__, "buffer %u of the list holds %u bytes; %d frames need %zu", i,
-                   buffer.mDataByteSize, numFrames, bytes);
+            SV_LOG_HERE(3, "buffer %u of the list holds %u bytes; %d frames need %zu", i, buffer.mDataByteSize,
+                        numFrames, bytes);
             return kSVSampleBufferError_ArrayTooSmall;
         }
         if (!buffer.mData && bytes > 0) return kSVSampleBufferError_RequiredParameterMissing;
@@ -676,15 +673,15 @@ OSStatus SVSampleBufferSetDataBufferFromAudioBufferList(SVSampleBufferRef sbuf,
     for (uint32_t i = 0; i < bufferList->mNumberBuffers; i++) {
         const AudioBuffer &buffer = bufferList->mBuffers[i];
         if (expected != SIZE_MAX && buffer.mDataByteSize != expected) {
-            SV_LOG(3, kFunction, __LINE__, "buffer %u of the list holds %u bytes; %ld samples take %zu", i,
-                   buffer.mDataByteSize, static_cast<long>(b->numSamples), expected);
+            SV_LOG_HERE(3, "buffer %u of the list holds %u bytes; %ld samples take %zu", i, buffer.mDataByteSize,
+                        static_cast<long>(b->numSamples), expected);
             return kSVSampleBufferError_AudioBufferListMismatch;
         }
         if (!buffer.mData && buffer.mDataByteSize > 0) return kSVSampleBufferError_RequiredParameterMissing;
         total += buffer.mDataByteSize;
     }
     if (total == 0) {
-        SV_LOG(3, kFunction, __LINE__, "the buffer list holds no bytes");
+        SV_LOG_HERE(3, "the buffer list holds no bytes");
         return kSVSampleBufferError_AudioBufferListMismatch;
     }
     const size_t alignment = (flags & kSVSampleBufferFlag_AudioBufferList_Assure16ByteAlignment) ? 16 : 1;

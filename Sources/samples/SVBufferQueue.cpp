@@ -45,10 +45,18 @@
 #include <vector>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "core/SVObject.h"
 #include "samples/SVSampleBufferInternal.h"
 
 SV_LOG_MODULE("Sorvel/Sources/SVBufferQueue");
+
+// Log identities the compiler cannot give: the names these internal sites
+// report (see core/SVLog.h).
+constexpr struct {
+    sorvel::SVLogSite modifyFromTrigger{"_SVBufferQueueDequeueAndRetainLocked", 0};
+    sorvel::SVLogSite finalizeFromTrigger{"_SVBufferQueueFinalize", 0};
+} kLogSites;
 
 namespace {
 
@@ -150,17 +158,6 @@ constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBuf
 using sorvel::time::kInvalid;
 
 // ---- locking and lifetime ----------------------------------------------------------
-
-class QueueLock {
-public:
-    explicit QueueLock(SVBufferQueueRef queue) noexcept : mutex_(&queue->mutex) { XPMutexAcquire(mutex_); }
-    ~QueueLock() { XPMutexRelease(mutex_); }
-    QueueLock(const QueueLock &) = delete;
-    QueueLock &operator=(const QueueLock &) = delete;
-
-private:
-    XPMutex *mutex_;
-};
 
 // A reference held for the length of a call that runs client code, which
 // may release the client's last one.  Taken at once, or (for the calls of
@@ -385,7 +382,9 @@ bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept
 }
 
 // Calls a trigger's callback and notes a queue whose last client reference
-// went while it ran: only the running call's own reference is left.
+// went while it ran: only the running call's own reference is left.  The
+// count is the only record of that moment (see DESIGN.md, the buffer
+// queue's retain count).
 void callTriggerLocked(SVBufferQueueRef queue, Trigger *trigger) noexcept {
     if (queue->activeKeepAlive != nullptr) queue->activeKeepAlive->hold();
     trigger->callback(trigger->refcon, trigger);
@@ -428,7 +427,7 @@ SVBufferRef unlinkHeadLocked(SVBufferQueueRef queue) noexcept {
 
 SVBufferRef dequeueAndRetainLocked(SVBufferQueueRef queue, SVBufferGetBooleanCallback predicate) noexcept {
     if (queue->insideTriggerCallback) {
-        SV_LOG(3, "_SVBufferQueueDequeueAndRetainLocked", __LINE__, "Can Not Modify Queue From TriggerCallback");
+        SV_LOG_SITE(kLogSites.modifyFromTrigger, 3, "Can Not Modify Queue From TriggerCallback");
         return nullptr;
     }
     if (queue->head == nullptr) return nullptr;
@@ -444,9 +443,9 @@ SVBufferRef dequeueAndRetainLocked(SVBufferQueueRef queue, SVBufferGetBooleanCal
 }
 
 SVBufferRef dequeueAndRetain(SVBufferQueueRef queue, bool onlyIfReady) noexcept {
-    if (queue == nullptr) return nullptr;
+    if (!gSVBufferQueueClass.checked(queue)) return nullptr;
     KeepAlive keepAlive(queue, keepAliveFor(queue));
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     ActiveCall active(queue, keepAlive);
     return dequeueAndRetainLocked(queue, onlyIfReady ? queue->callbacks.isDataReady : nullptr);
 }
@@ -477,9 +476,9 @@ OSStatus resetLocked(SVBufferQueueRef queue, void (*callback)(SVBufferRef, void 
 OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback callback, void *refcon,
                         SVBufferQueueTriggerCondition condition, SVTime time, int32_t threshold,
                         SVBufferQueueTriggerToken *tokenOut) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (condition == 0 || (callback == nullptr && tokenOut == nullptr))
         return kSVBufferQueueError_RequiredParameterMissing;
@@ -537,7 +536,7 @@ OSStatus installTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerCallback cal
 void bufferQueueFinalize(CFTypeRef cf) noexcept {
     SVBufferQueueRef queue = gSVBufferQueueClass.cast(cf);
     if (queue->insideTriggerCallback || queue->releasedInsideTriggerCallback)
-        SV_LOG(3, "_SVBufferQueueFinalize", __LINE__, "Invalid: Attempting to finalize a queue From TriggerCallback");
+        SV_LOG_SITE(kLogSites.finalizeFromTrigger, 3, "Invalid: Attempting to finalize a queue From TriggerCallback");
     CFAllocatorRef allocator = allocatorOf(queue);
     while (queue->head != nullptr) CFRelease(unlinkHeadLocked(queue));
     while (Node *node = queue->spareNodes) {
@@ -655,7 +654,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
     if (triggers == nullptr) return kSVBufferQueueError_AllocationFailed;
     *triggers = {nullptr, nullptr};
     OpaqueSVBufferQueue *queue = gSVBufferQueueClass.create(allocator);
-    if (queue == nullptr) {
+    if (!gSVBufferQueueClass.checked(queue)) {
         CFAllocatorDeallocate(allocator, triggers);
         return kSVBufferQueueError_AllocationFailed;
     }
@@ -677,8 +676,8 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
 
 OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferValidationCallback callback,
                                             void *validationRefCon) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     queue->validationRefcon = callback != nullptr ? validationRefCon : nullptr;
     __atomic_store_n(&queue->validation, callback, __ATOMIC_RELEASE);
@@ -686,7 +685,7 @@ OSStatus SVBufferQueueSetValidationCallback(SVBufferQueueRef queue, SVBufferVali
 }
 
 OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept {
-    if (queue == nullptr || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || buf == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue, keepAliveFor(queue));
     SVBufferValidationCallback validation = nullptr;
     void *validationRefcon = nullptr;
@@ -696,7 +695,7 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
     if (__atomic_load_n(&queue->validation, __ATOMIC_ACQUIRE) != nullptr) {
         // Read together, so a concurrent change cannot pair one callback
         // with another's refcon.
-        QueueLock lock(queue);
+        sorvel::SVMutexGuard lock(&queue->mutex);
         validation = queue->validation;
         validationRefcon = queue->validationRefcon;
     }
@@ -705,7 +704,7 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
         OSStatus status = validation(queue, buf, validationRefcon);
         if (status != 0) return status;
     }
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     ActiveCall active(queue, keepAlive);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (queue->endOfData) return kSVBufferQueueError_EnqueueAfterEndOfData;
@@ -760,33 +759,33 @@ SVBufferRef SVBufferQueueDequeueIfDataReadyAndRetain(SVBufferQueueRef queue) noe
 }
 
 SVBufferRef SVBufferQueueGetHead(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return nullptr;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return nullptr;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->head != nullptr ? queue->head->buffer : nullptr;
 }
 
 SVItemCount SVBufferQueueGetBufferCount(SVBufferQueueRef queue) noexcept {
     // A status where a count belongs, as the interface has always done.
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->count;
 }
 
 Boolean SVBufferQueueIsEmpty(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return true;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return true;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->count == 0;
 }
 
 SVTime SVBufferQueueGetDuration(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return durationLocked(queue);
 }
 
 size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getSize == nullptr) return 0;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getSize == nullptr) return 0;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     size_t total = 0;
     for (Node *node = queue->head; node != nullptr; node = node->next)
         total += queue->callbacks.getSize(node->buffer, queue->callbacks.refcon);
@@ -794,40 +793,42 @@ size_t SVBufferQueueGetTotalSize(SVBufferQueueRef queue) noexcept {
 }
 
 SVTime SVBufferQueueGetFirstDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getDecodeTimeStamp == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getDecodeTimeStamp == nullptr) return kSVTimeInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->head == nullptr) return kSVTimeInvalid;
     return queue->callbacks.getDecodeTimeStamp(queue->head->buffer, queue->callbacks.refcon);
 }
 
 SVTime SVBufferQueueGetFirstPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getPresentationTimeStamp == nullptr)
+        return kSVTimeInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->head == nullptr) return kSVTimeInvalid;
     return getPresentationTimeStamp(queue, queue->head->buffer);
 }
 
 SVTime SVBufferQueueGetMinDecodeTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kSVTimeInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return extremeLocked(queue, queue->callbacks.getDecodeTimeStamp, -1);
 }
 
 SVTime SVBufferQueueGetMinPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kSVTimeInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return minPresentationLocked(queue);
 }
 
 SVTime SVBufferQueueGetMaxPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kSVTimeInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return maxPresentationLocked(queue);
 }
 
 SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr || queue->callbacks.getPresentationTimeStamp == nullptr) return kSVTimeInvalid;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue) || queue->callbacks.getPresentationTimeStamp == nullptr)
+        return kSVTimeInvalid;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     SVTime end = kSVTimeInvalid;
     bool found = false;
     for (Node *node = queue->head; node != nullptr; node = node->next) {
@@ -845,9 +846,9 @@ SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept
 
 OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callback)(SVBufferRef buffer, void *refcon),
                                         void *refcon) noexcept {
-    if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     // The callback may change the queue (the lock is recursive), so walk a
     // retained snapshot rather than the live list.
     std::vector<SVBufferRef> buffers;
@@ -866,37 +867,37 @@ OSStatus SVBufferQueueCallForEachBuffer(SVBufferQueueRef queue, OSStatus (*callb
 }
 
 OSStatus SVBufferQueueMarkEndOfData(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     queue->endOfData = true;
     return 0;
 }
 
 Boolean SVBufferQueueContainsEndOfData(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return true;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return true;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->endOfData;
 }
 
 Boolean SVBufferQueueIsAtEndOfData(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return true;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue)) return true;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return queue->endOfData && queue->count == 0;
 }
 
 OSStatus SVBufferQueueReset(SVBufferQueueRef queue) noexcept {
-    if (queue == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue)) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return resetLocked(queue, nullptr, nullptr);
 }
 
 OSStatus SVBufferQueueResetWithCallback(SVBufferQueueRef queue, void (*callback)(SVBufferRef buffer, void *refcon),
                                         void *refcon) noexcept {
-    if (queue == nullptr || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
+    if (!gSVBufferQueueClass.checked(queue) || callback == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
     KeepAlive keepAlive(queue);
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     return resetLocked(queue, callback, refcon);
 }
 
@@ -914,8 +915,9 @@ OSStatus SVBufferQueueInstallTriggerWithIntegerThreshold(SVBufferQueueRef queue,
 }
 
 OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
-    if (queue == nullptr || triggerToken == nullptr) return kSVBufferQueueError_RequiredParameterMissing;
-    QueueLock lock(queue);
+    if (!gSVBufferQueueClass.checked(queue) || triggerToken == nullptr)
+        return kSVBufferQueueError_RequiredParameterMissing;
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (queue->insideTriggerCallback) return kSVBufferQueueError_CannotModifyQueueFromTriggerCallback;
     if (!isInstalledLocked(queue, triggerToken)) return kSVBufferQueueError_InvalidTriggerToken;
     // Unlinked, mending the list's ends.
@@ -937,13 +939,13 @@ OSStatus SVBufferQueueRemoveTrigger(SVBufferQueueRef queue, SVBufferQueueTrigger
 }
 
 Boolean SVBufferQueueTestTrigger(SVBufferQueueRef queue, SVBufferQueueTriggerToken triggerToken) noexcept {
-    if (queue == nullptr) {
-        SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The queue is null");
+    if (!gSVBufferQueueClass.checked(queue)) {
+        SV_LOG_HERE(3, "The queue is null");
         return false;
     }
-    QueueLock lock(queue);
+    sorvel::SVMutexGuard lock(&queue->mutex);
     if (triggerToken == nullptr || !isInstalledLocked(queue, triggerToken)) {
-        SV_LOG(3, "SVBufferQueueTestTrigger", __LINE__, "The trigger is not installed on the queue");
+        SV_LOG_HERE(3, "The trigger is not installed on the queue");
         return false;
     }
     return triggerHoldsLocked(queue, triggerToken);

@@ -89,6 +89,12 @@ void becomeReady(Buffer *sbuf) noexcept {
 }
 
 // The creation steps shared by both data-buffer creators.
+// Objects of the lower families are checked by type too: one of another
+// type is refused like a missing one instead of being kept and read later.
+bool isNullOr(CFTypeRef cf, CFTypeID type) noexcept {
+    return cf == nullptr || CFGetTypeID(cf) == type;
+}
+
 OSStatus createDataBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer, Boolean dataReady,
                           SVSampleBufferMakeDataReadyCallback makeDataReadyCallback, void *makeDataReadyRefcon,
                           SVFormatDescriptionRef formatDescription, SVItemCount numSamples,
@@ -96,6 +102,8 @@ OSStatus createDataBuffer(CFAllocatorRef allocator, SVBlockBufferRef dataBuffer,
                           SVItemCount numSampleSizeEntries, const size_t *sampleSizeArray,
                           SVSampleBufferRef *sampleBufferOut) noexcept {
     if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!isNullOr(dataBuffer, SVBlockBufferGetTypeID()) || !isNullOr(formatDescription, SVFormatDescriptionGetTypeID()))
+        return kSVSampleBufferError_RequiredParameterMissing;
     // One entry stands for every sample; otherwise there must be one per
     // sample.
     if ((numSampleTimingEntries >= 2 && numSampleTimingEntries != numSamples) ||
@@ -145,7 +153,8 @@ OSStatus createImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffe
                            SVVideoFormatDescriptionRef formatDescription, const SVSampleTimingInfo *sampleTiming,
                            SVSampleBufferRef *sampleBufferOut) noexcept {
     if (!sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
-    if (!imageBuffer || !formatDescription || !sampleTiming) {
+    if (!imageBuffer || !isNullOr(formatDescription, SVFormatDescriptionGetTypeID()) || !formatDescription ||
+        !sampleTiming) {
         *sampleBufferOut = nullptr;
         return kSVSampleBufferError_RequiredParameterMissing;
     }
@@ -280,33 +289,37 @@ OSStatus SVSampleBufferCreateReadyWithImageBuffer(CFAllocatorRef allocator, CVIm
 // ==== Plain getters ==========================================================
 
 Boolean SVSampleBufferIsValid(SVSampleBufferRef sbuf) noexcept {
-    return sbuf && !asBuffer(sbuf)->invalidated;
+    return gSVSampleBufferClass.checked(sbuf) && !asBuffer(sbuf)->invalidated;
 }
 
 SVFormatDescriptionRef SVSampleBufferGetFormatDescription(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return nullptr;
     return asBuffer(sbuf)->formatDescription;
 }
 
 SVBlockBufferRef SVSampleBufferGetDataBuffer(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated || asBuffer(sbuf)->kind != kSVSampleBufferKind_DataBuffer) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated ||
+        asBuffer(sbuf)->kind != kSVSampleBufferKind_DataBuffer)
+        return nullptr;
     return static_cast<SVBlockBufferRef>(const_cast<void *>(asBuffer(sbuf)->dataOrImageBuffer));
 }
 
 CVImageBufferRef SVSampleBufferGetImageBuffer(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated || asBuffer(sbuf)->kind != kSVSampleBufferKind_ImageBuffer) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated ||
+        asBuffer(sbuf)->kind != kSVSampleBufferKind_ImageBuffer)
+        return nullptr;
     return static_cast<CVImageBufferRef>(const_cast<void *>(asBuffer(sbuf)->dataOrImageBuffer));
 }
 
 SVItemCount SVSampleBufferGetNumSamples(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return 0;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return 0;
     return numSamplesOf(asBuffer(sbuf));
 }
 
 // ==== Buffer-wide timing =====================================================
 
 SVTime SVSampleBufferGetPresentationTimeStamp(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
     const Buffer *b = asBuffer(sbuf);
     switch (b->kind) {
         case kSVSampleBufferKind_ImageBuffer:
@@ -320,12 +333,12 @@ SVTime SVSampleBufferGetPresentationTimeStamp(SVSampleBufferRef sbuf) noexcept {
             return earliest;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetPresentationTimeStamp", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
 SVTime SVSampleBufferGetDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
     const Buffer *b = asBuffer(sbuf);
     switch (b->kind) {
         case kSVSampleBufferKind_ImageBuffer:
@@ -335,12 +348,12 @@ SVTime SVSampleBufferGetDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
             if (!b->sampleTimingArray || b->numSampleTimingEntries < 1) return kSVTimeInvalid;
             return b->sampleTimingArray[0].decodeTimeStamp;
         default:
-            SVSampleBufferBug("SVSampleBufferGetDecodeTimeStamp", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
 SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
+    if (!gSVSampleBufferClass.checked(sbuf) || asBuffer(sbuf)->invalidated) return kSVTimeInvalid;
     const Buffer *b = asBuffer(sbuf);
     switch (b->kind) {
         case kSVSampleBufferKind_ImageBuffer:
@@ -359,14 +372,15 @@ SVTime SVSampleBufferGetDuration(SVSampleBufferRef sbuf) noexcept {
             return total;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetDuration", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
 // ==== Data buffer, readiness and failure =====================================
 
 OSStatus SVSampleBufferSetDataBuffer(SVSampleBufferRef sbuf, SVBlockBufferRef dataBuffer) noexcept {
-    if (!sbuf || !dataBuffer) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf) || !dataBuffer || !isNullOr(dataBuffer, SVBlockBufferGetTypeID()))
+        return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     if (b->kind != kSVSampleBufferKind_DataBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
@@ -376,13 +390,13 @@ OSStatus SVSampleBufferSetDataBuffer(SVSampleBufferRef sbuf, SVBlockBufferRef da
 }
 
 Boolean SVSampleBufferDataIsReady(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return false;
+    if (!gSVSampleBufferClass.checked(sbuf)) return false;
     const Buffer *deciding = decidingBuffer(asBuffer(sbuf));
     return !deciding->invalidated && deciding->dataReady;
 }
 
 OSStatus SVSampleBufferSetDataReady(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     // This buffer's own flag: a tracking chain is not followed.
@@ -391,7 +405,7 @@ OSStatus SVSampleBufferSetDataReady(SVSampleBufferRef sbuf) noexcept {
 }
 
 OSStatus SVSampleBufferMakeDataReady(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *deciding = decidingBuffer(asBuffer(sbuf));
     if (deciding->invalidated) return kSVSampleBufferError_Invalidated;
     if (deciding->dataReady) return 0;
@@ -409,8 +423,8 @@ OSStatus SVSampleBufferMakeDataReady(SVSampleBufferRef sbuf) noexcept {
 }
 
 OSStatus SVSampleBufferTrackDataReadiness(SVSampleBufferRef sbuf, SVSampleBufferRef sbufToTrack) noexcept {
-    if (!sbufToTrack) return kSVSampleBufferError_RequiredParameterMissing;
-    if (!sbuf) return 0;
+    if (!gSVSampleBufferClass.checked(sbufToTrack)) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return 0;
     // A buffer tracked before is deliberately not released: whoever asked
     // about readiness through it may still be relying on it being alive.
     asBuffer(sbuf)->trackedBuffer = static_cast<SVSampleBufferRef>(const_cast<void *>(CFRetain(sbufToTrack)));
@@ -418,7 +432,7 @@ OSStatus SVSampleBufferTrackDataReadiness(SVSampleBufferRef sbuf, SVSampleBuffer
 }
 
 OSStatus SVSampleBufferSetDataFailed(SVSampleBufferRef sbuf, OSStatus status) noexcept {
-    if (!sbuf) return 0;
+    if (!gSVSampleBufferClass.checked(sbuf)) return 0;
     Buffer *b = asBuffer(sbuf);
     b->dataFailedStatus = status;
     if (status != 0) {
@@ -436,7 +450,7 @@ OSStatus SVSampleBufferSetDataFailed(SVSampleBufferRef sbuf, OSStatus status) no
 }
 
 Boolean SVSampleBufferHasDataFailed(SVSampleBufferRef sbuf, OSStatus *statusOut) noexcept {
-    if (!sbuf) return false;
+    if (!gSVSampleBufferClass.checked(sbuf)) return false;
     OSStatus status = asBuffer(sbuf)->dataFailedStatus;
     if (status == 0) return false;
     if (statusOut) *statusOut = status;
@@ -448,7 +462,7 @@ Boolean SVSampleBufferHasDataFailed(SVSampleBufferRef sbuf, OSStatus *statusOut)
 uint64_t sorvel::gSVSampleBufferInvalidations = 0;
 
 OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     // A second call, also one made by the handler itself, finds the buffer
     // invalidated: the handler runs at most once.
@@ -471,7 +485,7 @@ OSStatus SVSampleBufferInvalidate(SVSampleBufferRef sbuf) noexcept {
 
 OSStatus SVSampleBufferSetInvalidateHandler(SVSampleBufferRef sbuf,
                                             SVSampleBufferInvalidateHandler invalidateHandler) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     // Copy first: the new handler may be the one already installed.
@@ -484,7 +498,7 @@ OSStatus SVSampleBufferSetInvalidateHandler(SVSampleBufferRef sbuf,
 OSStatus SVSampleBufferSetInvalidateCallback(SVSampleBufferRef sbuf,
                                              SVSampleBufferInvalidateCallback invalidateCallback,
                                              uint64_t invalidateRefCon) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     if (!invalidateCallback) return SVSampleBufferSetInvalidateHandler(sbuf, nullptr);
     return SVSampleBufferSetInvalidateHandler(sbuf, ^(SVSampleBufferRef buffer) {
       invalidateCallback(buffer, invalidateRefCon);
@@ -496,7 +510,7 @@ OSStatus SVSampleBufferSetInvalidateCallback(SVSampleBufferRef sbuf,
 CFArrayRef SVSampleBufferGetSampleAttachmentsArray(SVSampleBufferRef sbuf, Boolean createIfNecessary) noexcept {
     // Invalidation is deliberately not checked: the samples' attachments
     // live until finalization like their data.
-    if (!sbuf) return nullptr;
+    if (!gSVSampleBufferClass.checked(sbuf)) return nullptr;
     Buffer *b = asBuffer(sbuf);
     if (b->sampleAttachmentsArray || !createIfNecessary) return b->sampleAttachmentsArray;
     SVItemCount count;
@@ -509,7 +523,7 @@ CFArrayRef SVSampleBufferGetSampleAttachmentsArray(SVSampleBufferRef sbuf, Boole
             count = 1;
             break;
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleAttachmentsArray", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
     sorvel::SVRetained<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, count, &kCFTypeArrayCallBacks));
     if (!array) return nullptr;

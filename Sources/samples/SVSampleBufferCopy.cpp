@@ -38,11 +38,12 @@ SVSampleBufferRef asRef(Buffer *sbuf) noexcept {
 // The byte writer's log sites report an empty source path, and the lines
 // below, whatever the layout of this file.
 constexpr const char kNoSourcePath[] = "";
-constexpr int kNoBlockBufferLine = 1624;
-constexpr int kExtraDataLengthZeroLine = 1656;
-constexpr int kPacketAllocationFailedLine = 1664;
-constexpr int kBadMediaFormatLine = 1703;
-constexpr const char kRawWriterName[] = "_SVSampleBufferOutputVideoSampleAsBytesForH263";
+constexpr struct {
+    sorvel::SVLogSite noBlockBuffer{"_SVSampleBufferOutputVideoSampleAsBytesForH263", 1624};
+    sorvel::SVLogSite extraDataLengthZero{"_SVSampleBufferOutputVideoSampleAsBytesForH263", 1656};
+    sorvel::SVLogSite packetAllocationFailed{"_SVSampleBufferOutputVideoSampleAsBytesForH263", 1664};
+    sorvel::SVLogSite badMediaFormat{"_SVSampleBufferOutputVideoSampleAsBytes", 1703};
+} kLogSites;
 
 constexpr FourCharCode fourCC(const char (&code)[5]) noexcept {
     return (static_cast<FourCharCode>(static_cast<uint8_t>(code[0])) << 24) |
@@ -115,7 +116,7 @@ RangeBytes rangeBytes(CFAllocatorRef allocator, const Buffer *source, CFRange ra
 
 template <typename Handler>
 OSStatus forEachSample(SVSampleBufferRef sbuf, Handler &&handler) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->kind == kSVSampleBufferKind_ImageBuffer) return kSVSampleBufferError_InvalidMediaTypeForOperation;
     if (b->numSamples <= 0) return kSVSampleBufferError_CannotSubdivide;
@@ -160,7 +161,7 @@ OSStatus writeRawSample(SVSampleBufferRef sbuf, int32_t extraDataMode,
     const Buffer *b = asBuffer(sbuf);
     SVBlockBufferRef data = SVSampleBufferGetDataBuffer(sbuf);
     if (b->kind != kSVSampleBufferKind_DataBuffer || !data) {
-        SV_LOG_AT(kNoSourcePath, 3, kRawWriterName, kNoBlockBufferLine, "No block buffer");
+        SV_LOG_SITE_AT(kNoSourcePath, kLogSites.noBlockBuffer, 3, "No block buffer");
         return kSVSampleBufferError_RequiredParameterMissing;
     }
     if (!packetAllocator) return kSVSampleBufferError_RequiredParameterMissing;
@@ -169,15 +170,15 @@ OSStatus writeRawSample(SVSampleBufferRef sbuf, int32_t extraDataMode,
     if (CFDataRef candidate = extraDataOf(b->formatDescription); candidate && extraDataMode == 1 && isSyncSample(b)) {
         extraData = candidate;
         if (CFDataGetLength(extraData) == 0 && takeExtraDataNotice())
-            SV_LOG_AT(kNoSourcePath, 4, kRawWriterName, kExtraDataLengthZeroLine, "Extra data length is 0");
+            SV_LOG_SITE_AT(kNoSourcePath, kLogSites.extraDataLengthZero, 4, "Extra data length is 0");
     }
     const size_t extraLength = extraData ? static_cast<size_t>(CFDataGetLength(extraData)) : 0;
     const size_t dataLength = SVBlockBufferGetDataLength(data);
     const size_t packetSize = dataLength + extraLength;
     auto *packet = static_cast<uint8_t *>(packetAllocator(packetSize));
     if (!packet) {
-        SV_LOG_AT(kNoSourcePath, 3, kRawWriterName, kPacketAllocationFailedLine,
-                  "Failed to allocate packet of size %zu", packetSize);
+        SV_LOG_SITE_AT(kNoSourcePath, kLogSites.packetAllocationFailed, 3, "Failed to allocate packet of size %zu",
+                       packetSize);
         return kSVSampleBufferError_AllocationFailed;
     }
     if (extraLength) std::memcpy(packet, CFDataGetBytePtr(extraData), extraLength);
@@ -202,11 +203,12 @@ bool SVSampleBufferWriteAnnexBPacket(SVSampleBufferRef sbuf, int32_t extraDataMo
 
 OSStatus SVSampleBufferCreateCopy(CFAllocatorRef allocator, SVSampleBufferRef sbuf,
                                   SVSampleBufferRef *sampleBufferOut) noexcept {
-    if (!sbuf || !sampleBufferOut) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf) || !sampleBufferOut)
+        return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *source = asBuffer(sbuf);
     if (source->invalidated) return kSVSampleBufferError_Invalidated;
     if (source->kind != kSVSampleBufferKind_DataBuffer && source->kind != kSVSampleBufferKind_ImageBuffer)
-        SVSampleBufferBug("SVSampleBufferCreateCopy", __LINE__);
+        SVSampleBufferBug(__func__, __LINE__);
     Buffer *copy = sorvel::SVSampleBufferAllocate(allocator);
     if (!copy) {
         *sampleBufferOut = nullptr;
@@ -332,12 +334,11 @@ CFTypeRef rangeData(CFAllocatorRef allocator, const Buffer *source, const RangeB
 
 OSStatus SVSampleBufferCopySampleBufferForRange(CFAllocatorRef allocator, SVSampleBufferRef sbuf, CFRange sampleRange,
                                                 SVSampleBufferRef *sampleBufferOut) noexcept {
-    const Buffer *source = asBuffer(sbuf);
+    const Buffer *source = sorvel::gSVSampleBufferClass.checked(sbuf);
     if (source && source->kind == kSVSampleBufferKind_ImageBuffer)
         return kSVSampleBufferError_InvalidMediaTypeForOperation;
     if (!sampleBufferOut || !source) return kSVSampleBufferError_RequiredParameterMissing;
-    if (source->kind != kSVSampleBufferKind_DataBuffer)
-        SVSampleBufferBug("SVSampleBufferCopySampleBufferForRange", __LINE__);
+    if (source->kind != kSVSampleBufferKind_DataBuffer) SVSampleBufferBug(__func__, __LINE__);
     const SVItemCount numSamples = source->numSamples;
     if (numSamples <= 0) return kSVSampleBufferError_CannotSubdivide;
     // Negative ranges, and ranges whose end overflows, are past the end too.
@@ -415,8 +416,8 @@ OSStatus _SVSampleBufferOutputVideoSampleAsBytes(SVSampleBufferRef sbuf, int32_t
     } else if (subtype == fourCC("h263") || subtype == fourCC("mp4v")) {
         return writeRawSample(sbuf, extraDataMode, packetAllocator);
     }
-    SV_LOG_STATUS_AT(kNoSourcePath, 3, "_SVSampleBufferOutputVideoSampleAsBytes", kBadMediaFormatLine,
-                     static_cast<OSStatus>(subtype), "Bad media format %s");
+    SV_LOG_STATUS_SITE_AT(kNoSourcePath, kLogSites.badMediaFormat, 3, static_cast<OSStatus>(subtype),
+                          "Bad media format %s");
     return kSVSampleBufferError_InvalidMediaFormat;
 }
 

@@ -167,7 +167,7 @@ SVTime outputDecode(const Adjustments &adjust, SVTime outputPresentationTime, SV
 }
 
 bool isUsable(SVSampleBufferRef sbuf) noexcept {
-    return sbuf && !asBuffer(sbuf)->invalidated;
+    return sorvel::gSVSampleBufferClass.checked(sbuf) && !asBuffer(sbuf)->invalidated;
 }
 
 bool hasOverride(const Buffer *b) noexcept {
@@ -197,7 +197,7 @@ SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) noex
 
 OSStatus SVSampleBufferSetOutputPresentationTimeStamp(SVSampleBufferRef sbuf,
                                                       SVTime outputPresentationTimeStamp) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     reinterpret_cast<Buffer *>(sbuf)->outputPresentationTimeStamp = outputPresentationTimeStamp;
     return 0;
 }
@@ -206,7 +206,7 @@ SVTime SVSampleBufferGetOutputDecodeTimeStamp(SVSampleBufferRef sbuf) noexcept {
     if (!isUsable(sbuf)) return kInvalid;
     const Buffer *b = asBuffer(sbuf);
     if (b->kind != kSVSampleBufferKind_DataBuffer && b->kind != kSVSampleBufferKind_ImageBuffer)
-        SVSampleBufferBug("SVSampleBufferGetOutputDecodeTimeStamp", __LINE__);
+        SVSampleBufferBug(__func__, __LINE__);
     const Adjustments adjust = adjustmentsOf(sbuf);
     // For the image kind the buffer-wide decode time is its inline one.
     return outputDecode(adjust, bufferOutputPresentation(sbuf, adjust), SVSampleBufferGetPresentationTimeStamp(sbuf),
@@ -223,7 +223,7 @@ SVTime SVSampleBufferGetOutputDuration(SVSampleBufferRef sbuf) noexcept {
 OSStatus SVSampleBufferGetSampleTimingInfoArray(SVSampleBufferRef sbuf, SVItemCount timingArrayEntries,
                                                 SVSampleTimingInfo *timingArrayOut,
                                                 SVItemCount *timingArrayEntriesNeededOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     switch (b->kind) {
@@ -245,7 +245,7 @@ OSStatus SVSampleBufferGetSampleTimingInfoArray(SVSampleBufferRef sbuf, SVItemCo
             return 0;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleTimingInfoArray", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -275,7 +275,7 @@ OSStatus SVSampleBufferGetOutputSampleTimingInfoArray(SVSampleBufferRef sbuf, SV
 
 OSStatus SVSampleBufferGetSampleTimingInfo(SVSampleBufferRef sbuf, SVItemIndex sampleIndex,
                                            SVSampleTimingInfo *timingInfoOut) noexcept {
-    if (!sbuf) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf)) return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     switch (b->kind) {
@@ -296,7 +296,7 @@ OSStatus SVSampleBufferGetSampleTimingInfo(SVSampleBufferRef sbuf, SVItemIndex s
             return 0;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleTimingInfo", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -313,13 +313,14 @@ size_t SVSampleBufferGetSampleSize(SVSampleBufferRef sbuf, SVItemIndex sampleInd
             return b->sampleSizeArray[sampleIndex];
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleSize", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
 OSStatus SVSampleBufferGetSampleSizeArray(SVSampleBufferRef sbuf, SVItemCount sizeArrayEntries, size_t *sizeArrayOut,
                                           SVItemCount *sizeArrayEntriesNeededOut) noexcept {
-    if (!sbuf || !sizeArrayEntriesNeededOut) return kSVSampleBufferError_RequiredParameterMissing;
+    if (!sorvel::gSVSampleBufferClass.checked(sbuf) || !sizeArrayEntriesNeededOut)
+        return kSVSampleBufferError_RequiredParameterMissing;
     const Buffer *b = asBuffer(sbuf);
     if (b->invalidated) return kSVSampleBufferError_Invalidated;
     switch (b->kind) {
@@ -339,7 +340,7 @@ OSStatus SVSampleBufferGetSampleSizeArray(SVSampleBufferRef sbuf, SVItemCount si
             return 0;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetSampleSizeArray", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }
 
@@ -360,6 +361,6 @@ size_t SVSampleBufferGetTotalSampleSize(SVSampleBufferRef sbuf) noexcept {
             return total;
         }
         default:
-            SVSampleBufferBug("SVSampleBufferGetTotalSampleSize", __LINE__);
+            SVSampleBufferBug(__func__, __LINE__);
     }
 }

@@ -20,6 +20,14 @@
 
 SV_LOG_MODULE("");
 
+// Log identities the compiler cannot give: the finalizer's reported name,
+// and the host clock's creation, which runs inside a block (see
+// core/SVLog.h).
+constexpr struct {
+    sorvel::SVLogSite releaseHostClock{"_SVClockFinalize", 0};
+    sorvel::SVLogSite makeHostClock{"SVClockGetHostTimeClock", 0};
+} kLogSites;
+
 namespace {
 
 using sorvel::time::kInvalid;
@@ -38,7 +46,7 @@ OpaqueSVClock *hostClockIfMade() noexcept {
 
 void clockFinalize(CFTypeRef cf) noexcept {
     auto *clock = sorvel::SVRuntimeClass<OpaqueSVClock>::cast(cf);
-    if (clock->isHostClock) SV_FATAL("_SVClockFinalize", __LINE__, "can't release the host clock");
+    if (clock->isHostClock) SV_FATAL_SITE(kLogSites.releaseHostClock, "can't release the host clock");
     if (clock->timeSource != nullptr) _Block_release(clock->timeSource);
 }
 
@@ -93,7 +101,7 @@ SVClockRef SVClockGetHostTimeClock(void) noexcept {
       OpaqueSVClock *made = createClock(kCFAllocatorDefault, ^SVTime(void) {
         return sorvel::clock::hostTimeNow();
       });
-      if (made == nullptr) SV_FATAL("SVClockGetHostTimeClock", __LINE__, "can't create the host clock");
+      if (made == nullptr) SV_FATAL_SITE(kLogSites.makeHostClock, "can't create the host clock");
       made->isHostClock = true;
       __atomic_store_n(&gHostClock, made, __ATOMIC_RELEASE);
     });
@@ -107,7 +115,7 @@ SVClockRef _SVClockCreateWithBlock(CFAllocatorRef allocator, SVClockTimeSourceBl
 OSStatus _SVClockCreateWithFunction(CFAllocatorRef allocator, SVClockTimeSourceFunction getTime, void *refcon,
                                     SVClockRef *clockOut) noexcept {
     if (clockOut == nullptr) {
-        SV_LOG(3, "_SVClockCreateWithFunction", __LINE__, "clockOut is NULL");
+        SV_LOG_HERE(3, "clockOut is NULL");
         return kSVClockError_MissingRequiredParameter;
     }
     // The function becomes the block the other creators give, so every
@@ -120,7 +128,7 @@ OSStatus _SVClockCreateWithFunction(CFAllocatorRef allocator, SVClockTimeSourceF
     OpaqueSVClock *clock = createClock(allocator, timeSource);
     if (clock == nullptr) {
         *clockOut = nullptr;
-        SV_LOG(3, "_SVClockCreateWithFunction", __LINE__, "allocation failed");
+        SV_LOG_HERE(3, "allocation failed");
         return kSVClockError_AllocationFailed;
     }
     *clockOut = clock;
@@ -129,7 +137,7 @@ OSStatus _SVClockCreateWithFunction(CFAllocatorRef allocator, SVClockTimeSourceF
 
 OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noexcept {
     if (clockOut == nullptr) {
-        SV_LOG(3, "SVAudioClockCreate", __LINE__, "clockOut is NULL");
+        SV_LOG_HERE(3, "clockOut is NULL");
         return kSVClockError_MissingRequiredParameter;
     }
     _AudioHardwareInitialize();
@@ -139,7 +147,7 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
     if (status == 0) status = readProperty(device, kAudioDevicePropertyActualSampleRate, &sampleRate);
     if (status != 0) {
         *clockOut = nullptr;
-        SV_LOG_STATUS(3, "SVAudioClockCreate", __LINE__, status, "can't query the default output device: %s");
+        SV_LOG_STATUS_HERE(3, status, "can't query the default output device: %s");
         return kSVClockError_AllocationFailed;
     }
     // The rate is read once: a fractional rate loses its fraction, and a
@@ -152,7 +160,7 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
     });
     if (clock == nullptr) {
         *clockOut = nullptr;
-        SV_LOG(3, "SVAudioClockCreate", __LINE__, "allocation failed");
+        SV_LOG_HERE(3, "allocation failed");
         return kSVClockError_AllocationFailed;
     }
     *clockOut = clock;
@@ -162,7 +170,7 @@ OSStatus SVAudioClockCreate(CFAllocatorRef allocator, SVClockRef *clockOut) noex
 SVTime SVClockGetTime(SVClockRef clock) noexcept {
     if (clock == nullptr) return kInvalid;
     if (clock == hostClockIfMade()) return sorvel::clock::hostTimeNow();
-    if (!sorvel::clock::gClockClass.isInstance(clock)) return kInvalid;
+    if (!sorvel::clock::gClockClass.checked(clock)) return kInvalid;
     return sorvel::clock::currentTime(clock);
 }
 
@@ -180,8 +188,8 @@ Boolean SVClockMightDrift(SVClockRef clock, SVClockRef otherClock) noexcept {
 }
 
 void SVClockInvalidate(SVClockRef clock) noexcept {
-    if (clock == nullptr || !sorvel::clock::gClockClass.isInstance(clock)) return;
-    if (clock->isHostClock) SV_FATAL("SVClockInvalidate", __LINE__, "can't invalidate the host clock");
+    if (!sorvel::clock::gClockClass.checked(clock)) return;
+    if (clock->isHostClock) SV_FATAL_HERE("can't invalidate the host clock");
     __atomic_store_n(&clock->invalidated, true, __ATOMIC_RELAXED);
 }
 

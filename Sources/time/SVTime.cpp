@@ -222,7 +222,7 @@ SVTime multiplyByFloat64(const SVTime &time, double multiplier) noexcept {
     // Doubling a timescale below 1 never reaches 65536.
     if (timescale < 1) {
         if (timescale == 0) divisionByZero("SVTimeMultiplyByFloat64", __LINE__);
-        sorvel::SVFatalStop("SVTimeMultiplyByFloat64", kSourcePath, __LINE__,
+        sorvel::SVFatalStop(__func__, kSourcePath, __LINE__,
                             "a numeric time with a negative timescale cannot be multiplied");
     }
     // The timescale doubled until it is at least 65536: 17 minus its bit
@@ -362,7 +362,7 @@ Float64 SVTimeGetSeconds(SVTime time) noexcept {
 }
 
 SVTime SVTimeConvertScale(SVTime time, SVTimeScale newTimescale, SVTimeRoundingMethod method) noexcept {
-    return convertScale(time, newTimescale, method, "SVTimeConvertScale");
+    return convertScale(time, newTimescale, method, __func__);
 }
 
 SVTime SVTimeAdd(SVTime lhs, SVTime rhs) noexcept {

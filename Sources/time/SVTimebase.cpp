@@ -23,6 +23,7 @@
 #include <initializer_list>
 
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "time/SVClockInternal.h"
 #include "time/SVSyncInternal.h"
 #include "time/SVTimeInternal.h"
@@ -53,14 +54,8 @@ OpaqueSVTimebase *asTimebase(CFTypeRef cf) noexcept {
     return sorvel::SVRuntimeClass<OpaqueSVTimebase>::cast(cf);
 }
 
-// The timebase, or NULL when `timebase` is NULL or not a timebase.
-OpaqueSVTimebase *checked(SVTimebaseRef timebase) noexcept {
-    if (timebase == nullptr || !sorvel::timebase::gTimebaseClass.isInstance(timebase)) return nullptr;
-    return timebase;
-}
-
-OSStatus missingTimebase(const char *function, int line) noexcept {
-    SV_LOG(3, function, line, "timebase is NULL or not a timebase");
+OSStatus missingTimebase(sorvel::SVLogSite site) noexcept {
+    SV_LOG_SITE(site, 3, "timebase is NULL or not a timebase");
     return kSVTimebaseError_MissingRequiredParameter;
 }
 
@@ -80,17 +75,6 @@ void writeState(OpaqueSVTimebase *timebase, const State &state) noexcept {
         __atomic_store_n(&timebase->state[i], words[i], __ATOMIC_RELAXED);
     __atomic_store_n(&timebase->sequence, sequence + 2, __ATOMIC_RELEASE);
 }
-
-class StateLock {
-public:
-    explicit StateLock(const OpaqueSVTimebase *timebase) : mutex_(timebase->stateMutex) { XPMutexAcquire(mutex_); }
-    ~StateLock() { XPMutexRelease(mutex_); }
-    StateLock(const StateLock &) = delete;
-    StateLock &operator=(const StateLock &) = delete;
-
-private:
-    XPMutexRef mutex_;
-};
 
 void post(CFStringRef name, const void *timebase) noexcept {
     CFNotificationCenterPostNotification(CFNotificationCenterGetLocalCenter(), name, timebase, nullptr, true);
@@ -116,17 +100,17 @@ void timebaseFinalize(CFTypeRef cf) noexcept {
 OSStatus createTimebase(CFAllocatorRef allocator, CFTypeRef master, SVTimebaseRef *timebaseOut, bool observeMaster,
                         const char *function) noexcept {
     if (timebaseOut == nullptr) {
-        SV_LOG(3, function, __LINE__, "timebaseOut is NULL");
+        SV_LOG_FOR(function, 3, "timebaseOut is NULL");
         return kSVTimebaseError_MissingRequiredParameter;
     }
     *timebaseOut = nullptr;
     if (master == nullptr) {
-        SV_LOG(3, function, __LINE__, "master is NULL");
+        SV_LOG_FOR(function, 3, "master is NULL");
         return kSVTimebaseError_MissingRequiredParameter;
     }
     OpaqueSVTimebase *timebase = sorvel::timebase::gTimebaseClass.create(allocator);
     if (timebase == nullptr) {
-        SV_LOG(3, function, __LINE__, "allocation failed");
+        SV_LOG_FOR(function, 3, "allocation failed");
         return kSVTimebaseError_AllocationFailed;
     }
     timebase->master = CFRetain(master);
@@ -158,7 +142,7 @@ OSStatus createTimebase(CFAllocatorRef allocator, CFTypeRef master, SVTimebaseRe
 void setRate(OpaqueSVTimebase *timebase, double rate, bool useCurrentTime) noexcept {
     double oldRate;
     {
-        StateLock lock(timebase);
+        sorvel::SVMutexGuard lock(timebase->stateMutex);
         State state = sorvel::timebase::readState(timebase);
         SVTime now = kInvalid;
         if (useCurrentTime) now = sorvel::timebase::timeAt(state, masterTime(timebase));
@@ -187,7 +171,7 @@ void setRate(OpaqueSVTimebase *timebase, double rate, bool useCurrentTime) noexc
 void setAnchor(OpaqueSVTimebase *timebase, SVTime timebaseTime, SVTime masterTime) noexcept {
     State before, after;
     {
-        StateLock lock(timebase);
+        sorvel::SVMutexGuard lock(timebase->stateMutex);
         before = after = sorvel::timebase::readState(timebase);
         if (after.rate == 0.0)
             after.timebaseAnchor = timebaseTime;
@@ -263,16 +247,16 @@ CFTypeID SVTimebaseGetTypeID(void) noexcept {
 
 OSStatus SVTimebaseCreateWithMasterClock(CFAllocatorRef allocator, SVClockRef masterClock,
                                          SVTimebaseRef *timebaseOut) noexcept {
-    return createTimebase(allocator, masterClock, timebaseOut, false, "SVTimebaseCreateWithMasterClock");
+    return createTimebase(allocator, masterClock, timebaseOut, false, __func__);
 }
 
 OSStatus SVTimebaseCreateWithMasterTimebase(CFAllocatorRef allocator, SVTimebaseRef masterTimebase,
                                             SVTimebaseRef *timebaseOut) noexcept {
-    return createTimebase(allocator, masterTimebase, timebaseOut, true, "SVTimebaseCreateWithMasterTimebase");
+    return createTimebase(allocator, masterTimebase, timebaseOut, true, __func__);
 }
 
 SVTime SVTimebaseGetTime(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return kInvalid;
     return sorvel::timebase::currentTime(checkedTimebase);
 }
@@ -283,8 +267,8 @@ SVTime SVTimebaseGetTimeWithTimeScale(SVTimebaseRef timebase, SVTimeScale timesc
 }
 
 OSStatus SVTimebaseGetTimeAndRate(SVTimebaseRef timebase, SVTime *timeOut, Float64 *rateOut) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseGetTimeAndRate", __LINE__);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     State state = sorvel::timebase::readState(checkedTimebase);
     if (timeOut != nullptr) *timeOut = sorvel::timebase::timeAt(state, masterTime(checkedTimebase));
     if (rateOut != nullptr) *rateOut = state.rate;
@@ -292,34 +276,34 @@ OSStatus SVTimebaseGetTimeAndRate(SVTimebaseRef timebase, SVTime *timeOut, Float
 }
 
 Float64 SVTimebaseGetRate(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     return checkedTimebase != nullptr ? sorvel::timebase::readRate(checkedTimebase) : 0.0;
 }
 
 Float64 SVTimebaseGetEffectiveRate(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     return checkedTimebase != nullptr ? sorvel::sync::effectiveRate(checkedTimebase) : 0.0;
 }
 
 OSStatus SVTimebaseSetRate(SVTimebaseRef timebase, Float64 rate) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRate", __LINE__);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     setRate(checkedTimebase, rate, true);
     sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
 OSStatus SVTimebaseSetTime(SVTimebaseRef timebase, SVTime time) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetTime", __LINE__);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     setAnchor(checkedTimebase, time, masterTime(checkedTimebase));
     sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
 }
 
 OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SVTime immediateMasterTime) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetAnchorTime", __LINE__);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     setAnchor(checkedTimebase, timebaseTime, immediateMasterTime);
     sorvel::timebase::rescheduleTimers(checkedTimebase);
     return 0;
@@ -327,8 +311,8 @@ OSStatus SVTimebaseSetAnchorTime(SVTimebaseRef timebase, SVTime timebaseTime, SV
 
 OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SVTime timebaseTime,
                                         SVTime immediateMasterTime) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
-    if (checkedTimebase == nullptr) return missingTimebase("SVTimebaseSetRateAndAnchorTime", __LINE__);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (checkedTimebase == nullptr) return missingTimebase(SV_HERE);
     // Children hear the rate before the anchors are set; they wait for the
     // jump that follows, and this timebase re-arms once, at the end.
     __atomic_add_fetch(&checkedTimebase->settingRateOnly, 1, __ATOMIC_RELEASE);
@@ -340,46 +324,46 @@ OSStatus SVTimebaseSetRateAndAnchorTime(SVTimebaseRef timebase, Float64 rate, SV
 }
 
 SVClockOrTimebaseRef SVTimebaseGetMaster(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     return checkedTimebase != nullptr ? checkedTimebase->master : nullptr;
 }
 
 SVClockRef SVTimebaseGetMasterClock(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr || checkedTimebase->masterKind != Kind::Clock) return nullptr;
     return static_cast<SVClockRef>(const_cast<void *>(checkedTimebase->master));
 }
 
 SVTimebaseRef SVTimebaseGetMasterTimebase(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr || checkedTimebase->masterKind != Kind::Timebase) return nullptr;
     return asTimebase(checkedTimebase->master);
 }
 
 SVClockRef SVTimebaseGetUltimateMasterClock(SVTimebaseRef timebase) noexcept {
-    OpaqueSVTimebase *checkedTimebase = checked(timebase);
+    OpaqueSVTimebase *checkedTimebase = sorvel::timebase::gTimebaseClass.checked(timebase);
     if (checkedTimebase == nullptr) return nullptr;
     return static_cast<SVClockRef>(const_cast<void *>(sorvel::sync::ultimateMasterClock(checkedTimebase)));
 }
 
 SVClockOrTimebaseRef SVTimebaseCopyMaster(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyMaster", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVClockRef SVTimebaseCopyMasterClock(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyMasterClock", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVTimebaseRef SVTimebaseCopyMasterTimebase(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyMasterTimebase", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 SVClockRef SVTimebaseCopyUltimateMasterClock(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseCopyUltimateMasterClock", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 OSStatus SVTimebaseNotificationBarrier(SVTimebaseRef) noexcept {
-    SV_NOT_YET_IMPLEMENTED("SVTimebaseNotificationBarrier", __LINE__);
+    SV_NOT_YET_IMPLEMENTED_HERE();
 }
 
 }  // extern "C"

@@ -32,7 +32,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/SVAllocationBoundary.h"
 #include "core/SVLog.h"
+#include "core/SVMutex.h"
 #include "time/SVClockInternal.h"
 #include "time/SVSyncInternal.h"
 #include "time/SVTimebaseInternal.h"
@@ -75,22 +77,6 @@ std::mutex gOwnersLock;
 std::unordered_map<const void *, const OpaqueSVTimebase *> &owners() {
     static auto *map = new std::unordered_map<const void *, const OpaqueSVTimebase *>;
     return *map;
-}
-
-class TimerLock {
-public:
-    explicit TimerLock(const OpaqueSVTimebase *timebase) : mutex_(timebase->timerMutex) { XPMutexAcquire(mutex_); }
-    ~TimerLock() { XPMutexRelease(mutex_); }
-    TimerLock(const TimerLock &) = delete;
-    TimerLock &operator=(const TimerLock &) = delete;
-
-private:
-    XPMutexRef mutex_;
-};
-
-OpaqueSVTimebase *checked(SVTimebaseRef timebase) noexcept {
-    if (timebase == nullptr || !sorvel::timebase::gTimebaseClass.isInstance(timebase)) return nullptr;
-    return timebase;
 }
 
 uint64_t hostNow() noexcept {
@@ -196,33 +182,34 @@ Record *find(OpaqueSVTimebase *timebase, const void *timer) noexcept {
     return nullptr;
 }
 
-OSStatus missing(const char *function, int line, const char *what) noexcept {
-    SV_LOG(3, function, line, "%s is NULL", what);
+OSStatus missing(sorvel::SVLogSite site, const char *what) noexcept {
+    SV_LOG_SITE(site, 3, "%s is NULL", what);
     return kSVTimebaseError_MissingRequiredParameter;
 }
 
-OSStatus notAdded(const char *function, int line, const void *timer) noexcept {
-    SV_LOG(3, function, line, "timer %p is not added to this timebase", timer);
+OSStatus notAdded(sorvel::SVLogSite site, const void *timer) noexcept {
+    SV_LOG_SITE(site, 3, "timer %p is not added to this timebase", timer);
     return kSVTimebaseError_InvalidTimer;
 }
 
-OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoopRef runLoop,
-             const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, isSource ? "timerSource" : "timer");
-    if (!isSource && runLoop == nullptr) return missing(function, __LINE__, "runloop");
+// May throw std::bad_alloc, before anything is registered or retained; the
+// entry points' boundary turns it into kSVTimebaseError_AllocationFailed.
+OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoopRef runLoop, const char *function) {
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, isSource ? "timerSource" : "timer");
+    if (!isSource && runLoop == nullptr) return missing({function, __LINE__}, "runloop");
     if (isSource) {
         if (!_dispatch_source_is_timer(static_cast<dispatch_source_t>(const_cast<void *>(timer)))) {
-            SV_LOG(3, function, __LINE__, "dispatch source %p is not a timer source", timer);
+            SV_LOG_FOR(function, 3, "dispatch source %p is not a timer source", timer);
             return kSVTimebaseError_InvalidTimer;
         }
     } else if (CFGetTypeID(timer) != CFRunLoopTimerGetTypeID() || CFGetTypeID(runLoop) != CFRunLoopGetTypeID()) {
-        SV_LOG(3, function, __LINE__, "timer %p is not a run-loop timer, or runloop is not a run loop", timer);
+        SV_LOG_FOR(function, 3, "timer %p is not a run-loop timer, or runloop is not a run loop", timer);
         return kSVTimebaseError_InvalidTimer;
     }
     if (!isSource && !CFRunLoopTimerIsValid(static_cast<CFRunLoopTimerRef>(const_cast<void *>(timer)))) {
-        SV_LOG(3, function, __LINE__, "timer %p has been invalidated", timer);
+        SV_LOG_FOR(function, 3, "timer %p has been invalidated", timer);
         return kSVTimebaseError_InvalidTimer;
     }
     {
@@ -230,13 +217,22 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
         auto found = owners().find(timer);
         if (found != owners().end()) {
             if (found->second == tb) return 0;
-            SV_LOG(3, function, __LINE__, "timer %p is already added to another timebase", timer);
+            SV_LOG_FOR(function, 3, "timer %p is already added to another timebase", timer);
             return kSVTimebaseError_InvalidTimer;
         }
         owners().emplace(timer, tb);
     }
-    TimerLock lock(tb);
-    if (tb->timers == nullptr) __atomic_store_n(&tb->timers, new TimerRegistry, __ATOMIC_RELEASE);
+    sorvel::SVMutexGuard lock(tb->timerMutex);
+    // Room for the record first, so that nothing below can fail half-way;
+    // without it the timer is owned by no timebase again.
+    try {
+        if (tb->timers == nullptr) __atomic_store_n(&tb->timers, new TimerRegistry, __ATOMIC_RELEASE);
+        tb->timers->records.reserve(tb->timers->records.size() + 1);
+    } catch (const std::bad_alloc &) {
+        std::lock_guard<std::mutex> guard(gOwnersLock);
+        owners().erase(timer);
+        throw;
+    }
     Record record{timer, isSource, runLoop, Arm::None, sorvel::time::kInvalid, 0, 0};
     if (isSource) {
         dispatch_retain(static_cast<dispatch_source_t>(const_cast<void *>(timer)));
@@ -250,14 +246,14 @@ OSStatus add(SVTimebaseRef timebase, const void *timer, bool isSource, CFRunLoop
 }
 
 OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, "timer");
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, "timer");
     Record removed;
     {
-        TimerLock lock(tb);
+        sorvel::SVMutexGuard lock(tb->timerMutex);
         Record *record = find(tb, timer);
-        if (record == nullptr) return notAdded(function, __LINE__, timer);
+        if (record == nullptr) return notAdded({function, __LINE__}, timer);
         removed = *record;
         tb->timers->records.erase(tb->timers->records.begin() + (record - tb->timers->records.data()));
     }
@@ -273,15 +269,15 @@ OSStatus remove(SVTimebaseRef timebase, const void *timer, const char *function)
 
 OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime fireTime,
                      const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, "timer");
-    TimerLock lock(tb);
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, "timer");
+    sorvel::SVMutexGuard lock(tb->timerMutex);
     Record *record = find(tb, timer);
-    if (record == nullptr) return notAdded(function, __LINE__, timer);
+    if (record == nullptr) return notAdded({function, __LINE__}, timer);
     if (how == Arm::FireTime &&
         ((fireTime.flags & kSVTimeFlags_Valid) == 0 || (fireTime.flags & kSVTimeFlags_Indefinite) != 0)) {
-        SV_LOG(4, function, __LINE__, "fire time is invalid or indefinite: the timer is disarmed");
+        SV_LOG_FOR(function, 4, "fire time is invalid or indefinite: the timer is disarmed");
         how = Arm::None;
     }
     record->arm = how;
@@ -291,13 +287,13 @@ OSStatus setFireTime(SVTimebaseRef timebase, const void *timer, Arm how, SVTime 
 }
 
 OSStatus getDeadline(SVTimebaseRef timebase, const void *timer, SVTime *deadlineOut, const char *function) noexcept {
-    OpaqueSVTimebase *tb = checked(timebase);
-    if (tb == nullptr) return missing(function, __LINE__, "timebase");
-    if (timer == nullptr) return missing(function, __LINE__, "timer");
-    if (deadlineOut == nullptr) return missing(function, __LINE__, "deadlineOut");
-    TimerLock lock(tb);
+    OpaqueSVTimebase *tb = sorvel::timebase::gTimebaseClass.checked(timebase);
+    if (tb == nullptr) return missing({function, __LINE__}, "timebase");
+    if (timer == nullptr) return missing({function, __LINE__}, "timer");
+    if (deadlineOut == nullptr) return missing({function, __LINE__}, "deadlineOut");
+    sorvel::SVMutexGuard lock(tb->timerMutex);
     Record *record = find(tb, timer);
-    if (record == nullptr) return notAdded(function, __LINE__, timer);
+    if (record == nullptr) return notAdded({function, __LINE__}, timer);
     if (record->deadline == 0)
         *deadlineOut = kSVTimeInvalid;
     else if (record->deadline == kForever)
@@ -313,7 +309,7 @@ namespace sorvel::timebase {
 
 void rescheduleTimers(OpaqueSVTimebase *timebase) noexcept {
     if (__atomic_load_n(&timebase->timers, __ATOMIC_ACQUIRE) == nullptr) return;
-    TimerLock lock(timebase);
+    sorvel::SVMutexGuard lock(timebase->timerMutex);
     for (Record &record : timebase->timers->records)
         if (record.arm == Arm::FireTime) arm(timebase, record, true);
 }
@@ -345,49 +341,50 @@ void destroyTimers(OpaqueSVTimebase *timebase) noexcept {
 
 extern "C" {
 
-OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer, CFRunLoopRef runloop) noexcept {
-    return add(timebase, timer, false, runloop, "SVTimebaseAddTimer");
+OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer, CFRunLoopRef runloop) noexcept try {
+    return add(timebase, timer, false, runloop, __func__);
 }
+SV_ALLOCATION_BOUNDARY(kSVTimebaseError_AllocationFailed)
 
 OSStatus SVTimebaseRemoveTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer) noexcept {
-    return remove(timebase, timer, "SVTimebaseRemoveTimer");
+    return remove(timebase, timer, __func__);
 }
 
 OSStatus SVTimebaseSetTimerNextFireTime(SVTimebaseRef timebase, CFRunLoopTimerRef timer, SVTime fireTime,
                                         uint32_t) noexcept {
-    return setFireTime(timebase, timer, Arm::FireTime, fireTime, "SVTimebaseSetTimerNextFireTime");
+    return setFireTime(timebase, timer, Arm::FireTime, fireTime, __func__);
 }
 
 OSStatus SVTimebaseSetTimerToFireImmediately(SVTimebaseRef timebase, CFRunLoopTimerRef timer) noexcept {
-    return setFireTime(timebase, timer, Arm::Immediately, kSVTimeInvalid, "SVTimebaseSetTimerToFireImmediately");
+    return setFireTime(timebase, timer, Arm::Immediately, kSVTimeInvalid, __func__);
 }
 
-OSStatus SVTimebaseAddTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept {
-    return add(timebase, timerSource, true, nullptr, "SVTimebaseAddTimerDispatchSource");
+OSStatus SVTimebaseAddTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept try {
+    return add(timebase, timerSource, true, nullptr, __func__);
 }
+SV_ALLOCATION_BOUNDARY(kSVTimebaseError_AllocationFailed)
 
 OSStatus SVTimebaseRemoveTimerDispatchSource(SVTimebaseRef timebase, dispatch_source_t timerSource) noexcept {
-    return remove(timebase, timerSource, "SVTimebaseRemoveTimerDispatchSource");
+    return remove(timebase, timerSource, __func__);
 }
 
 OSStatus SVTimebaseSetTimerDispatchSourceNextFireTime(SVTimebaseRef timebase, dispatch_source_t timerSource,
                                                       SVTime fireTime, uint32_t) noexcept {
-    return setFireTime(timebase, timerSource, Arm::FireTime, fireTime, "SVTimebaseSetTimerDispatchSourceNextFireTime");
+    return setFireTime(timebase, timerSource, Arm::FireTime, fireTime, __func__);
 }
 
 OSStatus SVTimebaseSetTimerDispatchSourceToFireImmediately(SVTimebaseRef timebase,
                                                            dispatch_source_t timerSource) noexcept {
-    return setFireTime(timebase, timerSource, Arm::Immediately, kSVTimeInvalid,
-                       "SVTimebaseSetTimerDispatchSourceToFireImmediately");
+    return setFireTime(timebase, timerSource, Arm::Immediately, kSVTimeInvalid, __func__);
 }
 
 OSStatus SVTimebaseGetTimerDeadline(SVTimebaseRef timebase, CFRunLoopTimerRef timer, SVTime *deadlineOut) noexcept {
-    return getDeadline(timebase, timer, deadlineOut, "SVTimebaseGetTimerDeadline");
+    return getDeadline(timebase, timer, deadlineOut, __func__);
 }
 
 OSStatus SVTimebaseGetTimerDispatchSourceDeadline(SVTimebaseRef timebase, dispatch_source_t timerSource,
                                                   SVTime *deadlineOut) noexcept {
-    return getDeadline(timebase, timerSource, deadlineOut, "SVTimebaseGetTimerDispatchSourceDeadline");
+    return getDeadline(timebase, timerSource, deadlineOut, __func__);
 }
 
 }  // extern "C"

@@ -43,6 +43,10 @@
  *
  * A buffer that references itself, directly or through others, is not
  * refused, but reading it never ends.
+ *
+ * Arguments.  Every call that takes a block buffer treats an object that is
+ * not a block buffer exactly like NULL: the answer each call gives below
+ * for a NULL buffer.
  */
 #ifndef SORVEL_SVBLOCKBUFFER_H
 #define SORVEL_SVBLOCKBUFFER_H

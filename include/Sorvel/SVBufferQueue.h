@@ -33,6 +33,9 @@
  * that lock is taken; every other callback runs with it held.  The caller
  * of any call must own a reference to the queue for the length of the call.
  *
+ * Arguments.  Every call that takes a queue treats an object that is not a
+ * queue exactly like a NULL queue: the answer each call gives below for NULL.
+ *
  * Example (a sorted queue of sample buffers that asks for more when less
  * than a second is queued):
  *

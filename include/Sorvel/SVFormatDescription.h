@@ -33,6 +33,10 @@
  *
  * Errors are the kSVFormatDescriptionError_ codes below; failures are logged
  * through XPLog at level 3.
+ *
+ * Arguments.  Every call that takes a format description treats an object
+ * that is not one exactly like NULL: the answer each call gives below for a
+ * NULL description.
  */
 #ifndef SORVEL_SVFORMATDESCRIPTION_H
 #define SORVEL_SVFORMATDESCRIPTION_H

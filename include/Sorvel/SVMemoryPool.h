@@ -30,6 +30,9 @@
  *     CFAllocatorDeallocate(allocator, frame);   // cached for reuse
  *     SVMemoryPoolInvalidate(pool);
  *     CFRelease(pool);
+ *
+ * Arguments.  Every call that takes a pool treats an object that is not a
+ * pool exactly like NULL.
  */
 #ifndef SORVEL_SVMEMORYPOOL_H
 #define SORVEL_SVMEMORYPOOL_H

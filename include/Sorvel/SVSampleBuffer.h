@@ -50,6 +50,16 @@
  *
  * Errors are the kSVSampleBufferError_ codes below.  Ordinary failures are
  * not logged; a broken internal invariant ends the process ("BUG").
+ *
+ * Arguments.  Every call that takes a sample buffer treats an object that
+ * is not a sample buffer exactly like NULL: the answer each call gives below
+ * for a NULL buffer (a buffer to track that is not one is refused with
+ * kSVSampleBufferError_RequiredParameterMissing, as NULL is).  A data buffer
+ * or format description given to a creation call or to
+ * SVSampleBufferSetDataBuffer that is not a block buffer or a format
+ * description is refused with kSVSampleBufferError_RequiredParameterMissing
+ * (*sampleBufferOut left as it was by the data-buffer creators, set to NULL
+ * by the image-buffer creators, which require a description).
  */
 #ifndef SORVEL_SVSAMPLEBUFFER_H
 #define SORVEL_SVSAMPLEBUFFER_H

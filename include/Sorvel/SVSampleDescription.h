@@ -97,6 +97,9 @@
  *
  * Threads: every call works on its arguments only; the tables are built
  * once, when the library is loaded, and only read afterwards.
+ *
+ * Arguments.  A format description argument that is not a format
+ * description is refused like NULL ("No format description").
  */
 #ifndef SORVEL_SVSAMPLEDESCRIPTION_H
 #define SORVEL_SVSAMPLEDESCRIPTION_H

@@ -29,6 +29,10 @@
  *         ...
  *         CFRelease(queue);
  *     }
+ *
+ * Arguments.  Every call that takes a queue treats an object that is not a
+ * simple queue exactly like NULL: the answer each call gives below for a
+ * NULL queue.
  */
 #ifndef SORVEL_SVSIMPLEQUEUE_H
 #define SORVEL_SVSIMPLEQUEUE_H

@@ -187,7 +187,9 @@ SV_EXPORT SVTimebaseRef SVTimebaseGetMasterTimebase(SVTimebaseRef timebase) SV_N
 SV_EXPORT SVClockRef SVTimebaseGetUltimateMasterClock(SVTimebaseRef timebase) SV_NOEXCEPT;
 
 /* Timers (see the top of this header).  The run-loop timer is added to
- * `runloop` by the caller beforehand, in the modes it chooses. */
+ * `runloop` by the caller beforehand, in the modes it chooses.  Adding a
+ * timer answers kSVTimebaseError_AllocationFailed when its record cannot be
+ * allocated; the timer is then not added anywhere and may be added again. */
 SV_EXPORT OSStatus SVTimebaseAddTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer,
                                       CFRunLoopRef runloop) SV_NOEXCEPT;
 SV_EXPORT OSStatus SVTimebaseRemoveTimer(SVTimebaseRef timebase, CFRunLoopTimerRef timer) SV_NOEXCEPT;
