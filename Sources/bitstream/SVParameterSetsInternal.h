@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bitstream/SVBitReader.h"
+#include "core/SVLog.h"
 
 namespace sorvel {
 
@@ -132,7 +133,7 @@ inline CFDataRef SVCreateDecoderConfigurationRecord(const SVHEVCSPS &sps, const 
 // `function` at `line` of the video module.  chromaFormatIdc gives the
 // default chroma location (left for 4:2:0).
 void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVideoUsability &vui,
-                                   uint32_t chromaFormatIdc, bool interlaced, const char *function, int line);
+                                   uint32_t chromaFormatIdc, bool interlaced, const SVLogSite &site);
 
 }  // namespace sorvel
 

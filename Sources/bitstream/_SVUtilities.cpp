@@ -250,7 +250,7 @@ bool readHEVCRecord(const uint8_t *record, size_t size, int *headerLengthOut, Vi
 }
 
 template <typename Read>
-OSStatus parameterSetFromRecord(const char *function, int line, const uint8_t *record, size_t recordSize, size_t index,
+OSStatus parameterSetFromRecord(const sorvel::SVLogSite &site, const uint8_t *record, size_t recordSize, size_t index,
                                 const uint8_t **pointerOut, size_t *sizeOut, size_t *countOut, int *headerLengthOut,
                                 Read &&read) noexcept {
     if (!record || recordSize == 0) return kInvalidParameter;
@@ -261,7 +261,7 @@ OSStatus parameterSetFromRecord(const char *function, int line, const uint8_t *r
             if (count == index) found = unit;
             ++count;
         })) {
-        SV_LOG(3, function, line, "Decoder configuration record of %zu bytes is truncated", recordSize);
+        SV_LOG_SITE(site, 3, "Decoder configuration record of %zu bytes is truncated", recordSize);
         return kInvalidParameter;
     }
     if (countOut) *countOut = count;
@@ -370,8 +370,8 @@ OSStatus SVGetParameterSetFromAVCDecoderConfigurationRecord(const uint8_t *recor
                                                             const uint8_t **parameterSetPointerOut,
                                                             size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                             int *nalUnitHeaderLengthOut) noexcept {
-    return parameterSetFromRecord(__func__, __LINE__, record, recordSize, index, parameterSetPointerOut,
-                                  parameterSetSizeOut, parameterSetCountOut, nalUnitHeaderLengthOut,
+    return parameterSetFromRecord(SV_HERE, record, recordSize, index, parameterSetPointerOut, parameterSetSizeOut,
+                                  parameterSetCountOut, nalUnitHeaderLengthOut,
                                   [](auto... args) { return readAVCRecord(args...); });
 }
 
@@ -379,8 +379,8 @@ OSStatus SVGetParameterSetFromHEVCDecoderConfigurationRecord(const uint8_t *reco
                                                              const uint8_t **parameterSetPointerOut,
                                                              size_t *parameterSetSizeOut, size_t *parameterSetCountOut,
                                                              int *nalUnitHeaderLengthOut) noexcept {
-    return parameterSetFromRecord(__func__, __LINE__, record, recordSize, index, parameterSetPointerOut,
-                                  parameterSetSizeOut, parameterSetCountOut, nalUnitHeaderLengthOut,
+    return parameterSetFromRecord(SV_HERE, record, recordSize, index, parameterSetPointerOut, parameterSetSizeOut,
+                                  parameterSetCountOut, nalUnitHeaderLengthOut,
                                   [](auto... args) { return readHEVCRecord(args...); });
 }
 

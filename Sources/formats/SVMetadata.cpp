@@ -346,8 +346,7 @@ uint32_t _SVMetadataGetMOVTypeIDFromDataType(CFStringRef dataType) noexcept {
             text ? CFStringGetMaximumSizeForEncoding(CFStringGetLength(text.get()), kCFStringEncodingUTF8) + 1 : 0;
         char *buffer = capacity > 0 ? static_cast<char *>(std::malloc(static_cast<size_t>(capacity))) : nullptr;
         if (buffer && CFStringGetCString(text.get(), buffer, capacity, kCFStringEncodingUTF8))
-            XPLogS(4, &gSVLogModule.record, kLogSites.unknownDataType.function, gSVLogModule.sourcePath,
-                   kLogSites.unknownDataType.line, "%s", buffer);
+            SV_LOG_SITE(kLogSites.unknownDataType, 4, "%s", buffer);
         std::free(buffer);
     }
     return 0;

@@ -36,14 +36,13 @@ bool passesTextGate(SVTextFormatDescriptionRef desc, const char *function, OSSta
         SV_NOT_YET_IMPLEMENTED(function, __LINE__);
     }
     if (type == kSVMediaType_ClosedCaption) SV_NOT_YET_IMPLEMENTED(function, __LINE__);
-    if (sorvel::SVLogEnabled(gSVLogModule, gSVLogModule.sourcePath, 3, function, __LINE__)) {
-        char typeText[XP_OSSTATUS_STRING_SIZE];
-        char subtypeText[XP_OSSTATUS_STRING_SIZE];
-        _XPFormatOSStatus(typeText, static_cast<int32_t>(type));
-        _XPFormatOSStatus(subtypeText, static_cast<int32_t>(subtype));
-        XPLogS(3, &gSVLogModule.record, function, gSVLogModule.sourcePath, __LINE__,
-               "Media type/subtype not supported: Type: %s Subtype: %s", typeText, subtypeText);
-    }
+    // Two codes to render: formatted on this refusal path whether or not
+    // the line is emitted.
+    char typeText[XP_OSSTATUS_STRING_SIZE];
+    char subtypeText[XP_OSSTATUS_STRING_SIZE];
+    _XPFormatOSStatus(typeText, static_cast<int32_t>(type));
+    _XPFormatOSStatus(subtypeText, static_cast<int32_t>(subtype));
+    SV_LOG_FOR(function, 3, "Media type/subtype not supported: Type: %s Subtype: %s", typeText, subtypeText);
     status = kSVFormatDescriptionError_InvalidParameter;
     return false;
 }

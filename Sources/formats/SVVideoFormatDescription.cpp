@@ -133,12 +133,11 @@ CFStringRef chromaLocation(int code) {
 
 // A copy of `sizes` and the sets checked for the common rules: every set
 // present, non-empty and small enough for a 16-bit record length.
-bool checkParameterSets(size_t count, const uint8_t *const *pointers, const size_t *sizes, const char *function,
-                        int line) {
+bool checkParameterSets(size_t count, const uint8_t *const *pointers, const size_t *sizes,
+                        const sorvel::SVLogSite &site) {
     for (size_t i = 0; i < count; ++i) {
         if (!pointers[i] || sizes[i] == 0 || sizes[i] > 0xFFFF) {
-            SV_LOG(3, function, line, "Parameter set %d is missing, empty or larger than 65535 bytes",
-                   static_cast<int>(i));
+            SV_LOG_SITE(site, 3, "Parameter set %d is missing, empty or larger than 65535 bytes", static_cast<int>(i));
             return false;
         }
     }
@@ -250,21 +249,21 @@ OSStatus getParameterSetAtIndex(SVFormatDescriptionRef desc, FourCharCode subtyp
 
 OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *const *pointers, const size_t *sizes,
                         int nalUnitHeaderLength, CFDictionaryRef callerExtensions, SVFormatDescriptionRef *out,
-                        const char *function, int line) {
-    if (!checkParameterSets(count, pointers, sizes, function, line)) return kSVFormatDescriptionError_InvalidParameter;
+                        const sorvel::SVLogSite &site) {
+    if (!checkParameterSets(count, pointers, sizes, site)) return kSVFormatDescriptionError_InvalidParameter;
     size_t vps = 0, spsCount = 0, pps = 0;
     const uint8_t *firstSPS = nullptr;
     size_t firstSPSSize = 0;
     for (size_t i = 0; i < count; ++i) {
         const char *why = "";
         if (sizes[i] < 2) {
-            SV_LOG(3, function, line, "Parameter set %d is shorter than a NAL unit header", static_cast<int>(i));
+            SV_LOG_SITE(site, 3, "Parameter set %d is shorter than a NAL unit header", static_cast<int>(i));
             return kSVFormatDescriptionError_InvalidParameter;
         }
         switch ((pointers[i][0] >> 1) & 0x3F) {
             case 32:
                 if (!sorvel::SVCheckHEVCVPS(pointers[i], sizes[i], why)) {
-                    SV_LOG(3, function, line, "Invalid VPS: %s", why);
+                    SV_LOG_SITE(site, 3, "Invalid VPS: %s", why);
                     return kSVFormatDescriptionError_InvalidParameter;
                 }
                 ++vps;
@@ -272,7 +271,7 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
             case 33: {
                 sorvel::SVHEVCSPS parsed;
                 if (!sorvel::SVParseHEVCSPS(pointers[i], sizes[i], parsed, why)) {
-                    SV_LOG(3, function, line, "Invalid SPS: %s", why);
+                    SV_LOG_SITE(site, 3, "Invalid SPS: %s", why);
                     return kSVFormatDescriptionError_InvalidParameter;
                 }
                 if (!firstSPS) firstSPS = pointers[i], firstSPSSize = sizes[i];
@@ -286,13 +285,13 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
             case 40:
                 break;
             default:
-                SV_LOG(3, function, line, "Parameter set %d has NAL unit type %d", static_cast<int>(i),
-                       static_cast<int>((pointers[i][0] >> 1) & 0x3F));
+                SV_LOG_SITE(site, 3, "Parameter set %d has NAL unit type %d", static_cast<int>(i),
+                            static_cast<int>((pointers[i][0] >> 1) & 0x3F));
                 return kSVFormatDescriptionError_InvalidParameter;
         }
     }
     if (vps == 0 || spsCount == 0 || pps == 0 || count > 0xFFFF) {
-        SV_LOG(3, function, line, "Need at least one VPS, SPS and PPS");
+        SV_LOG_SITE(site, 3, "Need at least one VPS, SPS and PPS");
         return kSVFormatDescriptionError_InvalidParameter;
     }
     sorvel::SVHEVCSPS sps;
@@ -308,7 +307,7 @@ OSStatus createFromHEVC(CFAllocatorRef allocator, size_t count, const uint8_t *c
         if (extensions) CFRelease(extensions);
         return kSVFormatDescriptionError_AllocationFailed;
     }
-    sorvel::SVAddVideoUsabilityExtensions(derived, sps.vui, sps.chromaFormatIdc, sps.vui.fieldSeq, function, line);
+    sorvel::SVAddVideoUsabilityExtensions(derived, sps.vui, sps.chromaFormatIdc, sps.vui.fieldSeq, site);
     // Derived values fill only what the caller left out.
     CFDictionaryApplyFunction(derived, addEntry, extensions);
     CFRelease(derived);
@@ -333,7 +332,7 @@ OSStatus SVVideoFormatDescriptionCreateWithParameterSets(CFAllocatorRef allocato
 }
 
 void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVideoUsability &vui,
-                                   uint32_t chromaFormatIdc, bool interlaced, const char *function, int line) {
+                                   uint32_t chromaFormatIdc, bool interlaced, const sorvel::SVLogSite &site) {
     int sarH = 0, sarV = 0;
     if (vui.aspectRatioIdc >= 1 && vui.aspectRatioIdc <= 16) {
         sarH = kAspectTable[vui.aspectRatioIdc - 1].h;
@@ -342,7 +341,7 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
         sarH = static_cast<int>(vui.sarWidth);
         sarV = static_cast<int>(vui.sarHeight);
     } else if (vui.aspectRatioIdc > 0) {
-        SV_LOG(3, function, line, "Unknown aspect_ratio_idc %d", vui.aspectRatioIdc);
+        SV_LOG_SITE(site, 3, "Unknown aspect_ratio_idc %d", vui.aspectRatioIdc);
     }
     if (sarH > 0 && sarV > 0) {
         CFMutableDictionaryRef aspect = createMutableDictionary();
@@ -358,7 +357,7 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
         if (CFStringRef value = colourPrimaries(vui.colourPrimaries))
             CFDictionarySetValue(extensions, kCVImageBufferColorPrimariesKey, value);
         else
-            SV_LOG(3, function, line, "Unhandled VUI colour_primaries value %d", vui.colourPrimaries);
+            SV_LOG_SITE(site, 3, "Unhandled VUI colour_primaries value %d", vui.colourPrimaries);
     }
     if (vui.transferCharacteristics >= 0 && vui.transferCharacteristics != 2) {
         double gamma = 0;
@@ -372,14 +371,14 @@ void SVAddVideoUsabilityExtensions(CFMutableDictionaryRef extensions, const SVVi
                 }
             }
         } else {
-            SV_LOG(3, function, line, "Unhandled VUI transfer_characteristics value %d", vui.transferCharacteristics);
+            SV_LOG_SITE(site, 3, "Unhandled VUI transfer_characteristics value %d", vui.transferCharacteristics);
         }
     }
     if (vui.matrixCoefficients >= 0 && vui.matrixCoefficients != 2) {
         if (CFStringRef value = yCbCrMatrix(vui.matrixCoefficients))
             CFDictionarySetValue(extensions, kCVImageBufferYCbCrMatrixKey, value);
         else
-            SV_LOG(3, function, line, "Unhandled VUI matrix_coefficients value %d", vui.matrixCoefficients);
+            SV_LOG_SITE(site, 3, "Unhandled VUI matrix_coefficients value %d", vui.matrixCoefficients);
     }
     if (vui.fullRange) CFDictionarySetValue(extensions, kSVFormatDescriptionExtension_FullRangeVideo, kCFBooleanTrue);
     // Without chroma_loc_info 4:2:0 chroma sits at the left (type 0).
@@ -512,7 +511,6 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
                                                              const size_t *parameterSetSizes, int nalUnitHeaderLength,
                                                              SVFormatDescriptionRef *formatDescriptionOut) noexcept
     try {
-    static const char *const kFunction = "SVVideoFormatDescriptionCreateFromH264ParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
         return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
@@ -520,7 +518,7 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
         SV_LOG_HERE(3, "NALUnitHeaderLength %d invalid", nalUnitHeaderLength);
         return kSVFormatDescriptionError_InvalidParameter;
     }
-    if (!checkParameterSets(parameterSetCount, parameterSetPointers, parameterSetSizes, kFunction, __LINE__))
+    if (!checkParameterSets(parameterSetCount, parameterSetPointers, parameterSetSizes, SV_HERE))
         return kSVFormatDescriptionError_InvalidParameter;
     size_t spsCount = 0, ppsCount = 0, extCount = 0;
     sorvel::SVH264SPS first;
@@ -555,8 +553,7 @@ OSStatus SVVideoFormatDescriptionCreateFromH264ParameterSets(CFAllocatorRef allo
     CFMutableDictionaryRef extensions = createRecordExtensions(nullptr, CFSTR("avcC"), record);
     CFRelease(record);
     if (!extensions) return kSVFormatDescriptionError_AllocationFailed;
-    sorvel::SVAddVideoUsabilityExtensions(extensions, first.vui, first.chromaFormatIdc, !first.frameMbsOnly, kFunction,
-                                          __LINE__);
+    sorvel::SVAddVideoUsabilityExtensions(extensions, first.vui, first.chromaFormatIdc, !first.frameMbsOnly, SV_HERE);
     const OSStatus status = createParameterSetDescription(allocator, kAVC1, first.width, first.height, extensions,
                                                           parameterSetCount, parameterSetPointers, parameterSetSizes,
                                                           nalUnitHeaderLength, formatDescriptionOut);
@@ -590,7 +587,6 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allo
                                                              CFDictionaryRef extensions,
                                                              SVFormatDescriptionRef *formatDescriptionOut) noexcept
     try {
-    static const char *const kFunction = "SVVideoFormatDescriptionCreateFromHEVCParameterSets";
     if (!parameterSetCount || !parameterSetPointers || !parameterSetSizes || !formatDescriptionOut)
         return kSVFormatDescriptionError_InvalidParameter;
     *formatDescriptionOut = nullptr;
@@ -600,7 +596,7 @@ OSStatus SVVideoFormatDescriptionCreateFromHEVCParameterSets(CFAllocatorRef allo
         return kSVFormatDescriptionError_InvalidParameter;
     }
     return createFromHEVC(allocator, parameterSetCount, parameterSetPointers, parameterSetSizes, nalUnitHeaderLength,
-                          extensions, formatDescriptionOut, kFunction, __LINE__);
+                          extensions, formatDescriptionOut, SV_HERE);
 }
 SV_ALLOCATION_BOUNDARY(kSVFormatDescriptionError_AllocationFailed)
 
