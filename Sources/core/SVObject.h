@@ -69,10 +69,13 @@ public:
     // type identifier in the low 16 bits of _cfinfo, and the only objects
     // with another isa are constant strings (see DESIGN.md, "The object
     // runtime").
+    // A class not registered yet has no instances, so the check never
+    // registers it: without that call the entry points' common path saves
+    // no registers.
     bool isInstance(CFTypeRef cf) noexcept {
-        if (cf == nullptr) return false;
+        if (cf == nullptr || !isRegistered()) return false;
         const auto *header = static_cast<const CFRuntimeBase *>(cf);
-        return header->_cfisa == 0 && (header->_cfinfo & kTypeIDBits) == typeID();
+        return header->_cfisa == 0 && (header->_cfinfo & kTypeIDBits) == typeID_;
     }
 
     // The argument check of every entry point that takes one of the
