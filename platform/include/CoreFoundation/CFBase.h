@@ -12,6 +12,13 @@
  * Passing NULL where an object is required (CFRetain, CFRelease,
  * CFGetTypeID, CFEqual, CFHash, ...) is a programming error: it is logged
  * and the process is aborted with a backtrace.
+ *
+ * Running out of memory: a call that makes an object returns NULL when its
+ * allocator fails.  Calls with no way to say that they failed end the
+ * process instead: a mutable collection that cannot grow (logged as "out
+ * of memory", then aborted), and descriptions, adding a timer to a run loop
+ * and the dispatch calls that queue work or arm a timer when the system
+ * allocator cannot give them memory, as the C++ standard library does.
  */
 #ifndef COREFOUNDATION_CFBASE_H
 #define COREFOUNDATION_CFBASE_H
