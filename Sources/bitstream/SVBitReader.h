@@ -77,16 +77,21 @@ public:
         const uint32_t code = ue();
         return (code & 1) ? static_cast<int32_t>((code >> 1) + 1) : -static_cast<int32_t>(code >> 1);
     }
-    // The value when it is at most `max`, else fails.
+    // The value when it is at most `max`; else fails and gives 0, so that
+    // no caller computes with a value its syntax rules out (an offset by
+    // one of 2^31 overflows).
     uint32_t ue(uint32_t max) noexcept {
         const uint32_t value = ue();
-        if (value > max) failed_ = true;
-        return value;
+        if (value <= max) return value;
+        failed_ = true;
+        return 0;
     }
+    // The value when it lies in [min, max]; else fails and gives 0.
     int32_t se(int32_t min, int32_t max) noexcept {
         const int32_t value = se();
-        if (value < min || value > max) failed_ = true;
-        return value;
+        if (value >= min && value <= max) return value;
+        failed_ = true;
+        return 0;
     }
     void fail() noexcept { failed_ = true; }
     bool failed() const noexcept { return failed_; }
