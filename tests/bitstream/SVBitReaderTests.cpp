@@ -43,13 +43,22 @@ TEST(SVBitReaderTest, ExpGolombCodesAndTheirBounds) {
     EXPECT_EQ(reader.ue(), 0u);
     EXPECT_EQ(reader.ue(), 1u);
     EXPECT_EQ(reader.ue(), 2u);
-    EXPECT_EQ(reader.ue(2), 3u);  // above the bound: read, but failed
+    EXPECT_EQ(reader.ue(2), 0u);  // 3 is above the bound: read, failed, and 0
     EXPECT_TRUE(reader.failed());
 
     SVBitReader signedReader(bytes + 1, 1);
     signedReader.bits(3);
     EXPECT_EQ(signedReader.se(-2, 2), -2);
     EXPECT_FALSE(signedReader.failed());
+
+    // Outside the signed bounds on either side: failed, and 0 rather than
+    // a value a caller could overflow with.  00101 is -2, 00100 is +2.
+    for (const int32_t low : {-1, 3}) {
+        SVBitReader outside(bytes + 1, 1);
+        outside.bits(3);
+        EXPECT_EQ(outside.se(low, low + 1), 0) << low;
+        EXPECT_TRUE(outside.failed()) << low;
+    }
 }
 
 TEST(SVBitReaderTest, OverlongExpGolombFails) {
