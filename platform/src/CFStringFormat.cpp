@@ -535,7 +535,7 @@ void appendText(__CFUnitBuffer &out, const Directive &directive, const ArgValue 
 
 // The first pass: every conversion in the format, whether it is well
 // formed, and the type of each argument the conversions use.
-void parseFormat(const __CFStringView &format, std::vector<Directive> &specs, std::vector<bool> &valid,
+void parseFormat(const __CFStringView &format, std::vector<Directive> &directives, std::vector<bool> &valid,
                  std::vector<ArgType> &types) {
     int nextArg = 0;
     for (CFIndex i = 0; i < format.length;) {
@@ -545,7 +545,7 @@ void parseFormat(const __CFStringView &format, std::vector<Directive> &specs, st
         }
         Directive directive;
         const bool ok = parseConversion(format, i, nextArg, types, directive);
-        specs.push_back(directive);
+        directives.push_back(directive);
         valid.push_back(ok);
         i = directive.end;
     }
@@ -614,17 +614,17 @@ void appendConversion(__CFUnitBuffer &out, const Directive &directive, const Arg
 
 bool formatInto(__CFUnitBuffer &out, CFDictionaryRef formatOptions, CFStringRef formatString, va_list arguments) {
     const __CFStringView format = __CFStringGetView(formatString);
-    std::vector<Directive> specs;
+    std::vector<Directive> directives;
     std::vector<bool> valid;
     std::vector<ArgType> types;
-    parseFormat(format, specs, valid, types);
+    parseFormat(format, directives, valid, types);
 
     std::vector<ArgValue> values;
     fetchArguments(types, values, arguments);
 
     CFIndex literalStart = 0;
-    for (size_t k = 0; k < specs.size(); ++k) {
-        const Directive &directive = specs[k];
+    for (size_t k = 0; k < directives.size(); ++k) {
+        const Directive &directive = directives[k];
         out.appendView(format, literalStart, directive.start - literalStart);
         literalStart = directive.end;
         if (directive.conversion == '%' && valid[k]) {

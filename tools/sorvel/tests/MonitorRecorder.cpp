@@ -115,13 +115,13 @@ std::unique_ptr<MonitorRecorder> MonitorRecorder::start(int sampleRate, std::str
     };
     bool ok = wait([&] { return pa_context_get_state(self->context_) == PA_CONTEXT_READY; });
     if (ok) {
-        const pa_sample_spec spec = {PA_SAMPLE_FLOAT32NE, static_cast<uint32_t>(sampleRate), 1};
-        self->stream_ = pa_stream_new(self->context_, "monitor", &spec, nullptr);
+        const pa_sample_spec format = {PA_SAMPLE_FLOAT32NE, static_cast<uint32_t>(sampleRate), 1};
+        self->stream_ = pa_stream_new(self->context_, "monitor", &format, nullptr);
         pa_stream_set_state_callback(self->stream_, Callbacks::streamState, self);
         pa_stream_set_read_callback(self->stream_, Callbacks::readable, self);
         pa_buffer_attr attributes;
         memset(&attributes, 0xff, sizeof attributes);
-        attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(5 * PA_USEC_PER_MSEC, &spec));
+        attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(5 * PA_USEC_PER_MSEC, &format));
         const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
                                                           PA_STREAM_INTERPOLATE_TIMING);
         ok = pa_stream_connect_record(self->stream_, "@DEFAULT_MONITOR@", &attributes, flags) == 0 &&
