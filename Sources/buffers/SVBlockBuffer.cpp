@@ -107,8 +107,9 @@ void link(Buffer *buffer, SubBlock *piece) noexcept {
 }
 
 // The piece that holds `offset` (the first one whose end lies beyond it),
-// and where it starts; NULL when there is none.
-SubBlock *findPiece(const Buffer *buffer, size_t offset, size_t *startOut) noexcept {
+// and where it starts (and, for an indexed buffer, its position in the
+// index); NULL when there is none.
+SubBlock *findPiece(const Buffer *buffer, size_t offset, size_t *startOut, size_t *positionOut = nullptr) noexcept {
     if (const SVBlockBufferIndexEntry *index = buffer->index) {
         if (offset >= buffer->dataLength) return nullptr;
         // The last piece that starts at or before the offset.
@@ -121,6 +122,7 @@ SubBlock *findPiece(const Buffer *buffer, size_t offset, size_t *startOut) noexc
                 high = middle;
         }
         *startOut = index[low].start;
+        if (positionOut) *positionOut = low;
         return index[low].piece;
     }
     SubBlock *piece = buffer->firstSubBlock;
@@ -225,7 +227,17 @@ OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocat
     size_t done = 0;
     size_t start;
     bool first = true;
-    for (SubBlock *piece = findPiece(buffer, offset, &start); piece; piece = piece->next) {
+    size_t position = 0;
+    SubBlock *piece = findPiece(buffer, offset, &start, &position);
+    // With an index, the next piece is read from the array rather than from
+    // the piece before it, so the loads of successive pieces do not wait on
+    // one another.  Same pieces, same order.
+    const SVBlockBufferIndexEntry *next = nullptr, *end = nullptr;
+    if (buffer->index && piece) {
+        next = buffer->index + position + 1;
+        end = buffer->index + buffer->pieceCount;
+    }
+    for (; piece; piece = next ? (next < end ? (next++)->piece : nullptr) : piece->next) {
         const size_t r = first ? offset - start : 0;
         first = false;
         const size_t remaining = length - done;
