@@ -586,6 +586,14 @@ TEST(SVBlockBuffer, ManyPiecesAreLocatedExactly) {
     char middle[40];
     ASSERT_EQ(SVBlockBufferCopyDataBytes(buffer, 500, sizeof middle, middle), kOK);
     EXPECT_EQ(std::string(middle, sizeof middle), expected.substr(500, sizeof middle));
+    // Copies that run through the index to the last piece, from every
+    // kind of start (inside a piece, at its first byte, at the last byte).
+    std::string out(expected.size(), '\0');
+    for (size_t offset = 0; offset < expected.size(); offset += 7) {
+        const size_t length = expected.size() - offset;
+        ASSERT_EQ(SVBlockBufferCopyDataBytes(buffer, offset, length, out.data()), kOK);
+        ASSERT_EQ(out.substr(0, length), expected.substr(offset)) << "from " << offset;
+    }
 }
 
 using SVBlockBufferDeathTest = testing::Test;
