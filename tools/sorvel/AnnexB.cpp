@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ChunkWriter.h"
 #include "Commands.h"
 #include "MediaSource.h"
 #include "OutputFile.h"
@@ -60,12 +61,14 @@ Ref<SVSampleBufferRef> piece(SVSampleBufferRef sample, size_t offset, size_t len
     return buffer;
 }
 
-OSStatus writeSample(SVSampleBufferRef sample, int32_t extraDataMode, std::vector<uint8_t> &packet) {
-    std::vector<uint8_t> *out = &packet;
-    const size_t base = packet.size();
+// Converts straight into the writer's chunk: the only copies of the bytes
+// are the conversion's and write(2)'s.
+OSStatus writeSample(SVSampleBufferRef sample, int32_t extraDataMode, ChunkWriter &writer, uint64_t &bytes) {
+    ChunkWriter *out = &writer;
+    uint64_t *total = &bytes;
     return _SVSampleBufferOutputVideoSampleAsBytes(sample, extraDataMode, ^void *(size_t size) {
-      out->resize(base + size);
-      return out->data() + base;
+      *total += size;
+      return out->reserve(size);
     });
 }
 
@@ -85,17 +88,21 @@ int runAnnexB(const AnnexBOptions &options) {
     std::unique_ptr<MediaSource> source = MediaSource::open(options.input, error);
     if (!source) return reportError(error);
     const bool toStdout = output.isStandardOutput();
+    // Written by a second thread while this one reads and converts; nothing
+    // has gone through the stream's buffer yet, so its descriptor is used
+    // directly.
     FILE *out = output.stream();
+    if (fflush(out) != 0) return reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
+    ChunkWriter writer(fileno(out));
+    if (!writer.valid()) return reportError({kExitFailure, "cannot start the output thread"});
 
     const FourCharCode codec = source->codec();
     const int headerLength = source->nalUnitHeaderLength();
     int64_t samples = 0, insertions = 0;
     uint64_t bytes = 0;
-    std::vector<uint8_t> packet;
     VideoSample sample;
     int result = kExitOK;
     while (source->next(sample)) {
-        packet.clear();
         SVSampleBufferRef buffer = sample.buffer.get();
         const uint8_t *data = nullptr;
         size_t size = 0;
@@ -104,17 +111,17 @@ int runAnnexB(const AnnexBOptions &options) {
             point = insertionPoint(data, size, codec, headerLength, sample.sync);
         OSStatus status = 0;
         if (point < 0) {
-            status = writeSample(buffer, 0, packet);
+            status = writeSample(buffer, 0, writer, bytes);
         } else {
             ++insertions;
             if (point > 0) {
                 Ref<SVSampleBufferRef> head = piece(buffer, 0, static_cast<size_t>(point), false);
-                status = head ? writeSample(head.get(), 0, packet) : kSVFormatDescriptionError_AllocationFailed;
+                status = head ? writeSample(head.get(), 0, writer, bytes) : kSVFormatDescriptionError_AllocationFailed;
             }
             Ref<SVSampleBufferRef> rest =
                 piece(buffer, static_cast<size_t>(point), size - static_cast<size_t>(point), true);
             if (status == 0)
-                status = rest ? writeSample(rest.get(), 1, packet) : kSVFormatDescriptionError_AllocationFailed;
+                status = rest ? writeSample(rest.get(), 1, writer, bytes) : kSVFormatDescriptionError_AllocationFailed;
         }
         if (status != 0) {
             result =
@@ -122,14 +129,12 @@ int runAnnexB(const AnnexBOptions &options) {
                                                   static_cast<long long>(sample.index), static_cast<int>(status))});
             break;
         }
-        if (!packet.empty() && fwrite(packet.data(), 1, packet.size(), out) != packet.size()) {
-            result = reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
-            break;
-        }
-        bytes += packet.size();
+        if (writer.failed()) break;
         ++samples;
     }
+    const int why = writer.finish();
     if (result != kExitOK) return result;
+    if (why != 0) return reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(why))});
     // A damaged input still gives the samples before the damage.
     if (!output.commit(error)) return reportError(error);
     for (const std::string &warning : source->warnings()) fprintf(stderr, "sorvel: warning: %s\n", warning.c_str());

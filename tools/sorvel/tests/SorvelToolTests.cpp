@@ -52,7 +52,8 @@ struct Outcome {
 
 // Runs the tool with `args`, standard input from /dev/null, and collects both
 // output streams (read together, so a chatty child never blocks on a full pipe).
-Outcome sorvel(const std::vector<std::string> &args) {
+// With `standardOutput`, the tool's standard output is that file instead.
+Outcome sorvel(const std::vector<std::string> &args, const char *standardOutput = nullptr) {
     Outcome result;
     int outPipe[2], errPipe[2];
     if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
@@ -62,7 +63,10 @@ Outcome sorvel(const std::vector<std::string> &args) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    if (standardOutput)
+        posix_spawn_file_actions_addopen(&actions, 1, standardOutput, O_WRONLY, 0);
+    else
+        posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
     std::vector<char *> argv{const_cast<char *>(kTool.c_str())};
     for (const std::string &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
@@ -519,6 +523,15 @@ TEST(SorvelAnnexB, OtherContainersKeepTheirUnitsThroughAPipe) {
         EXPECT_NE(r.err.find("Wrote " + std::to_string(c.samples) + " samples"), std::string::npos) << r.err;
         expectSameUnits(annexBUnits(r.out), annexBUnits(readFile(kData + "/tool/" + c.annexBReference)));
     }
+}
+
+// Writes happen on a second thread; a failing one still ends the run with
+// the reason and no success line, however many samples were converted.
+TEST(SorvelAnnexB, AFailingWriteIsReported) {
+    const Outcome r = sorvel({"annexb", kDemo, "-"}, "/dev/full");
+    expectExit(r, 1);
+    EXPECT_NE(r.err.find("sorvel: -: No space left on device"), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("Wrote"), std::string::npos) << r.err;
 }
 
 TEST(SorvelAnnexB, EmbeddedStreamEqualsTheDemoFile) {
