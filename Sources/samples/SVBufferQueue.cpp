@@ -30,6 +30,12 @@
 // Nodes are recycled through a short free list, so a queue in a steady
 // producer/consumer rhythm allocates nothing per buffer.
 //
+// With the ready-made records the queue reads the common sample buffer's
+// sort key and duration from its fields instead of through the getters,
+// and compares times inline; whatever is not the common case goes through
+// the getters and SVTimeCompare, so the answers are theirs (see "reading
+// sample buffers directly" below).
+//
 // The cached least and greatest presentation stamps are only ever read by
 // the two stamp-change triggers, and with the buffers' stamps as they were
 // they always equal a scan of the buffers present after the last change.
