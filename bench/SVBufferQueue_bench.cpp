@@ -55,9 +55,10 @@ std::vector<SVSampleBufferRef> makeSampleBuffers() {
 void ignoreTrigger(void *, SVBufferQueueTriggerToken) {}
 
 // The trigger conditions are tested after every change; a duration
-// condition sums the queued buffers' durations each time (a buffer's
-// duration can change while it is queued, so the sum is not cached), while
-// a count condition costs a comparison.
+// condition reads the queue's running duration sum (kept for the
+// sample-buffer records) and compares it with the threshold, a count
+// condition compares two integers.  Both fire on most changes here, so
+// each call also takes and drops its reference on the queue.
 void runSorted(benchmark::State &state, SVBufferQueueTriggerCondition lowWater, SVTime lowWaterTime,
                int32_t lowWaterCount) {
     SVBufferQueueRef queue = nullptr;

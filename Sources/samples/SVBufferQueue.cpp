@@ -30,6 +30,12 @@
 // Nodes are recycled through a short free list, so a queue in a steady
 // producer/consumer rhythm allocates nothing per buffer.
 //
+// With the ready-made records the queue reads the common sample buffer's
+// sort key and duration from its fields instead of through the getters,
+// and compares times inline; whatever is not the common case goes through
+// the getters and SVTimeCompare, so the answers are theirs (see "reading
+// sample buffers directly" below).
+//
 // The cached least and greatest presentation stamps are only ever read by
 // the two stamp-change triggers, and with the buffers' stamps as they were
 // they always equal a scan of the buffers present after the last change.
@@ -48,6 +54,7 @@
 #include "core/SVMutex.h"
 #include "core/SVObject.h"
 #include "samples/SVSampleBufferInternal.h"
+#include "time/SVTimeInternal.h"
 
 SV_LOG_MODULE("Sorvel/Sources/SVBufferQueue");
 
@@ -140,6 +147,9 @@ struct OpaqueSVBufferQueue {
     // Every callback in the record is one of the library's own: then only
     // trigger and validation callbacks run client code.
     bool ownCallbacks;
+    // The compare callback is the sorted record's: enqueue reads the sort
+    // keys itself.
+    bool sortsByOutputTime;
     // The keep-alive of the call that holds the lock, for code under it
     // that is about to run client code; NULL outside a call that set it.
     KeepAlive *activeKeepAlive;
@@ -156,6 +166,35 @@ const CFRuntimeClass kSVBufferQueueClass = {
 constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBufferQueueClass};
 
 using sorvel::time::kInvalid;
+
+// SVTimeCompare.  The queue compares times on every change (sort keys,
+// duration thresholds, cached stamps), and the call cost as much as the
+// comparison; so its two common cases are decided here, exactly as
+// time::compare decides them: numeric times of one epoch and positive
+// timescales whose values are small enough that comparing the integers
+// (cross-multiplied for two timescales) is exact.  Everything else is
+// time::compare's.
+__attribute__((always_inline)) inline int32_t compareTimes(const SVTime &a, const SVTime &b) noexcept {
+    using sorvel::time::isNumeric;
+    if (__builtin_expect(isNumeric(a) && isNumeric(b) && a.epoch == b.epoch && a.timescale > 0 && b.timescale > 0, 1)) {
+        // |v| <= 2^51 with one timescale; |v| < 2^20 with two, where a
+        // product with a 31-bit timescale stays below 2^51.
+        if (a.timescale == b.timescale) {
+            constexpr uint64_t kBound = uint64_t{1} << 51;
+            if (static_cast<uint64_t>(a.value) + kBound <= 2 * kBound &&
+                static_cast<uint64_t>(b.value) + kBound <= 2 * kBound)
+                return a.value > b.value ? 1 : (a.value == b.value ? 0 : -1);
+        } else {
+            constexpr uint64_t kBound = uint64_t{1} << 20;
+            if (static_cast<uint64_t>(a.value) + kBound < 2 * kBound &&
+                static_cast<uint64_t>(b.value) + kBound < 2 * kBound) {
+                const int64_t crossA = a.value * b.timescale, crossB = b.value * a.timescale;
+                return crossA > crossB ? 1 : (crossA == crossB ? 0 : -1);
+            }
+        }
+    }
+    return sorvel::time::compare(a, b);
+}
 
 // ---- locking and lifetime ----------------------------------------------------------
 
@@ -249,13 +288,72 @@ bool isInvalidatedSampleBuffer(SVBufferRef buffer) noexcept {
     return reinterpret_cast<const OpaqueSVSampleBuffer *>(buffer)->invalidated != 0;
 }
 
+// ---- reading sample buffers directly ---------------------------------------------------
+// With the ready-made records the queue's getters are the library's own, so
+// for the common sample buffer the queue reads the fields those getters
+// would answer with instead of calling them: a sorted enqueue reads two
+// sort keys per comparison, and the getters' checks and adjustments were
+// two thirds of its cost.  Every other buffer goes through the getter, so
+// each answer is exactly the getter's; only the cost differs.
+
+// The buffer's fields when it is a sample buffer not invalidated, else NULL.
+const OpaqueSVSampleBuffer *usableSampleBuffer(SVBufferRef buffer) noexcept {
+    const OpaqueSVSampleBuffer *b = sorvel::gSVSampleBufferClass.checked(buffer);
+    return b != nullptr && !b->invalidated ? b : nullptr;
+}
+
+// No attachment has ever been set: then no trim, speed or reverse applies.
+bool hasNoAttachments(const OpaqueSVSampleBuffer *b) noexcept {
+    return __atomic_load_n(&b->attachments._dictionaries[0], __ATOMIC_ACQUIRE) == nullptr &&
+           __atomic_load_n(&b->attachments._dictionaries[1], __ATOMIC_ACQUIRE) == nullptr;
+}
+
+// The one timing entry of a buffer that has exactly one, else NULL.
+const SVSampleTimingInfo *soleTimingEntry(const OpaqueSVSampleBuffer *b) noexcept {
+    if (b->kind == kSVSampleBufferKind_ImageBuffer) return &b->imageTiming;
+    if (b->kind == kSVSampleBufferKind_DataBuffer && b->sampleTimingArray != nullptr && b->numSampleTimingEntries == 1)
+        return b->sampleTimingArray;
+    return nullptr;
+}
+
+// SVSampleBufferGetOutputPresentationTimeStamp.  Without an override and
+// without attachments it is the presentation time plus a zero trim by
+// SVTimeAdd, which answers a numeric time other than zero unchanged.
+SVTime sampleBufferOutputPresentationTime(SVBufferRef buffer) noexcept {
+    const OpaqueSVSampleBuffer *b = usableSampleBuffer(buffer);
+    if (b != nullptr && !SVTIME_IS_VALID(b->outputPresentationTimeStamp) && hasNoAttachments(b)) {
+        if (const SVSampleTimingInfo *entry = soleTimingEntry(b)) {
+            const SVTime &presentation = entry->presentationTimeStamp;
+            if (sorvel::time::isNumeric(presentation) && presentation.value != 0) return presentation;
+            return sorvel::time::add(presentation, sorvel::time::kZero);
+        }
+    }
+    return SVSampleBufferGetOutputPresentationTimeStamp(static_cast<SVSampleBufferRef>(const_cast<void *>(buffer)));
+}
+
+bool isPlainDuration(const SVTime &duration) noexcept {
+    return duration.flags == kSVTimeFlags_Valid && duration.timescale > 0 && duration.epoch == 0 && duration.value > 0;
+}
+
+// SVSampleBufferGetDuration where the running sum needs it.  An image
+// buffer's is its own; a data buffer of one sample with one entry has that
+// entry's duration times 1, which is the entry's duration itself when it
+// is plain (the only durations the sum takes).
+SVTime sampleBufferDurationForSum(SVBufferRef buffer) noexcept {
+    if (const OpaqueSVSampleBuffer *b = usableSampleBuffer(buffer)) {
+        if (b->kind == kSVSampleBufferKind_ImageBuffer) return b->imageTiming.duration;
+        const SVSampleTimingInfo *entry = soleTimingEntry(b);
+        if (entry != nullptr && b->numSamples == 1 && isPlainDuration(entry->duration)) return entry->duration;
+    }
+    return sampleBufferDuration(buffer, nullptr);
+}
+
 // Adds a new node's duration to the running sum when it can be (lock held).
 void countDurationLocked(SVBufferQueueRef queue, Node *node) noexcept {
     node->inSum = false;
     if (!queue->sumsDurations) return;
-    const SVTime duration = sampleBufferDuration(node->buffer, nullptr);
-    const bool plain =
-        duration.flags == kSVTimeFlags_Valid && duration.timescale > 0 && duration.epoch == 0 && duration.value > 0;
+    const SVTime duration = sampleBufferDurationForSum(node->buffer);
+    const bool plain = isPlainDuration(duration);
     if (plain && (queue->sumCount == 0 || duration.timescale == queue->sumTimescale)) {
         queue->sumTimescale = duration.timescale;
         queue->sumCount++;
@@ -277,32 +375,41 @@ void uncountDurationLocked(SVBufferQueueRef queue, const Node *node) noexcept {
     }
 }
 
+// Whether no queued buffer is invalidated; remembers the invalidation
+// count it looked at when none is.
+__attribute__((noinline)) bool noneInvalidatedLocked(SVBufferQueueRef queue, uint64_t invalidations) noexcept {
+    for (Node *node = queue->head; node != nullptr; node = node->next)
+        if (isInvalidatedSampleBuffer(node->buffer)) return false;
+    queue->invalidationsChecked = invalidations;
+    return true;
+}
+
 // The fold from the running sum, or false when it must be computed.
-bool summedDurationLocked(SVBufferQueueRef queue, SVTime *durationOut) noexcept {
+__attribute__((always_inline)) inline bool summedDurationLocked(SVBufferQueueRef queue, SVTime *durationOut) noexcept {
     if (!queue->sumsDurations || queue->unsummedCount != 0 || queue->durationSum > INT64_MAX) return false;
     // A buffer's duration changes only when it is invalidated; a buffer
     // already invalidated when queued is not in the sum.  So the walk is
     // needed only after some buffer in the process was invalidated.
     const uint64_t invalidations = sorvel::SVSampleBufferInvalidationCount();
-    if (invalidations != queue->invalidationsChecked) {
-        for (Node *node = queue->head; node != nullptr; node = node->next)
-            if (isInvalidatedSampleBuffer(node->buffer)) return false;
-        queue->invalidationsChecked = invalidations;
-    }
+    if (invalidations != queue->invalidationsChecked && !noneInvalidatedLocked(queue, invalidations)) return false;
     *durationOut = queue->sumCount == 0
                        ? kSVTimeZero
                        : SVTime{static_cast<int64_t>(queue->durationSum), queue->sumTimescale, kSVTimeFlags_Valid, 0};
     return true;
 }
 
-SVTime durationLocked(SVBufferQueueRef queue) noexcept {
-    if (queue->callbacks.getDuration == nullptr) return kInvalid;
-    SVTime summed;
-    if (summedDurationLocked(queue, &summed)) return summed;
+__attribute__((noinline)) SVTime foldedDurationLocked(SVBufferQueueRef queue) noexcept {
     SVTime total = kSVTimeZero;
     for (Node *node = queue->head; node != nullptr; node = node->next)
         total = SVTimeAdd(total, queue->callbacks.getDuration(node->buffer, queue->callbacks.refcon));
     return total;
+}
+
+__attribute__((always_inline)) inline SVTime durationLocked(SVBufferQueueRef queue) noexcept {
+    if (queue->callbacks.getDuration == nullptr) return kInvalid;
+    SVTime summed;
+    if (summedDurationLocked(queue, &summed)) return summed;
+    return foldedDurationLocked(queue);
 }
 
 // The extreme valid time among the buffers by `better` (-1: least, 1:
@@ -314,7 +421,7 @@ SVTime extremeLocked(SVBufferQueueRef queue, SVBufferGetTimeCallback get, int32_
     for (Node *node = queue->head; node != nullptr; node = node->next) {
         SVTime time = get(node->buffer, queue->callbacks.refcon);
         if (!SVTIME_IS_VALID(time)) continue;
-        if (!found || SVTimeCompare(time, best) == better) {
+        if (!found || compareTimes(time, best) == better) {
             best = time;
             found = true;
         }
@@ -349,22 +456,22 @@ bool isExtremeCondition(SVBufferQueueTriggerCondition condition) noexcept {
 
 // ---- triggers (lock held) ------------------------------------------------------------
 
-bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept {
+__attribute__((always_inline)) inline bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept {
     switch (trigger->condition) {
         case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
-            return SVTimeCompare(durationLocked(queue), trigger->time) < 0;
+            return compareTimes(durationLocked(queue), trigger->time) < 0;
         case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
-            return SVTimeCompare(durationLocked(queue), trigger->time) <= 0;
+            return compareTimes(durationLocked(queue), trigger->time) <= 0;
         case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
-            return SVTimeCompare(durationLocked(queue), trigger->time) > 0;
+            return compareTimes(durationLocked(queue), trigger->time) > 0;
         case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
-            return SVTimeCompare(durationLocked(queue), trigger->time) >= 0;
+            return compareTimes(durationLocked(queue), trigger->time) >= 0;
         // An installed trigger of either of the next two kinds keeps the cached
         // stamps fresh, so they can be read as they are.
         case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
-            return SVTimeCompare(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
+            return compareTimes(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
         case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
-            return SVTimeCompare(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
+            return compareTimes(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
         case kSVBufferQueueTrigger_WhenDataBecomesReady:
             return queue->callbacks.isDataReady(queue->head != nullptr ? queue->head->buffer : nullptr,
                                                 queue->callbacks.refcon);
@@ -583,8 +690,8 @@ size_t sampleBufferTotalSampleSize(SVBufferRef buffer, void *) noexcept {
 
 CFComparisonResult sampleBufferCompareOutputPresentationTimeStamps(SVBufferRef buffer1, SVBufferRef buffer2,
                                                                    void *) noexcept {
-    return SVTimeCompare(SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer1)),
-                         SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer2)));
+    return compareTimes(SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer1)),
+                        SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer2)));
 }
 
 const SVBufferCallbacks kUnsortedSampleBufferCallbacks = {
@@ -670,6 +777,7 @@ OSStatus SVBufferQueueCreate(CFAllocatorRef allocator, int32_t capacity, const S
     queue->sumsDurations = callbacks->getDuration == sampleBufferDuration;
     queue->invalidationsChecked = UINT64_MAX;
     queue->ownCallbacks = hasOnlyOwnCallbacks(*callbacks);
+    queue->sortsByOutputTime = callbacks->compare == sampleBufferCompareOutputPresentationTimeStamps;
     *queueOut = queue;
     return 0;
 }
@@ -715,7 +823,14 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
     // Insert after every buffer the new one does not compare strictly less
     // than: walk back from the tail while it does.
     Node *after = queue->tail;
-    if (queue->callbacks.compare != nullptr) {
+    if (queue->sortsByOutputTime) {
+        // The ready-made compare, read directly: the new buffer's key once,
+        // and each passed buffer's afresh (it may have changed since it was
+        // queued).  The same comparisons as calling it; only cheaper.
+        const SVTime key = sampleBufferOutputPresentationTime(buf);
+        while (after != nullptr && compareTimes(key, sampleBufferOutputPresentationTime(after->buffer)) == -1)
+            after = after->prev;
+    } else if (queue->callbacks.compare != nullptr) {
         while (after != nullptr && queue->callbacks.compare(buf, after->buffer, queue->callbacks.refcon) == -1)
             after = after->prev;
     }
@@ -743,8 +858,8 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
             queue->minPresentationTimeStamp = time;
             queue->maxPresentationTimeStamp = time;
         } else if (SVTIME_IS_VALID(time)) {
-            if (SVTimeCompare(time, queue->maxPresentationTimeStamp) > 0) queue->maxPresentationTimeStamp = time;
-            if (SVTimeCompare(time, queue->minPresentationTimeStamp) < 0) queue->minPresentationTimeStamp = time;
+            if (compareTimes(time, queue->maxPresentationTimeStamp) > 0) queue->maxPresentationTimeStamp = time;
+            if (compareTimes(time, queue->minPresentationTimeStamp) < 0) queue->minPresentationTimeStamp = time;
         }
     }
     return 0;
@@ -836,7 +951,7 @@ SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept
         if (!SVTIME_IS_VALID(start)) continue;
         SVTime candidate = SVTimeAdd(start, queue->callbacks.getDuration(node->buffer, queue->callbacks.refcon));
         if (!SVTIME_IS_VALID(candidate)) continue;
-        if (!found || SVTimeCompare(candidate, end) > 0) {
+        if (!found || compareTimes(candidate, end) > 0) {
             end = candidate;
             found = true;
         }
