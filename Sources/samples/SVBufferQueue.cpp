@@ -167,35 +167,6 @@ constinit sorvel::SVRuntimeClass<OpaqueSVBufferQueue> gSVBufferQueueClass{kSVBuf
 
 using sorvel::time::kInvalid;
 
-// SVTimeCompare.  The queue compares times on every change (sort keys,
-// duration thresholds, cached stamps), and the call cost as much as the
-// comparison; so its two common cases are decided here, exactly as
-// time::compare decides them: numeric times of one epoch and positive
-// timescales whose values are small enough that comparing the integers
-// (cross-multiplied for two timescales) is exact.  Everything else is
-// time::compare's.
-__attribute__((always_inline)) inline int32_t compareTimes(const SVTime &a, const SVTime &b) noexcept {
-    using sorvel::time::isNumeric;
-    if (__builtin_expect(isNumeric(a) && isNumeric(b) && a.epoch == b.epoch && a.timescale > 0 && b.timescale > 0, 1)) {
-        // |v| <= 2^51 with one timescale; |v| < 2^20 with two, where a
-        // product with a 31-bit timescale stays below 2^51.
-        if (a.timescale == b.timescale) {
-            constexpr uint64_t kBound = uint64_t{1} << 51;
-            if (static_cast<uint64_t>(a.value) + kBound <= 2 * kBound &&
-                static_cast<uint64_t>(b.value) + kBound <= 2 * kBound)
-                return a.value > b.value ? 1 : (a.value == b.value ? 0 : -1);
-        } else {
-            constexpr uint64_t kBound = uint64_t{1} << 20;
-            if (static_cast<uint64_t>(a.value) + kBound < 2 * kBound &&
-                static_cast<uint64_t>(b.value) + kBound < 2 * kBound) {
-                const int64_t crossA = a.value * b.timescale, crossB = b.value * a.timescale;
-                return crossA > crossB ? 1 : (crossA == crossB ? 0 : -1);
-            }
-        }
-    }
-    return sorvel::time::compare(a, b);
-}
-
 // ---- locking and lifetime ----------------------------------------------------------
 
 // A reference held for the length of a call that runs client code, which
@@ -302,32 +273,12 @@ const OpaqueSVSampleBuffer *usableSampleBuffer(SVBufferRef buffer) noexcept {
     return b != nullptr && !b->invalidated ? b : nullptr;
 }
 
-// No attachment has ever been set: then no trim, speed or reverse applies.
-bool hasNoAttachments(const OpaqueSVSampleBuffer *b) noexcept {
-    return __atomic_load_n(&b->attachments._dictionaries[0], __ATOMIC_ACQUIRE) == nullptr &&
-           __atomic_load_n(&b->attachments._dictionaries[1], __ATOMIC_ACQUIRE) == nullptr;
-}
-
-// The one timing entry of a buffer that has exactly one, else NULL.
-const SVSampleTimingInfo *soleTimingEntry(const OpaqueSVSampleBuffer *b) noexcept {
-    if (b->kind == kSVSampleBufferKind_ImageBuffer) return &b->imageTiming;
-    if (b->kind == kSVSampleBufferKind_DataBuffer && b->sampleTimingArray != nullptr && b->numSampleTimingEntries == 1)
-        return b->sampleTimingArray;
-    return nullptr;
-}
-
-// SVSampleBufferGetOutputPresentationTimeStamp.  Without an override and
-// without attachments it is the presentation time plus a zero trim by
-// SVTimeAdd, which answers a numeric time other than zero unchanged.
+// SVSampleBufferGetOutputPresentationTimeStamp, its common case read here.
 SVTime sampleBufferOutputPresentationTime(SVBufferRef buffer) noexcept {
-    const OpaqueSVSampleBuffer *b = usableSampleBuffer(buffer);
-    if (b != nullptr && !SVTIME_IS_VALID(b->outputPresentationTimeStamp) && hasNoAttachments(b)) {
-        if (const SVSampleTimingInfo *entry = soleTimingEntry(b)) {
-            const SVTime &presentation = entry->presentationTimeStamp;
-            if (sorvel::time::isNumeric(presentation) && presentation.value != 0) return presentation;
-            return sorvel::time::add(presentation, sorvel::time::kZero);
-        }
-    }
+    SVTime plain;
+    if (const OpaqueSVSampleBuffer *b = usableSampleBuffer(buffer);
+        b != nullptr && sorvel::SVSampleBufferPlainOutputPresentationTime(b, plain))
+        return plain;
     return SVSampleBufferGetOutputPresentationTimeStamp(static_cast<SVSampleBufferRef>(const_cast<void *>(buffer)));
 }
 
@@ -342,7 +293,7 @@ bool isPlainDuration(const SVTime &duration) noexcept {
 SVTime sampleBufferDurationForSum(SVBufferRef buffer) noexcept {
     if (const OpaqueSVSampleBuffer *b = usableSampleBuffer(buffer)) {
         if (b->kind == kSVSampleBufferKind_ImageBuffer) return b->imageTiming.duration;
-        const SVSampleTimingInfo *entry = soleTimingEntry(b);
+        const SVSampleTimingInfo *entry = sorvel::SVSampleBufferSoleTimingEntry(b);
         if (entry != nullptr && b->numSamples == 1 && isPlainDuration(entry->duration)) return entry->duration;
     }
     return sampleBufferDuration(buffer, nullptr);
@@ -421,7 +372,7 @@ SVTime extremeLocked(SVBufferQueueRef queue, SVBufferGetTimeCallback get, int32_
     for (Node *node = queue->head; node != nullptr; node = node->next) {
         SVTime time = get(node->buffer, queue->callbacks.refcon);
         if (!SVTIME_IS_VALID(time)) continue;
-        if (!found || compareTimes(time, best) == better) {
+        if (!found || sorvel::time::compare(time, best) == better) {
             best = time;
             found = true;
         }
@@ -459,19 +410,19 @@ bool isExtremeCondition(SVBufferQueueTriggerCondition condition) noexcept {
 __attribute__((always_inline)) inline bool triggerHoldsLocked(SVBufferQueueRef queue, const Trigger *trigger) noexcept {
     switch (trigger->condition) {
         case kSVBufferQueueTrigger_WhenDurationBecomesLessThan:
-            return compareTimes(durationLocked(queue), trigger->time) < 0;
+            return sorvel::time::compare(durationLocked(queue), trigger->time) < 0;
         case kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo:
-            return compareTimes(durationLocked(queue), trigger->time) <= 0;
+            return sorvel::time::compare(durationLocked(queue), trigger->time) <= 0;
         case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan:
-            return compareTimes(durationLocked(queue), trigger->time) > 0;
+            return sorvel::time::compare(durationLocked(queue), trigger->time) > 0;
         case kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo:
-            return compareTimes(durationLocked(queue), trigger->time) >= 0;
+            return sorvel::time::compare(durationLocked(queue), trigger->time) >= 0;
         // An installed trigger of either of the next two kinds keeps the cached
         // stamps fresh, so they can be read as they are.
         case kSVBufferQueueTrigger_WhenMaxPresentationTimeStampChanges:
-            return compareTimes(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
+            return sorvel::time::compare(maxPresentationLocked(queue), queue->maxPresentationTimeStamp) != 0;
         case kSVBufferQueueTrigger_WhenMinPresentationTimeStampChanges:
-            return compareTimes(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
+            return sorvel::time::compare(minPresentationLocked(queue), queue->minPresentationTimeStamp) != 0;
         case kSVBufferQueueTrigger_WhenDataBecomesReady:
             return queue->callbacks.isDataReady(queue->head != nullptr ? queue->head->buffer : nullptr,
                                                 queue->callbacks.refcon);
@@ -690,8 +641,8 @@ size_t sampleBufferTotalSampleSize(SVBufferRef buffer, void *) noexcept {
 
 CFComparisonResult sampleBufferCompareOutputPresentationTimeStamps(SVBufferRef buffer1, SVBufferRef buffer2,
                                                                    void *) noexcept {
-    return compareTimes(SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer1)),
-                        SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer2)));
+    return sorvel::time::compare(SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer1)),
+                                 SVSampleBufferGetOutputPresentationTimeStamp(asSampleBuffer(buffer2)));
 }
 
 const SVBufferCallbacks kUnsortedSampleBufferCallbacks = {
@@ -828,7 +779,7 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
         // and each passed buffer's afresh (it may have changed since it was
         // queued).  The same comparisons as calling it; only cheaper.
         const SVTime key = sampleBufferOutputPresentationTime(buf);
-        while (after != nullptr && compareTimes(key, sampleBufferOutputPresentationTime(after->buffer)) == -1)
+        while (after != nullptr && sorvel::time::compare(key, sampleBufferOutputPresentationTime(after->buffer)) == -1)
             after = after->prev;
     } else if (queue->callbacks.compare != nullptr) {
         while (after != nullptr && queue->callbacks.compare(buf, after->buffer, queue->callbacks.refcon) == -1)
@@ -858,8 +809,10 @@ OSStatus SVBufferQueueEnqueue(SVBufferQueueRef queue, SVBufferRef buf) noexcept 
             queue->minPresentationTimeStamp = time;
             queue->maxPresentationTimeStamp = time;
         } else if (SVTIME_IS_VALID(time)) {
-            if (compareTimes(time, queue->maxPresentationTimeStamp) > 0) queue->maxPresentationTimeStamp = time;
-            if (compareTimes(time, queue->minPresentationTimeStamp) < 0) queue->minPresentationTimeStamp = time;
+            if (sorvel::time::compare(time, queue->maxPresentationTimeStamp) > 0)
+                queue->maxPresentationTimeStamp = time;
+            if (sorvel::time::compare(time, queue->minPresentationTimeStamp) < 0)
+                queue->minPresentationTimeStamp = time;
         }
     }
     return 0;
@@ -951,7 +904,7 @@ SVTime SVBufferQueueGetEndPresentationTimeStamp(SVBufferQueueRef queue) noexcept
         if (!SVTIME_IS_VALID(start)) continue;
         SVTime candidate = SVTimeAdd(start, queue->callbacks.getDuration(node->buffer, queue->callbacks.refcon));
         if (!SVTIME_IS_VALID(candidate)) continue;
-        if (!found || compareTimes(candidate, end) > 0) {
+        if (!found || sorvel::time::compare(candidate, end) > 0) {
             end = candidate;
             found = true;
         }

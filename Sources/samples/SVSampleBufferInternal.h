@@ -100,6 +100,37 @@ inline constexpr const char kSVSampleBufferSourcePath[] = "Sorvel/Sources/SVSamp
     SVFatalStop(function, kSVSampleBufferSourcePath, line, "BUG");
 }
 
+// Nothing has ever been attached (neither attachment dictionary made): no
+// trim, speed or reverse applies.
+inline bool SVSampleBufferHasNoAttachments(const OpaqueSVSampleBuffer *b) noexcept {
+    return __atomic_load_n(&b->attachments._dictionaries[0], __ATOMIC_ACQUIRE) == nullptr &&
+           __atomic_load_n(&b->attachments._dictionaries[1], __ATOMIC_ACQUIRE) == nullptr;
+}
+
+// The one timing entry of a buffer that has exactly one (an image buffer's
+// own), else NULL.
+inline const SVSampleTimingInfo *SVSampleBufferSoleTimingEntry(const OpaqueSVSampleBuffer *b) noexcept {
+    if (b->kind == kSVSampleBufferKind_ImageBuffer) return &b->imageTiming;
+    if (b->kind == kSVSampleBufferKind_DataBuffer && b->sampleTimingArray != nullptr && b->numSampleTimingEntries == 1)
+        return b->sampleTimingArray;
+    return nullptr;
+}
+
+// SVSampleBufferGetOutputPresentationTimeStamp's common case, for a buffer
+// known usable: no override, nothing attached, one timing entry whose
+// presentation time is numeric and not zero.  That time is then the answer
+// (adding the zero trim leaves it as it is).  False for anything else.
+// Read directly by the sorted buffer queue on every comparison.
+inline bool SVSampleBufferPlainOutputPresentationTime(const OpaqueSVSampleBuffer *b, SVTime &out) noexcept {
+    if (SVTIME_IS_VALID(b->outputPresentationTimeStamp) || !SVSampleBufferHasNoAttachments(b)) return false;
+    const SVSampleTimingInfo *entry = SVSampleBufferSoleTimingEntry(b);
+    if (entry == nullptr || !sorvel::time::isNumeric(entry->presentationTimeStamp) ||
+        entry->presentationTimeStamp.value == 0)
+        return false;
+    out = entry->presentationTimeStamp;
+    return true;
+}
+
 // A new, zero-filled instance (attachment storage empty, output
 // presentation time zeroed) or NULL.
 OpaqueSVSampleBuffer *SVSampleBufferAllocate(CFAllocatorRef allocator) noexcept;

@@ -37,9 +37,7 @@ const Buffer *asBuffer(SVSampleBufferRef sbuf) noexcept {
 // made stays until the buffer is finalized, so a buffer seen with one
 // always takes the full path.
 bool hasNoAttachments(SVSampleBufferRef sbuf) noexcept {
-    const CVAttachmentStorage &storage = reinterpret_cast<const Buffer *>(sbuf)->attachments;
-    return __atomic_load_n(&storage._dictionaries[0], __ATOMIC_ACQUIRE) == nullptr &&
-           __atomic_load_n(&storage._dictionaries[1], __ATOMIC_ACQUIRE) == nullptr;
+    return sorvel::SVSampleBufferHasNoAttachments(reinterpret_cast<const Buffer *>(sbuf));
 }
 
 CFTypeRef attachment(SVSampleBufferRef sbuf, CFStringRef key) noexcept {
@@ -192,6 +190,8 @@ SVTime SVSampleBufferGetOutputPresentationTimeStamp(SVSampleBufferRef sbuf) noex
     if (!isUsable(sbuf)) return kInvalid;
     const Buffer *b = asBuffer(sbuf);
     if (hasOverride(b)) return b->outputPresentationTimeStamp;
+    SVTime plain;
+    if (sorvel::SVSampleBufferPlainOutputPresentationTime(b, plain)) return plain;
     return bufferOutputPresentation(sbuf, adjustmentsOf(sbuf));
 }
 

@@ -190,22 +190,11 @@ constexpr int kindRank(uint32_t flags) noexcept {
 // max(|v1| * t2, |v2| * t1) <= 2^51 the quotients round alike exactly when
 // they are equal, and v1 * t2 against v2 * t1 decides.  (With one timescale
 // the bound is simply |v| <= 2^51.)
-inline int32_t compare(const SVTime &a, const SVTime &b) noexcept {
-    if (__builtin_expect(isNumeric(a) && isNumeric(b), 1)) {
+// The integer cases are inline at every caller (the queues and timebases
+// compare on every change); the rest is one call.
+__attribute__((noinline)) inline int32_t compareRest(const SVTime &a, const SVTime &b) noexcept {
+    if (isNumeric(a) && isNumeric(b)) {
         if (a.epoch != b.epoch) return a.epoch > b.epoch ? 1 : -1;
-        constexpr uint64_t kExactBound = uint64_t{1} << 51;
-        if (a.timescale > 0 && b.timescale > 0) {
-            if (a.timescale == b.timescale) {
-                if (magnitude(a.value) <= kExactBound && magnitude(b.value) <= kExactBound)
-                    return a.value > b.value ? 1 : (a.value == b.value ? 0 : -1);
-            } else {
-                int64_t crossA, crossB;
-                if (!__builtin_mul_overflow(a.value, b.timescale, &crossA) &&
-                    !__builtin_mul_overflow(b.value, a.timescale, &crossB) && magnitude(crossA) <= kExactBound &&
-                    magnitude(crossB) <= kExactBound)
-                    return crossA > crossB ? 1 : (crossA == crossB ? 0 : -1);
-            }
-        }
         double qa = static_cast<double>(a.value) / static_cast<double>(a.timescale);
         double qb = static_cast<double>(b.value) / static_cast<double>(b.timescale);
         return qa > qb ? 1 : (qa == qb ? 0 : -1);
@@ -213,6 +202,23 @@ inline int32_t compare(const SVTime &a, const SVTime &b) noexcept {
     int ra = kindRank(a.flags), rb = kindRank(b.flags);
     if (ra != rb) return ra > rb ? 1 : -1;
     return 0;  // equal kinds other than numeric
+}
+
+__attribute__((always_inline)) inline int32_t compare(const SVTime &a, const SVTime &b) noexcept {
+    if (__builtin_expect(isNumeric(a) && isNumeric(b) && a.epoch == b.epoch && a.timescale > 0 && b.timescale > 0, 1)) {
+        constexpr uint64_t kExactBound = uint64_t{1} << 51;
+        if (a.timescale == b.timescale) {
+            if (magnitude(a.value) <= kExactBound && magnitude(b.value) <= kExactBound)
+                return a.value > b.value ? 1 : (a.value == b.value ? 0 : -1);
+        } else {
+            int64_t crossA, crossB;
+            if (!__builtin_mul_overflow(a.value, b.timescale, &crossA) &&
+                !__builtin_mul_overflow(b.value, a.timescale, &crossB) && magnitude(crossA) <= kExactBound &&
+                magnitude(crossB) <= kExactBound)
+                return crossA > crossB ? 1 : (crossA == crossB ? 0 : -1);
+        }
+    }
+    return compareRest(a, b);
 }
 
 // Shared by the entry points of both time modules (hidden; SVTime.cpp).
