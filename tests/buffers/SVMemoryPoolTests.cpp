@@ -21,6 +21,12 @@ namespace {
 
 CFDictionaryRef periodOptions(CFNumberType type, const void *value);
 
+// Blocks handed out and not given back (a cached fast block stays in the
+// table).
+size_t outstanding(SVMemoryPoolAllocatorState *state) {
+    return state->outstanding.count - (SVMemoryPoolFastIsCached(state->fast.load()) ? 1u : 0u);
+}
+
 struct Pool {
     SVMemoryPoolRef ref;
     explicit Pool(CFDictionaryRef options = nullptr) : ref(SVMemoryPoolCreate(options)) { EXPECT_NE(ref, nullptr); }
@@ -36,7 +42,18 @@ struct Pool {
         if (ref) CFRelease(ref);
     }
     CFAllocatorRef allocator() const { return SVMemoryPoolGetAllocator(ref); }
-    size_t cached() const { return ref->freeList ? ref->freeList->count : 0; }
+    // Cached blocks, oldest first: the free list, then the fast block when
+    // it is cached.
+    std::vector<void *> cachedBlocks() const {
+        std::vector<void *> blocks;
+        for (size_t i = 0; ref->freeList && i < ref->freeList->count; i++)
+            blocks.push_back(ref->freeList->entries[i].block);
+        const uint64_t fast = ref->state->fast.load();
+        if (SVMemoryPoolFastIsCached(fast)) blocks.push_back(SVMemoryPoolFastBlock(fast));
+        return blocks;
+    }
+    size_t cached() const { return cachedBlocks().size(); }
+    size_t out() const { return outstanding(ref->state); }
     void *allocate(CFIndex size) const { return CFAllocatorAllocate(allocator(), size, 0); }
     void deallocate(void *block) const { CFAllocatorDeallocate(allocator(), block); }
 };
@@ -160,7 +177,7 @@ TEST(SVMemoryPool, StaleBlocksAgeOutLazily) {
     std::this_thread::sleep_for(stale);
     pool.deallocate(b);
     EXPECT_EQ(pool.cached(), 1u) << "the deallocation purged the stale entry";
-    EXPECT_EQ(pool.ref->freeList->entries[0].block, b);
+    EXPECT_EQ(pool.cachedBlocks(), std::vector<void *>{b});
 }
 
 TEST(SVMemoryPool, InvalidateStopsCachingForGood) {
@@ -177,7 +194,7 @@ TEST(SVMemoryPool, InvalidateStopsCachingForGood) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(fresh) % kPage, 0u);
     pool.deallocate(fresh);
     pool.deallocate(kept);
-    EXPECT_EQ(pool.ref->state->outstanding.count, 0u);
+    EXPECT_EQ(pool.out(), 0u);
 }
 
 // Blocks the allocator did not hand out, or already took back, are left
@@ -256,7 +273,7 @@ TEST(SVMemoryPool, AllocatorHammeredFromTwoThreads) {
     for (int t = 0; t < kThreads; t++) threads.emplace_back(worker, t);
     for (auto &thread : threads) thread.join();
     EXPECT_EQ(corrupt, 0);
-    EXPECT_EQ(pool.ref->state->outstanding.count, 0u);
+    EXPECT_EQ(pool.out(), 0u);
 }
 
 }  // namespace
