@@ -113,6 +113,32 @@ TEST(SVMemoryPool, ReusesBlocksOfTheSamePageRoundedSize) {
     EXPECT_EQ(pool.cached(), 0u);
 }
 
+// The block that allocations and frees hand back and forth without the
+// mutex follows the same rules: reused only for its own page count, and
+// older than every block freed after it.
+TEST(SVMemoryPool, FastBlockKeepsSizeAndOrder) {
+    Pool pool(60.0);
+    void *a = pool.allocate(static_cast<CFIndex>(kPage));
+    pool.deallocate(a);
+    EXPECT_EQ(pool.cachedBlocks(), std::vector<void *>{a});
+    void *b = pool.allocate(static_cast<CFIndex>(2 * kPage));
+    EXPECT_NE(b, a) << "a cached block of another page count is not reused";
+    void *c = pool.allocate(static_cast<CFIndex>(kPage) + 1);
+    EXPECT_NE(c, a);
+    pool.deallocate(b);
+    pool.deallocate(c);
+    EXPECT_EQ(pool.cachedBlocks(), (std::vector<void *>{a, b, c}));
+    EXPECT_EQ(pool.allocate(1), a);
+    EXPECT_EQ(pool.allocate(static_cast<CFIndex>(2 * kPage) - 1), c) << "the newest of the page count wins";
+    EXPECT_EQ(pool.allocate(static_cast<CFIndex>(2 * kPage)), b);
+    EXPECT_EQ(pool.out(), 3u);
+    for (void *block : {a, b, c}) pool.deallocate(block);
+    EXPECT_EQ(pool.out(), 0u);
+    EXPECT_EQ(pool.cached(), 3u);
+    SVMemoryPoolFlush(pool.ref);
+    EXPECT_EQ(pool.cached(), 0u);
+}
+
 TEST(SVMemoryPool, ReallocateKeepsOrMovesTheBlock) {
     Pool pool(60.0);
     CFAllocatorContext context;
