@@ -8,6 +8,11 @@
 // allocator after the pool is gone; the pool's free list hangs off the pool
 // and goes away when the pool is invalidated.  One non-recursive mutex
 // guards both, and nothing calls back into client code while it is held.
+// The one exception is the fast block (SVMemoryPoolInternal.h): a single
+// cached block that an allocation and a free of its page count hand back
+// and forth with one compare-and-swap each.  It only replaces taking the
+// mutex for that pair; what is reused, aged out, flushed and logged is what
+// the locked paths alone would give.
 //
 // Aging is lazy: there is no timer.  Stale entries are purged when an
 // allocation consults the free list and on every deallocation.  An entry's
@@ -372,6 +377,23 @@ void deallocateLocked(State *state, void *block, uint64_t &fast) noexcept {
     tableRemove(state->outstanding, tableFind(state->outstanding, block));
 }
 
+// The locked paths, kept out of line so that the lock-free ones save and
+// restore no registers.
+[[gnu::noinline]] void *allocateSlowly(State *state, size_t size) noexcept {
+    sorvel::SVMutexGuard locked(state->lock);
+    uint64_t fast = takeFast(state);
+    void *block = allocateLocked(state, size, fast);
+    publishFast(state, fast);
+    return block;
+}
+
+[[gnu::noinline]] void deallocateSlowly(State *state, void *block) noexcept {
+    sorvel::SVMutexGuard locked(state->lock);
+    uint64_t fast = takeFast(state);
+    deallocateLocked(state, block, fast);
+    publishFast(state, fast);
+}
+
 // The lock-free paths.  An allocation of the cached fast block's page count
 // takes it with one compare-and-swap; the free of the handed-out fast block
 // gives it back with one more and a read of the clock.  Every other case
@@ -381,18 +403,14 @@ void deallocateLocked(State *state, void *block, uint64_t &fast) noexcept {
 void *poolAllocate(CFIndex size, CFOptionFlags hint, void *info) noexcept {
     if (size < 1) return nullptr;
     auto *state = static_cast<State *>(info);
-    const uint64_t pages = ((static_cast<uint64_t>(size) - 1) >> pageShift()) + 1;
+    const uint64_t pages = ((static_cast<uint64_t>(size) - 1) >> state->pageShift) + 1;
     uint64_t word = state->fast.load(std::memory_order_relaxed);
     if (!(word & (kOut | kSlow)) && fastPages(word) == pages &&
         state->fast.compare_exchange_strong(word, word | kOut, std::memory_order_acquire, std::memory_order_relaxed)) {
         state->fastRequested.store(static_cast<size_t>(size), std::memory_order_relaxed);
         return SVMemoryPoolFastBlock(word);
     }
-    sorvel::SVMutexGuard locked(state->lock);
-    uint64_t fast = takeFast(state);
-    void *block = allocateLocked(state, static_cast<size_t>(size), fast);
-    publishFast(state, fast);
-    return block;
+    return allocateSlowly(state, static_cast<size_t>(size));
 }
 
 void poolDeallocate(void *block, void *info) noexcept {
@@ -405,10 +423,7 @@ void poolDeallocate(void *block, void *info) noexcept {
                                                 std::memory_order_relaxed))
             return;
     }
-    sorvel::SVMutexGuard locked(state->lock);
-    uint64_t fast = takeFast(state);
-    deallocateLocked(state, block, fast);
-    publishFast(state, fast);
+    deallocateSlowly(state, block);
 }
 
 void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *info) noexcept {
@@ -494,6 +509,7 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
     void *memory = nullptr;
     if (posix_memalign(&memory, alignof(State), sizeof(State)) != 0) return nullptr;
     auto *state = new (memory) State;
+    state->pageShift = pageShift();
     state->lock = XPMutexCreateNR();
     if (!state->lock) {
         state->~State();

@@ -81,6 +81,7 @@ struct alignas(64) SVMemoryPoolAllocatorState {
     std::atomic<uint64_t> fast{0};             // the fast block's word (above)
     std::atomic<uint64_t> fastReleaseTime{0};  // when the cached fast block was freed
     std::atomic<size_t> fastRequested{0};      // the handed-out fast block's requested size
+    unsigned pageShift = 0;                    // log2 of the page size, for the lock-free allocation
     OpaqueSVMemoryPool *pool = nullptr;        // NULL once the pool is invalidated or finalized
     XPMutexRef lock = nullptr;                 // guards this record and the pool's free list
     SVMemoryPoolOutstandingTable outstanding{};
