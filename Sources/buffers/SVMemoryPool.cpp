@@ -327,12 +327,16 @@ void deallocateLocked(State *state, void *block, uint64_t &fast) noexcept {
     const bool isFast = fast != 0 && SVMemoryPoolFastBlock(fast) == block;
     // A cached block freed again is left alone, as is a block this
     // allocator did not hand out: freeing it would corrupt the heap.
-    if (isFast && !(fast & kOut)) return;
-    const size_t slot = tableFind(state->outstanding, block);
-    if (slot == kNotFound) return;
+    const size_t slot = isFast ? kNotFound : tableFind(state->outstanding, block);
+    const bool isOut = isFast ? (fast & kOut) != 0 : slot != kNotFound;
+    // Read before the purge, which may move table entries.
+    const size_t requested = !isOut   ? 0
+                             : isFast ? state->fastRequested.load(std::memory_order_relaxed)
+                                      : state->outstanding.slots[slot].requestedSize;
     Pool *pool = state->pool;
     if (!pool || !pool->freeList) {
-        tableRemove(state->outstanding, slot);
+        if (!isOut) return;
+        tableRemove(state->outstanding, tableFind(state->outstanding, block));
         std::free(block);
         if (isFast) fast = 0;
         return;
@@ -345,9 +349,8 @@ void deallocateLocked(State *state, void *block, uint64_t &fast) noexcept {
     if (SVMemoryPoolFastIsCached(fast) &&
         isAged(state->fastReleaseTime.load(std::memory_order_relaxed), now, pool->ageOutPeriod))
         dropFast(state, fast);
+    if (!isOut) return;
 
-    const size_t requested =
-        isFast ? state->fastRequested.load(std::memory_order_relaxed) : state->outstanding.slots[slot].requestedSize;
     const size_t rounded = roundToPages(requested);
     if (isFast && list.count == 0) {
         state->fastReleaseTime.store(now, std::memory_order_relaxed);

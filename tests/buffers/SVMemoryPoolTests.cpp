@@ -204,6 +204,10 @@ TEST(SVMemoryPool, StaleBlocksAgeOutLazily) {
     pool.deallocate(b);
     EXPECT_EQ(pool.cached(), 1u) << "the deallocation purged the stale entry";
     EXPECT_EQ(pool.cachedBlocks(), std::vector<void *>{b});
+    std::this_thread::sleep_for(stale);
+    char foreign[16];
+    pool.deallocate(foreign);
+    EXPECT_EQ(pool.cached(), 0u) << "a free that is ignored still purges";
 }
 
 TEST(SVMemoryPool, InvalidateStopsCachingForGood) {
