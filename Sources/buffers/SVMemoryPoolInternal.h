@@ -29,9 +29,10 @@ struct SVMemoryPoolFreeList {
     size_t capacity;
 };
 
-// Blocks handed out and not yet given back: block address -> the size the
-// client asked for.  Open addressing with linear probing; `capacity` is a
-// power of two (or 0 before the first insertion) and at most half full.
+// Blocks handed out and not yet given back, plus the fast block while it is
+// cached (below): block address -> the size the client asked for.  Open
+// addressing with linear probing; `capacity` is a power of two (or 0 before
+// the first insertion) and at most half full.
 struct SVMemoryPoolOutstandingSlot {
     void *block;  // NULL: empty slot
     size_t requestedSize;
@@ -48,13 +49,13 @@ struct OpaqueSVMemoryPool;
 // forth with a single atomic compare-and-swap each, without the mutex.  Its
 // word packs the block's address (page-aligned, below 2^48), its size in
 // pages (bits 48-63) and two flags in the low bits:
-//   0                      no fast block;
-//   block|pages            cached: the newest cached block, and the only
-//                          one (the free list is empty);
-//   block|pages|kOut       handed out; `fastRequested` is its requested size;
-//   block|pages|kOut|kSlow handed out, but its free must take the mutex
-//                          (the free list is not empty, so that free has
-//                          stale entries to age out, or the pool is gone).
+//   0                 no fast block;
+//   block|pages       cached: the newest cached block, and the only one
+//                     (the free list is empty);
+//   block|pages|Out   handed out; `fastRequested` is its requested size;
+//   ...|Out|Slow      handed out, but its free must take the mutex (the free
+//                     list is not empty, so that free has stale entries to
+//                     age out, or the pool is gone).
 // Only two transitions happen without the mutex: cached -> handed out (an
 // allocation of the same page count) and handed out -> cached (its free).
 // Whoever holds the mutex first exchanges the word for 0, which makes both
