@@ -8,6 +8,11 @@
 // allocator after the pool is gone; the pool's free list hangs off the pool
 // and goes away when the pool is invalidated.  One non-recursive mutex
 // guards both, and nothing calls back into client code while it is held.
+// The one exception is the fast block (SVMemoryPoolInternal.h): a single
+// cached block that an allocation and a free of its page count hand back
+// and forth with one compare-and-swap each.  It only replaces taking the
+// mutex for that pair; what is reused, aged out, flushed and logged is what
+// the locked paths alone would give.
 //
 // Aging is lazy: there is no timer.  Stale entries are purged when an
 // allocation consults the free list and on every deallocation.  An entry's
@@ -29,6 +34,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 #include "buffers/SVMemoryPoolInternal.h"
 #include "core/SVLog.h"
@@ -69,11 +75,16 @@ size_t pageSize() noexcept {
     return page;
 }
 
+// Page sizes are powers of two: rounding is a shift rather than a division.
+unsigned pageShift() noexcept {
+    static const unsigned shift = static_cast<unsigned>(__builtin_ctzll(pageSize()));
+    return shift;
+}
+
 // `size` rounded up to whole pages; 0 below 1.
 size_t roundToPages(size_t size) noexcept {
     if (size < 1) return 0;
-    const size_t page = pageSize();
-    return page + (size - 1) - ((size - 1) % page);
+    return (((size - 1) >> pageShift()) + 1) << pageShift();
 }
 
 // The monotonic counter at the kernel's tick (a few milliseconds): ages are
@@ -85,8 +96,8 @@ uint64_t hostTimeNow() noexcept {
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
-bool isAged(const CachedBlock &entry, uint64_t now, double period) noexcept {
-    return static_cast<double>(now - entry.releaseTime) / 1e9 >= period;
+bool isAged(uint64_t releaseTime, uint64_t now, double period) noexcept {
+    return static_cast<double>(now - releaseTime) / 1e9 >= period;
 }
 
 // ---- Blocks out --------------------------------------------------------
@@ -170,37 +181,96 @@ void freeListErase(FreeList &list, size_t first, size_t count) noexcept {
 // The number of leading entries old enough to age out.
 size_t agedPrefix(const FreeList &list, uint64_t now, double period) noexcept {
     size_t aged = 0;
-    while (aged < list.count && isAged(list.entries[aged], now, period)) aged++;
+    while (aged < list.count && isAged(list.entries[aged].releaseTime, now, period)) aged++;
     return aged;
 }
 
-void flushLocked(FreeList &list) noexcept {
-    for (size_t i = 0; i < list.count; i++) std::free(list.entries[i].block);
-    list.count = 0;
+// ---- The fast block -----------------------------------------------------
+
+constexpr uint64_t kOut = kSVMemoryPoolFastOut;
+constexpr uint64_t kSlow = kSVMemoryPoolFastSlow;
+
+uint64_t fastPages(uint64_t word) noexcept {
+    return word >> kSVMemoryPoolFastPagesShift;
+}
+
+// The fast word of a cached `block` of `rounded` bytes, or 0 when the block
+// cannot be packed into one (an address above 2^48, or 2^16 pages or more).
+uint64_t fastWord(void *block, size_t rounded) noexcept {
+    const uint64_t address = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(block));
+    const uint64_t pages = static_cast<uint64_t>(rounded >> pageShift());
+    if (address & ~kSVMemoryPoolFastBlockMask || pages >= (uint64_t(1) << (64 - kSVMemoryPoolFastPagesShift))) return 0;
+    return address | pages << kSVMemoryPoolFastPagesShift;
+}
+
+// Takes the fast block's word for the length of a locked section (see
+// SVMemoryPoolInternal.h): from now until publishFast, the lock-free paths
+// find 0 and wait on the mutex instead.
+uint64_t takeFast(State *state) noexcept {
+    return state->fast.exchange(0, std::memory_order_acq_rel);
+}
+
+// Ends a locked section.  A handed-out fast block may be freed without the
+// mutex only while the free list is empty and the pool is live.
+void publishFast(State *state, uint64_t word) noexcept {
+    if (word & kOut) {
+        const bool slow = !state->pool || !state->pool->freeList || state->pool->freeList->count != 0;
+        word = slow ? word | kSlow : word & ~kSlow;
+    }
+    state->fast.store(word, std::memory_order_release);
+}
+
+// Gives the cached fast block back to the system.
+void dropFast(State *state, uint64_t &word) noexcept {
+    void *block = SVMemoryPoolFastBlock(word);
+    const size_t slot = tableFind(state->outstanding, block);
+    if (slot != kNotFound) tableRemove(state->outstanding, slot);
+    std::free(block);
+    word = 0;
+}
+
+// Gives every cached block back to the system, the fast one included.
+void flushLocked(State *state, uint64_t &fast) noexcept {
+    if (FreeList *list = state->pool ? state->pool->freeList : nullptr) {
+        for (size_t i = 0; i < list->count; i++) std::free(list->entries[i].block);
+        list->count = 0;
+    }
+    if (SVMemoryPoolFastIsCached(fast)) dropFast(state, fast);
 }
 
 // Stops caching for good; the allocator from now on allocates and frees
 // directly.  Nothing happens the second time.
-void invalidateLocked(Pool *pool) noexcept {
+void invalidateLocked(Pool *pool, uint64_t &fast) noexcept {
+    State *state = pool->state;
+    if (state->pool) flushLocked(state, fast);
     if (FreeList *list = pool->freeList) {
-        flushLocked(*list);
         std::free(list->entries);
         std::free(list);
         pool->freeList = nullptr;
     }
-    pool->state->pool = nullptr;
+    state->pool = nullptr;
 }
 
-// ---- The allocator (callers hold the lock) --------------------------------
+// ---- The allocator (callers hold the lock and the fast word) ----------------
 
 // Takes the newest cached block of `rounded` bytes out of the free list, or
 // returns NULL; every other entry that has aged out is given back to the
 // system on the way, while a stale block of exactly the wanted size is still
-// reused.
-void *takeCachedBlock(State *state, size_t rounded) noexcept {
+// reused.  A cached fast block is the newest entry of all.
+void *takeCachedBlock(State *state, size_t rounded, uint64_t &fast, bool &tookFast) noexcept {
     Pool *pool = state->pool;
-    if (!pool || !pool->freeList || pool->freeList->count == 0) return nullptr;
+    if (!pool || !pool->freeList) return nullptr;
     FreeList &list = *pool->freeList;
+    const bool fastCached = SVMemoryPoolFastIsCached(fast);
+    if (list.count == 0 && !fastCached) return nullptr;
+
+    if (fastCached && fastPages(fast) * pageSize() == rounded) {
+        // The fast block is the one reused; the list (empty while a block
+        // is cached as the fast one) has nothing to age out.
+        fast |= kOut;
+        tookFast = true;
+        return SVMemoryPoolFastBlock(fast);
+    }
 
     size_t found = kNotFound;
     for (size_t i = list.count; i-- > 0;) {
@@ -211,8 +281,16 @@ void *takeCachedBlock(State *state, size_t rounded) noexcept {
     }
     // The clock is read only when some entry besides the one reused might
     // have to go.
-    size_t aged = 0;
-    if (list.count > (found == kNotFound ? 0u : 1u)) aged = agedPrefix(list, hostTimeNow(), pool->ageOutPeriod);
+    const size_t others = list.count + (fastCached ? 1u : 0u) - (found == kNotFound ? 0u : 1u);
+    if (others == 0) {
+        void *block = list.entries[found].block;
+        freeListErase(list, found, 1);
+        return block;
+    }
+    const uint64_t now = hostTimeNow();
+    if (fastCached && isAged(state->fastReleaseTime.load(std::memory_order_relaxed), now, pool->ageOutPeriod))
+        dropFast(state, fast);
+    const size_t aged = agedPrefix(list, now, pool->ageOutPeriod);
 
     void *block = found == kNotFound ? nullptr : list.entries[found].block;
     for (size_t i = 0; i < aged; i++)
@@ -222,26 +300,45 @@ void *takeCachedBlock(State *state, size_t rounded) noexcept {
     return block;
 }
 
-void *allocateLocked(State *state, size_t size) noexcept {
+void *allocateLocked(State *state, size_t size, uint64_t &fast) noexcept {
     const size_t rounded = roundToPages(size);
-    void *block = takeCachedBlock(state, rounded);
+    bool tookFast = false;
+    void *block = takeCachedBlock(state, rounded, fast, tookFast);
+    if (tookFast) {
+        // The fast block itself: it never left the table.
+        state->fastRequested.store(size, std::memory_order_relaxed);
+        return block;
+    }
     if (!block && posix_memalign(&block, pageSize(), rounded) != 0) return nullptr;
     if (!tableInsert(state->outstanding, block, size)) {
         std::free(block);
         return nullptr;
     }
+    // With no fast block yet, this one becomes it, so that its free and the
+    // allocations after it can skip the mutex.
+    if (fast == 0 && state->pool && (fast = fastWord(block, rounded)) != 0) {
+        fast |= kOut;
+        state->fastRequested.store(size, std::memory_order_relaxed);
+    }
     return block;
 }
 
-void deallocateLocked(State *state, void *block) noexcept {
-    const size_t slot = tableFind(state->outstanding, block);
+void deallocateLocked(State *state, void *block, uint64_t &fast) noexcept {
+    const bool isFast = fast != 0 && SVMemoryPoolFastBlock(fast) == block;
+    // A cached block freed again is left alone, as is a block this
+    // allocator did not hand out: freeing it would corrupt the heap.
+    const size_t slot = isFast ? kNotFound : tableFind(state->outstanding, block);
+    const bool isOut = isFast ? (fast & kOut) != 0 : slot != kNotFound;
+    // Read before the purge, which may move table entries.
+    const size_t requested = !isOut   ? 0
+                             : isFast ? state->fastRequested.load(std::memory_order_relaxed)
+                                      : state->outstanding.slots[slot].requestedSize;
     Pool *pool = state->pool;
     if (!pool || !pool->freeList) {
-        // A block this allocator did not hand out (or already took back) is
-        // left alone: freeing it would corrupt the heap.
-        if (slot == kNotFound) return;
-        tableRemove(state->outstanding, slot);
+        if (!isOut) return;
+        tableRemove(state->outstanding, tableFind(state->outstanding, block));
         std::free(block);
+        if (isFast) fast = 0;
         return;
     }
     FreeList &list = *pool->freeList;
@@ -249,51 +346,120 @@ void deallocateLocked(State *state, void *block) noexcept {
     const size_t aged = agedPrefix(list, now, pool->ageOutPeriod);
     for (size_t i = 0; i < aged; i++) std::free(list.entries[i].block);
     freeListErase(list, 0, aged);
+    if (SVMemoryPoolFastIsCached(fast) &&
+        isAged(state->fastReleaseTime.load(std::memory_order_relaxed), now, pool->ageOutPeriod))
+        dropFast(state, fast);
+    if (!isOut) return;
 
-    if (slot == kNotFound) return;
-    const size_t rounded = roundToPages(state->outstanding.slots[slot].requestedSize);
+    const size_t rounded = roundToPages(requested);
+    if (isFast && list.count == 0) {
+        state->fastReleaseTime.store(now, std::memory_order_relaxed);
+        fast &= ~(kOut | kSlow);
+        return;
+    }
+    if (SVMemoryPoolFastIsCached(fast)) {
+        // The cached fast block is older than this one: it joins the list
+        // first, as an ordinary entry.
+        void *cached = SVMemoryPoolFastBlock(fast);
+        const CachedBlock entry = {fastPages(fast) * pageSize(), state->fastReleaseTime.load(std::memory_order_relaxed),
+                                   cached};
+        tableRemove(state->outstanding, tableFind(state->outstanding, cached));
+        if (!freeListAppend(list, entry)) std::free(cached);
+        fast = 0;
+    } else if (isFast) {
+        fast = 0;
+    } else if (fast == 0 && list.count == 0 && (fast = fastWord(block, rounded)) != 0) {
+        // The only cached block: it becomes the fast one, staying in the
+        // table.
+        state->fastReleaseTime.store(now, std::memory_order_relaxed);
+        return;
+    }
     // Should the list be unable to grow, the block goes straight back to
     // the system instead.
     if (!freeListAppend(list, {rounded, now, block})) std::free(block);
-    tableRemove(state->outstanding, slot);
+    tableRemove(state->outstanding, tableFind(state->outstanding, block));
 }
 
+// The locked paths, kept out of line so that the lock-free ones save and
+// restore no registers.
+[[gnu::noinline]] void *allocateSlowly(State *state, size_t size) noexcept {
+    sorvel::SVMutexGuard locked(state->lock);
+    uint64_t fast = takeFast(state);
+    void *block = allocateLocked(state, size, fast);
+    publishFast(state, fast);
+    return block;
+}
+
+[[gnu::noinline]] void deallocateSlowly(State *state, void *block) noexcept {
+    sorvel::SVMutexGuard locked(state->lock);
+    uint64_t fast = takeFast(state);
+    deallocateLocked(state, block, fast);
+    publishFast(state, fast);
+}
+
+// The lock-free paths.  An allocation of the cached fast block's page count
+// takes it with one compare-and-swap; the free of the handed-out fast block
+// gives it back with one more and a read of the clock.  Every other case
+// takes the mutex.  The results are those of the locked paths: while the
+// fast block is cached the free list is empty, so there is nothing else to
+// reuse or to age out.
 void *poolAllocate(CFIndex size, CFOptionFlags hint, void *info) noexcept {
     if (size < 1) return nullptr;
     auto *state = static_cast<State *>(info);
-    sorvel::SVMutexGuard locked(state->lock);
-    return allocateLocked(state, static_cast<size_t>(size));
+    const uint64_t pages = ((static_cast<uint64_t>(size) - 1) >> state->pageShift) + 1;
+    uint64_t word = state->fast.load(std::memory_order_relaxed);
+    if (!(word & (kOut | kSlow)) && fastPages(word) == pages &&
+        state->fast.compare_exchange_strong(word, word | kOut, std::memory_order_acquire, std::memory_order_relaxed)) {
+        state->fastRequested.store(static_cast<size_t>(size), std::memory_order_relaxed);
+        return SVMemoryPoolFastBlock(word);
+    }
+    return allocateSlowly(state, static_cast<size_t>(size));
+}
+
+void poolDeallocate(void *block, void *info) noexcept {
+    if (!block) return;
+    auto *state = static_cast<State *>(info);
+    uint64_t word = state->fast.load(std::memory_order_relaxed);
+    if ((word & (kOut | kSlow)) == kOut && SVMemoryPoolFastBlock(word) == block) {
+        state->fastReleaseTime.store(hostTimeNow(), std::memory_order_relaxed);
+        if (state->fast.compare_exchange_strong(word, word & ~kOut, std::memory_order_release,
+                                                std::memory_order_relaxed))
+            return;
+    }
+    deallocateSlowly(state, block);
 }
 
 void *poolReallocate(void *block, CFIndex newSize, CFOptionFlags hint, void *info) noexcept {
     if (!block || newSize < 1) return nullptr;
     auto *state = static_cast<State *>(info);
     sorvel::SVMutexGuard locked(state->lock);
-    const size_t slot = tableFind(state->outstanding, block);
-    if (slot == kNotFound) return nullptr;
-    const size_t recorded = state->outstanding.slots[slot].requestedSize;
-    const size_t wanted = static_cast<size_t>(newSize);
-    if (roundToPages(recorded) == roundToPages(wanted)) {
-        state->outstanding.slots[slot].requestedSize = wanted;
-        return block;
+    uint64_t fast = takeFast(state);
+    void *result = nullptr;
+    const bool isFast = fast != 0 && SVMemoryPoolFastBlock(fast) == block;
+    const size_t slot = isFast ? kNotFound : tableFind(state->outstanding, block);
+    if ((isFast && (fast & kOut)) || slot != kNotFound) {
+        const size_t recorded = isFast ? state->fastRequested.load(std::memory_order_relaxed)
+                                       : state->outstanding.slots[slot].requestedSize;
+        const size_t wanted = static_cast<size_t>(newSize);
+        if (roundToPages(recorded) == roundToPages(wanted)) {
+            if (isFast)
+                state->fastRequested.store(wanted, std::memory_order_relaxed);
+            else
+                state->outstanding.slots[slot].requestedSize = wanted;
+            result = block;
+        } else if ((result = allocateLocked(state, wanted, fast)) != nullptr) {
+            std::memcpy(result, block, recorded < wanted ? recorded : wanted);
+            deallocateLocked(state, block, fast);
+        }
     }
-    void *moved = allocateLocked(state, wanted);
-    if (!moved) return nullptr;
-    std::memcpy(moved, block, recorded < wanted ? recorded : wanted);
-    deallocateLocked(state, block);
-    return moved;
-}
-
-void poolDeallocate(void *block, void *info) noexcept {
-    if (!block) return;
-    auto *state = static_cast<State *>(info);
-    sorvel::SVMutexGuard locked(state->lock);
-    deallocateLocked(state, block);
+    publishFast(state, fast);
+    return result;
 }
 
 void destroyState(State *state) noexcept {
     std::free(state->outstanding.slots);
     XPMutexFree(state->lock);
+    state->~State();
     std::free(state);
 }
 
@@ -302,7 +468,9 @@ void poolFinalize(CFTypeRef cf) noexcept {
     if (!pool->state) return;  // half-built: nothing was shared yet
     {
         sorvel::SVMutexGuard locked(pool->state->lock);
-        invalidateLocked(pool);
+        uint64_t fast = takeFast(pool->state);
+        invalidateLocked(pool, fast);
+        publishFast(pool->state, fast);
     }
     // The allocator, and with it the shared state, lives on while clients
     // still hold it.
@@ -324,7 +492,8 @@ void _SVMemoryPoolAllocatorRelease(const void *info) noexcept {
     size_t leaked;
     {
         sorvel::SVMutexGuard locked(state->lock);
-        leaked = state->outstanding.count;
+        // A cached fast block is still in the table, but it is not out.
+        leaked = state->outstanding.count - (SVMemoryPoolFastIsCached(state->fast.load()) ? 1u : 0u);
     }
     // Logged after unlocking: the allocator is unreachable by now, and a log
     // sink is client code.
@@ -340,10 +509,13 @@ SVMemoryPoolRef SVMemoryPoolCreate(CFDictionaryRef options) noexcept {
     sorvel::SVRetained<SVMemoryPoolRef> pool(gSVMemoryPoolClass.create(kCFAllocatorDefault));
     if (!pool) return nullptr;
 
-    auto *state = static_cast<State *>(std::calloc(1, sizeof(State)));
-    if (!state) return nullptr;
+    void *memory = nullptr;
+    if (posix_memalign(&memory, alignof(State), sizeof(State)) != 0) return nullptr;
+    auto *state = new (memory) State;
+    state->pageShift = pageShift();
     state->lock = XPMutexCreateNR();
     if (!state->lock) {
+        state->~State();
         std::free(state);
         return nullptr;
     }
@@ -380,13 +552,17 @@ CFAllocatorRef SVMemoryPoolGetAllocator(SVMemoryPoolRef pool) noexcept {
 void SVMemoryPoolFlush(SVMemoryPoolRef pool) noexcept {
     if (!gSVMemoryPoolClass.checked(pool) || !pool->state) return;
     sorvel::SVMutexGuard locked(pool->state->lock);
-    if (pool->freeList) flushLocked(*pool->freeList);
+    uint64_t fast = takeFast(pool->state);
+    flushLocked(pool->state, fast);
+    publishFast(pool->state, fast);
 }
 
 void SVMemoryPoolInvalidate(SVMemoryPoolRef pool) noexcept {
     if (!gSVMemoryPoolClass.checked(pool) || !pool->state) return;
     sorvel::SVMutexGuard locked(pool->state->lock);
-    invalidateLocked(pool);
+    uint64_t fast = takeFast(pool->state);
+    invalidateLocked(pool, fast);
+    publishFast(pool->state, fast);
 }
 
 }  // extern "C"

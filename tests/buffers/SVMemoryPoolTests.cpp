@@ -21,6 +21,12 @@ namespace {
 
 CFDictionaryRef periodOptions(CFNumberType type, const void *value);
 
+// Blocks handed out and not given back (a cached fast block stays in the
+// table).
+size_t outstanding(SVMemoryPoolAllocatorState *state) {
+    return state->outstanding.count - (SVMemoryPoolFastIsCached(state->fast.load()) ? 1u : 0u);
+}
+
 struct Pool {
     SVMemoryPoolRef ref;
     explicit Pool(CFDictionaryRef options = nullptr) : ref(SVMemoryPoolCreate(options)) { EXPECT_NE(ref, nullptr); }
@@ -36,7 +42,18 @@ struct Pool {
         if (ref) CFRelease(ref);
     }
     CFAllocatorRef allocator() const { return SVMemoryPoolGetAllocator(ref); }
-    size_t cached() const { return ref->freeList ? ref->freeList->count : 0; }
+    // Cached blocks, oldest first: the free list, then the fast block when
+    // it is cached.
+    std::vector<void *> cachedBlocks() const {
+        std::vector<void *> blocks;
+        for (size_t i = 0; ref->freeList && i < ref->freeList->count; i++)
+            blocks.push_back(ref->freeList->entries[i].block);
+        const uint64_t fast = ref->state->fast.load();
+        if (SVMemoryPoolFastIsCached(fast)) blocks.push_back(SVMemoryPoolFastBlock(fast));
+        return blocks;
+    }
+    size_t cached() const { return cachedBlocks().size(); }
+    size_t out() const { return outstanding(ref->state); }
     void *allocate(CFIndex size) const { return CFAllocatorAllocate(allocator(), size, 0); }
     void deallocate(void *block) const { CFAllocatorDeallocate(allocator(), block); }
 };
@@ -92,6 +109,32 @@ TEST(SVMemoryPool, ReusesBlocksOfTheSamePageRoundedSize) {
     EXPECT_EQ(pool.cached(), 1u);
     for (void *block : {again, older}) pool.deallocate(block);
     EXPECT_EQ(pool.allocate(0), nullptr);
+    SVMemoryPoolFlush(pool.ref);
+    EXPECT_EQ(pool.cached(), 0u);
+}
+
+// The block that allocations and frees hand back and forth without the
+// mutex follows the same rules: reused only for its own page count, and
+// older than every block freed after it.
+TEST(SVMemoryPool, FastBlockKeepsSizeAndOrder) {
+    Pool pool(60.0);
+    void *a = pool.allocate(static_cast<CFIndex>(kPage));
+    pool.deallocate(a);
+    EXPECT_EQ(pool.cachedBlocks(), std::vector<void *>{a});
+    void *b = pool.allocate(static_cast<CFIndex>(2 * kPage));
+    EXPECT_NE(b, a) << "a cached block of another page count is not reused";
+    void *c = pool.allocate(static_cast<CFIndex>(kPage) + 1);
+    EXPECT_NE(c, a);
+    pool.deallocate(b);
+    pool.deallocate(c);
+    EXPECT_EQ(pool.cachedBlocks(), (std::vector<void *>{a, b, c}));
+    EXPECT_EQ(pool.allocate(1), a);
+    EXPECT_EQ(pool.allocate(static_cast<CFIndex>(2 * kPage) - 1), c) << "the newest of the page count wins";
+    EXPECT_EQ(pool.allocate(static_cast<CFIndex>(2 * kPage)), b);
+    EXPECT_EQ(pool.out(), 3u);
+    for (void *block : {a, b, c}) pool.deallocate(block);
+    EXPECT_EQ(pool.out(), 0u);
+    EXPECT_EQ(pool.cached(), 3u);
     SVMemoryPoolFlush(pool.ref);
     EXPECT_EQ(pool.cached(), 0u);
 }
@@ -160,7 +203,11 @@ TEST(SVMemoryPool, StaleBlocksAgeOutLazily) {
     std::this_thread::sleep_for(stale);
     pool.deallocate(b);
     EXPECT_EQ(pool.cached(), 1u) << "the deallocation purged the stale entry";
-    EXPECT_EQ(pool.ref->freeList->entries[0].block, b);
+    EXPECT_EQ(pool.cachedBlocks(), std::vector<void *>{b});
+    std::this_thread::sleep_for(stale);
+    char foreign[16];
+    pool.deallocate(foreign);
+    EXPECT_EQ(pool.cached(), 0u) << "a free that is ignored still purges";
 }
 
 TEST(SVMemoryPool, InvalidateStopsCachingForGood) {
@@ -177,7 +224,7 @@ TEST(SVMemoryPool, InvalidateStopsCachingForGood) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(fresh) % kPage, 0u);
     pool.deallocate(fresh);
     pool.deallocate(kept);
-    EXPECT_EQ(pool.ref->state->outstanding.count, 0u);
+    EXPECT_EQ(pool.out(), 0u);
 }
 
 // Blocks the allocator did not hand out, or already took back, are left
@@ -256,7 +303,7 @@ TEST(SVMemoryPool, AllocatorHammeredFromTwoThreads) {
     for (int t = 0; t < kThreads; t++) threads.emplace_back(worker, t);
     for (auto &thread : threads) thread.join();
     EXPECT_EQ(corrupt, 0);
-    EXPECT_EQ(pool.ref->state->outstanding.count, 0u);
+    EXPECT_EQ(pool.out(), 0u);
 }
 
 }  // namespace
