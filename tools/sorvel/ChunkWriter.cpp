@@ -27,15 +27,15 @@ ChunkWriter::Chunk *ChunkWriter::takeFreeChunk() {
     std::lock_guard<std::mutex> guard(freeLock_);
     Chunk *chunk = freeChunks_.back();
     freeChunks_.pop_back();
-    chunk->bytes.clear();
+    chunk->size = 0;
     return chunk;
 }
 
 void ChunkWriter::writeChunk(void *context) {
     Chunk *chunk = static_cast<Chunk *>(context);
     ChunkWriter *writer = chunk->writer;
-    const uint8_t *at = chunk->bytes.data();
-    size_t left = chunk->bytes.size();
+    const uint8_t *at = chunk->bytes.get();
+    size_t left = chunk->size;
     while (left > 0 && writer->error_.load(std::memory_order_relaxed) == 0) {
         const ssize_t written = write(writer->fd_, at, left);
         if (written < 0) {
@@ -57,7 +57,7 @@ void ChunkWriter::submit() {
     Chunk *chunk = current_;
     current_ = nullptr;
     if (!chunk) return;
-    if (chunk->bytes.empty()) {
+    if (chunk->size == 0) {
         std::lock_guard<std::mutex> guard(freeLock_);
         freeChunks_.push_back(chunk);
         dispatch_semaphore_signal(free_);
@@ -67,22 +67,21 @@ void ChunkWriter::submit() {
 }
 
 uint8_t *ChunkWriter::reserve(size_t size) {
-    if (current_ && !current_->bytes.empty() && current_->bytes.size() + size > kChunkBytes) submit();
-    if (!current_) {
-        current_ = takeFreeChunk();
-        // Reserved once, so that most chunks never move.
-        try {
-            current_->bytes.reserve(kChunkBytes);
-        } catch (const std::bad_alloc &) {
-        }
+    if (current_ && current_->size != 0 && current_->size + size > kChunkBytes) submit();
+    if (!current_) current_ = takeFreeChunk();
+    Chunk &chunk = *current_;
+    if (size > chunk.capacity - chunk.size) {
+        // Only an empty chunk gets here (one holding bytes was submitted
+        // above unless the new ones fit), so there is nothing to keep.
+        const size_t capacity = size > kChunkBytes ? size : kChunkBytes;
+        std::unique_ptr<uint8_t[]> bytes(new (std::nothrow) uint8_t[capacity]);
+        if (!bytes) return nullptr;
+        chunk.bytes = std::move(bytes);
+        chunk.capacity = capacity;
     }
-    const size_t base = current_->bytes.size();
-    try {
-        current_->bytes.resize(base + size);
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
-    return current_->bytes.data() + base;
+    uint8_t *room = chunk.bytes.get() + chunk.size;
+    chunk.size += size;
+    return room;
 }
 
 int ChunkWriter::finish() {

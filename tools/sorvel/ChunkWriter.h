@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -45,9 +46,11 @@ public:
     static constexpr size_t kChunks = 3;
 
 private:
+    // Bytes not zeroed when reserved: the conversion writes every one.
     struct Chunk {
         ChunkWriter *writer;
-        std::vector<uint8_t> bytes;
+        std::unique_ptr<uint8_t[]> bytes;
+        size_t size = 0, capacity = 0;
     };
     static void writeChunk(void *context);
     void submit();
