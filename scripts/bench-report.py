@@ -116,6 +116,11 @@ FLOORS = {
         ("1000 memcpy calls of one 1 KB piece each", "re:^BM_Floor_CopyPieceByPiece/(?!16384$)\\d+$",
          "the buffer holds 1000 pieces and copies each; GstBuffer merges more than 16 memories into one "
          "when they are appended, so its copy runs over a few large blocks"),
+    "block buffer copy out, 16 KB of several pieces":
+        ("17 memcpy calls of 1 KB pieces", "BM_Floor_CopyPieceByPiece/16384",
+         "the copy starts with a binary search for the first of the buffer's 1000 pieces and copies 17 of "
+         "them one by one; GstBuffer merges more than 16 memories into one when they are appended, so its "
+         "copy runs over a few large blocks"),
     "retain+release pair, uncontended":
         ("two atomic read-modify-writes, inlined", "BM_Floor_TwoAtomicRMW",
          "a count shared between threads needs two atomic operations; ours adds two calls across the library "
