@@ -9,7 +9,6 @@
  * `sorvel probe` and `sorvel annexb` do this and their own work besides, so
  * a goal below these times cannot be met by anything built on libavformat. */
 #include <libavformat/avformat.h>
-
 #include <stdio.h>
 #include <string.h>
 
