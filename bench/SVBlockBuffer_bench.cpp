@@ -7,6 +7,10 @@
 // gst_memory_new_wrapped without a notify), so only the containers are
 // measured.  A GstBuffer holds at most a handful of memories and merges
 // (copies) them when more are appended; a block buffer keeps every piece.
+// The pieces are consecutive slices of one arena, as a demuxer's samples
+// are of its read buffer, and a block buffer copies slices that lie end to
+// end with one memmove.  BM_SVBlockBuffer_CopyApart copies pieces that lie
+// apart instead, one memmove each.
 //
 //   build/bench/SVBlockBuffer_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
@@ -29,11 +33,14 @@ constexpr size_t kTotal = kPieces * kPieceSize;
 constexpr size_t kAccessLength = 64;
 constexpr size_t kCopyLength = 16 * 1024;
 
-// Piece storage shared by every benchmark.
+// Room between the pieces of the buffer whose pieces lie apart.
+constexpr size_t kGap = 64;
+
+// Piece storage shared by every benchmark (room enough for pieces apart).
 std::vector<char> &arena() {
     static std::vector<char> bytes = [] {
-        std::vector<char> v(kTotal);
-        for (size_t i = 0; i < kTotal; i++) v[i] = static_cast<char>(i * 31);
+        std::vector<char> v(kPieces * (kPieceSize + kGap));
+        for (size_t i = 0; i < v.size(); i++) v[i] = static_cast<char>(i * 31);
         return v;
     }();
     return bytes;
@@ -54,12 +61,13 @@ const std::vector<size_t> &accessOffsets() {
     return offsets;
 }
 
-SVBlockBufferRef makeBlockBuffer() {
+// `gap` bytes between consecutive pieces in the arena.
+SVBlockBufferRef makeBlockBuffer(size_t gap = 0) {
     SVBlockBufferRef buffer = nullptr;
     SVBlockBufferCreateEmpty(nullptr, 0, 0, &buffer);
     for (size_t i = 0; i < kPieces; i++)
-        SVBlockBufferAppendMemoryBlock(buffer, arena().data() + i * kPieceSize, kPieceSize, kCFAllocatorNull, nullptr,
-                                       0, kPieceSize, 0);
+        SVBlockBufferAppendMemoryBlock(buffer, arena().data() + i * (kPieceSize + gap), kPieceSize, kCFAllocatorNull,
+                                       nullptr, 0, kPieceSize, 0);
     return buffer;
 }
 
@@ -99,6 +107,19 @@ void BM_SVBlockBuffer_Copy(benchmark::State &state) {
     CFRelease(buffer);
 }
 BENCHMARK(BM_SVBlockBuffer_Copy)->Arg(kCopyLength)->Arg(kTotal);
+
+void BM_SVBlockBuffer_CopyApart(benchmark::State &state) {
+    SVBlockBufferRef buffer = makeBlockBuffer(kGap);
+    const size_t length = static_cast<size_t>(state.range(0));
+    std::vector<char> destination(length);
+    for (auto _ : state) {
+        SVBlockBufferCopyDataBytes(buffer, (kTotal - length) / 2, length, destination.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * length));
+    CFRelease(buffer);
+}
+BENCHMARK(BM_SVBlockBuffer_CopyApart)->Arg(kCopyLength)->Arg(kTotal);
 
 // The floor of a copy out of many pieces: one memcpy per 1 KB piece from
 // the same arena, with nothing else.  (GstBuffer keeps at most 16 memories

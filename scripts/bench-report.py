@@ -66,6 +66,12 @@ HOT_PATHS = [
      [("GstBuffer extract", "re:^BM_GstBuffer_Copy/(?!16384$)\\d+$")], "time", 1.05),
     ("block buffer copy out, 16 KB of several pieces", "SVBlockBuffer_bench", "BM_SVBlockBuffer_Copy/16384",
      [("GstBuffer extract", "BM_GstBuffer_Copy/16384")], "time", 1.05),
+    # The same with the pieces apart in memory, so that none can be merged.
+    ("block buffer copy out, 1 MB of pieces apart", "SVBlockBuffer_bench",
+     "re:^BM_SVBlockBuffer_CopyApart/(?!16384$)\\d+$",
+     [("GstBuffer extract", "re:^BM_GstBuffer_Copy/(?!16384$)\\d+$")], "time", 1.05),
+    ("block buffer copy out, 16 KB of pieces apart", "SVBlockBuffer_bench", "BM_SVBlockBuffer_CopyApart/16384",
+     [("GstBuffer extract", "BM_GstBuffer_Copy/16384")], "time", 1.05),
     ("retain+release pair, uncontended", "platform_bench", "BM_RetainRelease",
      [("std::shared_ptr copy", "BM_SharedPtrCopy"), ("gst_mini_object_ref/unref", "BM_GstMiniObjectRefUnref")],
      "best", 1.0),
@@ -114,13 +120,20 @@ FLOORS = {
          "reading the host clock is most of the call for ours and the peer alike"),
     "block buffer copy out, 1 MB of several pieces":
         ("1000 memcpy calls of one 1 KB piece each", "re:^BM_Floor_CopyPieceByPiece/(?!16384$)\\d+$",
-         "the buffer holds 1000 pieces and copies each; GstBuffer merges more than 16 memories into one "
-         "when they are appended, so its copy runs over a few large blocks"),
+         "the buffer holds 1000 pieces, end to end in memory, and copies them as one run; GstBuffer merges more "
+         "than 16 memories into one when they are appended"),
     "block buffer copy out, 16 KB of several pieces":
         ("17 memcpy calls of 1 KB pieces", "BM_Floor_CopyPieceByPiece/16384",
-         "the copy starts with a binary search for the first of the buffer's 1000 pieces and copies 17 of "
-         "them one by one; GstBuffer merges more than 16 memories into one when they are appended, so its "
-         "copy runs over a few large blocks"),
+         "the copy starts with a binary search for the first of the buffer's 1000 pieces; GstBuffer merges more "
+         "than 16 memories into one when they are appended"),
+    "block buffer copy out, 1 MB of pieces apart":
+        ("1000 memcpy calls of one 1 KB piece each", "re:^BM_Floor_CopyPieceByPiece/(?!16384$)\\d+$",
+         "pieces apart in memory are copied one by one; GstBuffer merges more than 16 memories into one when "
+         "they are appended (a copy paid at append time), so its copy runs over a few large blocks"),
+    "block buffer copy out, 16 KB of pieces apart":
+        ("17 memcpy calls of 1 KB pieces", "BM_Floor_CopyPieceByPiece/16384",
+         "pieces apart in memory are copied one by one, after a binary search for the first of 1000; "
+         "GstBuffer merges more than 16 memories into one when they are appended"),
     "retain+release pair, uncontended":
         ("two atomic read-modify-writes, inlined", "BM_Floor_TwoAtomicRMW",
          "a count shared between threads needs two atomic operations; ours adds two calls across the library "

@@ -216,14 +216,40 @@ OSStatus locate(const Buffer *buffer, size_t offset, size_t *runOut, char **poin
     }
 }
 
+// Consecutive runs that lie end to end in memory, as the slices of one
+// read do, are visited as one when the visit allows it (mergeable(run, n,
+// done)): one memmove instead of many.  The visit says no where merging
+// could change what it does (a copy whose other side overlaps the run).
+struct PendingRun {
+    char *bytes = nullptr;
+    size_t length = 0, done = 0;
+    template <typename Visit>
+    void flush(Visit &visit) noexcept {
+        if (length != 0) visit(bytes, length, done);
+        length = 0;
+    }
+    template <typename Visit>
+    void add(Visit &visit, char *run, size_t n, size_t runDone) noexcept {
+        if (length != 0 && bytes + length == run && visit.mergeable(bytes, length + n, done)) {
+            length += n;
+            return;
+        }
+        flush(visit);
+        bytes = run;
+        length = n;
+        done = runDone;
+    }
+};
+
 // Calls visit(bytes, n, done) for each contiguous run of an already checked
 // range, in order; `done` counts the bytes visited before.  A reached
 // memory piece without a block is kSVBlockBufferUnallocatedBlockErr, or,
 // with mayAllocate, allocates every missing block of the buffer being
-// walked first.
+// walked first.  The runs before it are visited either way.
 template <typename Visit>
 OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocate, size_t doneBefore,
                    Visit &visit) noexcept {
+    PendingRun pending;
     size_t done = 0;
     size_t start;
     bool first = true;
@@ -243,18 +269,23 @@ OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocat
         const size_t remaining = length - done;
         const size_t n = piece->dataLength - r < remaining ? piece->dataLength - r : remaining;
         if (piece->isReference) {
+            pending.flush(visit);
             OSStatus status = walkRange(static_cast<Buffer *>(const_cast<void *>(piece->allocatorOrBuffer)),
                                         piece->offsetToData + r, n, mayAllocate, doneBefore + done, visit);
             if (status != kSVBlockBufferNoErr) return status;
         } else {
             if (!piece->memoryBlock) {
+                pending.flush(visit);
                 if (!mayAllocate) return kSVBlockBufferUnallocatedBlockErr;
                 OSStatus status = SVBlockBufferAssureBlockMemory(buffer);
                 if (status != kSVBlockBufferNoErr) return status;
             }
-            visit(static_cast<char *>(piece->memoryBlock) + piece->offsetToData + r, n, doneBefore + done);
+            pending.add(visit, static_cast<char *>(piece->memoryBlock) + piece->offsetToData + r, n, doneBefore + done);
         }
-        if (n == remaining) return kSVBlockBufferNoErr;
+        if (n == remaining) {
+            pending.flush(visit);
+            return kSVBlockBufferNoErr;
+        }
         done += n;
     }
     // The range was checked against the data length, which is the sum of
@@ -280,13 +311,23 @@ OSStatus _SVBlockBufferCopyData(void *memory, SVBlockBufferRef buffer, size_t of
                                 SVBlockBufferCopyDirection direction, Boolean mayAllocate) noexcept {
     if (!memory || !gSVBlockBufferClass.checked(buffer)) return kSVBlockBufferBadPointerParameterErr;
     if (OSStatus status = checkRange(buffer, offset, length); status != kSVBlockBufferNoErr) return status;
-    char *bytes = static_cast<char *>(memory);
     // memmove: the caller's memory may lie inside the buffer's own blocks.
-    if (direction == kSVBlockBufferCopyIntoBuffer) {
-        auto visit = [bytes](char *run, size_t n, size_t done) { std::memmove(run, bytes + done, n); };
-        return walkRange(buffer, offset, length, mayAllocate, 0, visit);
-    }
-    auto visit = [bytes](char *run, size_t n, size_t done) { std::memmove(bytes + done, run, n); };
+    // Then runs are not merged, since one memmove over several runs could
+    // read bytes that copying them one by one had already overwritten.
+    struct Copy {
+        char *bytes;
+        bool in;
+        void operator()(char *run, size_t n, size_t done) const noexcept {
+            if (in)
+                std::memmove(run, bytes + done, n);
+            else
+                std::memmove(bytes + done, run, n);
+        }
+        bool mergeable(const char *run, size_t n, size_t done) const noexcept {
+            const char *other = bytes + done;
+            return other + n <= run || run + n <= other;
+        }
+    } visit{static_cast<char *>(memory), direction == kSVBlockBufferCopyIntoBuffer};
     return walkRange(buffer, offset, length, mayAllocate, 0, visit);
 }
 
@@ -477,7 +518,11 @@ OSStatus SVBlockBufferFillDataBytes(char fillByte, SVBlockBufferRef destinationB
     // One pass over the pieces fills the same runs, in the same order and up
     // to the same first unallocated block, as locating each run from the
     // head would; fill never allocates.
-    auto visit = [fillByte](char *run, size_t n, size_t) { std::memset(run, fillByte, n); };
+    struct Fill {
+        char byte;
+        void operator()(char *run, size_t n, size_t) const noexcept { std::memset(run, byte, n); }
+        bool mergeable(const char *, size_t, size_t) const noexcept { return true; }
+    } visit{fillByte};
     return walkRange(destinationBuffer, offsetIntoDestination, dataLength, false, 0, visit);
 }
 

@@ -596,6 +596,71 @@ TEST(SVBlockBuffer, ManyPiecesAreLocatedExactly) {
     }
 }
 
+// Slices that lie end to end in one arena (as a demuxer's samples do in
+// its read buffer) may be copied as one run; the bytes must come out as
+// copying them one by one gives, also when the other side of the copy lies
+// in the same arena, overlapping the slices.
+TEST(SVBlockBuffer, AdjacentSlicesCopyAsPieceByPiece) {
+    struct Case {
+        const char *name;
+        std::vector<size_t> slices;  // lengths, end to end from the arena's start
+        ptrdiff_t otherAt;           // where the caller's memory starts in the arena
+        bool in;                     // copy into the buffer (else out of it)
+    };
+    const Case cases[] = {
+        {"out, caller memory apart", {8, 8, 8, 8}, 64, false}, {"in, caller memory apart", {8, 8, 8, 8}, 64, true},
+        {"out, overlapping behind", {8, 8, 8, 8}, 4, false},   {"out, overlapping ahead", {8, 8, 8, 8}, -4, false},
+        {"in, overlapping behind", {8, 8, 8, 8}, 4, true},     {"in, overlapping ahead", {3, 5, 7, 17}, -4, true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<char> arena(128), expected(128);
+        for (size_t i = 0; i < arena.size(); i++) arena[i] = static_cast<char>('A' + i % 53);
+        const size_t base = 16;  // slices start here, so "ahead" stays inside the arena
+        Buf buffer;
+        ASSERT_EQ(SVBlockBufferCreateEmpty(nullptr, 0, 0, &buffer.ref), kOK);
+        size_t at = base, total = 0;
+        for (size_t length : c.slices) {
+            ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, arena.data() + at, length, kCFAllocatorNull, nullptr, 0,
+                                                     length, 0),
+                      kOK);
+            at += length;
+            total += length;
+        }
+        // The reference: one memmove per slice, in order.
+        expected = arena;
+        char *other = expected.data() + base + c.otherAt;
+        size_t done = 0, start = base;
+        for (size_t length : c.slices) {
+            if (c.in)
+                std::memmove(expected.data() + start, other + done, length);
+            else
+                std::memmove(other + done, expected.data() + start, length);
+            start += length;
+            done += length;
+        }
+        char *callerMemory = arena.data() + base + c.otherAt;
+        ASSERT_EQ(c.in ? SVBlockBufferReplaceDataBytes(callerMemory, buffer, 0, total)
+                       : SVBlockBufferCopyDataBytes(buffer, 0, total, callerMemory),
+                  kOK);
+        EXPECT_EQ(std::string(arena.begin(), arena.end()), std::string(expected.begin(), expected.end()));
+    }
+}
+
+// A fill over adjacent slices stops at the first unallocated block with
+// every run before it filled.
+TEST(SVBlockBuffer, FillOverAdjacentSlicesStopsAtAnUnallocatedBlock) {
+    std::vector<char> arena(16, '.');
+    Buf buffer;
+    ASSERT_EQ(SVBlockBufferCreateEmpty(nullptr, 0, 0, &buffer.ref), kOK);
+    for (int i = 0; i < 2; i++)
+        ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, arena.data() + 4 * i, 4, kCFAllocatorNull, nullptr, 0, 4, 0),
+                  kOK);
+    ASSERT_EQ(SVBlockBufferAppendMemoryBlock(buffer, nullptr, 4, nullptr, nullptr, 0, 4, 0), kOK);
+    EXPECT_EQ(SVBlockBufferFillDataBytes('x', buffer, 2, 9), kUnallocated);
+    EXPECT_EQ(std::string(arena.begin(), arena.end()), "..xxxxxx........");
+}
+
 using SVBlockBufferDeathTest = testing::Test;
 
 // The copy cannot run off the end of the list unless the buffer is
