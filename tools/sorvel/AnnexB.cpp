@@ -8,6 +8,7 @@
 // picture of every sample.  Samples read from Annex B sources already carry
 // their parameter sets and are written as they are.
 #include <Sorvel/SVNALUnit.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -85,7 +86,8 @@ int runAnnexB(const AnnexBOptions &options) {
                                                options.output.c_str(), options.output.c_str())});
     OutputFile output;
     if (!output.open(options.output, options.input, options.overwrite, error)) return reportError(error);
-    std::unique_ptr<MediaSource> source = MediaSource::open(options.input, error);
+    // The conversion reads the samples only: no stream analysis.
+    std::unique_ptr<MediaSource> source = MediaSource::open(options.input, error, true, false);
     if (!source) return reportError(error);
     const bool toStdout = output.isStandardOutput();
     // Written by a second thread while this one reads and converts; nothing
@@ -93,6 +95,10 @@ int runAnnexB(const AnnexBOptions &options) {
     // directly.
     FILE *out = output.stream();
     if (fflush(out) != 0) return reportError({kExitFailure, format("%s: %s", options.output.c_str(), strerror(errno))});
+    // The stream in Annex B takes about the bytes its samples took in the
+    // file, which is at most the file's size.
+    if (struct stat input; !options.input.empty() && stat(options.input.c_str(), &input) == 0)
+        output.preallocate(input.st_size);
     ChunkWriter writer(fileno(out));
     if (!writer.valid()) return reportError({kExitFailure, "cannot start the output thread"});
 

@@ -381,14 +381,15 @@ void markDependency(SVSampleBufferRef buffer, bool sync) {
 
 }  // namespace
 
-std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolError &error, bool videoRequired) {
+std::unique_ptr<MediaSource> MediaSource::open(const std::string &path, ToolError &error, bool videoRequired,
+                                               bool analyze) {
     static std::once_flag once;
     std::call_once(once, [] {
         av_log_set_level(AV_LOG_WARNING);
         av_log_set_callback(libraryLog);
     });
     std::unique_ptr<MediaSource> source(new MediaSource());
-    if (!source->openInput(path, error)) return nullptr;
+    if (!source->openInput(path, error, analyze)) return nullptr;
     ToolError videoError{kExitOK, ""};
     if (!source->describeVideo(videoError)) {
         if (videoRequired || videoError.code != kExitNoVideo) {
@@ -420,7 +421,22 @@ MediaSource::~MediaSource() {
     closeEmbeddedStreamIO(memory_io_);
 }
 
-bool MediaSource::openInput(const std::string &path, ToolError &error) {
+// The MP4 reader fills every stream's parameters from the sample
+// descriptions; a stream that lacks any of them still needs the analysis.
+bool MediaSource::headersSayEnough() const {
+    const AVInputFormat *format = format_context_->iformat;
+    if (!format || std::string(format->name).find("mp4") == std::string::npos) return false;
+    for (unsigned i = 0; i < format_context_->nb_streams; i++) {
+        const AVCodecParameters *p = format_context_->streams[i]->codecpar;
+        if (p->codec_id == AV_CODEC_ID_NONE) return false;
+        if (p->codec_type == AVMEDIA_TYPE_VIDEO && (p->width <= 0 || p->height <= 0 || p->extradata_size <= 0))
+            return false;
+        if (p->codec_type == AVMEDIA_TYPE_AUDIO && (p->sample_rate <= 0 || p->ch_layout.nb_channels <= 0)) return false;
+    }
+    return true;
+}
+
+bool MediaSource::openInput(const std::string &path, ToolError &error, bool analyze) {
     packet_ = av_packet_alloc();
     if (!packet_) {
         error = {kExitFailure, "out of memory"};
@@ -465,6 +481,7 @@ bool MediaSource::openInput(const std::string &path, ToolError &error) {
                      : format("%s: not a media file that can be read: %s", name_.c_str(), why.c_str())};
         return false;
     }
+    if (!analyze && headersSayEnough()) return true;
     status = avformat_find_stream_info(format_context_, nullptr);
     if (status < 0) {
         error = {kExitCannotOpen,

@@ -77,7 +77,13 @@ class MediaSource {
 public:
     // An empty path opens the demo stream compiled into the program.  With
     // `videoRequired` false a file with audio but no video opens too.
-    static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error, bool videoRequired = true);
+    // Without `analyze`, an MP4 or QuickTime file whose headers already give
+    // every stream's codec, size or rate, and configuration is not analysed
+    // further (libavformat then decodes no frames to guess what they say);
+    // for readers of the samples only, since the stream details a report
+    // prints may come from that analysis.
+    static std::unique_ptr<MediaSource> open(const std::string &path, ToolError &error, bool videoRequired = true,
+                                             bool analyze = true);
     // Opens a file whose video the library does not take (there is none, or
     // it is not H.264 or HEVC) to describe its streams: the audio tracks as
     // open() makes them, and the best video stream of any codec as
@@ -154,7 +160,8 @@ public:
 
 private:
     MediaSource() = default;
-    bool openInput(const std::string &path, ToolError &error);
+    bool openInput(const std::string &path, ToolError &error, bool analyze = true);
+    bool headersSayEnough() const;
     bool describeVideo(ToolError &error);
     void describeAudio();
     bool makeSample(AVPacket *packet, VideoSample &sample);

@@ -117,6 +117,13 @@ bool OutputFile::open(const std::string &path, const std::string &input, bool ov
     return true;
 }
 
+void OutputFile::preallocate(off_t bytes) {
+    if (isStandardOutput() || !stream_ || bytes <= 0 || fflush(stream_) != 0) return;
+    // Mode 0 (the size grows to `bytes` now): the blocks are taken in one
+    // go instead of one reservation per page as the writes arrive.
+    preallocated_ = fallocate(fileno(stream_), 0, 0, bytes) == 0;
+}
+
 bool OutputFile::commit(ToolError &error) {
     if (isStandardOutput()) {
         if (fflush(stdout) != 0) {
@@ -126,6 +133,16 @@ bool OutputFile::commit(ToolError &error) {
         return true;
     }
     FILE *stream = std::exchange(stream_, nullptr);
+    // A preallocated file is cut back to the bytes written.
+    if (stream && preallocated_) {
+        const off_t end = fflush(stream) == 0 ? lseek(fileno(stream), 0, SEEK_CUR) : -1;
+        if (end < 0 || ftruncate(fileno(stream), end) != 0) {
+            error = {kExitFailure, format("%s: %s", path_.c_str(), strerror(errno))};
+            fclose(stream);
+            discard();
+            return false;
+        }
+    }
     // Made durable before it replaces a file, so that a crash leaves the old
     // one or the whole new one; a new name has nothing to lose, and the sync
     // of a large output costs as much as the rest of a conversion.

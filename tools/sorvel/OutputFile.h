@@ -9,6 +9,8 @@
 #ifndef SORVEL_TOOLS_SORVEL_OUTPUTFILE_H
 #define SORVEL_TOOLS_SORVEL_OUTPUTFILE_H
 
+#include <sys/types.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -29,6 +31,12 @@ public:
     // cannot be written.
     bool open(const std::string &path, const std::string &input, bool overwrite, ToolError &error);
     FILE *stream() const { return stream_; }
+    // Reserves about `bytes` of disk for the output before it is written
+    // (fewer, larger allocations by the file system; a failure is ignored).
+    // commit() cuts the file back to what was written, which must then be
+    // everything up to the descriptor's position.  No effect on standard
+    // output.
+    void preallocate(off_t bytes);
     bool isStandardOutput() const { return path_ == "-"; }
     // Closes the temporary file and gives it the output's name.
     bool commit(ToolError &error);
@@ -42,6 +50,7 @@ private:
     // writes instead of two per sample.
     std::unique_ptr<char[]> buffer_;
     bool overwrite_ = false;
+    bool preallocated_ = false;
 };
 
 }  // namespace sorvel::tool
