@@ -80,6 +80,28 @@ void BM_BoostSpscQueue_TwoThreads(benchmark::State &state) {
         });
 }
 BENCHMARK(BM_BoostSpscQueue_TwoThreads)->Arg(256)->Arg(4096)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The floor of the two rows above for a queue behind a C interface: the
+// peer's own ring, each push and pop reached through a call that cannot be
+// inlined (as an exported function is).  Ours pays that call and its
+// argument check besides.
+using SpscQueue = boost::lockfree::spsc_queue<const void *>;
+bool (*volatile gPush)(SpscQueue *, const void *) = [](SpscQueue *queue, const void *item) {
+    return queue->push(item);
+};
+const void *(*volatile gPop)(SpscQueue *) = [](SpscQueue *queue) -> const void * {
+    const void *item = nullptr;
+    return queue->pop(item) ? item : nullptr;
+};
+void BM_Floor_SpscBehindCalls_TwoThreads(benchmark::State &state) {
+    SpscQueue queue(static_cast<size_t>(state.range(0)));
+    auto push = gPush;
+    auto pop = gPop;
+    moveBatches(
+        state, [&queue, push](const void *item) { return push(&queue, item); },
+        [&queue, pop] { return pop(&queue) != nullptr; });
+}
+BENCHMARK(BM_Floor_SpscBehindCalls_TwoThreads)->Arg(256)->Arg(4096)->UseRealTime()->Unit(benchmark::kMillisecond);
 #endif
 
 // One thread, no contention: the cost of the calls themselves.

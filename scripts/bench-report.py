@@ -104,6 +104,16 @@ HOT_PATHS = [
 # FLOOR_SLACK of its floor is reported as "at floor" rather than "NOT MET".
 FLOOR_SLACK = 1.25
 FLOORS = {
+    "simple queue, two threads, capacity 256":
+        ("the peer's ring, each push and pop behind a call that is not inlined",
+         "BM_Floor_SpscBehindCalls_TwoThreads/256/real_time",
+         "the peer is a header-only template, inlined into both loops; ours is two exported calls per item, "
+         "and behind the same calls the peer's ring moves fewer items than ours"),
+    "simple queue, two threads, capacity 4096":
+        ("the peer's ring, each push and pop behind a call that is not inlined",
+         "BM_Floor_SpscBehindCalls_TwoThreads/4096/real_time",
+         "the peer is a header-only template, inlined into both loops; ours is two exported calls per item, "
+         "and behind the same calls the peer's ring moves fewer items than ours"),
     "simple queue enqueue+dequeue, one thread":
         ("two trivial calls across the library boundary", "BM_SVSimpleQueue_TwoCallsFloor",
          "the peer is a header-only template, inlined into the loop; ours is two exported calls"),
@@ -246,9 +256,13 @@ def hot_path_rows(all_runs):
         if name in FLOORS:
             label, pattern, why = FLOORS[name]
             floor_name, floor_samples = find(runs, pattern)
-            floor, _ = summary(floor_samples, "time") if floor_samples else (None, None)
+            floor, _ = summary(floor_samples, figure_metric) if floor_samples else (None, None)
+            # In time: ours / floor; for throughput the floor's rate / ours.
+            over = None
+            if ours and floor:
+                over = floor / ours if metric == "rate" else ours / floor
             row["floor"] = {"floor": label, "benchmark": floor_name or pattern, "figure": floor, "why": why,
-                            "ours_over_floor": ours / floor if ours and floor and metric != "rate" else None}
+                            "ours_over_floor": over}
         row["metric"] = metric
         rows.append(row)
     return rows
@@ -383,7 +397,8 @@ def floor_lines(rows):
         if not floor or r["met"] or floor.get("figure") is None:
             continue
         over = floor.get("ours_over_floor")
-        lines.append(f"- {r['hot_path']}: floor {fmt_figure(floor['figure'], 'time')} ({floor['floor']}; "
+        unit = "rate" if r["metric"] == "rate" else "time"
+        lines.append(f"- {r['hot_path']}: floor {fmt_figure(floor['figure'], unit)} ({floor['floor']}; "
                      f"{floor['benchmark']}), ours {'-' if over is None else f'{over:.2f}'}x of it. {floor['why']}.")
     return lines
 
