@@ -17,7 +17,13 @@
 #include <string>
 #include <vector>
 
+#include "support/BufferQueueHelpers.h"
+
 namespace {
+
+using sorvel_test::foldedDuration;
+using sorvel_test::sameTime;
+using sorvel_test::sampleBufferRecords;
 
 constexpr int64_t k2To51 = int64_t{1} << 51;
 constexpr int64_t k2To53 = int64_t{1} << 53;
@@ -229,8 +235,7 @@ TEST(SVBufferQueueSampleBufferTest, DurationConditionsCompareAsSVTimeCompare) {
                                                         kSVBufferQueueTrigger_WhenDurationBecomesLessThanOrEqualTo,
                                                         kSVBufferQueueTrigger_WhenDurationBecomesGreaterThan,
                                                         kSVBufferQueueTrigger_WhenDurationBecomesGreaterThanOrEqualTo};
-    for (const SVBufferCallbacks *record : {SVBufferQueueGetCallbacksForUnsortedSampleBuffers(),
-                                            SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS()}) {
+    for (const SVBufferCallbacks *record : sampleBufferRecords()) {
         for (const Case &c : cases) {
             SCOPED_TRACE(c.name);
             SVBufferQueueRef queue = nullptr;
@@ -254,21 +259,6 @@ TEST(SVBufferQueueSampleBufferTest, DurationConditionsCompareAsSVTimeCompare) {
     }
 }
 
-// The getters' durations folded head to tail from zero, by SVTimeAdd.
-SVTime foldedDuration(SVBufferQueueRef queue) {
-    struct Fold {
-        static OSStatus add(SVBufferRef buffer, void *refcon) {
-            auto *total = static_cast<SVTime *>(refcon);
-            *total =
-                SVTimeAdd(*total, SVBufferQueueGetCallbacksForUnsortedSampleBuffers()->getDuration(buffer, nullptr));
-            return 0;
-        }
-    };
-    SVTime total = kSVTimeZero;
-    EXPECT_EQ(SVBufferQueueCallForEachBuffer(queue, Fold::add, &total), 0);
-    return total;
-}
-
 // The running duration sum takes a one-sample buffer's entry duration as
 // it stands; every other shape must still give the getter's duration.
 TEST(SVBufferQueueSampleBufferTest, DurationOfEveryBufferShapeIsTheFold) {
@@ -289,8 +279,7 @@ TEST(SVBufferQueueSampleBufferTest, DurationOfEveryBufferShapeIsTheFold) {
         {"a string", [] { return CFStringCreateWithCString(nullptr, "not a sample", kCFStringEncodingUTF8); }},
     };
     // Each shape after plain buffers, so the sum has something to lose.
-    for (const SVBufferCallbacks *record : {SVBufferQueueGetCallbacksForUnsortedSampleBuffers(),
-                                            SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS()}) {
+    for (const SVBufferCallbacks *record : sampleBufferRecords()) {
         for (const Shape &shape : table) {
             SCOPED_TRACE(shape.name);
             SVBufferQueueRef queue = nullptr;
@@ -298,12 +287,10 @@ TEST(SVBufferQueueSampleBufferTest, DurationOfEveryBufferShapeIsTheFold) {
             std::vector<CFTypeRef> buffers = {withPTS(SVTimeMake(0, 30)), shape.make(), withPTS(SVTimeMake(2, 30))};
             for (CFTypeRef buffer : buffers) {
                 ASSERT_EQ(SVBufferQueueEnqueue(queue, buffer), 0);
-                const SVTime fold = foldedDuration(queue);
-                const SVTime got = SVBufferQueueGetDuration(queue);
-                EXPECT_EQ(got.value, fold.value);
-                EXPECT_EQ(got.timescale, fold.timescale);
-                EXPECT_EQ(got.flags, fold.flags);
-                EXPECT_EQ(got.epoch, fold.epoch);
+                const SVTime fold = foldedDuration(queue), got = SVBufferQueueGetDuration(queue);
+                EXPECT_TRUE(sameTime(got, fold))
+                    << got.value << "/" << got.timescale << " flags " << got.flags << " against " << fold.value << "/"
+                    << fold.timescale << " flags " << fold.flags;
             }
             CFRelease(queue);
             for (CFTypeRef buffer : buffers) CFRelease(buffer);

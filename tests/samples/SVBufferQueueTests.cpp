@@ -20,10 +20,15 @@
 #include <vector>
 
 #include "core/SVObject.h"
+#include "support/BufferQueueHelpers.h"
 #include "support/LogCapture.h"
 #include "support/TestAllocator.h"
 
 namespace {
+
+using sorvel_test::foldedDuration;
+using sorvel_test::sameTime;
+using sorvel_test::sampleBufferRecords;
 
 using sorvel_test::LogCapture;
 using sorvel_test::TestAllocator;
@@ -111,10 +116,6 @@ int64_t dequeuePTS(SVBufferQueueRef queue) {
     int64_t pts = fields(buffer)->pts;
     CFRelease(buffer);
     return pts;
-}
-
-bool sameTime(SVTime a, SVTime b) {
-    return a.value == b.value && a.timescale == b.timescale && a.flags == b.flags && a.epoch == b.epoch;
 }
 
 class SVBufferQueueTest : public ::testing::Test {
@@ -895,20 +896,6 @@ SVSampleBufferRef makeTimedSampleBuffer(SVTime duration, int64_t pts) {
     return sbuf;
 }
 
-SVTime foldedDuration(SVBufferQueueRef queue) {
-    struct Fold {
-        static OSStatus add(SVBufferRef buffer, void *refcon) {
-            auto *total = static_cast<SVTime *>(refcon);
-            *total = SVTimeAdd(*total,
-                               SVSampleBufferGetDuration(static_cast<SVSampleBufferRef>(const_cast<void *>(buffer))));
-            return 0;
-        }
-    };
-    SVTime total = kSVTimeZero;
-    EXPECT_EQ(SVBufferQueueCallForEachBuffer(queue, Fold::add, &total), 0);
-    return total;
-}
-
 TEST_F(SVBufferQueueTest, SampleBufferQueueDurationIsTheFoldOfItsBuffers) {
     SVTime rounded = SVTimeMake(2, 30);
     rounded.flags |= kSVTimeFlags_HasBeenRounded;
@@ -930,8 +917,7 @@ TEST_F(SVBufferQueueTest, SampleBufferQueueDurationIsTheFoldOfItsBuffers) {
         {"sum past INT64_MAX", {big, big, SVTimeMake(1, 30)}, -1},
         {"invalidated while queued", {SVTimeMake(1, 30), SVTimeMake(2, 30), SVTimeMake(3, 30)}, 1},
     };
-    for (const SVBufferCallbacks *record : {SVBufferQueueGetCallbacksForUnsortedSampleBuffers(),
-                                            SVBufferQueueGetCallbacksForSampleBuffersSortedByOutputPTS()}) {
+    for (const SVBufferCallbacks *record : sampleBufferRecords()) {
         for (const Case &c : cases) {
             SCOPED_TRACE(c.name);
             SVBufferQueueRef queue = nullptr;
