@@ -10,10 +10,7 @@ namespace sorvel::tool {
 ChunkWriter::ChunkWriter(int fd) : fd_(fd) {
     queue_ = dispatch_queue_create("sorvel.output", nullptr);
     free_ = dispatch_semaphore_create(static_cast<long>(kChunks));
-    for (Chunk &chunk : chunks_) {
-        chunk.writer = this;
-        freeChunks_.push_back(&chunk);
-    }
+    for (Chunk &chunk : chunks_) chunk.writer = this;
 }
 
 ChunkWriter::~ChunkWriter() {
@@ -24,9 +21,7 @@ ChunkWriter::~ChunkWriter() {
 
 ChunkWriter::Chunk *ChunkWriter::takeFreeChunk() {
     dispatch_semaphore_wait(free_, DISPATCH_TIME_FOREVER);
-    std::lock_guard<std::mutex> guard(freeLock_);
-    Chunk *chunk = freeChunks_.back();
-    freeChunks_.pop_back();
+    Chunk *chunk = &chunks_[next_++ % kChunks];
     chunk->size = 0;
     return chunk;
 }
@@ -46,10 +41,6 @@ void ChunkWriter::writeChunk(void *context) {
         at += written;
         left -= static_cast<size_t>(written);
     }
-    {
-        std::lock_guard<std::mutex> guard(writer->freeLock_);
-        writer->freeChunks_.push_back(chunk);
-    }
     dispatch_semaphore_signal(writer->free_);
 }
 
@@ -58,8 +49,8 @@ void ChunkWriter::submit() {
     current_ = nullptr;
     if (!chunk) return;
     if (chunk->size == 0) {
-        std::lock_guard<std::mutex> guard(freeLock_);
-        freeChunks_.push_back(chunk);
+        // Not queued: it is the next one taken again.
+        --next_;
         dispatch_semaphore_signal(free_);
         return;
     }

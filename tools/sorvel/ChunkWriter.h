@@ -17,8 +17,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <vector>
 
 namespace sorvel::tool {
 
@@ -58,9 +56,11 @@ private:
 
     int fd_;
     dispatch_queue_t queue_ = nullptr;
-    dispatch_semaphore_t free_ = nullptr;  // counts the chunks in freeChunks_
-    std::mutex freeLock_;
-    std::vector<Chunk *> freeChunks_;
+    // Counts the chunks not queued.  The queue writes them in the order they
+    // were handed over, which is the order they are taken in (round robin),
+    // so the next one to take is always the first to come back.
+    dispatch_semaphore_t free_ = nullptr;
+    size_t next_ = 0;
     Chunk *current_ = nullptr;
     Chunk chunks_[kChunks];
     std::atomic<int> error_{0};
