@@ -65,6 +65,13 @@ void freeBlock(const SubBlock &piece) noexcept {
 // Buffers with at least this many pieces keep an index of them.
 constexpr size_t kIndexedPieceCount = 16;
 
+SVBlockBufferIndexEntry indexEntry(SubBlock *piece, size_t start) noexcept {
+    char *bytes = !piece->isReference && piece->memoryBlock
+                      ? static_cast<char *>(piece->memoryBlock) + piece->offsetToData
+                      : nullptr;
+    return {start, piece->dataLength, bytes, piece};
+}
+
 // Adds the newest piece to the index, making the index when the buffer
 // grows large enough.  A failure to allocate only costs speed: the index is
 // dropped, and made again when the piece count next reaches a power of two.
@@ -82,14 +89,14 @@ void indexNewPiece(Buffer *buffer, SubBlock *piece, size_t start) noexcept {
         buffer->indexCapacity *= 2;
     }
     if (buffer->index) {
-        buffer->index[count - 1] = {start, piece};
+        buffer->index[count - 1] = indexEntry(piece, start);
         return;
     }
     if (count < kIndexedPieceCount || (count & (count - 1)) != 0) return;
     auto *index = static_cast<SVBlockBufferIndexEntry *>(std::malloc(2 * count * sizeof(SVBlockBufferIndexEntry)));
     if (!index) return;
     size_t i = 0, at = 0;
-    for (SubBlock *p = buffer->firstSubBlock; p; at += p->dataLength, p = p->next) index[i++] = {at, p};
+    for (SubBlock *p = buffer->firstSubBlock; p; at += p->dataLength, p = p->next) index[i++] = indexEntry(p, at);
     buffer->index = index;
     buffer->indexCapacity = 2 * count;
 }
@@ -251,21 +258,33 @@ OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocat
                    Visit &visit) noexcept {
     PendingRun pending;
     size_t done = 0;
-    size_t start;
-    bool first = true;
+    size_t start = 0;
     size_t position = 0;
     SubBlock *piece = findPiece(buffer, offset, &start, &position);
-    // With an index, the next piece is read from the array rather than from
-    // the piece before it, so the loads of successive pieces do not wait on
-    // one another.  Same pieces, same order.
-    const SVBlockBufferIndexEntry *next = nullptr, *end = nullptr;
+    // With an index, the pieces are read from the array rather than from
+    // the list (same pieces, same order), and the loads of successive
+    // entries do not wait on one another.
+    const SVBlockBufferIndexEntry *entry = nullptr, *end = nullptr;
     if (buffer->index && piece) {
-        next = buffer->index + position + 1;
+        entry = buffer->index + position;
         end = buffer->index + buffer->pieceCount;
     }
-    for (; piece; piece = next ? (next < end ? (next++)->piece : nullptr) : piece->next) {
-        const size_t r = first ? offset - start : 0;
-        first = false;
+    for (size_t r = offset - start; piece; r = 0) {
+        // Allocated memory pieces, the common case, in a loop of their own
+        // that reads nothing but their entries.
+        for (; entry && entry->bytes; r = 0) {
+            const size_t remaining = length - done;
+            const size_t n = entry->dataLength - r < remaining ? entry->dataLength - r : remaining;
+            pending.add(visit, entry->bytes + r, n, doneBefore + done);
+            if (n == remaining) {
+                pending.flush(visit);
+                return kSVBlockBufferNoErr;
+            }
+            done += n;
+            if (++entry == end) SV_BUG_SITE(kLogSites.copyRanOffTheEnd);
+        }
+        // Anything else from its record.
+        if (entry) piece = entry->piece;
         const size_t remaining = length - done;
         const size_t n = piece->dataLength - r < remaining ? piece->dataLength - r : remaining;
         if (piece->isReference) {
@@ -287,6 +306,10 @@ OSStatus walkRange(Buffer *buffer, size_t offset, size_t length, bool mayAllocat
             return kSVBlockBufferNoErr;
         }
         done += n;
+        if (entry)
+            piece = ++entry < end ? entry->piece : nullptr;
+        else
+            piece = piece->next;
     }
     // The range was checked against the data length, which is the sum of
     // the pieces' lengths: the list cannot run out first.
@@ -456,7 +479,8 @@ OSStatus SVBlockBufferCreateContiguous(CFAllocatorRef structureAllocator, SVBloc
 
 OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
     if (!gSVBlockBufferClass.checked(theBuffer)) return kSVBlockBufferBadPointerParameterErr;
-    for (SubBlock *piece = theBuffer->firstSubBlock; piece; piece = piece->next) {
+    size_t position = 0;
+    for (SubBlock *piece = theBuffer->firstSubBlock; piece; piece = piece->next, ++position) {
         if (piece->isReference) {
             OSStatus status = SVBlockBufferAssureBlockMemory(
                 static_cast<SVBlockBufferRef>(const_cast<void *>(piece->allocatorOrBuffer)));
@@ -464,6 +488,7 @@ OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
         } else if (!piece->memoryBlock) {
             piece->memoryBlock = allocateBlock(*piece);
             if (!piece->memoryBlock) return kSVBlockBufferBlockAllocationFailedErr;
+            if (theBuffer->index) theBuffer->index[position].bytes = indexEntry(piece, 0).bytes;
         }
     }
     return kSVBlockBufferNoErr;

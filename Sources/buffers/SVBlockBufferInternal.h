@@ -28,9 +28,15 @@ struct SVBlockBufferSubBlock {
     size_t blockLength;
 };
 
-// Where a piece starts in the buffer's data.
+// Where a piece starts in the buffer's data, and, for a memory piece whose
+// block is allocated, where its bytes are: a copy over many pieces then
+// reads this array in order and never touches the pieces' records.
 struct SVBlockBufferIndexEntry {
     size_t start;
+    size_t dataLength;
+    // memoryBlock + offsetToData; NULL for a reference piece or a block
+    // not yet allocated (kept up to date when blocks are allocated).
+    char *bytes;
     SVBlockBufferSubBlock *piece;
 };
 

@@ -5,6 +5,7 @@
 #include <Sorvel/SVBlockBuffer.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 #include <string>
@@ -596,6 +597,53 @@ TEST(SVBlockBuffer, ManyPiecesAreLocatedExactly) {
     }
 }
 
+// Buffers big enough to keep an index copy from it as from their list:
+// pieces whose data starts inside their block, references, and blocks that
+// are only allocated once the buffer is large (by Assure, or by a write
+// that allocates them on its way).
+TEST(SVBlockBuffer, IndexedBuffersCopyEveryKindOfPiece) {
+    enum class Blocks { Allocated, AssuredLater, WrittenLater };
+    for (Blocks blocks : {Blocks::Allocated, Blocks::AssuredLater, Blocks::WrittenLater}) {
+        SCOPED_TRACE(static_cast<int>(blocks));
+        Buf target;
+        makePieces(target, {64}, 'a');
+        Buf buffer;
+        ASSERT_EQ(SVBlockBufferCreateEmpty(nullptr, 0, 0, &buffer.ref), kOK);
+        std::vector<size_t> memoryAt;  // where the memory pieces start in the buffer
+        for (size_t i = 0; i < 40; i++) {
+            const size_t length = 1 + i % 5;
+            if (i % 7 == 3) {
+                ASSERT_EQ(SVBlockBufferAppendBufferReference(buffer, target, i, length, 0), kOK);
+                continue;
+            }
+            memoryAt.push_back(SVBlockBufferGetDataLength(buffer));
+            // Two bytes of each block lie before the piece's data.
+            ASSERT_EQ(
+                SVBlockBufferAppendMemoryBlock(buffer, nullptr, length + 2, nullptr, nullptr, 2, length,
+                                               blocks == Blocks::Allocated ? kSVBlockBufferAssureMemoryNowFlag : 0),
+                kOK);
+        }
+        const size_t total = SVBlockBufferGetDataLength(buffer);
+        std::string expected(total, '\0');
+        for (size_t i = 0; i < total; i++) expected[i] = static_cast<char>('0' + i % 61);
+        if (blocks == Blocks::AssuredLater) {
+            char probe;
+            EXPECT_EQ(SVBlockBufferCopyDataBytes(buffer, memoryAt.back(), 1, &probe), kUnallocated);
+            ASSERT_EQ(SVBlockBufferAssureBlockMemory(buffer), kOK);
+        }
+        // Writing through the references writes the target: done last, the
+        // expected bytes there are what the target then holds.
+        ASSERT_EQ(SVBlockBufferReplaceDataBytes(expected.data(), buffer, 0, total), kOK);
+        ASSERT_EQ(contents(buffer), expected);
+        std::string out(total, '\0');
+        for (size_t offset = 0; offset < total; offset += 3) {
+            const size_t length = std::min<size_t>(total - offset, 1 + offset % 29);
+            ASSERT_EQ(SVBlockBufferCopyDataBytes(buffer, offset, length, out.data()), kOK);
+            ASSERT_EQ(out.substr(0, length), expected.substr(offset, length)) << "from " << offset;
+        }
+    }
+}
+
 // Slices that lie end to end in one arena (as a demuxer's samples do in
 // its read buffer) may be copied as one run; the bytes must come out as
 // copying them one by one gives, also when the other side of the copy lies
@@ -673,6 +721,19 @@ TEST(SVBlockBufferDeathTest, CopyRunningOffTheEndIsABug) {
             buffer.ref->dataLength = 6;
             char out[6];
             SVBlockBufferCopyDataBytes(buffer, 0, 6, out);
+        },
+        "_SVBlockBufferCopyData \\[Sorvel/Sources/SVBlockBuffer:190\\] BUG");
+}
+
+// The same with an index: the walk over the index's entries stops too.
+TEST(SVBlockBufferDeathTest, CopyRunningOffTheEndOfTheIndexIsABug) {
+    EXPECT_DEATH(
+        {
+            Buf buffer;
+            makePieces(buffer, {4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4});
+            buffer.ref->dataLength += 2;
+            char out[82];
+            SVBlockBufferCopyDataBytes(buffer, 60, 22, out);
         },
         "_SVBlockBufferCopyData \\[Sorvel/Sources/SVBlockBuffer:190\\] BUG");
 }
