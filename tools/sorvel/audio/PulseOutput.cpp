@@ -6,12 +6,13 @@
 // any waiter, which is what bounds every wait.
 #include "PulseOutput.h"
 
-#include <pulse/pulseaudio.h>
 #include <time.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstring>
+
+#include "PulseLibrary.h"
 
 namespace sorvel::tool::audio {
 namespace {
@@ -61,7 +62,7 @@ pa_channel_position_t positionOf(Speaker speaker, int &auxiliary) {
 }
 
 std::string contextError(pa_context *context) {
-    return pa_strerror(pa_context_errno(context));
+    return pulse().strerror(pulse().context_errno(context));
 }
 
 }  // namespace
@@ -69,23 +70,23 @@ std::string contextError(pa_context *context) {
 struct PulseOutput::Callbacks {
     static void contextState(pa_context *context, void *userdata) {
         auto *self = static_cast<PulseOutput *>(userdata);
-        const pa_context_state_t state = pa_context_get_state(context);
+        const pa_context_state_t state = pulse().context_get_state(context);
         if (state == PA_CONTEXT_FAILED || state == PA_CONTEXT_TERMINATED)
             self->failLocked(self->connected_ ? "the audio server went away"
                                               : "cannot connect to an audio server: " + contextError(context));
-        pa_threaded_mainloop_signal(self->loop_, 0);
+        pulse().threaded_mainloop_signal(self->loop_, 0);
     }
 
     static void streamState(pa_stream *stream, void *userdata) {
         auto *self = static_cast<PulseOutput *>(userdata);
-        const pa_stream_state_t state = pa_stream_get_state(stream);
+        const pa_stream_state_t state = pulse().stream_get_state(stream);
         if (state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED)
             self->failLocked("the audio server ended the playback stream: " + contextError(self->context_));
-        pa_threaded_mainloop_signal(self->loop_, 0);
+        pulse().threaded_mainloop_signal(self->loop_, 0);
     }
 
     static void signal(pa_stream *, size_t, void *userdata) {
-        pa_threaded_mainloop_signal(static_cast<PulseOutput *>(userdata)->loop_, 0);
+        pulse().threaded_mainloop_signal(static_cast<PulseOutput *>(userdata)->loop_, 0);
     }
 
     static void underflow(pa_stream *, void *userdata) {
@@ -99,7 +100,7 @@ struct PulseOutput::Callbacks {
         if (info)
             self->server_ = std::string(info->server_name ? info->server_name : "?") + " " +
                             (info->server_version ? info->server_version : "?");
-        pa_threaded_mainloop_signal(self->loop_, 0);
+        pulse().threaded_mainloop_signal(self->loop_, 0);
     }
 
     static void timingUpdated(pa_stream *, int success, void *userdata) {
@@ -110,86 +111,87 @@ struct PulseOutput::Callbacks {
 
     static void tick(pa_mainloop_api *, pa_time_event *event, const struct timeval *, void *userdata) {
         auto *self = static_cast<PulseOutput *>(userdata);
-        if (self->stream_ && !self->timingPending_ && pa_stream_get_state(self->stream_) == PA_STREAM_READY) {
-            if (pa_operation *operation = pa_stream_update_timing_info(self->stream_, timingUpdated, self)) {
+        if (self->stream_ && !self->timingPending_ && pulse().stream_get_state(self->stream_) == PA_STREAM_READY) {
+            if (pa_operation *operation = pulse().stream_update_timing_info(self->stream_, timingUpdated, self)) {
                 self->timingPending_ = true;
-                pa_operation_unref(operation);
+                pulse().operation_unref(operation);
             }
         }
-        pa_context_rttime_restart(self->context_, event, pa_rtclock_now() + kTimingInterval);
-        pa_threaded_mainloop_signal(self->loop_, 0);
+        pulse().context_rttime_restart(self->context_, event, pulse().rtclock_now() + kTimingInterval);
+        pulse().threaded_mainloop_signal(self->loop_, 0);
     }
 
     static void operationDone(pa_stream *, int, void *userdata) {
-        pa_threaded_mainloop_signal(static_cast<PulseOutput *>(userdata)->loop_, 0);
+        pulse().threaded_mainloop_signal(static_cast<PulseOutput *>(userdata)->loop_, 0);
     }
 };
 
 std::unique_ptr<PulseOutput> PulseOutput::connect(const char *clientName, double timeoutSeconds, std::string &error) {
+    if (!loadPulse(error)) return nullptr;
     std::unique_ptr<PulseOutput> output(new PulseOutput());
-    output->loop_ = pa_threaded_mainloop_new();
+    output->loop_ = pulse().threaded_mainloop_new();
     if (!output->loop_) {
         error = "cannot make an audio main loop";
         return nullptr;
     }
-    pa_mainloop_api *api = pa_threaded_mainloop_get_api(output->loop_);
-    output->context_ = pa_context_new(api, clientName);
+    pa_mainloop_api *api = pulse().threaded_mainloop_get_api(output->loop_);
+    output->context_ = pulse().context_new(api, clientName);
     if (!output->context_) {
         error = "cannot make an audio server connection";
         return nullptr;
     }
-    pa_context_set_state_callback(output->context_, Callbacks::contextState, output.get());
-    if (pa_context_connect(output->context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+    pulse().context_set_state_callback(output->context_, Callbacks::contextState, output.get());
+    if (pulse().context_connect(output->context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
         error = "cannot connect to an audio server: " + contextError(output->context_);
         return nullptr;
     }
-    pa_threaded_mainloop_lock(output->loop_);
-    if (pa_threaded_mainloop_start(output->loop_) < 0) {
-        pa_threaded_mainloop_unlock(output->loop_);
+    pulse().threaded_mainloop_lock(output->loop_);
+    if (pulse().threaded_mainloop_start(output->loop_) < 0) {
+        pulse().threaded_mainloop_unlock(output->loop_);
         error = "cannot start the audio main loop";
         return nullptr;
     }
-    output->timer_ =
-        pa_context_rttime_new(output->context_, pa_rtclock_now() + kTimingInterval, Callbacks::tick, output.get());
+    output->timer_ = pulse().context_rttime_new(output->context_, pulse().rtclock_now() + kTimingInterval,
+                                                Callbacks::tick, output.get());
     PulseOutput *self = output.get();
-    const bool ready =
-        self->waitLocked(timeoutSeconds, [self] { return pa_context_get_state(self->context_) == PA_CONTEXT_READY; });
+    const bool ready = self->waitLocked(
+        timeoutSeconds, [self] { return pulse().context_get_state(self->context_) == PA_CONTEXT_READY; });
     if (ready) {
         self->connected_ = true;
-        if (pa_operation *operation = pa_context_get_server_info(self->context_, Callbacks::serverInfo, self)) {
+        if (pa_operation *operation = pulse().context_get_server_info(self->context_, Callbacks::serverInfo, self)) {
             self->waitLocked(timeoutSeconds,
-                             [operation] { return pa_operation_get_state(operation) != PA_OPERATION_RUNNING; });
-            pa_operation_unref(operation);
+                             [operation] { return pulse().operation_get_state(operation) != PA_OPERATION_RUNNING; });
+            pulse().operation_unref(operation);
         }
     } else {
         error = self->failure_.empty() ? "no audio server answered within " + std::to_string(timeoutSeconds) + " s"
                                        : self->failure_;
     }
-    pa_threaded_mainloop_unlock(output->loop_);
+    pulse().threaded_mainloop_unlock(output->loop_);
     return ready ? std::move(output) : nullptr;
 }
 
 PulseOutput::~PulseOutput() {
     if (loop_) {
-        pa_threaded_mainloop_lock(loop_);
-        if (timer_) pa_threaded_mainloop_get_api(loop_)->time_free(timer_);
+        pulse().threaded_mainloop_lock(loop_);
+        if (timer_) pulse().threaded_mainloop_get_api(loop_)->time_free(timer_);
         if (stream_) {
-            pa_stream_set_state_callback(stream_, nullptr, nullptr);
-            pa_stream_set_write_callback(stream_, nullptr, nullptr);
-            pa_stream_set_underflow_callback(stream_, nullptr, nullptr);
-            pa_stream_disconnect(stream_);
-            pa_stream_unref(stream_);
+            pulse().stream_set_state_callback(stream_, nullptr, nullptr);
+            pulse().stream_set_write_callback(stream_, nullptr, nullptr);
+            pulse().stream_set_underflow_callback(stream_, nullptr, nullptr);
+            pulse().stream_disconnect(stream_);
+            pulse().stream_unref(stream_);
         }
         if (context_) {
-            pa_context_set_state_callback(context_, nullptr, nullptr);
-            pa_context_disconnect(context_);
-            pa_context_unref(context_);
+            pulse().context_set_state_callback(context_, nullptr, nullptr);
+            pulse().context_disconnect(context_);
+            pulse().context_unref(context_);
         }
-        pa_threaded_mainloop_unlock(loop_);
-        pa_threaded_mainloop_stop(loop_);
-        pa_threaded_mainloop_free(loop_);
+        pulse().threaded_mainloop_unlock(loop_);
+        pulse().threaded_mainloop_stop(loop_);
+        pulse().threaded_mainloop_free(loop_);
     } else if (context_) {
-        pa_context_unref(context_);
+        pulse().context_unref(context_);
     }
     if (device_ != kAudioObjectUnknown) AudioHardwareUnregisterOutputDevice(device_);
 }
@@ -199,7 +201,7 @@ bool PulseOutput::waitLocked(double timeoutSeconds, const std::function<bool()> 
     for (;;) {
         if (done()) return true;
         if (!failure_.empty() || interrupted_.load() || std::chrono::steady_clock::now() >= deadline) return false;
-        pa_threaded_mainloop_wait(loop_);  // the timer wakes it at least every few milliseconds
+        pulse().threaded_mainloop_wait(loop_);  // the timer wakes it at least every few milliseconds
     }
 }
 
@@ -212,81 +214,81 @@ bool PulseOutput::open(int sampleRate, const std::vector<Speaker> &speakers, dou
     sampleFormat.format = PA_SAMPLE_FLOAT32NE;
     sampleFormat.rate = sampleRate > 0 ? static_cast<uint32_t>(sampleRate) : 0;
     sampleFormat.channels = speakers.size() <= PA_CHANNELS_MAX ? static_cast<uint8_t>(speakers.size()) : 0;
-    if (!pa_sample_spec_valid(&sampleFormat)) {
+    if (!pulse().sample_spec_valid(&sampleFormat)) {
         error = "the audio server cannot play " + std::to_string(speakers.size()) + " channels at " +
                 std::to_string(sampleRate) + " Hz";
         return false;
     }
     pa_channel_map map;
-    pa_channel_map_init(&map);
+    pulse().channel_map_init(&map);
     map.channels = sampleFormat.channels;
     int auxiliary = 0;
     for (size_t c = 0; c < speakers.size(); ++c) map.map[c] = positionOf(speakers[c], auxiliary);
-    if (!pa_channel_map_valid(&map) || !pa_channel_map_compatible(&map, &sampleFormat))
-        pa_channel_map_init_extend(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
+    if (!pulse().channel_map_valid(&map) || !pulse().channel_map_compatible(&map, &sampleFormat))
+        pulse().channel_map_init_extend(&map, sampleFormat.channels, PA_CHANNEL_MAP_DEFAULT);
 
-    pa_threaded_mainloop_lock(loop_);
-    stream_ = pa_stream_new(context_, "sorvel play", &sampleFormat, &map);
+    pulse().threaded_mainloop_lock(loop_);
+    stream_ = pulse().stream_new(context_, "sorvel play", &sampleFormat, &map);
     if (!stream_) {
         error = "the audio server refused a stream of " + std::to_string(speakers.size()) + " channels at " +
                 std::to_string(sampleRate) + " Hz: " + contextError(context_);
-        pa_threaded_mainloop_unlock(loop_);
+        pulse().threaded_mainloop_unlock(loop_);
         return false;
     }
     sampleRate_ = sampleRate;
-    bytesPerFrame_ = static_cast<uint32_t>(pa_frame_size(&sampleFormat));
-    pa_stream_set_state_callback(stream_, Callbacks::streamState, this);
-    pa_stream_set_write_callback(stream_, Callbacks::signal, this);
-    pa_stream_set_underflow_callback(stream_, Callbacks::underflow, this);
+    bytesPerFrame_ = static_cast<uint32_t>(pulse().frame_size(&sampleFormat));
+    pulse().stream_set_state_callback(stream_, Callbacks::streamState, this);
+    pulse().stream_set_write_callback(stream_, Callbacks::signal, this);
+    pulse().stream_set_underflow_callback(stream_, Callbacks::underflow, this);
     pa_buffer_attr attributes;
     attributes.maxlength = static_cast<uint32_t>(-1);
     attributes.tlength =
-        static_cast<uint32_t>(pa_usec_to_bytes(static_cast<pa_usec_t>(bufferSeconds * 1e6), &sampleFormat));
+        static_cast<uint32_t>(pulse().usec_to_bytes(static_cast<pa_usec_t>(bufferSeconds * 1e6), &sampleFormat));
     attributes.prebuf = static_cast<uint32_t>(-1);
     attributes.minreq = static_cast<uint32_t>(-1);
     attributes.fragsize = static_cast<uint32_t>(-1);
     const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE |
                                                       PA_STREAM_ADJUST_LATENCY | PA_STREAM_START_CORKED);
     bool ready = false;
-    if (pa_stream_connect_playback(stream_, nullptr, &attributes, flags, nullptr, nullptr) < 0) {
+    if (pulse().stream_connect_playback(stream_, nullptr, &attributes, flags, nullptr, nullptr) < 0) {
         failLocked("the audio server refused the playback stream: " + contextError(context_));
     } else {
-        ready = waitLocked(5.0, [this] { return pa_stream_get_state(stream_) == PA_STREAM_READY; });
+        ready = waitLocked(5.0, [this] { return pulse().stream_get_state(stream_) == PA_STREAM_READY; });
     }
     if (!ready) {
         error =
             failure_.empty() ? std::string("the audio server did not open the playback stream within 5 s") : failure_;
-        pa_threaded_mainloop_unlock(loop_);
+        pulse().threaded_mainloop_unlock(loop_);
         return false;
     }
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
 
     const OSStatus status = AudioHardwareRegisterOutputDevice(sampleRate, &device_);
     if (status != 0) {
         error = "cannot register the audio device (status " + std::to_string(status) + ")";
         return false;
     }
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     reporter_ = std::make_unique<DeviceReporter>(device_, bytesPerFrame_, sampleRate_);
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return true;
 }
 
 void PulseOutput::reportTimingLocked() {
     if (!reporter_ || !stream_) return;
-    const pa_timing_info *info = pa_stream_get_timing_info(stream_);
+    const pa_timing_info *info = pulse().stream_get_timing_info(stream_);
     if (!info || info->read_index_corrupt) return;
     // The server stamps its answer with the wall clock; carry the stamp over
     // to the monotonic clock through both clocks read together now.
     timeval wall;
-    pa_gettimeofday(&wall);
+    pulse().gettimeofday(&wall);
     const uint64_t host = monotonicNow();
     StreamTiming timing;
     timing.readIndexBytes = info->read_index;
     timing.deviceLatencyMicros = static_cast<int64_t>(info->sink_usec);
     timing.playing = info->playing != 0 && !corked_;
-    timing.hostTime = hostTimeOfStamp(static_cast<int64_t>(pa_timeval_load(&info->timestamp)),
-                                      static_cast<int64_t>(pa_timeval_load(&wall)), host);
+    timing.hostTime = hostTimeOfStamp(static_cast<int64_t>(pulse().timeval_load(&info->timestamp)),
+                                      static_cast<int64_t>(pulse().timeval_load(&wall)), host);
     // The device stays registered while the stream exists and the reporter
     // keeps its times finite and in order; a report refused all the same
     // leaves the clock on the points it has, and the next tick reports anew.
@@ -299,9 +301,9 @@ void PulseOutput::reportDryLocked() {
     // The server says where the stream ran out; a timing query made later
     // could find it playing again already (the writer refills it at once
     // after a pause of the whole process), and the stand would go unseen.
-    const int64_t index = pa_stream_get_underflow_index(stream_);
+    const int64_t index = pulse().stream_get_underflow_index(stream_);
     if (index < 0) return;
-    const pa_timing_info *info = pa_stream_get_timing_info(stream_);
+    const pa_timing_info *info = pulse().stream_get_timing_info(stream_);
     StreamTiming timing;
     timing.readIndexBytes = index;
     timing.deviceLatencyMicros = info ? static_cast<int64_t>(info->sink_usec) : 0;
@@ -311,41 +313,41 @@ void PulseOutput::reportDryLocked() {
 }
 
 void PulseOutput::hold() {
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     held_ = true;
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
 }
 
 bool PulseOutput::start(std::string &error) {
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     held_ = false;
     bool done = false;
     if (!corked_) {
         done = true;
-    } else if (pa_operation *operation = pa_stream_cork(stream_, 0, Callbacks::operationDone, this)) {
+    } else if (pa_operation *operation = pulse().stream_cork(stream_, 0, Callbacks::operationDone, this)) {
         corked_ = false;
-        done = waitLocked(5.0, [operation] { return pa_operation_get_state(operation) != PA_OPERATION_RUNNING; });
-        pa_operation_unref(operation);
+        done = waitLocked(5.0, [operation] { return pulse().operation_get_state(operation) != PA_OPERATION_RUNNING; });
+        pulse().operation_unref(operation);
     }
     if (!done) error = failure_.empty() ? std::string("the audio server did not start the stream") : failure_;
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return done;
 }
 
 bool PulseOutput::write(const float *samples, int64_t frames, std::string &error, double stallSeconds) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(samples);
     size_t left = static_cast<size_t>(frames) * bytesPerFrame_;
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     bool ok = true;
     while (left > 0) {
         size_t room = 0;
         // A full buffer on a corked stream is the moment to start playing.
         auto hasRoom = [&] {
-            room = pa_stream_writable_size(stream_);
+            room = pulse().stream_writable_size(stream_);
             if (room == static_cast<size_t>(-1)) room = 0;
             if (room == 0 && corked_ && !held_) {
-                if (pa_operation *operation = pa_stream_cork(stream_, 0, nullptr, nullptr))
-                    pa_operation_unref(operation);
+                if (pa_operation *operation = pulse().stream_cork(stream_, 0, nullptr, nullptr))
+                    pulse().operation_unref(operation);
                 corked_ = false;
             }
             return room > 0;
@@ -363,10 +365,10 @@ bool PulseOutput::write(const float *samples, int64_t frames, std::string &error
         const size_t count = std::min(room, left) / bytesPerFrame_ * bytesPerFrame_;
         if (count == 0) {
             // Less room than one frame: wait for more.
-            pa_threaded_mainloop_wait(loop_);
+            pulse().threaded_mainloop_wait(loop_);
             continue;
         }
-        if (pa_stream_write(stream_, bytes, count, nullptr, 0, PA_SEEK_RELATIVE) < 0) {
+        if (pulse().stream_write(stream_, bytes, count, nullptr, 0, PA_SEEK_RELATIVE) < 0) {
             failLocked("writing to the audio server failed: " + contextError(context_));
             error = failure_;
             ok = false;
@@ -376,58 +378,58 @@ bool PulseOutput::write(const float *samples, int64_t frames, std::string &error
         left -= count;
         framesWritten_ += static_cast<int64_t>(count / bytesPerFrame_);
     }
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return ok;
 }
 
 bool PulseOutput::drain(double timeoutSeconds, std::string &error) {
     if (!start(error)) return false;
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     bool done = false;
-    if (pa_operation *operation = pa_stream_drain(stream_, Callbacks::operationDone, this)) {
+    if (pa_operation *operation = pulse().stream_drain(stream_, Callbacks::operationDone, this)) {
         done = waitLocked(timeoutSeconds,
-                          [operation] { return pa_operation_get_state(operation) != PA_OPERATION_RUNNING; });
-        if (!done) pa_operation_cancel(operation);
-        pa_operation_unref(operation);
+                          [operation] { return pulse().operation_get_state(operation) != PA_OPERATION_RUNNING; });
+        if (!done) pulse().operation_cancel(operation);
+        pulse().operation_unref(operation);
     }
     if (!done)
         error = !failure_.empty() ? failure_ : interrupted_.load() ? "" : "the audio server did not finish playing";
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return done;
 }
 
 void PulseOutput::interrupt() {
     interrupted_.store(true);
-    pa_threaded_mainloop_lock(loop_);
-    pa_threaded_mainloop_signal(loop_, 0);
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_signal(loop_, 0);
+    pulse().threaded_mainloop_unlock(loop_);
 }
 
 DeviceLine PulseOutput::line() const {
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     DeviceLine copy = reporter_ ? reporter_->line() : DeviceLine();
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return copy;
 }
 
 int64_t PulseOutput::reports() const {
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     const int64_t count = reporter_ ? reporter_->reports() : 0;
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return count;
 }
 
 int64_t PulseOutput::stalls() const {
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     const int64_t count = reporter_ ? reporter_->stalls() : 0;
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return count;
 }
 
 std::string PulseOutput::failure() const {
-    pa_threaded_mainloop_lock(loop_);
+    pulse().threaded_mainloop_lock(loop_);
     std::string copy = failure_;
-    pa_threaded_mainloop_unlock(loop_);
+    pulse().threaded_mainloop_unlock(loop_);
     return copy;
 }
 

@@ -381,6 +381,34 @@ TEST_F(SoundTest, NoServerFallsBackOrFailsAsAsked) {
     EXPECT_EQ(bad.exitCode, 2) << "a bad --audio is a bad command line";
 }
 
+// The client library is loaded only when sound is played: one that cannot
+// be loaded, or that lacks a function, is a server that cannot be reached.
+TEST_F(SoundTest, AnUnusableClientLibraryFallsBackOrFailsAsAsked) {
+    const std::string clip = make("clip.mp4", pictures(1) + " " + beeps(48000, 1) + " -c:a aac -shortest");
+    const struct {
+        const char *library, *reason;
+    } cases[] = {
+        {"libsorvel-no-such-client.so.0", "cannot load the audio server's client library: libsorvel-no-such-client"},
+        {"libc.so.6", "the audio server's client library libc.so.6 has no pa_"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.library);
+        const std::map<std::string, std::string> environment = {{"SORVEL_PULSE_LIBRARY", c.library}};
+        Child automatic({"play", clip, "--json", "--no-progress"}, environment);
+        ASSERT_TRUE(automatic.wait(20));
+        EXPECT_EQ(automatic.exitCode, 0) << automatic.err;
+        EXPECT_EQ(std::count(automatic.err.begin(), automatic.err.end(), '\n'), 1) << automatic.err;
+        EXPECT_NE(automatic.err.find(std::string("sorvel: no sound (") + c.reason), std::string::npos) << automatic.err;
+        EXPECT_EQ(field(automatic.out, "state"), "unavailable");
+        EXPECT_EQ(picturesOf(automatic.out).size(), 25u);
+
+        Child demanded({"play", clip, "--audio", "pulse", "--no-progress"}, environment);
+        ASSERT_TRUE(demanded.wait(20));
+        EXPECT_EQ(demanded.exitCode, 1);
+        EXPECT_NE(demanded.err.find(std::string("sorvel: sound: ") + c.reason), std::string::npos) << demanded.err;
+    }
+}
+
 TEST_F(SoundTest, SoundWithoutPicturesPlaysAndReports) {
     const std::string clip = make("only.m4a", beeps(44100, 2) + " -c:a aac");
     Child player({"play", clip, "--json"});
