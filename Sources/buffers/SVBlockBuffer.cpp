@@ -65,11 +65,15 @@ void freeBlock(const SubBlock &piece) noexcept {
 // Buffers with at least this many pieces keep an index of them.
 constexpr size_t kIndexedPieceCount = 16;
 
+// Where a memory piece's data lies; NULL for a reference or a block not
+// yet allocated.
+char *dataAddress(const SubBlock *piece) noexcept {
+    return !piece->isReference && piece->memoryBlock ? static_cast<char *>(piece->memoryBlock) + piece->offsetToData
+                                                     : nullptr;
+}
+
 SVBlockBufferIndexEntry indexEntry(SubBlock *piece, size_t start) noexcept {
-    char *bytes = !piece->isReference && piece->memoryBlock
-                      ? static_cast<char *>(piece->memoryBlock) + piece->offsetToData
-                      : nullptr;
-    return {start, piece->dataLength, bytes, piece};
+    return {start, piece->dataLength, dataAddress(piece), piece};
 }
 
 // Adds the newest piece to the index, making the index when the buffer
@@ -488,7 +492,7 @@ OSStatus SVBlockBufferAssureBlockMemory(SVBlockBufferRef theBuffer) noexcept {
         } else if (!piece->memoryBlock) {
             piece->memoryBlock = allocateBlock(*piece);
             if (!piece->memoryBlock) return kSVBlockBufferBlockAllocationFailedErr;
-            if (theBuffer->index) theBuffer->index[position].bytes = indexEntry(piece, 0).bytes;
+            if (theBuffer->index) theBuffer->index[position].bytes = dataAddress(piece);
         }
     }
     return kSVBlockBufferNoErr;

@@ -22,6 +22,7 @@
 namespace {
 
 using sorvel_test::foldedDuration;
+using sorvel_test::OwningQueue;
 using sorvel_test::sameTime;
 using sorvel_test::sampleBufferRecords;
 
@@ -238,13 +239,11 @@ TEST(SVBufferQueueSampleBufferTest, DurationConditionsCompareAsSVTimeCompare) {
     for (const SVBufferCallbacks *record : sampleBufferRecords()) {
         for (const Case &c : cases) {
             SCOPED_TRACE(c.name);
-            SVBufferQueueRef queue = nullptr;
-            ASSERT_EQ(SVBufferQueueCreate(nullptr, 0, record, &queue), 0);
-            std::vector<SVSampleBufferRef> buffers;
-            for (size_t i = 0; i < c.durations.size(); ++i) {
-                buffers.push_back(withPTS(SVTimeMake(static_cast<int64_t>(i), 30), c.durations[i]));
-                ASSERT_EQ(SVBufferQueueEnqueue(queue, buffers.back()), 0);
-            }
+            OwningQueue owner(record);
+            SVBufferQueueRef queue = owner.queue;
+            ASSERT_NE(queue, nullptr);
+            for (size_t i = 0; i < c.durations.size(); ++i)
+                ASSERT_EQ(owner.enqueue(withPTS(SVTimeMake(static_cast<int64_t>(i), 30), c.durations[i])), 0);
             const int32_t order = SVTimeCompare(SVBufferQueueGetDuration(queue), c.threshold);
             const bool expected[] = {order<0, order <= 0, order> 0, order >= 0};
             for (size_t k = 0; k < 4; ++k) {
@@ -253,8 +252,6 @@ TEST(SVBufferQueueSampleBufferTest, DurationConditionsCompareAsSVTimeCompare) {
                 EXPECT_EQ(SVBufferQueueTestTrigger(queue, token), expected[k]) << "condition " << conditions[k];
                 EXPECT_EQ(SVBufferQueueRemoveTrigger(queue, token), 0);
             }
-            CFRelease(queue);
-            for (SVSampleBufferRef sbuf : buffers) CFRelease(sbuf);
         }
     }
 }

@@ -27,6 +27,7 @@
 namespace {
 
 using sorvel_test::foldedDuration;
+using sorvel_test::OwningQueue;
 using sorvel_test::sameTime;
 using sorvel_test::sampleBufferRecords;
 
@@ -920,14 +921,14 @@ TEST_F(SVBufferQueueTest, SampleBufferQueueDurationIsTheFoldOfItsBuffers) {
     for (const SVBufferCallbacks *record : sampleBufferRecords()) {
         for (const Case &c : cases) {
             SCOPED_TRACE(c.name);
-            SVBufferQueueRef queue = nullptr;
-            ASSERT_EQ(SVBufferQueueCreate(nullptr, 0, record, &queue), 0);
-            std::vector<SVSampleBufferRef> buffers;
+            OwningQueue owner(record);
+            SVBufferQueueRef queue = owner.queue;
+            ASSERT_NE(queue, nullptr);
+            const std::vector<SVSampleBufferRef> &buffers = owner.buffers;
             // Presentation times out of order, so the sorted queue inserts
             // in the middle.
             for (size_t i = 0; i < c.durations.size(); ++i) {
-                buffers.push_back(makeTimedSampleBuffer(c.durations[i], static_cast<int64_t>((i * 7) % 5)));
-                ASSERT_EQ(SVBufferQueueEnqueue(queue, buffers.back()), 0);
+                ASSERT_EQ(owner.enqueue(makeTimedSampleBuffer(c.durations[i], static_cast<int64_t>((i * 7) % 5))), 0);
                 EXPECT_TRUE(sameTime(SVBufferQueueGetDuration(queue), foldedDuration(queue))) << "after enqueue " << i;
             }
             if (c.invalidate >= 0) {
@@ -945,8 +946,6 @@ TEST_F(SVBufferQueueTest, SampleBufferQueueDurationIsTheFoldOfItsBuffers) {
             ASSERT_EQ(SVBufferQueueEnqueue(queue, buffers[0]), 0);
             ASSERT_EQ(SVBufferQueueReset(queue), 0);
             EXPECT_TRUE(sameTime(SVBufferQueueGetDuration(queue), kSVTimeZero));
-            CFRelease(queue);
-            for (SVSampleBufferRef sbuf : buffers) CFRelease(sbuf);
         }
     }
 }

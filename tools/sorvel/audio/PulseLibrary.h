@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // libpulse, loaded the first time sound is played rather than when the
 // program starts.  Linked in, libpulse brings ten more libraries that every
-// run of every command would load and relocate (about 2 ms each time, for
+// run of every command would load and relocate (about 1 ms each time, for
 // a probe or a conversion that never plays a sound).
 #ifndef SORVEL_TOOLS_SORVEL_AUDIO_PULSELIBRARY_H
 #define SORVEL_TOOLS_SORVEL_AUDIO_PULSELIBRARY_H
